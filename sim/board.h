@@ -1,0 +1,71 @@
+// What hangs behind one virtual FTDI chip. The bus (the libftdi side) carries bytes and bit modes to a board and
+// fetches what the board has put on its output; it knows nothing of frames. A board knows nothing of USB.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace sim {
+
+using Clock = std::chrono::steady_clock;
+using Time = Clock::time_point;
+using Bytes = std::vector<std::uint8_t>;
+
+/// Something that no firmware would understand, with the bytes that it came in.
+struct Violation {
+    std::string board; ///< USB description of the board
+    std::string what;
+    Bytes bytes;
+};
+
+/// One virtual board. The bus calls every operation with the board's mutex held, so that a board needs no lock of
+/// its own; what several boards share (a trigger line) protects itself.
+/// A board has no thread: it computes what it would have sent by the time at which it is asked.
+class Board {
+public:
+    explicit Board(std::string description) : usbDescription(std::move(description)) {}
+    virtual ~Board() = default;
+    Board(const Board&) = delete;
+    Board& operator=(const Board&) = delete;
+
+    /// USB product description, which is the device's name for the host.
+    const std::string& description() const { return usbDescription; }
+
+    /// The host wrote `bytes`, in pieces of any size.
+    virtual void receive(std::span<const std::uint8_t> bytes, Time now) = 0;
+    /// Lets timers run up to `now`: what falls due is put on the output.
+    virtual void advance(Time now) = 0;
+    /// The FTDI chip changed its bit mode. Synchronous FIFO is 0x40, bit bang 0x01, reset 0x00.
+    virtual void setBitMode(std::uint8_t mask, std::uint8_t mode, Time now) = 0;
+    /// The board loses its power and gets it back: everything is as after switching on.
+    virtual void powerCycle(Time now) = 0;
+
+    /// Number of bytes on the output.
+    std::size_t pending() const { return output.size(); }
+    /// Moves up to `room.size()` bytes from the output into `room`; returns their number.
+    std::size_t take(std::span<std::uint8_t> room);
+    /// Throws the output away, as a purge of the receive buffer does.
+    void dropOutput() { output.clear(); }
+
+    const std::vector<Violation>& violations() const { return recorded; }
+    void clearViolations() { recorded.clear(); }
+
+protected:
+    /// Puts bytes on the output.
+    void emit(std::span<const std::uint8_t> bytes);
+    /// Records a violation.
+    void violate(std::string what, std::span<const std::uint8_t> bytes);
+
+private:
+    std::string usbDescription;
+    std::deque<std::uint8_t> output;
+    std::vector<Violation> recorded;
+};
+
+} // namespace sim
