@@ -21,14 +21,22 @@ function(latixel_room name)
   endif()
 endfunction()
 
-# latixel_test(name libs...): the GoogleTest program `<name>_test` from the sources of tests/<name>, one ctest
-# entry for each test case.
+# latixel_test(name [ROOMS rooms...] [LIBS libs...]): the GoogleTest program `<name>_test` from the sources of
+# tests/<name>. It links the named rooms of src/ alone, so that a room that reaches upwards does not link.
 function(latixel_test name)
+  cmake_parse_arguments(ARG "" "" "ROOMS;LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
-  if(sources)
-    add_executable(${name}_test ${sources})
-    target_include_directories(${name}_test PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}
-                                                    ${PROJECT_SOURCE_DIR}/tests)
-    target_link_libraries(${name}_test PRIVATE latixel_options GTest::gtest GTest::gmock GTest::gtest_main ${ARGN})
+  if(NOT sources)
+    return()
   endif()
+  add_executable(${name}_test ${sources})
+  target_include_directories(${name}_test PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}
+                                                  ${PROJECT_SOURCE_DIR}/tests ${FTDI_INCLUDE_DIRS})
+  foreach(room IN LISTS ARG_ROOMS)
+    if(TARGET latixel_${room})
+      target_link_libraries(${name}_test PRIVATE latixel_${room})
+    endif()
+  endforeach()
+  target_link_libraries(${name}_test PRIVATE latixel_options GTest::gtest GTest::gmock GTest::gtest_main ${ARG_LIBS})
+  gtest_discover_tests(${name}_test TEST_PREFIX ${name}. PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
 endfunction()
