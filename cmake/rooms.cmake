@@ -13,6 +13,7 @@ endfunction()
 # latixel_room(name deps...): the object library `latixel_<name>` from the sources of src/<name>.
 function(latixel_room name)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  list(FILTER sources EXCLUDE REGEX "/entry\\.cpp$") # belongs to the shared library alone
   if(sources)
     add_library(latixel_${name} OBJECT ${sources})
     target_include_directories(latixel_${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})

@@ -17,9 +17,9 @@ public:
     virtual ~AHwLib() = default;
 
 protected:
-    IDorvet* dorvet = nullptr;         ///< the host, not owned; null until `open`
-    std::vector<dv::IHwDev*> devices;  ///< in order of creation; the library owns them until `close`
-    dv::IParamMgr* libParams = nullptr; ///< nothing assigns it: the library has no parameters
+    IDorvet* dorvet = nullptr;            ///< the host, not owned; null until `open`
+    std::vector<dv::IHwDev*> devices;     ///< in order of creation; the library owns them until `close`
+    dv::IParamMgr* libParams = nullptr;   ///< nothing assigns it: the library has no parameters
     dv::EventFunc libEventFunc = nullptr; ///< kept for the host, never called
     void* libEventUser = nullptr;
 };

@@ -1,0 +1,132 @@
+// The Medipix3 counter code, see mpx3counters.h.
+#include "chipdata/mpx3counters.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <mutex>
+
+namespace {
+
+/// A shift register of `bits` bits whose new bit is the parity of the tapped bits; `insertZero` are the bits that must
+/// all be 0 for the new bit to flip, which takes the all-zero state into the cycle.
+struct ShiftRegister {
+    unsigned states;
+    unsigned taps;
+    unsigned insertZero;
+
+    constexpr unsigned next(unsigned state) const
+    {
+        const unsigned parity = static_cast<unsigned>(std::popcount(state & taps)) & 1U;
+        const unsigned flip = (state & insertZero) == 0;
+        return (state << 1 | (parity ^ flip)) & (states - 1);
+    }
+
+    constexpr void fill(unsigned short* count2Pseudo, unsigned short* pseudo2Count) const
+    {
+        for (unsigned count = 0, state = 0; count < states; ++count, state = next(state)) {
+            count2Pseudo[count] = static_cast<unsigned short>(state);
+            pseudo2Count[state] = static_cast<unsigned short>(count);
+        }
+    }
+
+    /// True if the cycle from state 0 visits all states once.
+    constexpr bool fullCycle() const
+    {
+        unsigned length = 1;
+        for (unsigned state = next(0); state != 0 && length <= states; state = next(state))
+            ++length;
+        return length == states;
+    }
+};
+
+constexpr ShiftRegister REGISTER_6BIT{MPX3_6BIT_STATES, 0x21, 0x1F};
+constexpr ShiftRegister REGISTER_12BIT{MPX3_12BIT_STATES, 0x829, 0x7FF};
+static_assert(REGISTER_6BIT.fullCycle() && REGISTER_12BIT.fullCycle());
+
+// Zero until first generated, and read only by who has seen the flag behind them.
+std::array<unsigned short, MPX3_6BIT_STATES> count2Pseudo6bit;
+std::array<unsigned short, MPX3_6BIT_STATES> pseudo2Count6bit;
+std::array<unsigned short, MPX3_12BIT_STATES> count2Pseudo12bit;
+std::array<unsigned short, MPX3_12BIT_STATES> pseudo2Count12bit;
+std::once_flag once6bit;
+std::once_flag once12bit;
+std::atomic<bool> generated12bit{false};
+
+struct Table {
+    const unsigned short* values;
+    unsigned size;
+};
+
+Table table6bit(bool pseudoToCount)
+{
+    std::call_once(once6bit, [] { generate6BitMpx3RxTable(count2Pseudo6bit.data(), pseudo2Count6bit.data()); });
+    return {pseudoToCount ? pseudo2Count6bit.data() : count2Pseudo6bit.data(), MPX3_6BIT_STATES};
+}
+
+/// The 12-bit table, generated if `generate` is set; else all zeros as long as nobody has generated it.
+Table table12bit(bool pseudoToCount, bool generate)
+{
+    static constexpr std::array<unsigned short, MPX3_12BIT_STATES> NOT_GENERATED{};
+    if (generate)
+        std::call_once(once12bit, [] {
+            generate12BitMpx3RxTable(count2Pseudo12bit.data(), pseudo2Count12bit.data());
+            generated12bit.store(true, std::memory_order_release);
+        });
+    if (!generated12bit.load(std::memory_order_acquire))
+        return {NOT_GENERATED.data(), MPX3_12BIT_STATES};
+    return {pseudoToCount ? pseudo2Count12bit.data() : count2Pseudo12bit.data(), MPX3_12BIT_STATES};
+}
+
+/// Replaces every pixel by `convert(pixel)` where `counter(pixel)` is below `limit`, and counts the others.
+template <class Counter, class Convert>
+int replace(unsigned int* matrix, unsigned long size, unsigned limit, Counter counter, Convert convert)
+{
+    int failed = 0;
+    for (unsigned long i = 0; i < size; ++i) {
+        const unsigned pixel = matrix[i];
+        const bool ok = counter(pixel) < limit;
+        // A pixel that failed takes entry 0, so that no lookup leaves the table and nothing branches.
+        const unsigned converted = convert(ok ? pixel : 0U);
+        matrix[i] = ok ? converted : MPX3_FAILED_PIXEL;
+        failed += !ok;
+    }
+    return failed;
+}
+
+} // namespace
+
+void generate6BitMpx3RxTable(unsigned short* count2Pseudo, unsigned short* pseudo2Count)
+{
+    REGISTER_6BIT.fill(count2Pseudo, pseudo2Count);
+}
+
+void generate12BitMpx3RxTable(unsigned short* count2Pseudo, unsigned short* pseudo2Count)
+{
+    REGISTER_12BIT.fill(count2Pseudo, pseudo2Count);
+}
+
+int convertCountsMpx3(unsigned int* matrix, unsigned long size, unsigned char depth, bool lowCounter,
+                      bool pseudoToCount)
+{
+    const bool known = depth == 6 || depth == 12 || depth == 24;
+    if (lowCounter && !known)
+        return 0;
+    const Table table = depth == 6 ? table6bit(pseudoToCount) : table12bit(pseudoToCount, known);
+    const unsigned short* values = table.values;
+    // No other depth than 24 has more states than its table has entries.
+    const unsigned limit = depth == 24 ? 1U << 24 : std::min(1U << std::min<unsigned>(depth, 31), table.size);
+
+    if (depth == 24)
+        return replace(
+            matrix, size, limit, [](unsigned pixel) { return pixel; },
+            [values](unsigned pixel) { return values[pixel & 0xFFF] + (unsigned{values[pixel >> 12]} << 12); });
+    if (lowCounter)
+        return replace(
+            matrix, size, limit, [](unsigned pixel) { return pixel & 0xFFF; },
+            [values](unsigned pixel) { return (pixel & ~0xFFFU) | values[pixel & 0xFFF]; });
+    return replace(
+        matrix, size, limit, [](unsigned pixel) { return pixel >> 16; },
+        [values](unsigned pixel) { return (pixel & 0xFFFF) | unsigned{values[pixel >> 16]} << 16; });
+}

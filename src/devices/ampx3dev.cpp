@@ -1,0 +1,272 @@
+#include "devices/ampx3dev.h"
+
+#include "devices/common/devicename.h"
+#include "shared/datatype.h"
+#include "shared/fileops.h"
+#include "shared/inifile.h"
+#include "shared/str.h"
+
+#include <utility>
+
+namespace {
+
+constexpr unsigned SOFT_TRIGGER_POLL_MS = 100;
+
+constexpr dv::_DevInfo BASE_DEV_INFO{"device", 3, 2, 0, 1};
+constexpr dv::_DevMpxInfo BASE_MPX_INFO{65536, 1, 3, 0.0, 100.0, 4e-08, 86400.0, 0, 0, 0, {1}};
+constexpr dv::_DevMpx3Info MPX3_INFO{1000, 10000.0, 10000.0, 0.000236};
+constexpr dv::_Mpx3Config BASE_CONFIG{2, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0};
+
+/// The twelve configuration bits of a pixel as the chip takes them into its counter, from the host's two bytes.
+/// The lowest two bits of the first byte (mask and test bit) are inverted on the chip and stand at both ends.
+unsigned pixelCfgWord(unsigned char b0, unsigned char b1)
+{
+    const unsigned low = b0;
+    const unsigned high = b1;
+    return (~low & 1U) | (low >> 3U & 0x1FU) << 1U | (high & 0x1FU) << 6U | (~low >> 1U & 1U) << 11U;
+}
+
+void release(dv::IParamMgr*& manager)
+{
+    if (manager != nullptr)
+        manager->destroy();
+    manager = nullptr;
+}
+
+} // namespace
+
+AMpx3Dev::AMpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::string settings)
+    : devInfo_(BASE_DEV_INFO),
+      devMpxInfo_(BASE_MPX_INFO),
+      devMpx3Info_(MPX3_INFO),
+      config(BASE_CONFIG),
+      dorvet(host),
+      deviceNameText(std::move(name)),
+      logDir(std::move(logFolder)),
+      settingsFile(std::move(settings))
+{
+}
+
+AMpx3Dev::~AMpx3Dev()
+{
+    releaseHostObjects();
+}
+
+void AMpx3Dev::releaseHostObjects()
+{
+    report.attachLog(nullptr);
+    devLog.reset();
+    release(devParams);
+    release(inDeviceParams);
+}
+
+int AMpx3Dev::initDevice()
+{
+    const std::string familyLower = str::lower(devInfo_.familyName);
+    const std::string logPath = logDir + "/" + familyLower + "_" + HwLatixel::asFileName(serialText) + ".log";
+    const std::string settingsPath = std::string(dorvet->configDirectory()) + "/" + familyLower + ".ini";
+    releaseHostObjects();
+    loadSettings(settingsPath.c_str());
+    devLog = std::make_unique<FileLog>(logPath.c_str(), true, false, logRotate, true);
+    devLog->setLogLevel(DBG);
+    report.attachLog(devLog.get());
+    devParams = dorvet->createParamMgr();
+    inDeviceParams = dorvet->createParamMgr();
+    return 0;
+}
+
+int AMpx3Dev::closeDevice()
+{
+    releaseHostObjects();
+    report.setLogMsgFunc(nullptr, nullptr);
+    storeFlag(connected, false);
+    storeFlag(noChip, true);
+    return 0;
+}
+
+void AMpx3Dev::loadSettings(const char* path)
+{
+    if (fileExists(path))
+        readSettings(path);
+}
+
+void AMpx3Dev::readSettings(const char* path)
+{
+    IniFile ini(path, "=");
+    ini.load(nullptr);
+    debugLog = ini.getBool("Settings", "DebugLog", debugLog);
+    logRotate = ini.getBool("Settings", "LogRotate", logRotate);
+    rawLog = ini.getBool("Settings", "RawLog", rawLog);
+}
+
+int AMpx3Dev::devInfo(dv::_DevInfo* info) const
+{
+    *info = devInfo_;
+    return 0;
+}
+
+int AMpx3Dev::devMpxInfo(dv::_DevMpxInfo* info) const
+{
+    *info = devMpxInfo_;
+    return 0;
+}
+
+int AMpx3Dev::devMpx3Info(dv::_DevMpx3Info* info) const
+{
+    *info = devMpx3Info_;
+    return 0;
+}
+
+int AMpx3Dev::chipIDList(dv::IStrList* list) const
+{
+    for (const auto& id : chipIds)
+        list->add(id.c_str());
+    return 0;
+}
+
+int AMpx3Dev::setEventFunc(dv::EventFunc func, void* user)
+{
+    eventFunc = func;
+    eventUser = user;
+    dispatcher.setFunc(func, user);
+    return 0;
+}
+
+int AMpx3Dev::setLogMsgFunc(dv::LogMsgFunc func, void* user)
+{
+    report.setLogMsgFunc(func, user);
+    return 0;
+}
+
+int AMpx3Dev::setIDevice(dv::IDev* device)
+{
+    iDevice = device;
+    return 0;
+}
+
+int AMpx3Dev::setAcqMode(unsigned mode)
+{
+    acqMode = mode;
+    waitSoftTrigger = (mode & dv::ACQMODE_SOFT_TRIGGER) != 0;
+    acqModeBit3 = (mode & dv::ACQMODE_BIT3) != 0;
+    extTriggerStart = (mode & dv::ACQMODE_EXT_TRIGGER_START) != 0;
+    extTriggerStop = (mode & dv::ACQMODE_EXT_TRIGGER_STOP) != 0;
+    return 0;
+}
+
+int AMpx3Dev::setPolarity(int, bool positive)
+{
+    polarityPositive = positive;
+    return 0;
+}
+
+int AMpx3Dev::setPixelCfg(const unsigned char* cfg, std::size_t size)
+{
+    // reinitDeviceAfterError hands in the kept configuration itself.
+    if (cfg != pixelCfg.data())
+        pixelCfg.assignData(cfg, size);
+    if (!loadFlag(connected) || loadFlag(noChip))
+        return logError(dv::RESULT_FAILED, "Device not connected or no chip");
+    std::vector<unsigned> words(size / 2);
+    for (std::size_t i = 0; i < words.size(); ++i)
+        words[i] = pixelCfgWord(cfg[2 * i], cfg[2 * i + 1]);
+    return writeMatrix(words.data(), words.size(), 1, false);
+}
+
+int AMpx3Dev::setConfig(dv::_Mpx3Config newConfig)
+{
+    config = newConfig;
+    return 0;
+}
+
+int AMpx3Dev::setBias(double volts)
+{
+    biasValue = volts;
+    return 0;
+}
+
+int AMpx3Dev::biasVoltageCurrentSense(double* volts, double* amperes) const
+{
+    if (volts != nullptr)
+        *volts = 0.0;
+    if (amperes != nullptr)
+        *amperes = 0.0;
+    return dv::RESULT_NOT_SUPPORTED;
+}
+
+dv::IMpxFrame* AMpx3Dev::lastData()
+{
+    const auto width = static_cast<unsigned>(chipCountValue) * 256;
+    dv::IMpxFrame* frame = dorvet->frameFactory()->createFrame(width, 256, DT_U32);
+    if (frame == nullptr)
+        return nullptr;
+    dv::RefDataBuff<unsigned> pixels;
+    frame->acquireData(&pixels, 0.0);
+    if (readMatrix(pixels.data(), pixels.size(), config.counterSelect, true) != 0) {
+        frame->destroy();
+        return nullptr;
+    }
+    return frame;
+}
+
+int AMpx3Dev::doSoftwareTrigger(unsigned)
+{
+    softTriggerEvent.set();
+    return 0;
+}
+
+void AMpx3Dev::waitForSoftwareTrigger(bool* stop)
+{
+    dispatcher.setEvent(HWEVENT_WAIT_TRIGGER, 0, false);
+    while (!softTriggerEvent.wait(SOFT_TRIGGER_POLL_MS)) {
+        if (stop != nullptr && loadFlag(*stop))
+            return;
+    }
+}
+
+void AMpx3Dev::setBusy(bool value)
+{
+    if (loadFlag(busy) == value)
+        return;
+    storeFlag(busy, value);
+    if (eventFunc != nullptr)
+        eventFunc(HWEVENT_BUSY_CHANGED, value ? 1 : 0, eventUser);
+}
+
+bool AMpx3Dev::reinitDeviceAfterError()
+{
+    if (resetDevice() != 0 && resetDevice() != 0)
+        return false;
+    return setPixelCfg(pixelCfg.data(), pixelCfg.size()) == 0 && setDacs(dacs.data(), dacs.size(), -1) == 0 &&
+           setBias(biasValue) == 0 && eraseMatrix() == 0;
+}
+
+int AMpx3Dev::logError(int code, const char* format, ...) const
+{
+    va_list args;
+    va_start(args, format);
+    report.errorV(code, format, args);
+    va_end(args);
+    return code;
+}
+
+void AMpx3Dev::logDbg(const char* format, ...) const
+{
+    va_list args;
+    va_start(args, format);
+    report.lineV(DBG, format, args);
+    va_end(args);
+}
+
+void AMpx3Dev::logMsg(const char* format, ...) const
+{
+    va_list args;
+    va_start(args, format);
+    report.lineV(MSG, format, args);
+    va_end(args);
+}
+
+void AMpx3Dev::acqFuncWrapper(void* device)
+{
+    static_cast<AMpx3Dev*>(device)->acqFunc();
+}

@@ -1,0 +1,90 @@
+#include "devices/common/devicereport.h"
+
+#include "shared/str.h"
+
+namespace HwLatixel {
+
+namespace {
+
+/// Level of the host's log callback for a code; 0 for codes that do not reach the host.
+unsigned hostLevel(int code)
+{
+    if (code == 1 || code < 0)
+        return 1;
+    return code == 2 || code == 3 ? static_cast<unsigned>(code) : 0;
+}
+
+const std::string RULE(117, '-');
+
+} // namespace
+
+void DeviceReport::attachLog(FileLog* log)
+{
+    ThreadLock lock(&sync);
+    log_ = log;
+}
+
+void DeviceReport::setLogMsgFunc(dv::LogMsgFunc func, void* user)
+{
+    ThreadLock lock(&sync);
+    logMsgFunc = func;
+    logMsgUser = user;
+}
+
+int DeviceReport::errorV(int code, const char* format, va_list args)
+{
+    ThreadLock lock(&sync);
+    const std::string text = str::formatv(format, args).c_str();
+    if (log_ != nullptr)
+        log_->log(code, ERR, text);
+    if (logMsgFunc != nullptr && hostLevel(code) != 0)
+        logMsgFunc(hostLevel(code), text.c_str(), logMsgUser);
+    lastError_.set(text);
+    return code;
+}
+
+int DeviceReport::error(int code, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    errorV(code, format, args);
+    va_end(args);
+    return code;
+}
+
+void DeviceReport::lineV(LogLevel level, const char* format, va_list args)
+{
+    ThreadLock lock(&sync);
+    if (log_ != nullptr)
+        log_->log(0, level, std::string(str::formatv(format, args).c_str()));
+}
+
+void DeviceReport::line(LogLevel level, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    lineV(level, format, args);
+    va_end(args);
+}
+
+void DeviceReport::plain(LogLevel level, const char* text)
+{
+    ThreadLock lock(&sync);
+    if (log_ != nullptr)
+        log_->logNoTime(level, text);
+}
+
+void DeviceReport::section(const char* title, bool ruled)
+{
+    const std::string text = "\n" + std::string(title) + "\n";
+    plain(DBG, (ruled ? text + RULE + "\n" : text).c_str());
+}
+
+void DeviceReport::setLevel(LogLevel level)
+{
+    ThreadLock lock(&sync);
+    if (log_ != nullptr)
+        log_->setLogLevel(level);
+}
+
+} // namespace HwLatixel

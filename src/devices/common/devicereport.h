@@ -1,0 +1,52 @@
+// How a device tells what happens to it: its log, its last error, and the host's log callback.
+#pragma once
+
+#include "host/ihwdev.h"
+#include "shared/filelog.h"
+#include "shared/lasterror.h"
+#include "shared/osdepend.h"
+
+#include <cstdarg>
+
+namespace HwLatixel {
+
+/// Reports of one device or composite. Safe from any thread: every operation takes the report's own lock, the last
+/// lock in the order but for the log's. The lock is held across the host's callback and is recursive, so that a
+/// callback may report again; other threads wait behind it.
+class DeviceReport {
+public:
+    /// Sends what follows to `log`, which is not owned; null switches the log off.
+    void attachLog(FileLog* log);
+    /// The log, or null.
+    FileLog* log() const { return log_; }
+    /// The host's callback for error, message and information lines; null for none.
+    void setLogMsgFunc(dv::LogMsgFunc func, void* user);
+
+    /// Reports one line and returns `code`, so that a failure path is one statement. The code is the severity as well:
+    /// 1 and below 0 are errors for the host, 2 and 3 levels of their own, and 0 reaches the log and `lastError` but
+    /// not the host. In the log every such line carries ERR, an information line too.
+    int errorV(int code, const char* format, va_list args);
+    int error(int code, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+    /// Writes one line at `level` to the log alone.
+    void lineV(LogLevel level, const char* format, va_list args);
+    void line(LogLevel level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    /// Writes `text` as it stands at `level`, without time and prefix.
+    void plain(LogLevel level, const char* text);
+    /// Writes a section title at DBG, with a rule of dashes below it if `ruled`.
+    void section(const char* title, bool ruled);
+    /// Sets the log's level.
+    void setLevel(LogLevel level);
+
+    /// Text of the last error; empty at first. Valid for a while, see LastError.
+    const char* lastError() const { return lastError_.get(); }
+
+private:
+    mutable ThreadSyncObject sync;
+    FileLog* log_ = nullptr;                     ///< guarded by sync
+    LastError lastError_;
+    dv::LogMsgFunc logMsgFunc = nullptr;         ///< guarded by sync
+    void* logMsgUser = nullptr;                  ///< guarded by sync
+};
+
+} // namespace HwLatixel

@@ -1,0 +1,359 @@
+// Series of frames on a Medipix3 board: preparation, the three kinds of series, and the way of a frame to the host.
+#include "devices/mpx3dev.h"
+
+#include "shared/datatype.h"
+
+#include <array>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr double PACKET_GRACE = 2.0;          ///< seconds that the end-of-frame packet may come late
+constexpr double WAIT_UNLIMITED = 1e100;      ///< seconds; an external trigger may hold a frame up for ever
+constexpr double CUT_FRAME_TIMEOUT = 0.4;     ///< seconds that the packet of a stopped frame may take
+constexpr double SLEEPING_WAIT_ABOVE = 1.0;   ///< seconds; shorter frames are waited for without sleeping
+constexpr unsigned READER_POLL_MS = 300;      ///< between two looks at the stop flag
+constexpr double TDI_RECORD_TIMEOUT = 0.5;    ///< seconds of silence after which a row counts as not there
+constexpr double DRAIN_TIMEOUT = 0.2;         ///< seconds of silence after which the link counts as empty
+constexpr unsigned long DRAIN_CHUNK = 100000; ///< bytes
+constexpr double DRAIN_LIMIT = 10.0;          ///< seconds after which a board that never falls silent is left alone
+
+constexpr unsigned TDI_ROWS = RowTimes::ROWS;
+constexpr unsigned char BOTH_COUNTERS = 2;
+
+enum TriggerMode { TRIGGER_NONE = 0, TRIGGER_START = 1, TRIGGER_STOP = 2, TRIGGER_BOTH = 3 };
+
+bool triggersStart(int mode)
+{
+    return mode == TRIGGER_START || mode == TRIGGER_BOTH;
+}
+
+bool triggersStop(int mode)
+{
+    return mode == TRIGGER_STOP || mode == TRIGGER_BOTH;
+}
+
+} // namespace
+
+int Mpx3Dev::setAcqMode(unsigned mode)
+{
+    AMpx3Dev::setAcqMode(mode);
+    // With both trigger bits set the start bit wins, so that TRIGGER_BOTH never comes from here.
+    triggerMode = TRIGGER_NONE;
+    if ((mode & dv::ACQMODE_EXT_TRIGGER_START) != 0)
+        triggerMode = TRIGGER_START;
+    else if ((mode & dv::ACQMODE_EXT_TRIGGER_STOP) != 0)
+        triggerMode = TRIGGER_STOP;
+    tdiMode = (mode & dv::ACQMODE_TDI) != 0;
+    return 0;
+}
+
+int Mpx3Dev::prepareAcquisition(unsigned count, double time, bool allowBurst)
+{
+    storeFlag(stopRequested, false);
+    lastAcqTimeValue = time;
+    acqTime = time;
+    acqCount = count;
+    burstMode = allowBurst && time < BURST_THRESHOLD;
+    // A TDI frame takes `time` for all of its rows together.
+    if (setTimer(tdiMode ? time / TDI_ROWS : time) != 0)
+        return -1;
+    eraseMatrix();
+    setMatrixStreamParams();
+    setReadoutOMRs();
+    sendOMRMode(MPX3_MODE_READ_SECOND);
+    setTriggerSettings();
+    switchChannel(ALL_CHANNELS, true, false, true);
+    return 0;
+}
+
+int Mpx3Dev::startAcquisition(unsigned count, double time)
+{
+    if (requireChips() != 0)
+        return 1;
+    ThreadLock lock(&devSync);
+    logFunction("START ACQUISITION");
+    if (const int result = prepareAcquisition(count, time, true); result != 0)
+        return result;
+    startSeriesThread();
+    return 0;
+}
+
+int Mpx3Dev::startAcquisitionFromLad()
+{
+    if (requireChips() != 0)
+        return 1;
+    ThreadLock lock(&devSync);
+    logFunction("START ACQUISITION");
+    startSeriesThread();
+    return 0;
+}
+
+void Mpx3Dev::startSeriesThread()
+{
+    ++seriesThreads;
+    if (createThread(acqFuncWrapper, this) == 0)
+        --seriesThreads;
+}
+
+int Mpx3Dev::stopAcquisition()
+{
+    if (requireChips() != 0)
+        return 1;
+    logFunction("Stop Acquisition");
+    storeFlag(stopRequested, true);
+    ThreadLock devLock(&devSync);
+    if (loadFlag(acquiring))
+        send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
+    // Waits for the frame in progress. A TDI series whose frame the host has not taken yet holds this lock until
+    // `lastData` has taken it, and the caller waits as long.
+    ThreadLock dataLock(&dataSync);
+    storeFlag(busy, false);
+    storeFlag(acquiring, false);
+    return 0;
+}
+
+void Mpx3Dev::acqFunc()
+{
+    setCurrentThreadName("mpx3devacq");
+    if (tdiMode)
+        acqFuncTDI();
+    else if (crwMode)
+        acqFuncCRW();
+    else
+        acqFuncNormal();
+    // The last touch of this object: closing waits for it.
+    --seriesThreads;
+}
+
+unsigned char Mpx3Dev::startFlags(bool continuous) const
+{
+    unsigned flags = mpx3::startflag::ALWAYS;
+    flags |= triggersStart(triggerMode) ? mpx3::startflag::START_ON_TRIGGER : 0U;
+    flags |= triggersStop(triggerMode) ? mpx3::startflag::STOP_ON_TRIGGER : 0U;
+    flags |= continuous ? mpx3::startflag::CONTINUOUS_RW : 0U;
+    return static_cast<unsigned char>(flags);
+}
+
+int Mpx3Dev::sendStart(unsigned char flags, std::uint32_t frameWord) const
+{
+    return send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
+}
+
+void Mpx3Dev::acqFuncNormal()
+{
+    storeFlag(acquiring, true);
+    openHandOver(burstMode);
+    endSeries(runFrames(true));
+}
+
+/// One start command for the whole series: one counter exposes while the other is read, and the board may run ahead.
+void Mpx3Dev::acqFuncCRW()
+{
+    switchChannel(ALL_CHANNELS, false, false, true);
+    storeFlag(acquiring, true);
+    send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(1));
+    const OMR saved = omrValue;
+    omrValue.CRW_SRW = 1;
+    omrValue.setMode(MPX3_MODE_READ);
+    sendOMR();
+    setMatrixStreamParams();
+    switchChannel(ALL_CHANNELS, true, false, true);
+    openHandOver(burstMode);
+    if (sendStart(startFlags(true), acqCount - 1) != 0) {
+        // Nothing is taken back: flags, register image and the board's mode stay as they are until the next bring-up.
+        dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+        return;
+    }
+    // The final events go out before the link is drained: a new series must not be started from within them.
+    endSeries(runFrames(false));
+    drainLink();
+    omrValue = saved;
+    sendOMR();
+    send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(0));
+}
+
+/// Makes ready for handing frames to the host, through the dispatcher's worker if asked. The first frame waits for no
+/// reader.
+void Mpx3Dev::openHandOver(bool throughWorker)
+{
+    if (throughWorker)
+        dispatcher.startThread();
+    matrixReadEvent.set();
+}
+
+/// Takes the frames of a normal or a continuous series. Returns the result of the last transfer.
+int Mpx3Dev::runFrames(bool startEachFrame)
+{
+    int result = 0;
+    for (unsigned i = 0; i < acqCount && !loadFlag(stopRequested); ++i) {
+        setBusy(true);
+        result = takeFrame(startEachFrame);
+        if (result != 0 || loadFlag(stopRequested))
+            break;
+        setBusy(false);
+        announceFrame(i, burstMode && i + 1 < acqCount);
+    }
+    return result;
+}
+
+int Mpx3Dev::takeFrame(bool startCommand)
+{
+    ThreadLock lock(&dataSync);
+    logFunction("Perform Acquisition");
+    if (startCommand) {
+        if (waitSoftTrigger)
+            waitForSoftwareTrigger(&stopRequested);
+        // A stop ends the wait for a trigger: a frame that starts now would expose behind the end of the series.
+        if (waitSoftTrigger && loadFlag(stopRequested))
+            return 0;
+        sendStart(startFlags(false), 0);
+    }
+    if (const int result = waitForFrameEnd(); result != 0)
+        return result;
+    if (burstMode)
+        waitForReader();
+    if (const int result = readMatrixStream(ALL_CHANNELS, false); result != 0)
+        return logError(result, "Cannot read matrix %s", linkError());
+    return 0;
+}
+
+/// Waits for the packet at the end of a frame, and takes the measured time from it. A frame that a stop has cut is no
+/// failure, whether its packet comes or not.
+int Mpx3Dev::waitForFrameEnd()
+{
+    const bool triggered = triggerMode != TRIGGER_NONE;
+    const double timeout = triggered ? WAIT_UNLIMITED : acqTime + PACKET_GRACE;
+    const bool sleeps = triggered || acqTime > SLEEPING_WAIT_ABOVE;
+    std::array<char, END_OF_FRAME_SIZE + 1> packet{};
+    int result = cmdMgr->waitForPacket(timeout, &stopRequested, packet.data(), END_OF_FRAME_SIZE, true, sleeps);
+    if (result != 0 && !loadFlag(stopRequested)) {
+        logError(dv::RESULT_ACQ_TIMEOUT, "Acquisition timeout (%s)", linkError());
+        return result;
+    }
+    if (result == dv::RESULT_STOPPED)
+        result = cmdMgr->waitForPacket(CUT_FRAME_TIMEOUT, nullptr, packet.data(), END_OF_FRAME_SIZE, false, false);
+    if (result == 0)
+        lastAcqTimeValue = mpx3::shutterTimeOf(reinterpret_cast<const unsigned char*>(packet.data()));
+    return 0;
+}
+
+/// Waits until the reader of the frame before has copied the stream, or for a stop.
+void Mpx3Dev::waitForReader()
+{
+    while (!matrixReadEvent.wait(READER_POLL_MS) && !loadFlag(stopRequested)) {
+    }
+}
+
+void Mpx3Dev::announceFrame(unsigned index, bool throughWorker)
+{
+    dispatcher.setEvent(HWEVENT_FRAME_READY, static_cast<long>(index), throughWorker);
+}
+
+void Mpx3Dev::endSeries(int result)
+{
+    dispatcher.stopThread();
+    setBusy(false);
+    storeFlag(acquiring, false);
+    if (result != 0)
+        dispatcher.setEvent(HWEVENT_ACQ_FAILED, result, false);
+    dispatcher.setEvent(loadFlag(stopRequested) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0, false);
+}
+
+/// One start command for the whole series; the board sends one row at a time, and 256 rows make a frame. A row that
+/// does not come is waited for: a trigger may hold the series up.
+void Mpx3Dev::acqFuncTDI()
+{
+    logFunction("Perform Continuous Acquisition");
+    storeFlag(acquiring, true);
+    tdiRowTimes.clear();
+    const OMR saved = omrValue;
+    omrValue.RowBlock = 0;
+    omrValue.RowBlockSel = 1;
+    setReadoutOMRs();
+    setMatrixStreamParams();
+    openHandOver(true);
+    // The number of the last row in the whole series, of which the command takes 24 bits.
+    if (sendStart(startFlags(false), acqCount * TDI_ROWS - 1) != 0) {
+        dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+        return;
+    }
+    for (unsigned i = 0; i < acqCount && !loadFlag(stopRequested); ++i) {
+        setBusy(true);
+        readTdiFrame();
+        setBusy(false);
+        announceFrame(i, i + 1 < acqCount);
+        setBusy(true);
+    }
+    if (loadFlag(stopRequested)) {
+        ThreadLock lock(&devSync);
+        drainLink();
+    }
+    omrValue = saved;
+    setReadoutOMRs();
+    endSeries(0);
+}
+
+void Mpx3Dev::readTdiFrame()
+{
+    ThreadLock lock(&dataSync);
+    // The rows go where the frame before may still lie: its reader is waited for, whatever a stop says.
+    while (!matrixReadEvent.wait(READER_POLL_MS)) {
+    }
+    tdiRowIndex = 0;
+    while (tdiRowIndex < TDI_ROWS && !loadFlag(stopRequested)) {
+        readTDIMatrixFromDevice();
+        if (readBytes > 0)
+            ++tdiRowIndex;
+    }
+    matrixReadEvent.reset();
+}
+
+void Mpx3Dev::readTDIMatrixFromDevice()
+{
+    logFunction("Read Acq Finished & Matrix", false);
+    const unsigned long record =
+        mpx3TdiRecordSize(omrValue, twoChips, channelCount, config.counterSelect == BOTH_COUNTERS);
+    const unsigned long offset = tdiRowIndex * record;
+    if (offset + record > streamBuffer.size()) {
+        readBytes = 0;
+        return;
+    }
+    readBytes = record;
+    if (receive(streamBuffer.get(offset), &readBytes, TDI_RECORD_TIMEOUT) != 0) {
+        readBytes = 0;
+        // A link that fails does so at once; it is asked again no oftener than one that is silent.
+        sleepThread(TDI_RECORD_TIMEOUT);
+    }
+}
+
+/// Reads and drops what the board still sends: it may have run ahead of a stop.
+void Mpx3Dev::drainLink()
+{
+    std::vector<unsigned char> scratch(DRAIN_CHUNK + 1);
+    const double start = getPreciseTime();
+    unsigned long received = DRAIN_CHUNK;
+    while (received > 0 && getPreciseTime() - start < DRAIN_LIMIT) {
+        received = DRAIN_CHUNK;
+        if (receive(scratch.data(), &received, DRAIN_TIMEOUT) != 0)
+            return;
+    }
+}
+
+dv::IMpxFrame* Mpx3Dev::lastData()
+{
+    dv::IMpxFrame* frame = AMpx3Dev::lastData();
+    if (frame != nullptr && loadFlag(acquiring) && tdiMode)
+        addRowTimes(frame);
+    return frame;
+}
+
+void Mpx3Dev::addRowTimes(dv::IMpxFrame* frame)
+{
+    const RowTimes::Frame times = tdiRowTimes.nextFrame(acqTime / TDI_ROWS);
+    frame->addMetaData("RowAcqTimes", "RowAcqTimes", DT_DOUBLE, times.acqTimes.data(), sizeof(times.acqTimes));
+    frame->addMetaData("RowStartTimes", "RowStartTimes", DT_DOUBLE, times.startTimes.data(), sizeof(times.startTimes));
+}
+
+} // namespace HwLatixel

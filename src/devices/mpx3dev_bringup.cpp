@@ -1,0 +1,392 @@
+// Construction, bring-up and closing of a Medipix3 board, and the search for its chips.
+#include "devices/mpx3dev.h"
+
+#include "chipdata/mpx3fuses.h"
+#include "devices/common/devicename.h"
+#include "shared/fileops.h"
+#include "shared/inifile.h"
+#include "shared/str.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr double LINK_RESET_PAUSE = 0.01; ///< seconds
+constexpr double POWER_PAUSE = 0.1;       ///< seconds that the supply needs after each switching
+constexpr double CHIP_RESET_PAUSE = 1.0;  ///< seconds that the chips need after a reset
+constexpr double FIRMWARE_TIMEOUT = 2.0;  ///< seconds
+constexpr double FUSE_TIMEOUT = 0.5;      ///< seconds
+constexpr double SERIES_END_LIMIT = 10.0; ///< seconds that closing waits for a running series
+constexpr double SERIES_END_POLL = 0.001; ///< seconds
+
+constexpr std::size_t BULK_ITEMS = 11; ///< parameters from this many items on are not written to the log
+
+/// Bytes of one chip on each channel that a whole stream of one counter takes, and what a stream may have beyond it.
+constexpr unsigned long STREAM_CHANNEL_BYTES = 98308;
+constexpr unsigned long STREAM_SPARE_BYTES = 10000;
+
+constexpr int MODULE_BY_CHIP_ID = -1; ///< use a channel only if its chip identifier is valid
+constexpr int MODULE_OFF = 0;         ///< never use a channel
+
+constexpr int BIAS_DEVICE_TYPE = 2; ///< how these boards sense the bias voltage
+constexpr unsigned char VOLT_SENSE_CHANNEL = 15;
+constexpr unsigned char CURRENT_SENSE_CHANNEL = 14;
+
+constexpr dv::_DevInfo DEV_INFO{"Latixel", 8, 2, 0, 1};
+constexpr dv::_Mpx3Config DEFAULT_CONFIG{2, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0};
+constexpr unsigned SINGLE_DEVICE_MODES =
+    dv::ACQMODE_EXT_TRIGGER_START | dv::ACQMODE_EXT_TRIGGER_STOP | dv::ACQMODE_SOFT_TRIGGER;
+
+} // namespace
+
+Mpx3Dev::Mpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::string settings, std::string variant,
+                 bool partOfLad)
+    : AMpx3Dev(std::move(name), host, std::move(logFolder), std::move(settings)),
+      biasParams(variant, false),
+      biasTypeText(variant),
+      fromLad(partOfLad)
+{
+    biasParams.setDeviceType(BIAS_DEVICE_TYPE);
+    serialText = serialNum();
+    devInfo_ = DEV_INFO;
+    devInfo_.serialNumber = str::toNumDef<int>(serialText, 0);
+    devMpxInfo_.acqModeMask = SINGLE_DEVICE_MODES;
+    config = DEFAULT_CONFIG;
+}
+
+Mpx3Dev::~Mpx3Dev()
+{
+    waitForSeriesEnd();
+    dispatcher.stopThreadAndWait();
+    if (ftdi != nullptr)
+        ftdi->closeDevice();
+}
+
+std::string Mpx3Dev::serialNum() const
+{
+    return serialFromDeviceName(deviceNameText);
+}
+
+int Mpx3Dev::initDevice()
+{
+    if (ftdi != nullptr)
+        closeDevice();
+    AMpx3Dev::initDevice();
+    if (const int result = openLink(); result != 0)
+        return result;
+    storeFlag(overheated, false);
+    storeFlag(connected, true);
+    logFunction("Init Device");
+    resetDevice();
+    sleepThread(LINK_RESET_PAUSE);
+    readFirmware();
+    initParameters();
+    readFlashParameters();
+    initCpu();
+    switchChannel(ALL_CHANNELS, false, true, true);
+    // The chips come up from a cold start, whatever state a former session left them in.
+    setPower(false);
+    sleepThread(POWER_PAUSE);
+    setPower(true);
+    sleepThread(POWER_PAUSE);
+    resetMedipix();
+    detectChipCount();
+    readChipIDs();
+    if (chipCountValue > 0)
+        storeFlag(noChip, false);
+    sizeBuffers();
+    completeMpxInfo();
+    report.plain(MSG, "\n\n\n\n");
+    return 0;
+}
+
+int Mpx3Dev::openLink()
+{
+    ftdi = std::make_unique<FtdiDev>(deviceNameText, false);
+    cmdMgr = std::make_unique<CmdMgrMpx3>(ftdi.get(), devLog.get());
+    const int result = ftdi->openDevice(true, 0);
+    const std::string openError = ftdi->getLastError();
+    ftdi->clearBuffers();
+    ftdi->setBitMode(FtdiBitModeFifo);
+    if (result == 0)
+        return 0;
+    report.line(ERR, "Cannot open device %s, error=%d (%s)", deviceNameText.c_str(), result, openError.c_str());
+    dropLink();
+    return result;
+}
+
+void Mpx3Dev::dropLink()
+{
+    cmdMgr.reset();
+    report.attachLog(nullptr);
+    devLog.reset();
+    ftdi.reset();
+}
+
+int Mpx3Dev::closeDevice()
+{
+    waitForSeriesEnd();
+    if (ftdi != nullptr) {
+        setPower(false);
+        ftdi->closeDevice();
+    }
+    storeFlag(connected, false);
+    // Flash and CPU refer to the command manager, and it to the link.
+    ibFlash.reset();
+    ibCpu.reset();
+    cmdMgr.reset();
+    ftdi.reset();
+    return AMpx3Dev::closeDevice();
+}
+
+/// A series whose host went away without waiting for its end must not touch a closed link: it is stopped here, and
+/// whatever it waits for is given to it.
+void Mpx3Dev::waitForSeriesEnd()
+{
+    const double start = getPreciseTime();
+    while (seriesThreads > 0 && getPreciseTime() - start < SERIES_END_LIMIT) {
+        storeFlag(stopRequested, true);
+        matrixReadEvent.set();
+        sleepThread(SERIES_END_POLL);
+    }
+}
+
+int Mpx3Dev::resetDevice()
+{
+    logFunction("Reset Device");
+    if (ftdi == nullptr)
+        return 0;
+    ftdi->setBitMode(FtdiBitModeBitBang);
+    ftdi->setBitMode(FtdiBitModeFifo);
+    ftdi->clearBuffers();
+    return 0;
+}
+
+int Mpx3Dev::setPins(unsigned char word) const
+{
+    return send(mpx3::MpxCmd::Pins, CmdArgs::low(word));
+}
+
+int Mpx3Dev::resetMedipix()
+{
+    logFunction("Reset Medipix");
+    const int low = setPins(mpx3::pinword::RESET_LOW);
+    const int high = setPins(mpx3::pinword::RESET_HIGH);
+    sleepThread(CHIP_RESET_PAUSE);
+    return low + high;
+}
+
+int Mpx3Dev::setPower(bool on)
+{
+    logFunction("Power");
+    const int result = setPins(on ? mpx3::pinword::POWER_ON : mpx3::pinword::POWER_OFF);
+    ThreadLock lock(&cpuSync);
+    if (ibCpu != nullptr)
+        ibCpu->setPowerOn(on);
+    return result;
+}
+
+void Mpx3Dev::loadSettings(const char* path)
+{
+    AMpx3Dev::loadSettings(path);
+    if (!fileExists(path)) {
+        logError(0, "The settings file %s does not exists !", path);
+        return;
+    }
+    IniFile ini(path, "=");
+    ini.load(nullptr);
+    readParallel = ini.getBool("Settings", "ReadParallel", readParallel);
+    skipPeriodicLog = ini.getBool("Settings", "DebugLogSkipPeriodic", skipPeriodicLog);
+    for (std::size_t i = 0; i < moduleEnable.size(); ++i)
+        moduleEnable[i] = ini.getInt("Settings", str::format("Module%zu", i).c_str(), MODULE_BY_CHIP_ID);
+}
+
+void Mpx3Dev::readFirmware()
+{
+    logFunction("Read Firmware");
+    unsigned char text[FIRMWARE_TEXT_SIZE + 1] = {};
+    cmdMgr->sendRecv(InfoCmd::Info, {}, text, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT, FIRMWARE_TIMEOUT);
+    firmwareText = reinterpret_cast<const char*>(text);
+    logError(2, "Firmware is: %s", firmwareText.c_str());
+}
+
+void Mpx3Dev::readFlashParameters()
+{
+    logFunction("Read Parameters in Flash");
+    ibFlash = std::make_unique<IBFlashFpxMpx3<CmdMgrMpx3>>(cmdMgr.get());
+    ibFlash->loadParameters(inDeviceParams, false);
+    const auto params = inDeviceParams->params();
+    for (auto* param : params) {
+        // Bulk data would be read from the flash only to be logged.
+        if (param->size() < BULK_ITEMS)
+            logDbg("Param[%s] = %s", param->name(), param->getString().c_str());
+        else
+            logDbg("Param[%s] = <BIGDATA>", param->name());
+    }
+    biasParams.setVoltCurrentSenseChannels(VOLT_SENSE_CHANNEL, CURRENT_SENSE_CHANNEL);
+    biasParams.readFlashParameters(inDeviceParams);
+    if (params.empty())
+        logDbg("No parameters in IB Flash.");
+}
+
+void Mpx3Dev::initCpu()
+{
+    logFunction("Initialize CPU");
+    ThreadLock lock(&cpuSync);
+    ibCpu = std::make_unique<IBCpuMgrMpx3>(cmdMgr.get());
+    if (!ibCpu->isSupported()) {
+        logDbg("CPU is not present on IB or invalid version of CPU !");
+        ibCpu.reset();
+        return;
+    }
+    logDbg("CPU is present on IB and supported.");
+    logDbg("CPU Firmware version: %s", ibCpu->getVersion().c_str());
+    ibCpu->temperatureReset();
+    ibCpu->dumpValuesAndCreateParams(devParams, paramReadSetFuncCpu, reinterpret_cast<long>(this));
+    logDbg("CPU Values:\n %s", ibCpu->dumpValuesToString().c_str());
+}
+
+int Mpx3Dev::detectChipCount()
+{
+    logFunction("Chip Count");
+    if (const int result = handBackOutput(*cmdMgr); result != 0)
+        return result;
+    int channels = 0;
+    int chips = 0;
+    for (int channel = 0; channel < PHYSICAL_CHANNELS; ++channel) {
+        if (moduleEnable[static_cast<std::size_t>(channel)] == MODULE_OFF)
+            continue;
+        report.plain(
+            DBG, str::format("\n================== CHIP Count CHANNEL (%d) =====================\n", channel).c_str());
+        if (const int result = countChips(channel, &chips); result != 0)
+            return result;
+        ++channels;
+    }
+    if (channels == 0 || chips / channels < 2) {
+        logMsg("One chip per channel.");
+    } else {
+        logMsg("Two chips per channel.");
+        twoChips = true;
+        if (const int result = send(mpx3::MpxCmd::TwoChipsChannel, CmdArgs::low(1)); result != 0)
+            return result;
+    }
+    switchChannel(ALL_CHANNELS, false, true, false);
+    return 0;
+}
+
+int Mpx3Dev::countChips(int channel, int* chips)
+{
+    unsigned char answer[MPX3_FUSE_BLOCK_SIZE + 1] = {};
+    if (const int result = exchangeFuses(channel, MPX3_FUSE_RECORD_SIZE, answer); result != 0)
+        return result;
+    *chips += answer[1] == MPX3_FUSE_TWO_CHIPS ? 2 : 1;
+    return 0;
+}
+
+/// Each pass shifts out what the chips held from the pass before: the answer of the first one is overwritten by the
+/// second.
+int Mpx3Dev::exchangeFuses(int channel, std::size_t size, unsigned char* answer)
+{
+    const auto request = mpx3FuseRequest();
+    for (int pass = 0; pass < 2; ++pass) {
+        if (const int result = switchChannel(channel, false, true, false); result != 0)
+            return result;
+        if (const int result = sendOMRMode(MPX3_MODE_READ_FUSES); result != 0)
+            return result;
+        if (const int result = switchChannel(channel, true, true, false); result != 0)
+            return result;
+        if (const int result = sendShift(request.data(), size, cmdflag::EXCHANGE); result != 0)
+            return result;
+        std::fill_n(answer, size, static_cast<unsigned char>(0));
+        unsigned long received = size;
+        if (const int result = receive(answer, &received, FUSE_TIMEOUT); result != 0)
+            return result;
+    }
+    return 0;
+}
+
+int Mpx3Dev::readChipIDs()
+{
+    logFunction("Read Chip IDs");
+    if (const int result = handBackOutput(*cmdMgr); result != 0)
+        return result;
+    chipCountValue = 0;
+    chipIds.clear();
+    channelCount = 0;
+    for (int channel = 0; channel < PHYSICAL_CHANNELS; ++channel) {
+        if (moduleEnable[static_cast<std::size_t>(channel)] == MODULE_OFF)
+            continue;
+        report.plain(
+            DBG,
+            str::format("\n================== READ CHIP ID CHANNEL (%d) =====================\n", channel).c_str());
+        if (const int result = readChannelIDs(channel); result != 0)
+            return result;
+    }
+    logDetected();
+    switchChannel(ALL_CHANNELS, false, true, false);
+    return 0;
+}
+
+int Mpx3Dev::readChannelIDs(int channel)
+{
+    unsigned char answer[MPX3_FUSE_BLOCK_SIZE + 1] = {};
+    const std::size_t size = MPX3_FUSE_RECORD_SIZE * (twoChips ? 2 : 1);
+    if (const int result = exchangeFuses(channel, size, answer); result != 0)
+        return result;
+    const Mpx3FuseId id0 = mpx3FuseId(answer, 0);
+    if (!mpx3FuseIdValid(id0)) {
+        logError(1, "Channel not working properly ! \n");
+        if (moduleEnable[static_cast<std::size_t>(channel)] == MODULE_BY_CHIP_ID)
+            return 0;
+    }
+    if (twoChips) {
+        addChip(getFuseText(id0.data() + 1));
+        addChip(getFuseText(mpx3FuseId(answer, 1).data() + 1));
+    } else {
+        addChip(getFuseText(id0.data()));
+    }
+    channelMasks.push_back(1 << channel);
+    ++channelCount;
+    return 0;
+}
+
+void Mpx3Dev::addChip(const std::string& id)
+{
+    logError(2, "ChipID is: %s\n\n", id.c_str());
+    chipIds.push_back(id);
+    ++chipCountValue;
+}
+
+void Mpx3Dev::logDetected() const
+{
+    std::string masks;
+    for (const int mask : channelMasks)
+        masks += str::fromNum(mask) + " ";
+    logMsg("Detected channels: %s", masks.c_str());
+    logMsg("ChipIDs:");
+    for (std::size_t i = 0; i < chipIds.size(); ++i)
+        logMsg("%d = %s", static_cast<int>(i), chipIds[i].c_str());
+}
+
+void Mpx3Dev::sizeBuffers()
+{
+    const auto channels = static_cast<unsigned long>(channelCount);
+    streamBuffer.reinit((channels * STREAM_CHANNEL_BYTES + STREAM_SPARE_BYTES) * (twoChips ? 4 : 2));
+    streamBuffer.zero();
+    streamCopy.reinit(streamBuffer.size());
+}
+
+void Mpx3Dev::completeMpxInfo()
+{
+    devMpxInfo_.chipTotal = static_cast<unsigned>(chipCountValue);
+    devMpxInfo_.pixelTotal = devMpxInfo_.chipTotal * MPX3_CHIP_PIXELS;
+    devMpxInfo_.biasMin = biasParams.minBias();
+    devMpxInfo_.biasMax = biasParams.maxBias();
+    if (!twoChips)
+        devMpxInfo_.acqModeMask |= dv::ACQMODE_TDI;
+}
+
+} // namespace HwLatixel

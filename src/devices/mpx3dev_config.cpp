@@ -1,0 +1,242 @@
+// Commands to a Medipix3 board and its configuration: channels, register image, DACs, timer, triggers.
+#include "devices/mpx3dev.h"
+
+#include "chipdata/bits.h"
+#include "chipdata/mpx3dacs.h"
+#include "shared/str.h"
+
+#include <algorithm>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr unsigned char BOTH_COUNTERS = 2;
+constexpr unsigned char DEPTH_24_BITS = 3;
+
+constexpr const char* NOT_CONNECTED = "Device not connected";
+
+/// How much of the columns a value of `_Mpx3Config::columnBlock` reads, by the first value of each row.
+struct ColumnBlockRow {
+    unsigned char first;
+    unsigned char ps;          ///< 256 >> ps columns
+    unsigned char blockFactor; ///< column blocks of 32 columns from one value to the next
+};
+constexpr ColumnBlockRow COLUMN_BLOCKS[] = {{13, 1, 4}, {9, 2, 2}, {1, 3, 1}};
+
+void setColumnBlock(OMR& omr, unsigned char value)
+{
+    omr.ColumnBlockSel = value != 0;
+    omr.PS = 0;
+    omr.ColumnBlock = 0;
+    for (const auto& row : COLUMN_BLOCKS) {
+        if (value >= row.first) {
+            omr.PS = row.ps;
+            // From 256 columns up the field wraps; only its low bits reach the chip.
+            omr.ColumnBlock = static_cast<unsigned char>((value - row.first) * row.blockFactor);
+            return;
+        }
+    }
+}
+
+} // namespace
+
+int Mpx3Dev::requireChips() const
+{
+    if (loadFlag(overheated))
+        return logError(1, "Device allowed temperature exceeded, chips turned off.");
+    if (!loadFlag(connected) || loadFlag(noChip))
+        return logError(1, "Device not connected or no chip");
+    return 0;
+}
+
+int Mpx3Dev::requireLink() const
+{
+    return loadFlag(connected) ? 0 : logError(1, NOT_CONNECTED);
+}
+
+int Mpx3Dev::send(CmdId id, CmdArgs args, unsigned char flags) const
+{
+    return cmdMgr != nullptr ? cmdMgr->send(id, args, flags) : logError(1, NOT_CONNECTED);
+}
+
+int Mpx3Dev::sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
+{
+    return cmdMgr != nullptr ? cmdMgr->send(mpx3::MpxCmd::Shift, data, size, flags) : logError(1, NOT_CONNECTED);
+}
+
+int Mpx3Dev::receive(unsigned char* buffer, unsigned long* size, double timeout) const
+{
+    return cmdMgr != nullptr ? cmdMgr->receiveRaw(buffer, size, timeout) : logError(1, NOT_CONNECTED);
+}
+
+const char* Mpx3Dev::linkError() const
+{
+    return cmdMgr != nullptr ? cmdMgr->getLastError() : NOT_CONNECTED;
+}
+
+int Mpx3Dev::channelMask(int channel, bool physical) const
+{
+    constexpr int ALL_PHYSICAL = 0x1F;
+    if (physical)
+        return channel == ALL_CHANNELS ? ALL_PHYSICAL : 1 << channel;
+    if (channel != ALL_CHANNELS)
+        return channelMasks[static_cast<std::size_t>(channel)];
+    int all = 0;
+    for (const int mask : channelMasks)
+        all |= mask;
+    return all;
+}
+
+int Mpx3Dev::switchChannel(int channel, bool dataEnable, bool physical, bool log)
+{
+    if (log)
+        report.plain(DBG, str::format("\nSwitch Channel %d (DEN=%d)\n", channel, dataEnable ? 1 : 0).c_str());
+    const auto selected = static_cast<unsigned char>(channelMask(channel, physical));
+    const unsigned char enabled = dataEnable ? selected : 0;
+    return send(mpx3::MpxCmd::Channels, {0, 0, enabled, selected});
+}
+
+int Mpx3Dev::sendOMR()
+{
+    logFunction("Send OMR", false);
+    const auto block = mpx3OmrBlock(omrValue);
+    const std::size_t size = MPX3_OMR_CHIP_SIZE * (twoChips ? 2 : 1);
+    if (sendShift(block.data(), size, cmdflag::PAYLOAD | cmdflag::ACT) != 0)
+        return logError(1, "Cannot send OMR (%s)", linkError());
+    return 0;
+}
+
+int Mpx3Dev::sendOMRMode(unsigned char mode)
+{
+    omrValue.setMode(mode);
+    return sendOMR();
+}
+
+int Mpx3Dev::setReadoutOMRs()
+{
+    logFunction("Set Readout OMRs");
+    const auto asArgs = [](const std::array<unsigned char, 4>& b) { return CmdArgs{b[0], b[1], b[2], b[3]}; };
+    const auto image = mpx3ReadoutImage(omrValue, MPX3_MODE_READ);
+    const auto second = mpx3ReadoutImage(omrValue, MPX3_MODE_READ_SECOND);
+    send(mpx3::MpxCmd::Omr0Low, asArgs(image.first));
+    send(mpx3::MpxCmd::Omr0High, asArgs(image.second));
+    send(mpx3::MpxCmd::Omr4Low, asArgs(second.first));
+    return send(mpx3::MpxCmd::Omr4High, asArgs(second.second));
+}
+
+int Mpx3Dev::setConfig(dv::_Mpx3Config newConfig)
+{
+    logFunction("Set Mpx3 Config");
+    AMpx3Dev::setConfig(newConfig);
+    omrValue.CountL = newConfig.counterDepth;
+    // A count of 24 bits takes both counters.
+    if (newConfig.counterDepth == DEPTH_24_BITS)
+        config.counterSelect = BOTH_COUNTERS;
+    setColumnBlock(omrValue, newConfig.columnBlock);
+    omrValue.RowBlockSel = newConfig.rowBlock != 0;
+    omrValue.RowBlock = static_cast<unsigned char>(newConfig.rowBlock != 0 ? newConfig.rowBlock - 1 : 0);
+    omrValue.Gain = newConfig.gainMode;
+    omrValue.CSM_SPM = newConfig.csmSpm;
+    omrValue.ColourMode = newConfig.colourMode;
+    omrValue.Polarity = newConfig.polarity;
+    omrValue.Equalization = newConfig.equalization;
+    omrValue.Disc_CSM_SPM = newConfig.discCsmSpm;
+    // Only a continuous series sets it, for its own duration.
+    omrValue.CRW_SRW = 0;
+    crwMode = newConfig.continuousRW != 0;
+    switchChannel(ALL_CHANNELS, false, false, false);
+    setReadoutOMRs();
+    return sendOMR();
+}
+
+int Mpx3Dev::setDacs(const unsigned short* dacValues, std::size_t count, int chip)
+{
+    if (requireChips() != 0)
+        return 1;
+    logFunction("Set DACs");
+    if (burstMode && loadFlag(acquiring))
+        return logError(1, "Cannot set DACs while acquisition is running in burst mode (AcqTime < %f)",
+                        BURST_THRESHOLD);
+    omrValue.SenseDAC = 0;
+    const int perChannel = chipsPerChannel();
+    for (int channel = 0; channel < channelCount; ++channel) {
+        const int first = channel * perChannel;
+        if (chip >= 0 && (chip < first || chip >= first + perChannel))
+            continue;
+        const auto offset = static_cast<std::size_t>(first) * MPX3_DAC_COUNT;
+        const auto values = static_cast<std::size_t>(perChannel) * MPX3_DAC_COUNT;
+        if (count < offset + values)
+            return logError(1, "Cannot set DACs (chan=%d, chip=%d): %s", channel, first, "too few values");
+        if (const int result = setDacsSingleChannel(dacValues + offset, values, channel); result != 0)
+            return logError(result, "Cannot set DACs (chan=%d, chip=%d): %s", channel, first, linkError());
+    }
+    // The series that runs needs its data path back.
+    if (loadFlag(acquiring))
+        switchChannel(ALL_CHANNELS, true, false, true);
+    return 0;
+}
+
+int Mpx3Dev::setDacsSingleChannel(const unsigned short* dacValues, unsigned long count, int channel)
+{
+    switchChannel(channel, false, false, true);
+    unsigned char block[MPX3_DAC_BLOCK_SIZE] = {};
+    const std::size_t chips = std::min<std::size_t>(count / MPX3_DAC_COUNT, MPX3_DAC_BLOCK_SIZE / MPX3_DAC_WIRE_STRIDE);
+    for (std::size_t chip = 0; chip < chips; ++chip) {
+        const unsigned short* values = dacValues + chip * MPX3_DAC_COUNT;
+        fillMpx3DacRecord(values, block + chip * MPX3_DAC_WIRE_STRIDE);
+        std::string text;
+        for (int i = 0; i < MPX3_DAC_COUNT; ++i)
+            text += str::fromNum(values[i]) + " ";
+        logDbg("DACs[%d]: %s", static_cast<int>(chip), text.c_str());
+    }
+    if (const int result = sendOMRMode(MPX3_MODE_LOAD_DACS); result != 0)
+        return result;
+    return sendShift(block, chips * MPX3_DAC_WIRE_STRIDE, cmdflag::PAYLOAD | cmdflag::ACT);
+}
+
+int Mpx3Dev::setCTPR(const unsigned char* ctpr, unsigned long)
+{
+    logFunction("Set CTPR");
+    unsigned char stream[MPX3_CTPR_STREAM_SIZE];
+    fillMpx3CtprStream(ctpr, stream);
+    const int result = sendOMRMode(MPX3_MODE_LOAD_CTPR);
+    if (result == 0)
+        sendShift(stream, sizeof(stream), cmdflag::PAYLOAD | cmdflag::ACT);
+    return result;
+}
+
+int Mpx3Dev::setTimer(double seconds)
+{
+    if (requireChips() != 0)
+        return 1;
+    ThreadLock lock(&devSync);
+    logFunction("Set Timer");
+    unsigned char b[6];
+    doubleToInt48(seconds * mpx3::SHUTTER_COUNTS_PER_SECOND, b);
+    send(AcqCmd::CountLow, {b[3], b[2], b[1], b[0]});
+    send(AcqCmd::CountHigh, {0, 0, b[5], b[4]});
+    return 0;
+}
+
+int Mpx3Dev::setTriggerSettings()
+{
+    logFunction("Set Trigger");
+    namespace bits = mpx3::triggerword;
+    unsigned word = 0;
+    if (devParams != nullptr && devParams->count() != 0) {
+        word = devParams->get("TriggerStg")->getByte() & bits::STAGE_MASK;
+        word |= devParams->get("TriggerWaitForReady")->getBool() ? bits::WAIT_FOR_READY : 0U;
+        word |= devParams->get("TriggerMaster")->getBool() ? bits::MASTER : 0U;
+        word |= devParams->get("TriggerOutLevel")->getByte() != 0 ? bits::OUT_LEVEL : 0U;
+        word |= devParams->get("TriggerTdiSeries")->getBool() ? bits::TDI_SERIES : 0U;
+    }
+    return send(AcqCmd::TriggerSettings, CmdArgs::low(static_cast<unsigned char>(word)));
+}
+
+int Mpx3Dev::setExtDac(unsigned, int, double)
+{
+    return logError(-1, "External DAC not supported.");
+}
+
+} // namespace HwLatixel

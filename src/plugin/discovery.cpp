@@ -1,0 +1,121 @@
+// Discovery: which detectors hang on the bus, of which family they are, and who drives them.
+#include "plugin/latixel.h"
+
+#include "devices/common/devicename.h"
+#include "devices/mpx3dev.h"
+#include "link/ftdidev.h"
+#include "shared/str.h"
+
+#include <algorithm>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr const char* TYPE_ROW = "TR";
+constexpr const char* TYPE_MPX3 = "M3";
+constexpr const char* DEFAULT_TYPE = "TLWA"; ///< of a name that tells none: Medipix2 or Timepix
+constexpr const char* DEFAULT_VARIANT = "A";
+
+enum class Family { Row, Mpx3Member, Mpx2Member, Mpx3, Mpx2 };
+
+/// What the log says of a device of each family.
+constexpr const char* FAMILY_TEXT[] = {"Latixel ROW device", "Latixel MPX3 device (part of LAD)",
+                                       "Latixel device (part of LAD)", "Latixel MPX3 device", "Latixel device"};
+
+/// A row device is never part of a composite.
+Family classify(const std::string& typeCode, bool member)
+{
+    if (typeCode == TYPE_ROW)
+        return Family::Row;
+    if (member)
+        return typeCode == TYPE_MPX3 ? Family::Mpx3Member : Family::Mpx2Member;
+    return typeCode == TYPE_MPX3 ? Family::Mpx3 : Family::Mpx2;
+}
+
+} // namespace
+
+bool HwLib::parseDeviceNameParameters(const std::string& name, std::string* familyWord, std::string* typeCode,
+                                      std::string* variantChar3, std::string* variant, std::string* ladNumber)
+{
+    return parseDeviceName(name, familyWord, typeCode, variantChar3, variant, ladNumber);
+}
+
+bool HwLib::isPartOfLAD(const std::string& name) const
+{
+    return std::ranges::any_of(deviceNames, [&](const std::string& entry) { return str::contains(name, entry); });
+}
+
+std::vector<const char*> HwLib::nameFilter(bool old) const
+{
+    if (old)
+        return {std::begin(DEVFILTER_OLD), std::end(DEVFILTER_OLD)};
+    if (!devNamePrefix.empty())
+        return {devNamePrefix.c_str()};
+    return {std::begin(DEVFILTER), std::end(DEVFILTER)};
+}
+
+std::vector<std::string> HwLib::listConnectedDevices(bool old)
+{
+    std::vector<const char*> filter = nameFilter(old);
+    std::vector<FtdiDevInfo> found;
+    const int result = FtdiDev::listDevicesByNameFast(filter.data(), filter.size(), found, true, false);
+    if (result != 0)
+        log->log(ERR, "Listing FTDI devices failed (%d)", result);
+    log->log(MSG, "Found %d devices:", static_cast<int>(found.size()));
+    std::vector<std::string> names;
+    for (const auto& device : found) {
+        log->log(MSG, "   Device (name=%s, serial=%s, vidpix=%04X)", device.name.c_str(), device.serial.c_str(),
+                 device.vidPid);
+        names.push_back(device.name);
+    }
+    return names;
+}
+
+int HwLib::initializeDevices()
+{
+    log->log(MSG, "Listing FTDI devices...");
+    const std::vector<std::string> names = listConnectedDevices(false);
+    log->log(MSG, "Initializing Latixel devices...");
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const std::string& name = names[i];
+        if (name.empty())
+            continue;
+        std::string typeCode = DEFAULT_TYPE;
+        std::string variant = DEFAULT_VARIANT;
+        std::string ladNumber;
+        parseDeviceNameParameters(name, nullptr, &typeCode, nullptr, &variant, &ladNumber);
+        const Family family = classify(typeCode, isPartOfLAD(name) || !ladNumber.empty());
+        log->log(MSG, "   Device #%d \"%s\" is %s", static_cast<int>(i), name.c_str(),
+                 FAMILY_TEXT[static_cast<std::size_t>(family)]);
+        if (family == Family::Mpx3)
+            createMpx3Device(name, variant);
+    }
+    return 0;
+}
+
+int HwLib::initializeOldDevices()
+{
+    log->log(MSG, "Listing FTDI devices...");
+    const std::vector<std::string> names = listConnectedDevices(true);
+    log->log(MSG, "Initializing old Latixel devices...");
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (!names[i].empty() && isPartOfLAD(names[i]))
+            log->log(MSG, "   Device #%d \"%s\" is old Latixel device", static_cast<int>(i), names[i].c_str());
+    }
+    return 0;
+}
+
+template <typename Device>
+void HwLib::adopt(std::unique_ptr<Device> device)
+{
+    if (device->initDevice() == 0)
+        devices.push_back(device.release());
+}
+
+void HwLib::createMpx3Device(const std::string& name, const std::string& variant)
+{
+    adopt(std::make_unique<Mpx3Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false));
+}
+
+} // namespace HwLatixel

@@ -1,0 +1,59 @@
+// The plug-in's library object: settings, log, and the discovery of devices on the bus.
+#pragma once
+
+#include "plugin/ahwlib.h"
+#include "shared/filelog.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HwLatixel {
+
+/// What USB descriptions of the detectors begin with.
+inline constexpr const char* DEVFILTER[] = {"Latixel Latixel"};
+/// The same for the older generation.
+inline constexpr const char* DEVFILTER_OLD[] = {"MPX2 USB2", "FENXEL 3.0", "Latixel Fenxel"};
+
+/// The library. All of its work is done on the thread that calls `open`; there is one object, `hwLib`.
+///
+/// Nothing that goes wrong while opening reaches the host as a result: settings that can't be read are defaults, and a
+/// device that does not come up is missing in the list and told of in the logs.
+class HwLib : public AHwLib {
+public:
+    /// Makes the log `<log directory>/latixel.log`, reads `<config directory>/latixel.ini` and brings up the devices
+    /// found. Returns 0. The host calls it once; a second call adds the devices again.
+    int open(IDorvet* host) override;
+    int close() override;
+
+    /// Names (USB descriptions) of the detectors on the bus, of the older generation if `old`, in the order of the bus.
+    std::vector<std::string> listConnectedDevices(bool old);
+    /// Brings up the detectors found: single devices as they are listed, then one composite of each kind. Returns 0.
+    int initializeDevices();
+    /// The same for the older generation, of which only devices named in the settings are used. Returns 0.
+    int initializeOldDevices();
+    /// Whether the settings name the device as part of a composite: `name` contains one of `deviceNames`.
+    bool isPartOfLAD(const std::string& name) const;
+    /// See HwLatixel::parseDeviceName.
+    static bool parseDeviceNameParameters(const std::string& name, std::string* familyWord, std::string* typeCode,
+                                          std::string* variantChar3, std::string* variant, std::string* ladNumber);
+
+private:
+    void loadSettings();
+    std::vector<const char*> nameFilter(bool old) const;
+    void createMpx3Device(const std::string& name, const std::string& variant);
+    /// Brings a new device up and takes it into the list; one that does not come up is deleted.
+    template <typename Device>
+    void adopt(std::unique_ptr<Device> device);
+
+    std::unique_ptr<FileLog> log;         ///< stays open until the library is unloaded
+    std::string settingsPath;             ///< full path of latixel.ini
+    std::vector<std::string> deviceNames; ///< the settings Device0 onward that are not empty
+    bool oldDevices = false;              ///< setting "OldDevices"
+    std::string devNamePrefix;            ///< setting "DevNamePrefix"
+};
+
+extern HwLib hwLib;
+
+} // namespace HwLatixel

@@ -1,0 +1,78 @@
+// Bias rules and calibrations, on the corner values of the conversions.
+#include "board/ibbiasparams.h"
+
+#include "board/boarddoubles.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace {
+
+TEST(IbBiasParamsTest, TypeComesFromTheName)
+{
+    EXPECT_EQ("A", IBBiasParams::getBiasType("Latixel XA sn:12"));
+    EXPECT_EQ("A", IBBiasParams::getBiasType("WB sn: WA sn:"));
+    EXPECT_EQ("E", IBBiasParams::getBiasType("WE sn:"));
+    EXPECT_EQ("D", IBBiasParams::getBiasType("WA"));
+    EXPECT_EQ(200.0, IBBiasParams("Latixel WB sn:12", true).maxBias());
+    EXPECT_EQ(0.0, IBBiasParams("Ardixel WB sn:12", true).maxBias());
+    EXPECT_EQ(0.0, IBBiasParams("WA sn:", false).maxBias());
+}
+
+TEST(IbBiasParamsTest, WithoutACalibrationTheTypeRules)
+{
+    const IBBiasParams a("A", false);
+    EXPECT_EQ(255, a.getBiasCode(0.0, false));
+    EXPECT_EQ(27, a.getBiasCode(100.0, false));
+    EXPECT_EQ(27, a.getBiasCode(1e300, false));
+    EXPECT_EQ(255, a.getBiasCode(-5, false));
+    EXPECT_EQ(145, a.getBiasCode(50.0, true)); // 258 - 112.2
+    EXPECT_EQ(1, a.getBiasCode(NAN, false));
+    EXPECT_EQ(1, IBBiasParams("C", false).getBiasCode(50.0, false)) << "0 over 0";
+    EXPECT_EQ(0.0, IBBiasParams("C", false).adcToSenseVoltage(4095));
+
+    IBBiasParams b("B", false);
+    EXPECT_EQ(141, b.getBiasCode(100.0, false)); // 255 - 113.8
+    EXPECT_EQ(0.0, b.adcToSenseVoltage(2048));
+    EXPECT_DOUBLE_EQ(2.5 * 100 * 2 / 1.3, b.adcToSenseVoltage(4096));
+    EXPECT_EQ(0.0, b.adcToSenseCurrent(4095));
+    for (const int type : {0, 1, 2, 3, 4}) {
+        b.setDeviceType(type);
+        EXPECT_DOUBLE_EQ(type % 4 == 0 ? 0.0 : 85.0, b.adcToSenseVoltage(2048));
+    }
+}
+
+TEST(IbBiasParamsTest, FlashCalibrationReplacesTheRule)
+{
+    TestParamMgr flash;
+    const auto read = [&flash](IBBiasParams& params, const std::map<const char*, double>& values) {
+        for (const auto& [name, value] : values)
+            flash[name].setDouble(value);
+        params.readFlashParameters(&flash);
+    };
+    IBBiasParams params("A", false);
+    params.setVoltCurrentSenseChannels(15, 14);
+    read(params, {});
+    EXPECT_EQ(100.0, params.maxBias());
+
+    flash["BiasCurChannel"].setByte(9);
+    read(params, {{"BiasMin", -10}, {"BiasMax", 300}, {"BiasSetA", 2}, {"BiasSetB", -4}, {"BiasVoltA", 3}});
+    read(params, {{"BiasVoltB", 1}, {"BiasCurrCoeff1", 500}, {"BiasCurrCoeff2", 10}, {"BiasCurrCoeff3", 0.5}});
+    EXPECT_EQ(-10.0, params.minBias());
+    EXPECT_EQ(15, params.voltSenseChannel());
+    EXPECT_EQ(9, params.currentSenseChannel());
+    EXPECT_EQ(96, params.getBiasCode(50, false)); // 100 - 4 + 0.5, cut
+    EXPECT_EQ(255, params.getBiasCode(250, false));
+    EXPECT_EQ(1, params.getBiasCode(-10, false));
+    EXPECT_DOUBLE_EQ(8.5, params.adcToSenseVoltage(2048));
+    EXPECT_DOUBLE_EQ(-50 * std::exp(2.5), params.adcToSenseCurrent(0));
+
+    read(params, {{"BiasCurrA", 2}, {"BiasCurrB", -8}, {"BiasCurrC", 3}, {"BiasCurrD", 0.25}});
+    EXPECT_DOUBLE_EQ(3 * -3 * std::exp(0.75), params.adcToSenseCurrent(2048));
+    read(params, {{"BiasCoeff", 0}, {"BiasSetA", 0}, {"BiasSetB", 0}});
+    EXPECT_EQ(0.0, params.adcToSenseVoltage(2048)) << "half a calibration";
+    EXPECT_EQ(1, params.getBiasCode(50, false)) << "a coefficient of 0";
+}
+
+} // namespace

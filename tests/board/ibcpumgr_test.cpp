@@ -1,0 +1,106 @@
+// The board's CPU: the blocks that go out, and what is made of the blocks that come back.
+#include "board/ibcpumgr.h"
+
+#include "board/boarddoubles.h"
+#include "support/ftdiexports.h" // the protocol behind the CPU wants it, though no test here uses it
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::ElementsAre;
+using testing::Pair;
+using namespace std::string_literals;
+
+namespace {
+
+/// A CPU that answers each command code with the text (from byte 2 on) in `texts`.
+struct ScriptedCpu {
+    std::map<int, std::string> texts;
+    std::vector<Bytes> requests;
+    std::vector<std::string> logged;
+};
+
+class TestCpuMgr : public IBCpuMgr<ScriptedCpu> {
+public:
+    using IBCpuMgr::IBCpuMgr;
+    int sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long*) override
+    {
+        mgr->requests.emplace_back(tx, tx + size);
+        const std::string& text = mgr->texts[tx[0]];
+        std::copy_n(text.begin(), std::min<std::size_t>(text.size(), size - 2), rx + 2);
+        return -1;
+    }
+    void logCommand(const char* text) override { mgr->logged.emplace_back(text); }
+};
+
+struct IbCpuMgrTest : testing::Test {
+    ScriptedCpu cpu;
+    TestCpuMgr mgr{&cpu};
+};
+
+TEST_F(IbCpuMgrTest, AVersionMakesItSupported)
+{
+    EXPECT_FALSE(mgr.isSupported());
+    cpu.texts[5] = "\xFF\xFF\xFF";
+    EXPECT_FALSE(mgr.isSupported());
+    cpu.texts[5] = "1.2\0rest"s;
+    EXPECT_TRUE(mgr.isSupported());
+    EXPECT_EQ("1.2", mgr.getVersion());
+    cpu.texts[6] = std::string(200, 'v');
+    EXPECT_EQ(std::string(98, 'v'), mgr.getStatusText());
+}
+
+TEST_F(IbCpuMgrTest, AnErrorStatusStaysInTheErrorType)
+{
+    const auto statusOf = [this](char code) { return cpu.texts[2] = std::string(1, code), mgr.getStatus(); };
+    EXPECT_THAT((std::vector{statusOf(0), statusOf(1), statusOf(2), statusOf(3), statusOf(-1)}),
+                ElementsAre(0, 1, 2, 0, 0));
+    EXPECT_EQ(0, mgr.getErrorType());
+    EXPECT_EQ(2, statusOf(4));
+    EXPECT_EQ(0, statusOf(0));
+    EXPECT_EQ(1, mgr.getErrorType());
+}
+
+TEST_F(IbCpuMgrTest, ValuesArePairedAndTheirNamesReadOnce)
+{
+    cpu.texts[3] = "Temp;*Bias;;Fan;Last";
+    cpu.texts[4] = "21;5;9";
+    EXPECT_THAT(mgr.getValues(), ElementsAre(Pair("Temp", "21"), Pair("*Bias", "5"), Pair("", "9")));
+    cpu.texts[4] = "22;6";
+    EXPECT_EQ("Temp = 22\n*Bias = 6\n", mgr.dumpValuesToString());
+    EXPECT_EQ(3U, cpu.requests.size());
+
+    TestParamMgr params;
+    const dv::ParamFunc hook = [](dv::IParam*, bool, long) { return 0; };
+    mgr.dumpValuesAndCreateParams(&params, hook, 7);
+    EXPECT_EQ(1U, params["Temp"].flags);
+    EXPECT_EQ(7, params["Temp"].user);
+    EXPECT_EQ(hook, params["*Bias"].callback);
+    EXPECT_EQ(0U, params["*Bias"].flags);
+    EXPECT_EQ(1, mgr.parameterIndex("*Bias"));
+    cpu.texts[4] = "23;6;9;full";
+    mgr.dumpValuesToParams(&params);
+    EXPECT_EQ("23", params["Temp"].getString());
+    EXPECT_EQ(nullptr, params["Fan"].callback);
+    EXPECT_EQ(-1, mgr.parameterIndex("Fan"));
+    EXPECT_EQ(4U, params.count());
+}
+
+TEST_F(IbCpuMgrTest, RequestsOnTheWire)
+{
+    mgr.getStatus();
+    mgr.setValue(2, 1.0F);
+    mgr.setPowerOn(true);
+    mgr.setPowerOn(false);
+    mgr.temperatureReset();
+    EXPECT_THAT(cpu.requests,
+                ElementsAre(Bytes{2, 0, 0, 0}, Bytes{0x80, 2, 0x3F, 0x80, 0, 0}, Bytes{0x80, 3, 0, 0, 0, 0},
+                            Bytes{0x80, 4, 0, 0, 0, 0}, Bytes{0x80, 0, 0, 0, 0, 0}));
+    mgr.getVersion();
+    EXPECT_EQ(100U, cpu.requests.back().size());
+    mgr.getValues();
+    EXPECT_EQ(4096U, cpu.requests.back().size());
+    EXPECT_EQ("CPU Set Value", cpu.logged.at(1));
+}
+
+} // namespace

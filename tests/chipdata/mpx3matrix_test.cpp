@@ -1,0 +1,272 @@
+// Medipix3 matrix streams, against slow oracles that walk the bit numbering.
+#include "chipdata/mpx3counters.h"
+#include "chipdata/mpx3matrix.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Pixels = std::vector<unsigned>;
+
+constexpr unsigned char DEPTHS[] = {1, 6, 12, 24}; // by CountL
+constexpr unsigned BACKGROUND = 0x1001;            // stays: decoding ors
+constexpr int CHIP = MPX3_CHIP_PIXELS;
+
+template <class T>
+std::vector<T> randomValues(std::size_t size)
+{
+    static std::mt19937 random(7);
+    std::vector<T> values(size);
+    for (T& value : values)
+        value = static_cast<T>(random());
+    return values;
+}
+
+OMR omrOf(unsigned char countL, unsigned char columnBlockSel, unsigned char columnBlock, unsigned char ps)
+{
+    OMR omr;
+    omr.CountL = countL;
+    omr.ColumnBlockSel = columnBlockSel;
+    omr.ColumnBlock = columnBlock;
+    omr.PS = ps;
+    omr.RowBlock = 1;
+    return omr;
+}
+
+/// What a decoder is to do, told once for both the oracle and the call.
+struct Job {
+    OMR omr;
+    int chips;
+    bool lowCounter = true;
+    int stride = 1, offset = 0;
+
+    int planes() const { return std::min<int>(DEPTHS[omr.CountL], 12); }
+    int position() const { return lowCounter ? 0 : omr.CountL == 3 ? 12 : 16; }
+    /// The column that comes first on the wire: the rightmost of the blocks read.
+    int firstColumn() const
+    {
+        const int first[] = {255, omr.ColumnBlock & 4 ? 255 : 127, 63 + 64 * (omr.ColumnBlock >> 1 & 3),
+                             31 + 32 * omr.ColumnBlock};
+        return omr.ColumnBlockSel ? first[omr.PS] : 255;
+    }
+    Pixels matrix() const { return Pixels(static_cast<std::size_t>(chips * stride * CHIP), BACKGROUND); }
+};
+
+std::ostream& operator<<(std::ostream& out, const Job& job)
+{
+    return out << "CountL " << +job.omr.CountL << " PS " << +job.omr.PS << " block " << +job.omr.ColumnBlock << " low "
+               << job.lowCounter << " channels " << job.chips << " stride " << job.stride;
+}
+
+/// Decodes a row that begins at `cursor` and returns its end. Bytes and pixels that don't exist are left out.
+std::size_t oracleRow(const Bytes& stream, std::size_t cursor, Pixels& matrix, const Job& job, int row)
+{
+    for (int plane = job.planes() - 1; plane >= 0; --plane)
+        for (int column = 0; column < 256 >> job.omr.PS; column += 8)
+            for (int chip = 0; chip < job.chips; ++chip, ++cursor)
+                for (int bit = 0; bit < 8 && cursor < stream.size(); ++bit) {
+                    const int first = (chip * job.stride + job.offset) * CHIP + row * 256 + job.firstColumn();
+                    const auto pixel = static_cast<std::size_t>(first - column - bit);
+                    if (stream[cursor] >> (7 - bit) & 1 && pixel < matrix.size())
+                        matrix[pixel] |= 1U << (plane + job.position());
+                }
+    return cursor;
+}
+
+std::size_t oracleFrame(const Bytes& stream, std::size_t cursor, Pixels& matrix, const Job& job)
+{
+    for (int row = 0; row < (job.omr.RowBlockSel ? 1 << job.omr.RowBlock : 256); ++row)
+        cursor = oracleRow(stream, cursor, matrix, job, row);
+    return cursor;
+}
+
+std::size_t oracleTdi(const Bytes& stream, Pixels& matrix, Job job, int counters)
+{
+    const bool paired = job.omr.CountL == 3 || counters == 2;
+    job.omr.CountL = std::max<unsigned char>(job.omr.CountL, paired ? 2 : 0);
+    std::size_t cursor = 0;
+    for (int record = 0; record < (paired ? 512 : 256); ++record) {
+        job.lowCounter = !paired || record % 2;
+        cursor += static_cast<std::size_t>(3 * job.chips) + (paired && record % 2 ? 0 : 9);
+        cursor = oracleRow(stream, cursor, matrix, job, paired ? record / 2 : record) + 14;
+    }
+    return cursor;
+}
+
+/// The matrix that a received readout gives.
+Pixels oracleReadout(const Bytes& stream, Job job, int counters)
+{
+    const auto n = static_cast<std::size_t>(job.chips);
+    const std::size_t payload = static_cast<std::size_t>(2 * 64 * job.planes() + (job.stride == 2 ? 42 : 34)) / 8 * n;
+    Pixels matrix = job.matrix();
+    for (const bool low : {false, true})
+        for (job.offset = 0; job.offset < job.stride && (low || counters > 1); ++job.offset) {
+            job.lowCounter = low;
+            const std::size_t start = job.stride == 1 ? 3 * n : job.offset ? 5 * n + payload : 4 * n;
+            oracleFrame(stream, start + (low && counters > 1 ? stream.size() / 2 : 0), matrix, job);
+        }
+    return matrix;
+}
+
+Bytes firstOf(const Bytes& bytes, std::size_t count)
+{
+    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+} // namespace
+
+TEST(Mpx3Matrix, DecodesEveryShape)
+{
+    std::vector<OMR> images{omrOf(0, 0, 2, 2), omrOf(0, 0, 0, 0), omrOf(0, 1, 3, 0), omrOf(0, 1, 12, 1)};
+    for (unsigned char block = 0; block < 9; ++block) // 8 spills into the next rows, and the last row is cut
+        for (unsigned char ps = 1; ps <= 3; ++ps)
+            images.push_back(omrOf(0, 1, block, ps));
+    for (Job job : {Job{{}, 1}, Job{{}, 3}, Job{{}, 2, true, 2, 1}})
+        for (const OMR& image : images)
+            for (unsigned char i = 0; i < 8; ++i) {
+                job.omr = image;
+                job.omr.CountL = i / 2;
+                job.omr.RowBlockSel = image.PS < 3 || image.ColumnBlock < 7;
+                job.lowCounter = i % 2;
+                Pixels matrix = job.matrix();
+                Pixels expected = matrix;
+                const Bytes stream = randomValues<unsigned char>(oracleFrame({}, 0, expected, job));
+                oracleFrame(stream, 0, expected, job);
+                deserializeMpx3MultiChannel(stream.data(), matrix.data(), job.omr, job.lowCounter, job.chips,
+                                            job.stride, job.offset);
+                ASSERT_TRUE(matrix == expected) << job;
+            }
+}
+
+TEST(Mpx3Matrix, ConvertsWholeShortAndCutReadouts)
+{
+    for (const int channels : {1, 5})
+        for (unsigned char i = 0; i < 16; ++i) {
+            const int counters = 1 + i / 4 % 2;
+            Mpx3StreamShape shape{omrOf(i % 4, 1, 2, 2), channels, i >= 8, false};
+            shape.omr.RowBlockSel = 1;
+            const Job job{shape.omr, channels, true, shape.twoChips ? 2 : 1};
+            const std::size_t full = mpx3ReadSize(shape.omr, shape.twoChips, channels, counters > 1);
+            const auto stream = randomValues<unsigned char>(full);
+            for (const std::size_t received : {full, full - 1, full / 2 + 3, full / 3, std::size_t{2}}) {
+                // Of exactly the size, so that the address sanitizer sees a read or write behind it.
+                const Bytes came = firstOf(stream, received);
+                Pixels expected = oracleReadout(came, job, counters);
+                expected.resize(expected.size() - CHIP + 100); // which ends in a row
+                Pixels matrix(expected.size(), BACKGROUND);
+                convertMpx3MatrixStream(shape, came, full, matrix, 0, counters, false);
+                ASSERT_TRUE(matrix == expected) << job << " counters " << counters << " received " << received;
+
+                // What an older readout left in the buffer is not decoded; the first pixels become counts.
+                const unsigned char depth = shape.omr.bitsCount();
+                if (counters == 2 && depth != 24)
+                    convertCountsMpx3(expected.data(), 90, depth, false, true);
+                convertCountsMpx3(expected.data(), 90, depth, true, true);
+                matrix.assign(matrix.size(), BACKGROUND);
+                convertMpx3MatrixStream(shape, stream, received, matrix, 90, counters, true);
+                ASSERT_TRUE(matrix == expected) << job << " counters " << counters << " received " << received;
+            }
+        }
+}
+
+TEST(Mpx3Matrix, TdiRecords)
+{
+    for (Job job : {Job{omrOf(0, 0, 0, 0), 1}, Job{omrOf(0, 1, 4, 2), 2}, Job{omrOf(0, 1, 7, 3), 5}})
+        for (unsigned char i = 0; i < 8; ++i) {
+            OMR& omr = job.omr;
+            omr.CountL = i / 2;
+            const int counters = 1 + i % 2;
+            Pixels matrix = job.matrix();
+            const auto stream = randomValues<unsigned char>(oracleTdi({}, matrix, job, counters) - 14);
+            EXPECT_EQ(deserializeMpx3Tdi(stream.data(), matrix.data(), DEPTHS[omr.CountL], omr.ColumnBlockSel,
+                                         omr.ColumnBlock, omr.PS, counters, true, job.chips),
+                      omr.CountL == 3 || counters == 2 ? 512 : 256);
+            // The last record's size is no bound for the series, but the ends of the buffers are.
+            for (const std::size_t share : {1, 3}) {
+                const Bytes came = firstOf(stream, stream.size() / share);
+                Pixels expected(matrix.size() / share, BACKGROUND);
+                Pixels converted = expected;
+                oracleTdi(came, expected, job, counters);
+                convertMpx3MatrixStream({omr, job.chips, false, true}, came, 100, converted, 0, counters, false);
+                ASSERT_TRUE(converted == expected && (share > 1 || matrix == expected)) << job << " of " << counters;
+            }
+        }
+}
+
+TEST(Mpx3Matrix, ImpossibleShapesStayInBounds)
+{
+    const auto stream = randomValues<unsigned char>(96);
+    Pixels matrix(100);
+    for (const int channels : {-1, 0, 1, 100000})
+        for (const unsigned char ps : {'\x03', '\x7F'})
+            convertMpx3MatrixStream({omrOf(9, 255, 255, ps), channels}, stream, 96, matrix, 1000, 2, true);
+    convertMpx3MatrixStream({}, stream, 96, {}, 1000, 2, true);
+    EXPECT_EQ(deserializeMpx3(nullptr, matrix.data(), 17, 0, 0, 0, 0, 0, true), 0) << "no chip counts with 17 bits";
+}
+
+TEST(Mpx3Matrix, SizesOfReadouts)
+{
+    OMR omr;
+    EXPECT_EQ(mpx3ReadBits(omr, false), 786466U);
+    EXPECT_EQ(mpx3ReadCommandBits(omr, true), 786479U);
+    EXPECT_EQ(mpx3ReadSize(omr, false, 5, true), 2U * (98308 * 5 + 9));
+    EXPECT_EQ(mpx3ReadSize(omr, true, 5, true), 4U * (98309 * 5 + 9));
+    omr.RowBlockSel = 1;
+    EXPECT_EQ(mpx3TdiRecordSize(omr, false, 5, false), 1958U);
+    EXPECT_EQ(mpx3TdiRecordSize(omr, false, 5, true), 3907U);
+    Pixels none;
+    EXPECT_EQ(oracleTdi({}, none, {omr, 5}, 2), 256U * 3907U) << "five channels' records fit the reads";
+}
+
+TEST(Mpx3Matrix, EncodesWhatDecodes)
+{
+    const auto matrix = randomValues<unsigned>(2 * 256 + 3); // the rows that it doesn't have are zeros
+    for (const bool low : {false, true})
+        for (const bool swap : {false, true}) {
+            Bytes whole(MPX3_MATRIX_STREAM_SIZE);
+            for (const std::size_t size : {98304, 98303, 500, 384, 100, 32, 31, 0}) {
+                Bytes out(size, 0xEE);
+                EXPECT_EQ(serializeMpx3(matrix.data(), matrix.size(), out.data(), size, low, swap), size);
+                if (size == whole.size())
+                    whole = out;
+                Bytes expected = firstOf(whole, size / 32 * 32); // whole planes alone
+                expected.resize(size, 0xEE);
+                EXPECT_EQ(out, expected);
+            }
+            if (swap)
+                std::rotate(whole.begin(), whole.begin() + 49152, whole.end());
+            Pixels decoded(CHIP);
+            oracleFrame(whole, 0, decoded, {{}, 1, low});
+            Pixels expected = matrix;
+            expected.resize(CHIP, 0);
+            for (unsigned& pixel : expected)
+                pixel &= low ? 0x00000FFF : 0x0FFF0000;
+            EXPECT_TRUE(decoded == expected) << "low " << low << " swapped " << swap;
+        }
+}
+
+TEST(Mpx3Matrix, WritePayloads)
+{
+    const auto matrix = randomValues<unsigned>(2 * CHIP);
+    for (const bool upper : {false, true}) {
+        Bytes expected;
+        for (const std::size_t chip : {0, 1}) {
+            Bytes rows(MPX3_MATRIX_STREAM_SIZE);
+            serializeMpx3(matrix.data() + chip * CHIP, CHIP, rows.data(), rows.size(), false, upper);
+            // The lower half is clean behind its rows, the upper one keeps a byte, a second chip is not cleared.
+            const std::ptrdiff_t kept = chip == 1 ? 52 : upper ? 1 : 0;
+            expected.insert(expected.end(), {0x00, 0xA0, 0x00});
+            expected.insert(expected.end(), rows.begin(), rows.begin() + 49152 + kept);
+            expected.resize((chip + 1) * 49207, 0);
+            Bytes buffer(MPX3_WRITE_BUFFER_SIZE, 0xEE);
+            buffer.resize(fillMpx3WritePayload(matrix.data(), matrix.size(), chip == 1, false,
+                                               upper ? Mpx3Half::Upper : Mpx3Half::Lower, buffer.data()));
+            EXPECT_TRUE(buffer == expected) << "chips " << chip + 1 << " upper " << upper;
+        }
+    }
+}

@@ -1,0 +1,323 @@
+// Configuration of a Medipix3 board: the bytes that reach it, matrices there and back, bias and ADC.
+#include "devices/mpx3bench.h"
+
+#include <random>
+
+using support::Mpx3Bench;
+using support::mpx3Board;
+using support::padded;
+using support::Wire;
+
+namespace {
+
+constexpr int MPX = 1;
+constexpr int SPI = 4;
+constexpr int ACQ = 5;
+
+const std::string TWO_CHANNELS = "[Settings]\nDebugLog=1\nModule2=0\nModule3=0\nModule4=0\n";
+const std::string TWO_BY_TWO = TWO_CHANNELS;
+
+std::vector<unsigned> randomCounts(std::size_t size, unsigned limit)
+{
+    std::mt19937 random(7);
+    std::uniform_int_distribution<unsigned> count(0, limit - 1);
+    std::vector<unsigned> counts(size);
+    std::ranges::generate(counts, [&] { return count(random); });
+    return counts;
+}
+
+} // namespace
+
+TEST(Mpx3Config, RegisterImageTimerAndTriggersReachTheBoard)
+{
+    Mpx3Bench bench(mpx3Board(2), TWO_CHANNELS);
+    ASSERT_EQ(bench->initDevice(), 0);
+    bench.wire();
+
+    // depth 6, columns 9 (a quarter), rows 4 (eight), gain 2, CSM, colour, negative, equalization, discriminator
+    EXPECT_EQ(bench->setConfig({1, 9, 4, 1, 2, 0, 1, 1, 0, 1, 1}), 0);
+    const auto lines = bench.wire();
+    ASSERT_EQ(lines.size(), 6U);
+    EXPECT_EQ(lines[0], "55 00 01 03 00 00 00 03 AA ");
+    // The fields go mirrored: CountL 1, PS 2, ColumnBlockSel, RowBlock 3, RowBlockSel, Gain 2, and M 0 or 4.
+    EXPECT_EQ(lines[1], "55 00 01 06 30 00 03 43 AA ");
+    EXPECT_EQ(lines[2], "55 00 01 05 BC 00 08 00 AA ");
+    EXPECT_EQ(lines[3], "55 00 01 08 30 00 23 43 AA ");
+    EXPECT_EQ(lines[4], "55 00 01 07 BC 00 08 00 AA ");
+    bench.board([](sim::Mpx3Board& board) {
+        const sim::Mpx3Omr& image = board.chip(0).omr();
+        const auto field = [&](sim::OmrField which) { return image.get(which); };
+        EXPECT_EQ(field(sim::OmrField::mode), 7U);
+        EXPECT_EQ(field(sim::OmrField::countL), 1U);
+        EXPECT_EQ(field(sim::OmrField::columnCount), 2U);
+        EXPECT_EQ(field(sim::OmrField::columnBlockSel), 1U);
+        EXPECT_EQ(field(sim::OmrField::columnBlock), 0U);
+        EXPECT_EQ(field(sim::OmrField::rowBlockSel), 1U);
+        EXPECT_EQ(field(sim::OmrField::rowBlock), 3U);
+        EXPECT_EQ(field(sim::OmrField::gain), 2U);
+        EXPECT_EQ(field(sim::OmrField::polarity), 0U);
+    });
+    EXPECT_EQ(bench->omr().rowNumber(), 8U);
+
+    EXPECT_EQ(bench->setTimer(0.1), 0);
+    EXPECT_EQ(bench.wire(), Wire().cmd(0, ACQ, 3, 0x00, 0x98, 0x96, 0x80).cmd(0, ACQ, 4).lines());
+    EXPECT_EQ(bench->setTimer(86400.0), 0);
+    bench.board([](sim::Mpx3Board& board) { EXPECT_EQ(board.timerCount(), 8640000000000ULL); });
+    bench.wire();
+
+    bench->parameters()->get("TriggerStg")->setByte(3);
+    bench->parameters()->get("TriggerMaster")->setBool(true);
+    bench->parameters()->get("TriggerOutLevel")->setByte(1);
+    EXPECT_EQ(bench->setTriggerSettings(), 0);
+    EXPECT_EQ(bench.wire(), Wire().cmd(0, ACQ, 5, 0, 0, 0, 0x1B).lines());
+    bench->parameters()->get("BiasDischarge")->setByte(1);
+    EXPECT_EQ(bench.wire(), Wire().cmd(0, SPI, 4, 0, 0, 0, 4).lines());
+
+    support::Bytes ctpr(32);
+    for (std::size_t i = 0; i < ctpr.size(); ++i)
+        ctpr[i] = static_cast<std::uint8_t>(3 * i);
+    EXPECT_EQ(bench->setCTPR(ctpr.data(), ctpr.size()), 0);
+    EXPECT_EQ(bench->fastClearMatrix(), 0);
+    bench.board([&](sim::Mpx3Board& board) { EXPECT_TRUE(std::ranges::equal(board.chip(1).ctpr(), ctpr)); });
+    EXPECT_EQ(bench->setExtDac(0, 1, 0.5), -1);
+    EXPECT_STREQ(bench->lastError(), "External DAC not supported.");
+    bench.expectNoViolations();
+}
+
+TEST(Mpx3Config, BlocksOfColumnsAndRows)
+{
+    Mpx3Bench bench(mpx3Board(1), TWO_CHANNELS);
+    ASSERT_EQ(bench->initDevice(), 0);
+    struct Case {
+        unsigned char columnBlock, ps, block;
+    };
+    for (const auto& [value, ps, block] :
+         {Case{0, 0, 0}, {1, 3, 0}, {8, 3, 7}, {9, 2, 0}, {12, 2, 6}, {13, 1, 0}, {14, 1, 4}, {16, 1, 12}}) {
+        bench->setConfig({2, value, 0, 0, 1, 0, 0, 0, 1, 0, 0});
+        EXPECT_EQ(bench->omr().PS, ps) << int(value);
+        EXPECT_EQ(bench->omr().ColumnBlock, block) << int(value);
+        EXPECT_EQ(bench->omr().ColumnBlockSel, value != 0);
+    }
+    // Any configuration a host can pass reads and decodes inside its buffers.
+    std::vector<unsigned> matrix(65536);
+    for (const int columns : {5, 11, 14, 200, 255})
+        for (const int rows : {1, 8, 100, 255}) {
+            bench->setConfig({static_cast<unsigned char>(rows % 5), static_cast<unsigned char>(columns),
+                              static_cast<unsigned char>(rows), static_cast<unsigned char>(rows % 4), 1, 0, 0, 0, 1, 0,
+                              0});
+            bench->readMatrix(matrix.data(), 256, true);
+        }
+}
+
+TEST(Mpx3Config, DacsGoToTheirChannel)
+{
+    Mpx3Bench bench(mpx3Board(2, 2), TWO_BY_TWO);
+    ASSERT_EQ(bench->initDevice(), 0);
+    ASSERT_EQ(bench->chipCount(), 4);
+    std::vector<unsigned short> dacs(4 * 27);
+    for (std::size_t i = 0; i < dacs.size(); ++i)
+        dacs[i] = static_cast<unsigned short>(i + 100);
+    ASSERT_EQ(bench->setDacs(dacs.data(), dacs.size(), -1), 0);
+    bench.board([&](sim::Mpx3Board& board) {
+        for (std::size_t chip = 0; chip < 4; ++chip)
+            for (std::size_t d = 0; d < 27; ++d)
+                EXPECT_EQ(board.chip(chip / 2, chip % 2).dacs()[d], dacs[chip * 27 + d]) << chip << " " << d;
+    });
+    // A chip selects its whole channel, and the other channel stays.
+    bench.wire();
+    std::ranges::fill(dacs, static_cast<unsigned short>(7));
+    ASSERT_EQ(bench->setDacs(dacs.data(), dacs.size(), 1), 0);
+    bench.board([](sim::Mpx3Board& board) {
+        EXPECT_EQ(board.chip(0, 0).dacs()[5], 7);
+        EXPECT_EQ(board.chip(0, 1).dacs()[5], 7);
+        EXPECT_EQ(board.chip(1, 0).dacs()[5], 159);
+    });
+    const auto lines = bench.wire();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "55 00 01 03 00 00 00 01 AA ");
+    EXPECT_TRUE(lines[1].starts_with("55 05 01 FF 00 00 00 18 AA + 24: 30 00 88")) << lines[1];
+    EXPECT_TRUE(lines[2].starts_with("55 05 01 FF 00 00 00 4A AA + 74: 00 A0 00")) << lines[2];
+    EXPECT_EQ(bench->setDacs(dacs.data(), 53, -1), 1) << "an array that ends before the last chip";
+    sim::addFault(0, {{"kind", "error"}, {"on", "write"}, {"result", -1}, {"text", "usb bulk write failed"}});
+    EXPECT_NE(bench->setDacs(dacs.data(), dacs.size(), -1), 0);
+    EXPECT_TRUE(std::string(bench->lastError()).starts_with("Cannot set DACs (chan=0, chip=0): "))
+        << bench->lastError();
+    sim::clearFaults(0);
+    bench.expectNoViolations();
+}
+
+TEST(Mpx3Config, MatricesComeBackAsTheyWereWritten)
+{
+    for (const int chips : {1, 2}) {
+        Mpx3Bench bench(mpx3Board(2, chips), TWO_BY_TWO);
+        ASSERT_EQ(bench->initDevice(), 0);
+        const std::size_t size = static_cast<std::size_t>(bench->chipCount()) * 65536;
+        ASSERT_EQ(size, 2U * 65536 * static_cast<unsigned>(chips));
+        for (const auto counter : {static_cast<unsigned char>(0), static_cast<unsigned char>(1)}) {
+            SCOPED_TRACE(std::to_string(chips) + " chips, counter " + std::to_string(counter));
+            ASSERT_EQ(bench->setConfig({2, 0, 0, counter, 1, 0, 0, 0, 1, 0, 0}), 0);
+            const auto counts = randomCounts(size, 4096);
+            ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
+            std::vector<unsigned> back(size, 99);
+            ASSERT_EQ(bench->readMatrix(back.data(), size, true), 0);
+            if (chips == 1)
+                EXPECT_TRUE(back == counts);
+            // With two chips a channel only the first half is converted.
+            else
+                EXPECT_TRUE(std::equal(counts.begin(), counts.begin() + static_cast<long>(size / 2), back.begin()));
+            ASSERT_EQ(bench->readMatrix(back.data(), size, false), 0);
+            EXPECT_TRUE(std::ranges::all_of(back, [](unsigned v) { return v == 0; })) << "reading clears the counters";
+        }
+        const auto raw = randomCounts(size, 4096);
+        ASSERT_EQ(bench->setConfig({2, 0, 0, 2, 1, 0, 0, 0, 1, 0, 0}), 0);
+        std::vector<unsigned> both(size);
+        for (std::size_t i = 0; i < size; ++i)
+            both[i] = raw[i] << 16 | raw[size - 1 - i];
+        ASSERT_EQ(bench->writeMatrix(both.data(), size, false), 0);
+        std::vector<unsigned> back(size);
+        ASSERT_EQ(bench->readMatrix(back.data(), size, false), 0);
+        EXPECT_TRUE(back == both);
+        bench.expectNoViolations();
+    }
+}
+
+TEST(Mpx3Config, ReadingChannelByChannelGivesTheSame)
+{
+    Mpx3Bench bench(mpx3Board(2, 2), TWO_BY_TWO + "ReadParallel=0\n");
+    ASSERT_EQ(bench->initDevice(), 0);
+    const std::size_t size = 4 * 65536;
+    ASSERT_EQ(bench->setConfig({2, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0}), 0);
+    const auto counts = randomCounts(size, 4096);
+    ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
+    std::vector<unsigned> back(size);
+    ASSERT_EQ(bench->readMatrix(back.data(), size, true), 0);
+    for (std::size_t i = 0; i < size; i += 65536)
+        EXPECT_TRUE(std::equal(back.begin() + static_cast<long>(i), back.begin() + static_cast<long>(i) + 65536,
+                               counts.begin() + static_cast<long>(i)))
+            << i << ": " << back[i] << " " << counts[i];
+    // A caller with less room, or none, gets what fits.
+    std::vector<unsigned> half(size / 2 + 5);
+    ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
+    ASSERT_EQ(bench->readMatrix(half.data(), half.size(), true), 0);
+    EXPECT_TRUE(std::equal(half.begin(), half.end(), counts.begin()));
+    EXPECT_EQ(bench->readMatrix(nullptr, 0, true), 0);
+    // And one who gives too little writes zeros behind it.
+    ASSERT_EQ(bench->writeMatrix(counts.data(), 70000, true), 0);
+    ASSERT_EQ(bench->readMatrix(back.data(), size, true), 0);
+    EXPECT_EQ(back[69999], counts[69999]);
+    EXPECT_EQ(back[70000], 0U);
+    bench.expectNoViolations();
+}
+
+TEST(Mpx3Config, RefusedMatrixLeavesTheImageInWriteForm)
+{
+    Mpx3Bench bench(mpx3Board(1), TWO_CHANNELS);
+    ASSERT_EQ(bench->initDevice(), 0);
+    ASSERT_EQ(bench->setConfig({1, 9, 4, 2, 1, 0, 0, 0, 1, 0, 0}), 0);
+    std::vector<unsigned> counts(65536, 1U << 24U);
+    EXPECT_NE(bench->writeMatrix(counts.data(), counts.size(), true), 0);
+    EXPECT_STREQ(bench->lastError(), "Cannot write matrix (chan=0, counter=2).");
+    // The number of failed pixels is the code, which keeps this line from the host.
+    EXPECT_NE(bench.log().find("[ERR]: Cannot convert counts.\n"), std::string::npos);
+    EXPECT_EQ(bench->omr().CountL, 2);
+    EXPECT_EQ(bench->omr().RowBlock, 7);
+    bench->setConfig({1, 9, 4, 0, 1, 0, 0, 0, 1, 0, 0});
+    // A transfer that fails gives the image back.
+    sim::addFault(
+        0,
+        {{"kind", "error"}, {"on", "write"}, {"times", 1}, {"when", {{"after_written", "55 05 01 FF 00 00 C0 37"}}}});
+    EXPECT_NE(bench->writeMatrix(counts.data(), counts.size(), false), 0);
+    EXPECT_EQ(bench->omr().CountL, 1);
+    EXPECT_EQ(bench->omr().PS, 2);
+}
+
+TEST(Mpx3Config, PixelConfigurationReachesTheLatches)
+{
+    Mpx3Bench bench(mpx3Board(2), TWO_CHANNELS);
+    ASSERT_EQ(bench->initDevice(), 0);
+    std::vector<unsigned char> cfg(2 * 2 * 65536);
+    std::mt19937 random(3);
+    std::ranges::generate(cfg, [&] { return static_cast<unsigned char>(random()); });
+    ASSERT_EQ(bench->setPixelCfg(cfg.data(), cfg.size()), 0);
+    bench.board([&](sim::Mpx3Board& board) {
+        std::size_t wrong = 0;
+        for (std::size_t i = 0; i < 2 * 65536; ++i) {
+            const unsigned word = board.chip(i / 65536).configuration()[i % 65536];
+            const unsigned b0 = cfg[2 * i];
+            const unsigned b1 = cfg[2 * i + 1];
+            wrong += (word & 1U) == (b0 & 1U) || (word >> 11U & 1U) == (b0 >> 1U & 1U) ||
+                     (word >> 1U & 0x1FU) != b0 >> 3U || (word >> 6U & 0x1FU) != (b1 & 0x1FU);
+        }
+        EXPECT_EQ(wrong, 0U);
+    });
+}
+
+TEST(Mpx3Config, BiasAndAdc)
+{
+    Mpx3Bench bench(mpx3Board(1), TWO_CHANNELS);
+    ASSERT_EQ(bench->initDevice(), 0);
+    bench.wire();
+    EXPECT_EQ(bench->setBias(100.0), 0);
+    const Wire bias = Wire()
+                          .cmd(0, SPI, 1, 0x10, 0, 0, 5)
+                          .data(0, SPI, 0, {27})
+                          .cmd(0, SPI, 2, 0, 0, 0, 4)
+                          .cmd(0, SPI, 3)
+                          .cmd(0, SPI, 2)
+                          .cmd(2, MPX, 0);
+    EXPECT_EQ(bench.wire(), bias.lines());
+    bench.board([](sim::Mpx3Board& board) { EXPECT_EQ(board.biasCode(), 27); });
+
+    const double volts = bench->adcValue(13);
+    Wire adc;
+    adc.cmd(0, SPI, 1, 0x20, 0, 0, 5);
+    for (const int command : {0x18, 0x10, 0x10})
+        adc.cmd(2, SPI, 2, 0, 0, 0, 1)
+            .data(0, SPI, 0, {static_cast<std::uint8_t>(command | 6), 0xC0})
+            .cmd(0, SPI, 3)
+            .cmd(0, SPI, 2);
+    adc.cmd(2, MPX, 0);
+    EXPECT_EQ(bench.wire(), adc.lines());
+    EXPECT_GE(volts, 0.0);
+    EXPECT_LT(volts, 5.0);
+
+    double sensed = 0;
+    double current = 0;
+    EXPECT_EQ(bench->biasVoltageCurrentSense(&sensed, &current), 0);
+    EXPECT_NEAR(sensed, 100.0, 3.0);
+    EXPECT_EQ(bench->biasVoltageCurrentSense(nullptr, nullptr), 0);
+    double analog = -1;
+    ASSERT_EQ(bench->senseDac(0, 3), 0);
+    EXPECT_EQ(bench->analogValue(5, &analog), 0);
+    bench.board([&](sim::Mpx3Board& board) {
+        EXPECT_EQ(board.chip(0).omr().get(sim::OmrField::senseDac), 4U);
+        EXPECT_NEAR(analog, *board.chip(0).senseVolts(), 0.01);
+    });
+    for (const unsigned dac : {31U, 1000U, 0xFFFFFFFFU})
+        EXPECT_NE(bench->senseDac(0, dac), 0);
+    const double temperature = bench->readTemperature(0);
+    EXPECT_GT(temperature, 0.0);
+    EXPECT_LT(temperature, 90.0);
+    bench.expectNoViolations();
+
+    // A dead link: words, and no value out of thin air.
+    sim::unplug(0);
+    EXPECT_NE(bench->setBias(50), 0);
+    EXPECT_TRUE(std::string(bench->lastError()).starts_with("Failed sending command (Sending of command failed."));
+    EXPECT_EQ(bench->adcValue(3), 0.0);
+    EXPECT_EQ(bench->biasVoltageCurrentSense(&sensed, nullptr), -1);
+    EXPECT_EQ(sensed, 0.0);
+}
+
+TEST(Mpx3Config, BoardWithoutBiasLimitsRefusesSilently)
+{
+    nlohmann::json board = mpx3Board(1);
+    board["flash"]["parameters"][1]["value"] = 0.0;
+    Mpx3Bench bench(board, TWO_CHANNELS);
+    ASSERT_EQ(bench->initDevice(), 0);
+    bench.wire();
+    const std::string before = bench->lastError();
+    EXPECT_EQ(bench->setBias(20), -1);
+    EXPECT_EQ(bench->lastError(), before);
+    EXPECT_TRUE(bench.wire().empty());
+}

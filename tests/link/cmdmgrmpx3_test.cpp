@@ -1,0 +1,200 @@
+// The Medipix3 protocol by the bytes on the wire, by what it makes of answers, and by its lines in the log.
+#include "link/cmdmgrmpx3.h"
+
+#include "link/ftdidev.h"
+#include "shared/str.h"
+#include "support/scriptedftdi.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+using namespace HwLatixel;
+using testing::HasSubstr;
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+struct CmdMgrMpx3Test : testing::Test {
+    CmdMgrMpx3Test() { log.setLogLevel(DBG); }
+    ~CmdMgrMpx3Test() override { std::filesystem::remove(path); }
+
+    /// What was written since the last call.
+    std::string wire() { return hex(std::exchange(ftdi.written, "")); }
+    std::string logText() const
+    {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    ScriptedFtdi& ftdi = ScriptedFtdi::restart();
+    std::string path = std::filesystem::temp_directory_path() / str::format("cmdmgrmpx3_%d.log", getpid());
+    FileLog log{path, true, false, false, true};
+    FtdiDev dev{"Board", false};
+    CmdMgrMpx3 mgr{&dev, &log};
+    CmdMgrMpx3 silent{&dev, nullptr};
+    Bytes data = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    Bytes buffer = Bytes(16, 0xEE);
+};
+
+TEST_F(CmdMgrMpx3Test, FramesOnTheWire)
+{
+    EXPECT_EQ(0, mgr.send(1, 1, 0, 0, 0, 7, 0));
+    EXPECT_EQ("55 00 01 01 00 00 00 07 AA", wire());
+    EXPECT_EQ(0, mgr.send(1, 0xFF, data.data(), data.size(), 5));
+    EXPECT_EQ("55 05 01 FF 00 00 00 0C AA 01 02 03 04 05 06 07 08 09 0A 0B 0C", wire());
+    EXPECT_EQ(0, silent.send(4, 0, data.data(), 1, 0));
+    EXPECT_EQ("55 01 04 00 00 00 00 01 AA 01", wire());
+    EXPECT_EQ(0, mgr.sendRaw(data.data(), 2) + silent.sendRaw(data.data(), 0));
+    EXPECT_EQ("01 02", wire());
+
+    mgr.send(mpx3::MpxCmd::Pins, CmdArgs::low(mpx3::pinword::RESET_LOW));
+    mgr.send(AcqCmd::Start, CmdArgs::byteAnd24(mpx3::startflag::ALWAYS | mpx3::startflag::CONTINUOUS_RW, 0x123456));
+    mgr.send(mpx3::MpxCmd::Shift, data.data(), 1, cmdflag::EXCHANGE);
+    EXPECT_EQ("55 00 01 01 00 00 00 0D AA 55 00 05 01 09 12 34 56 AA 55 07 01 FF 00 00 00 01 AA 01", wire());
+}
+
+TEST_F(CmdMgrMpx3Test, TheCpuExchangeHandsTheOutputBack)
+{
+    const char* const exchange = "55 00 04 01 04 00 00 32 AA "
+                                 "55 02 04 02 00 00 00 07 AA "
+                                 "55 07 04 00 00 00 00 04 AA 01 02 03 04 "
+                                 "55 00 04 02 00 00 00 00 AA "
+                                 "55 02 01 00 00 00 00 00 AA";
+    unsigned long received = 99;
+    ftdi.reads = {{"abcd"}};
+    EXPECT_EQ(0, mgr.sendReceiveSpiCpu(data.data(), buffer.data(), 4, &received));
+    EXPECT_EQ(exchange, wire());
+    EXPECT_EQ(4U, received);
+    EXPECT_EQ('d', buffer[3]);
+
+    // Neither a failing read nor a failing step counts, but the last frame.
+    ftdi.reads = {{"", -4}};
+    ftdi.writeResults = {-1, -1};
+    EXPECT_EQ(0, mgr.sendReceiveSpiCpu(data.data(), buffer.data(), 4, nullptr));
+    ftdi.reads = {{"abcd"}};
+    ftdi.writeResults = {9, 9, 9, 4, 9, -1};
+    EXPECT_EQ(-1, mgr.sendReceiveSpiCpu(data.data(), buffer.data(), 4, &received));
+}
+
+TEST_F(CmdMgrMpx3Test, ReceivesTellShortCounts)
+{
+    unsigned long size = 10;
+    ftdi.reads = {{"01234"}};
+    EXPECT_EQ(0, mgr.receiveRaw(buffer.data(), &size, 0.01));
+    EXPECT_EQ(5U, size);
+    ftdi.reads = {{"", -666}, {"rest"}};
+    EXPECT_EQ(-666, mgr.receiveRaw(buffer.data(), &size, 0.01));
+    EXPECT_EQ(5U, size);
+    EXPECT_STREQ("Could not receive command, error: -666 (words of libftdi)", mgr.getLastError());
+    EXPECT_TRUE(ftdi.reads.empty()) << "the link is emptied";
+
+    ftdi.reads = {{""}, {"ab"}, {"cd"}, {""}, {"xyz"}, {""}, {"", -4}, {"0123"}};
+    size = 16;
+    EXPECT_EQ(0, mgr.receiveRawAll(buffer.data(), &size));
+    EXPECT_EQ(4U, size);
+    EXPECT_EQ(0, mgr.receiveAllPackets(buffer.data(), &size));
+    EXPECT_EQ(3U, size);
+    EXPECT_THAT(logText(), HasSubstr("Received Tpx3 packets:\n   78 79 7a "));
+    EXPECT_EQ(-4, mgr.receiveRawAll(buffer.data(), &size));
+    EXPECT_EQ(0U, size);
+    EXPECT_STREQ("Could not receive data, error: -4 (words of libftdi)", mgr.getLastError());
+
+    buffer.assign(16, 0xEE);
+    EXPECT_EQ(0, mgr.receivePackets(buffer.data(), 15, 0.01));
+    EXPECT_EQ("30 31 32 33 00 00 00 00 00 00 00 00 00 00 00 EE", hex(buffer));
+    EXPECT_THAT(logText(), HasSubstr("|0123...........  "));
+}
+
+TEST_F(CmdMgrMpx3Test, AFailedSendIsReportedAndNotFollowedByARead)
+{
+    ftdi.reads = {{"0123456789abcdef"}, {"left"}};
+    EXPECT_EQ(0, mgr.sendRecv(InfoCmd::Info, {}, buffer.data(), 16, cmdflag::OUTPUT, 1.0));
+    EXPECT_EQ("55 02 02 01 00 00 00 00 AA", wire());
+    EXPECT_EQ('f', buffer[15]);
+
+    ftdi.writeResults = {-1, 9, -2, -3};
+    EXPECT_EQ(-1, mgr.sendRecv(2, 1, 0, 0, 0, 0, buffer.data(), 4, 2, 1.0));
+    EXPECT_EQ(1U, ftdi.reads.size());
+    EXPECT_STREQ("Sending of command failed. Error: -1 (words of libftdi).", mgr.getLastError());
+    EXPECT_THAT(logText(), HasSubstr("[ERR]: Sending of command failed. Error: -1 (words of libftdi).\n"));
+    EXPECT_EQ(-2, mgr.send(4, 0, data.data(), 4, 0));
+    EXPECT_STREQ("Sending of command data failed. Error: -2 (words of libftdi).", mgr.getLastError());
+    EXPECT_EQ(-3, silent.sendRaw(data.data(), 4));
+    EXPECT_STREQ("Sending data failed. Error: -3 (words of libftdi).", silent.getLastError());
+}
+
+TEST_F(CmdMgrMpx3Test, WaitingForAPacketEndsByPacketAbortOrDeadline)
+{
+    char packet[9] = {};
+    ftdi.reads = {{"", -4}, {"12345"}, {"6789"}};
+    EXPECT_EQ(0, mgr.waitForPacket(5.0, nullptr, packet, 9, true, true));
+    EXPECT_EQ("123456789", std::string(packet, 9));
+    EXPECT_DOUBLE_EQ(0x3435363738 * 1e-8, mpx3::shutterTimeOf(reinterpret_cast<unsigned char*>(packet)));
+    EXPECT_STREQ("Error receiving packet: -4 (words of libftdi)", mgr.getLastError());
+
+    bool abort = true;
+    ftdi.reads = {{"", -4}};
+    EXPECT_EQ(-2, mgr.waitForPacket(1e100, &abort, packet, 9, true, false));
+    ftdi.reads = {{"", -4}};
+    EXPECT_EQ(-1, mgr.waitForPacket(0, nullptr, packet, 9, false, false));
+    EXPECT_STREQ("Error receiving packet: -4 (words of libftdi)", mgr.getLastError());
+    ftdi.reads = {{"torn"}};
+    abort = false;
+    EXPECT_EQ(-1, mgr.waitForPacket(0.1, &abort, packet, 9, true, false));
+    EXPECT_STREQ("Timeout. Not received packet", mgr.getLastError());
+}
+
+TEST_F(CmdMgrMpx3Test, TheLogNamesEveryCommand)
+{
+    const std::vector<std::vector<std::string>> names = {
+        {"???"},
+        {"MPX", "DATA", "PINS", "START", "CHAN"},
+        {"INF", "???", "INFO"},
+        {"", "???"},
+        {"SPI", "DATA", "SET", "CS", "SEND"},
+        {"ACQ", "???", "START", "STOP", "CNTLOW", "CNTHIGH", "TRGSTG"},
+        {""},
+        {"???"},
+        {"???"},
+    };
+    std::string expected;
+    unsigned char perif = 0;
+    for (const auto& row : names) {
+        for (unsigned char command = 0; command < 13; ++command) {
+            mgr.send(perif, command, 0, 0, 0, 0, perif % 8);
+            const bool known = row.size() > 1 && command < 12;
+            const std::string name = !known ? "???" : command + 1U < row.size() ? row[command + 1U] : "";
+            const std::string letters = {perif & 1 ? 'D' : '_', perif & 2 ? 'O' : '_', perif & 4 ? 'A' : '_'};
+            expected += str::format("CMD [%02X|%02X|%02X|00_00_00_00]    (%s|%s|%s|)\n", perif % 8, perif, command,
+                                    letters.c_str(), row[0].c_str(), name.c_str());
+        }
+        ++perif;
+    }
+    std::istringstream lines(logText());
+    std::string text;
+    for (std::string line; std::getline(lines, line);)
+        text += line.find("CMD") != std::string::npos ? line.substr(line.find("CMD")) + "\n" : "";
+    EXPECT_EQ(expected, text);
+}
+
+TEST_F(CmdMgrMpx3Test, TheLogShowsArgumentsPinsAndPayloads)
+{
+    mgr.send(1, 1, 0, 0xA1, 0x1A, 0x0F, 0);
+    mgr.send(1, 1, 0, 0, 1, 2, 0);
+    mgr.send(1, 255, data.data(), 2, 5);
+    mgr.send(1, 0, data.data(), 0, 5);
+    mgr.logCommand("CPU Get %d Status");
+    const std::string text = logText();
+    EXPECT_THAT(text, HasSubstr("[DBG]: CMD [00|01|01|00_A1_1a_0F]    (___|MPX|PINS|PWR RST FCLR     )\n"));
+    EXPECT_THAT(text, HasSubstr("PINS|RST OUTEN )\n"));
+    EXPECT_THAT(text, HasSubstr("CMD [05|01|FF|00_00_00_02]    (D_A|MPX|???|2)\n"));
+    EXPECT_THAT(text, HasSubstr("Sent data:\n   01 02 "));
+    EXPECT_THAT(text, HasSubstr("(D_A|MPX|DATA|0)\n\nCPU Get %d Status\n"));
+}
+
+} // namespace

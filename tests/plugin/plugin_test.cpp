@@ -1,0 +1,192 @@
+// The plug-in as a host loads it: its entry, discovery, and what is left when it is gone.
+#include "refhost/error.h"
+#include "refhost/plugin.h"
+#include "refhost/series.h"
+#include "sim/latixelsim.h"
+#include "sim/mpx3board.h"
+#include "support/tempfolder.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <ftdi.h>
+#include <malloc.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::size_t countEntries(const char* folder)
+{
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::size_t threads()
+{
+    return countEntries("/proc/self/task");
+}
+
+std::size_t openFiles()
+{
+    return countEntries("/proc/self/fd");
+}
+
+nlohmann::json board(const std::string& description)
+{
+    return {{"kind", "mpx3"}, {"description", description}, {"channels", {{"C07-W0123"}}}};
+}
+
+class PluginTest : public testing::Test {
+protected:
+    void SetUp() override { folder.write("latixel.ini", "[Settings]\nModule1=0\nModule2=0\nModule3=0\nModule4=0\n"); }
+    void TearDown() override { sim::clearBus(); }
+
+    static void attach(const std::vector<std::string>& descriptions)
+    {
+        nlohmann::json boards = nlohmann::json::array();
+        for (const auto& description : descriptions)
+            boards.push_back(board(description));
+        sim::loadBench({{"boards", boards}, {"scene", {{"kind", "flat"}, {"flux", 1000}, {"noise", false}}}});
+    }
+    std::vector<std::string> open()
+    {
+        plugin = std::make_unique<refhost::Plugin>(host, LATIXEL_PLUGIN);
+        plugin->open();
+        std::vector<std::string> names;
+        for (const auto& device : plugin->devices())
+            names.push_back(device->name());
+        return names;
+    }
+    std::string log() const { return folder.read("latixel.log"); }
+    bool logged(const std::string& line) const { return log().find("[MSG]: " + line + "\n") != std::string::npos; }
+
+    support::TempFolder folder;
+    refhost::Host host{folder.path(), folder.path()};
+    std::unique_ptr<refhost::Plugin> plugin;
+};
+
+} // namespace
+
+TEST_F(PluginTest, ExportsItsEntryAndNothingElse)
+{
+    void* handle = dlopen(LATIXEL_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(handle, nullptr) << dlerror();
+    EXPECT_EQ(dlsym(handle, "_ZN9HwLatixel6hwLibE"), nullptr);
+    using Entry = dv::IHwLib* (*)();
+    const auto entry = reinterpret_cast<Entry>(dlsym(handle, "dvGetHwLib"));
+    ASSERT_NE(entry, nullptr);
+    dv::IHwLib* library = entry();
+    EXPECT_EQ(library, entry());
+    EXPECT_EQ(library->parameters(), nullptr);
+    EXPECT_EQ(library->refreshDevices(), 0);
+    EXPECT_EQ(library->close(), 0);
+    dlclose(handle);
+}
+
+TEST_F(PluginTest, OpensOnAnEmptyBusWithoutSettings)
+{
+    std::filesystem::remove(folder / "latixel.ini");
+    EXPECT_TRUE(open().empty());
+    EXPECT_TRUE(logged("Listing FTDI devices..."));
+    EXPECT_TRUE(logged("Found 0 devices:"));
+    plugin->close();
+}
+
+TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
+{
+    attach({"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A", "Latixel Latixel M3WA 2 sn: 3 A",
+            "Latixel Latixel TLWA 1 sn: 4 A", "Latixel Latixel TLWA sn: 5 A", "Latixel short", "Other Thing sn: 6"});
+    // Names of the families that have no class here are told and left alone.
+    const auto names = open();
+    EXPECT_EQ(names, (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A"}));
+    EXPECT_TRUE(logged("Found 5 devices:")) << log();
+    for (const char* line : {"\"Latixel Latixel M3WA sn: 1 A\" is Latixel MPX3 device",
+                             "\"Latixel Latixel TRWA 2 sn: 2 A\" is Latixel ROW device",
+                             "\"Latixel Latixel M3WA 2 sn: 3 A\" is Latixel MPX3 device (part of LAD)",
+                             "\"Latixel Latixel TLWA 1 sn: 4 A\" is Latixel device (part of LAD)",
+                             "\"Latixel Latixel TLWA sn: 5 A\" is Latixel device"})
+        EXPECT_NE(log().find(std::string(line) + "\n"), std::string::npos) << line;
+    EXPECT_NE(log().find("   Device (name=Latixel Latixel M3WA sn: 1 A, serial=, vidpix=4036010)\n"),
+              std::string::npos);
+}
+
+TEST_F(PluginTest, SettingsNameMembersAndPrefix)
+{
+    attach({"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel M3WA sn: 2 A", "Special Latixel M3WA sn: 3 A"});
+    folder.write("latixel.ini", "[Settings]\nDeviceCount=2147483647\nDevice0=sn: 2\nDevice5=\n");
+    EXPECT_EQ(open(), (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A"}));
+    EXPECT_NE(log().find("sn: 2 A\" is Latixel MPX3 device (part of LAD)\n"), std::string::npos);
+    plugin.reset();
+    folder.write("latixel.ini", "[Settings]\nDevNamePrefix=Special\n");
+    EXPECT_EQ(open(), (std::vector<std::string>{"Special Latixel M3WA sn: 3 A"}));
+    plugin.reset();
+    folder.write("latixel.ini", "[Settings]\nOldDevices=true\n");
+    EXPECT_TRUE(open().empty());
+    EXPECT_TRUE(logged("Initializing old Latixel devices..."));
+}
+
+TEST_F(PluginTest, NonsenseInTheSettingsIsHarmless)
+{
+    attach({"Latixel Latixel M3WA sn: 1 A"});
+    std::string nonsense = "[Settings\n]]=\nDeviceCount=-5\nModule0=99999999999999999999\n=\n";
+    for (int i = 0; i < 20000; ++i)
+        nonsense += static_cast<char>(i * 7919 % 256);
+    folder.write("latixel.ini", nonsense);
+    EXPECT_EQ(open().size(), 1U);
+}
+
+TEST_F(PluginTest, DeviceThatDoesNotOpenIsNotListed)
+{
+    attach({"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel M3WA sn: ../../2 A"});
+    // Another program has the first one.
+    ftdi_context other{};
+    ASSERT_EQ(ftdi_init(&other), 0);
+    ASSERT_EQ(ftdi_usb_open_desc(&other, 0x0403, 0x6010, "Latixel Latixel M3WA sn: 1 A", nullptr), 0);
+    EXPECT_EQ(open(), (std::vector<std::string>{"Latixel Latixel M3WA sn: ../../2 A"}));
+    EXPECT_NE(folder.read("latixel_1.log").find("Cannot open device"), std::string::npos);
+    ftdi_usb_close(&other);
+    ftdi_deinit(&other);
+    EXPECT_TRUE(std::filesystem::exists(folder / "latixel_.._.._2.log")) << "a serial stays in its folder";
+    plugin->close();
+    EXPECT_EQ(host.complaints(), std::vector<std::string>{});
+}
+
+TEST_F(PluginTest, HundredLivesLeaveNothingBehind)
+{
+    attach({"Latixel Latixel M3WA sn: 1 A"});
+    const auto live = [&](bool series) {
+        refhost::Host ownHost(folder.path(), folder.path());
+        refhost::Plugin loaded(ownHost, LATIXEL_PLUGIN);
+        loaded.open();
+        ASSERT_EQ(loaded.devices().size(), 1U);
+        if (series) {
+            refhost::Device& device = *loaded.devices().front();
+            const auto result =
+                refhost::runSeries(device, {.frames = 3, .seconds = 0.001}, [](refhost::SeriesFrame) {});
+            EXPECT_EQ(result.frames, 3U);
+        }
+        loaded.close();
+        EXPECT_EQ(ownHost.complaints(), std::vector<std::string>{});
+        // What the virtual board keeps for tests would count as the plug-in's memory.
+        sim::clearTraffic();
+        sim::inspect<sim::Mpx3Board>(0, [](sim::Mpx3Board& made) { made.clearFrames(); });
+    };
+    for (int i = 0; i < 10; ++i)
+        live(true);
+    const std::size_t threadsBefore = threads();
+    const std::size_t filesBefore = openFiles();
+    const std::size_t memoryBefore = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i)
+        live(i % 10 == 0);
+    EXPECT_EQ(threads(), threadsBefore);
+    EXPECT_EQ(openFiles(), filesBefore);
+    EXPECT_LT(mallinfo2().uordblks, memoryBefore + 300000) << "not one frame's buffer in a hundred lives";
+    EXPECT_EQ(sim::liveContexts(), 0);
+    EXPECT_EQ(dlopen(LATIXEL_PLUGIN, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is unloaded";
+}

@@ -1,0 +1,42 @@
+// A folder of its own for a test, removed at its end.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdlib.h>
+#include <string>
+
+namespace support {
+
+class TempFolder {
+public:
+    TempFolder()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "latixel_test_XXXXXX").string();
+        path_ = mkdtemp(name.data());
+    }
+    ~TempFolder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+    void write(const std::string& name, const std::string& text) const { std::ofstream(path_ / name) << text; }
+    std::string read(const std::string& name) const
+    {
+        std::ostringstream text;
+        text << std::ifstream(path_ / name).rdbuf();
+        return text.str();
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+} // namespace support
