@@ -1,11 +1,11 @@
 // Medipix3 matrix streams, see mpx3matrix.h.
 #include "chipdata/mpx3matrix.h"
 
+#include "chipdata/bitplanes.h"
 #include "chipdata/mpx3counters.h"
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -30,8 +30,6 @@ constexpr std::size_t TDI_TAIL_SIZE = 14; // bytes behind a TDI record's data, r
 constexpr unsigned EXTRA_BITS = 34;
 constexpr unsigned EXTRA_BITS_TWO_CHIPS = 8;
 constexpr unsigned EXTRA_COMMAND_BITS_TWO_CHIPS = 5;
-
-static_assert(std::endian::native == std::endian::little, "byte i of a 64-bit word is pixel i of eight");
 
 /// How one channel's row lies in the stream and in the matrix.
 struct RowShape {
@@ -66,32 +64,6 @@ struct RowBits {
     std::array<unsigned char, SIDE> high;
 };
 
-/// Eight pixels' bytes for each stream byte: byte i of the word is bit i of the stream byte, 0 or 1.
-constexpr auto SPREAD = [] {
-    std::array<std::uint64_t, 256> table{};
-    for (unsigned value = 0; value < 256; ++value)
-        for (unsigned bit = 0; bit < 8; ++bit)
-            table[value] |= std::uint64_t{value >> bit & 1U} << 8 * bit;
-    return table;
-}();
-
-/// The way back: bit i of the result is bit 0 of byte i. The factor moves each of the eight bits to its place in the
-/// top byte; no two of the products meet, so nothing carries into it.
-unsigned char collect(std::uint64_t pixels)
-{
-    return static_cast<unsigned char>((pixels & 0x0101010101010101) * 0x0102040810204080 >> 56);
-}
-
-/// `count` planes of eight columns, most significant first, as eight bytes.
-template <unsigned count>
-std::uint64_t gatherPlanes(const unsigned char* byte, std::size_t planeStride)
-{
-    std::uint64_t pixels = 0;
-    for (unsigned plane = 0; plane < count; ++plane)
-        pixels = pixels << 1 | SPREAD[byte[plane * planeStride]];
-    return pixels;
-}
-
 /// Gathers a row of `planes` planes from every `interleave`-th byte at `stream`.
 template <unsigned planes>
 void gatherRow(const unsigned char* stream, std::size_t interleave, const RowShape& row, RowBits& bits)
@@ -103,10 +75,10 @@ void gatherRow(const unsigned char* stream, std::size_t interleave, const RowSha
     for (std::size_t group = 0; group < groups; ++group, stream += interleave) {
         const std::size_t left = (groups - 1 - group) * 8;
         if constexpr (HIGH > 0) {
-            const std::uint64_t high = gatherPlanes<HIGH>(stream, planeStride);
+            const std::uint64_t high = bitplanes::gather<HIGH>(stream, planeStride);
             std::memcpy(&bits.high[left], &high, sizeof(high));
         }
-        const std::uint64_t low = gatherPlanes<LOW>(stream + HIGH * planeStride, planeStride);
+        const std::uint64_t low = bitplanes::gather<LOW>(stream + HIGH * planeStride, planeStride);
         std::memcpy(&bits.low[left], &low, sizeof(low));
     }
 }
@@ -296,10 +268,8 @@ void encodeRow(const RowBits& bits, unsigned char* out)
         std::uint64_t low;
         std::memcpy(&high, &bits.high[left], sizeof(high));
         std::memcpy(&low, &bits.low[left], sizeof(low));
-        for (unsigned plane = 0; plane < HIGH; ++plane)
-            out[plane * PLANE_BYTES + group] = collect(high >> (HIGH - 1 - plane));
-        for (unsigned plane = 0; plane < 8; ++plane)
-            out[(HIGH + plane) * PLANE_BYTES + group] = collect(low >> (7 - plane));
+        bitplanes::scatter<HIGH>(high, out + group, PLANE_BYTES);
+        bitplanes::scatter<8>(low, out + HIGH * PLANE_BYTES + group, PLANE_BYTES);
     }
 }
 

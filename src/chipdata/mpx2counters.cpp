@@ -1,0 +1,60 @@
+// The Medipix2 counter code, see mpx2counters.h.
+#include "chipdata/mpx2counters.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr unsigned STATES = 1U << 14;
+constexpr unsigned FIRST_STATE = STATES - 1; // of a cleared counter
+
+constexpr unsigned nextState(unsigned state)
+{
+    return ((state >> 13) ^ (state & 1)) | (state * 2 & (STATES - 2));
+}
+
+/// What each value is converted to. The last entry stands for all values that have more than 14 bits.
+using Table = std::array<unsigned short, STATES + 1>;
+
+struct Tables {
+    Table pseudoToCount;
+    Table countToPseudo;
+    bool closed; ///< the counter is back in its first state after MPX2_COUNTS steps and not before
+};
+
+// Evaluated by the compiler, so that no thread ever sees half a table.
+constexpr Tables TABLES = [] {
+    Tables tables{};
+    tables.pseudoToCount.fill(MPX2_UNKNOWN_COUNT);
+    tables.countToPseudo.fill(MPX2_UNKNOWN_COUNT);
+    tables.closed = true;
+    unsigned state = FIRST_STATE;
+    for (unsigned count = 0; count < MPX2_COUNTS; ++count, state = nextState(state)) {
+        tables.closed = tables.closed && (state == FIRST_STATE) == (count == 0);
+        tables.pseudoToCount[state] = static_cast<unsigned short>(count);
+        tables.countToPseudo[count] = static_cast<unsigned short>(state);
+    }
+    tables.closed = tables.closed && state == FIRST_STATE;
+    tables.countToPseudo[FIRST_STATE] = 0;
+    return tables;
+}();
+
+static_assert(TABLES.closed, "each count has a state of its own");
+static_assert(TABLES.pseudoToCount[FIRST_STATE] == 0 && TABLES.countToPseudo[1] == FIRST_STATE - 1);
+// An entry of 0 would be an unknown value: no count but 0, and no state at all, may be 0.
+static_assert(TABLES.pseudoToCount[0] == MPX2_UNKNOWN_COUNT);
+
+} // namespace
+
+int convertCountsMpx2(unsigned short* matrix, unsigned long size, bool pseudoToCount)
+{
+    const Table& table = pseudoToCount ? TABLES.pseudoToCount : TABLES.countToPseudo;
+    int errors = 0;
+    for (unsigned long i = 0; i < size; ++i) {
+        const unsigned value = matrix[i];
+        matrix[i] = table[std::min(value, STATES)];
+        errors += value >= STATES;
+    }
+    return errors;
+}

@@ -1,0 +1,155 @@
+// DAC streams and chip identifiers of Medipix2 and Timepix chips, against an oracle that walks the register bit by bit.
+#include "chipdata/bits.h"
+#include "chipdata/mpx2dacs.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Words = std::vector<unsigned short>;
+
+struct Settings {
+    int chip, senseDac, extDac;
+    unsigned ctpr;
+};
+
+/// Bits of the register that hold a DAC, from bit `shift` of its value on; -1 where a type doesn't have it.
+struct Row {
+    int first, last, mxr, tpx, shift;
+};
+constexpr Row ROWS[] = {{3, 10, 0, 0, 0},     {11, 18, 1, 1, 0},     {19, 26, 2, 2, 0},     {45, 48, 3, 3, 0},
+                        {55, 58, 3, 3, 4},    {59, 66, 4, 4, 0},     {85, 92, 5, 5, 0},     {99, 108, 6, 6, 0},
+                        {109, 112, 7, 7, 0},  {113, 122, 8, -1, 0},  {119, 126, -1, 8, 0},  {123, 126, 9, -1, 0},
+                        {127, 134, 10, 9, 0}, {135, 142, 11, 10, 0}, {180, 187, 12, 11, 0}, {226, 233, 13, 12, 0},
+                        {234, 241, 14, 13, 0}};
+
+/// The highest bit of a register goes first; a Timepix record leaves it out.
+Bytes oracleStream(const Words& dacs, int chips, bool timepix, const Settings& s)
+{
+    Bytes stream(static_cast<std::size_t>(chips) * 33, 0);
+    stream[0] = 0xFF;
+    for (int chip = 0; chip < chips; ++chip) {
+        bool bits[256] = {};
+        const auto set = [&bits](int first, int last, unsigned value) {
+            for (int p = first; p <= last; ++p, value >>= 1)
+                bits[p] = value & 1;
+        };
+        for (const Row& row : ROWS)
+            if (const int dac = timepix ? row.tpx : row.mxr; dac >= 0)
+                set(row.first, row.last, dacs.at(static_cast<unsigned>(chip * (timepix ? 14 : 15) + dac)) >> row.shift);
+        set(143, 174, s.ctpr);
+        if (chip == s.chip) {
+            set(37, 38, static_cast<unsigned>(s.senseDac));
+            set(40, 41, static_cast<unsigned>(s.senseDac >> 2));
+            bits[42] = s.extDac == 1;
+            bits[43] = s.extDac == 2;
+        }
+        for (int p = 255 - timepix, wire = 8 + chip * 256; p >= 0; --p, ++wire)
+            stream[static_cast<std::size_t>(wire / 8)] |= static_cast<unsigned char>(bits[p] << (7 - wire % 8));
+    }
+    return stream;
+}
+
+} // namespace
+
+TEST(Mpx2Dacs, StreamHoldsEveryBitOfEveryField)
+{
+    std::mt19937 random(5);
+    for (const bool timepix : {false, true})
+        for (int run = 0; run < 50; ++run) {
+            const int chips = 1 + run % 4;
+            // The chip may be none of the module; negative and wide values must not leave their fields.
+            const Settings s{run % 6 - 1, static_cast<int>(random()), run % 5 - 1, static_cast<unsigned>(random())};
+            Words dacs(static_cast<std::size_t>(chips * (timepix ? 14 : 15)));
+            for (unsigned short& dac : dacs)
+                dac = static_cast<unsigned short>(random());
+            const Bytes expected = oracleStream(dacs, chips, timepix, s);
+            Bytes out(expected.size(), 0xEE);
+            dacsToStreamMPX2(dacs.data(), out.data(), chips, timepix, s.chip, s.senseDac, s.extDac, s.ctpr);
+            EXPECT_EQ(out, expected) << "timepix " << timepix << " run " << run;
+        }
+    for (const int chips : {0, -1})
+        dacsToStreamMXR(nullptr, nullptr, chips, 0, 0, 0, 0);
+}
+
+TEST(Mpx2Dacs, TimepixStreamReadsBack)
+{
+    constexpr int CHIPS = 3;
+    std::mt19937 random(6);
+    for (int run = 0; run < 20; ++run) {
+        const Settings s{run % 4, static_cast<int>(random() & 15), run % 3, static_cast<unsigned>(random())};
+        Words dacs(std::size_t{CHIPS} * MPX2_TPX_DAC_COUNT);
+        for (std::size_t i = 0; i < dacs.size(); ++i)
+            dacs[i] = static_cast<unsigned short>(random() & (i % 14 == 6 ? 0x3FF : i % 14 == 7 ? 0xF : 0xFF));
+        Bytes stream = oracleStream(dacs, CHIPS, true, s);
+        stream.resize(1 + 32 * CHIPS);
+        Words back(dacs.size(), 0xEEEE);
+        int senseDac = -7;
+        int extDac = -8;
+        unsigned ctpr = 0;
+        streamTPXToDacs(stream.data(), CHIPS, s.chip, senseDac, extDac, ctpr, back.data());
+        EXPECT_EQ(back, dacs);
+        EXPECT_EQ(ctpr, s.ctpr);
+        EXPECT_EQ(senseDac, s.chip < CHIPS ? s.senseDac : -7);
+        EXPECT_EQ(extDac, s.chip < CHIPS && s.extDac ? s.extDac : -8);
+        EXPECT_EQ(stream[1 + 3 / 8] >> 3 & 0x1F, dacs[0] & 0x1F) << "the record is left lowest bit first";
+    }
+}
+
+TEST(Mpx2Dacs, ChipIdentifiers)
+{
+    struct Case {
+        const char* id;
+        unsigned char place, waferLow, waferHigh;
+        bool timepix;
+    };
+    const Case cases[] = {
+        {"C05-W0123", 0x73, 0x7B, 0x00, false}, {"A12-W0512", 0x01, 0x00, 0x0A, true},
+        {"@11-W0000", 0x10, 0x00, 0x00, false}, {"@12-W0001", 0x00, 0x01, 0xF8, true},
+        {"O-3-W2047", 0xFF, 0xFF, 0xFF, true},  {"000-W0000", 0x00, 0x00, 0xF8, false},
+    };
+    const auto put = [](Bytes& stream, std::size_t record, const Case& c) {
+        const unsigned char fuses[] = {c.place, c.waferLow, c.waferHigh};
+        for (std::size_t i = 0; i < 3; ++i)
+            stream[record + 5 + i] = reverseBitsInByte(fuses[i]);
+    };
+    std::vector<std::string> ids{"kept"};
+    for (const Case& c : cases)
+        for (const Case& last : cases) {
+            Bytes stream(2 * MPX2_DAC_STREAM_SIZE, 0);
+            put(stream, 2, c);
+            put(stream, 2 + 32, last);
+            const bool lastReadable = last.id != std::string("000-W0000");
+            bool timepix = !c.timepix;
+            getChipIDsFromDACStreamMpx2(stream.data(), 2, &timepix, ids);
+            EXPECT_EQ(timepix, lastReadable ? last.timepix : c.timepix);
+            std::vector<char> text(2 * MPX2_CHIP_ID_SIZE + 1, 'x');
+            getChipIDsFromDACStreamMpx2(stream.data(), 2, text.data(), &timepix);
+            EXPECT_EQ(std::string(text.data()), std::string(c.id) + last.id);
+            EXPECT_EQ(ids[ids.size() - 2] + ids.back(), text.data());
+        }
+    EXPECT_TRUE(ids.front() == "kept" && ids.size() == 1 + 2 * std::size(cases) * std::size(cases));
+    bool timepix = true;
+    char none = 'x';
+    getChipIDsFromDACStreamMpx2(nullptr, 0, &none, &timepix);
+    EXPECT_TRUE(none == 0 && !timepix);
+}
+
+TEST(Mpx2Dacs, ShiftBits)
+{
+    for (int bits = -7; bits <= 7; ++bits) {
+        Bytes bytes{0x80, 0x01, 0xC3};
+        shiftBits(bytes.data(), 3, bits);
+        const unsigned number = bits < 0 ? 0x8001C3U << -bits : 0x8001C3U >> bits;
+        EXPECT_EQ(unsigned{bytes[0]} << 16 | unsigned{bytes[1]} << 8 | bytes[2], number & 0xFFFFFF) << bits;
+    }
+    unsigned char byte = 0x81;
+    for (const int odd : {-8, 8, -2147483647 - 1})
+        shiftBits(&byte, 1, odd);
+    shiftBits(nullptr, 0, 1);
+    EXPECT_EQ(byte, 0x81);
+}

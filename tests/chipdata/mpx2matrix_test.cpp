@@ -1,0 +1,189 @@
+// Medipix2 matrix streams, against slow oracles that walk the bit numbering.
+#include "chipdata/mpx2matrix.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Pixels = std::vector<unsigned short>;
+
+constexpr std::size_t CHIP = MPX2_CHIP_PIXELS;
+
+template <class T>
+std::vector<T> randomValues(std::size_t size)
+{
+    static std::mt19937 random(7);
+    std::vector<T> values(size);
+    for (T& value : values)
+        value = static_cast<T>(random());
+    return values;
+}
+
+/// Where in a row's plane a pixel's bit stands: byte and bit.
+std::pair<std::size_t, std::size_t> place(std::size_t x, bool serial)
+{
+    const std::size_t s = 255 - x;
+    return serial ? std::pair{s / 8, 7 - s % 8} : std::pair{x / 64 + 28 - 4 * (x % 8), x / 8 % 8};
+}
+
+/// Decodes a chip to `first`, as far as the matrix reaches. Pixels are added to what is there, or replace it.
+void oracleDecode(const Bytes& stream, std::size_t offset, Pixels& matrix, std::size_t first, bool serial, bool add)
+{
+    for (std::size_t pixel = 0; pixel < CHIP && first + pixel < matrix.size(); ++pixel) {
+        unsigned value = add ? matrix[first + pixel] : 0U;
+        for (std::size_t plane = 0; plane < 14; ++plane) {
+            const auto [byte, bit] = place(pixel % 256, serial);
+            value += (stream[offset + pixel / 256 * 448 + (13 - plane) * 32 + byte] >> bit & 1U) << plane;
+        }
+        matrix[first + pixel] = static_cast<unsigned short>(value);
+    }
+}
+
+Bytes encoded(const Pixels& matrix, std::size_t outSize, bool serial)
+{
+    Bytes out(outSize, 0xEE);
+    serializeMpx2(matrix.data(), matrix.size(), out.data(), out.size(), serial);
+    return out;
+}
+
+} // namespace
+
+TEST(Mpx2Matrix, DecodesAsFarAsStreamAndMatrixGo)
+{
+    constexpr std::size_t STRIDE = MPX2_STREAM_STRIDE;
+    struct Case {
+        std::size_t size, pixels, chips;
+    };
+    const Case cases[] = {{STRIDE - 1, CHIP, 0},         {STRIDE, CHIP, 1},           {3 * STRIDE, 3 * CHIP, 3},
+                          {2 * STRIDE + 8, 2 * CHIP, 2}, {2 * STRIDE, CHIP + 300, 2}, {2 * STRIDE, 0, 2}};
+    for (const Case& c : cases)
+        for (const bool serial : {true, false}) {
+            const Bytes stream = randomValues<unsigned char>(c.size);
+            Pixels matrix = randomValues<unsigned short>(c.pixels); // so that additions carry
+            Pixels expected = matrix;
+            for (std::size_t chip = 0; chip < c.chips; ++chip)
+                oracleDecode(stream, (serial ? c.chips : 0) + chip * 114720, expected, chip * CHIP, serial, serial);
+            EXPECT_EQ(deserializeMpx2(stream.data(), c.size, matrix.data(), c.pixels, serial),
+                      static_cast<int>(c.chips));
+            EXPECT_TRUE(matrix == expected) << c.size << " bytes, " << c.pixels << " pixels, serial " << serial;
+        }
+    const Bytes stream = randomValues<unsigned char>(MPX2_PARALLEL_SIZE);
+    const auto singles = {deserializeSingleMpx2Fast, deserializeSingleMpx2, deserializeSingleMpx2Parallel};
+    for (const auto single : singles) {
+        Pixels matrix = randomValues<unsigned short>(CHIP);
+        Pixels expected = matrix;
+        oracleDecode(stream, 0, expected, 0, single != deserializeSingleMpx2Parallel,
+                     single == deserializeSingleMpx2Fast);
+        single(stream.data(), matrix.data());
+        EXPECT_TRUE(matrix == expected);
+    }
+}
+
+TEST(Mpx2Matrix, EncodesWhatDecodingReads)
+{
+    constexpr std::size_t CHIPS = 2;
+    const Pixels matrix = randomValues<unsigned short>(CHIPS * CHIP + 100); // what is no whole chip isn't sent
+    Pixels cut(matrix.begin(), matrix.begin() + CHIPS * CHIP);
+    for (unsigned short& pixel : cut)
+        pixel &= 0x3FFF;
+    for (const bool serial : {true, false}) {
+        const std::size_t lead = serial ? 1 : 0;
+        const std::size_t stride = serial ? 114720 : 114688;
+        const Bytes whole = encoded(matrix, CHIPS * MPX2_STREAM_STRIDE, serial);
+        Bytes expected(lead, 0xFF);
+        Pixels back(CHIPS * CHIP, 0);
+        for (std::size_t chip = 0; chip < CHIPS; ++chip) {
+            Bytes single(stride, 0xEE);
+            (serial ? serializeSingleMpx2 : serializeSingleMpx2Parallel)(&matrix[chip * CHIP], single.data());
+            EXPECT_EQ(std::count(single.begin() + 114688, single.end(), 0), serial ? 32 : 0);
+            expected.insert(expected.end(), single.begin(), single.end());
+            oracleDecode(whole, lead + chip * stride, back, chip * CHIP, serial, false);
+        }
+        EXPECT_TRUE(back == cut) << "serial " << serial;
+        expected.resize(whole.size(), 0);
+        EXPECT_TRUE(whole == expected) << "nothing stale is sent behind the last chip";
+        for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{900}, stride + 500}) {
+            Bytes part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+            const std::size_t wholeRows = size == 0 ? 0 : lead + size / stride * stride + size % stride / 448 * 448;
+            std::fill(part.begin() + static_cast<std::ptrdiff_t>(wholeRows), part.end(), 0);
+            EXPECT_TRUE(encoded(matrix, size, serial) == part) << size;
+        }
+    }
+}
+
+TEST(Mpx2Matrix, TakesModulesApart)
+{
+    const Bytes source = randomValues<unsigned char>(1003);
+    for (const std::size_t modules : {0U, 1U, 2U, 3U, 4U, 5U, 7U, 2000U})
+        for (std::size_t module = 0; module <= modules; module += 1 + modules / 8) {
+            Bytes expected(520, 0);
+            for (std::size_t i = 0; modules > 0 && i < expected.size(); ++i)
+                if (modules * i + module < source.size())
+                    expected[i] = source[modules * i + module];
+            Bytes out(expected.size(), 0xEE);
+            deinterleaveMpx2(source, modules, module, out);
+            EXPECT_EQ(out, expected) << module << " of " << modules;
+        }
+}
+
+TEST(Mpx2Matrix, ReadoutSizes)
+{
+    EXPECT_EQ(mpx2ModuleReadout(3).bytes, 344170U);
+    EXPECT_EQ(mpx2ModuleReadout(3).bits, 2753302U);
+    EXPECT_EQ(mpx2ModuleReadout(3).announcedBytes(), 344160U);
+    EXPECT_EQ(mpx2ModuleStride(3), 344171U);
+    EXPECT_EQ(mpx2ParallelReadout(4, 2).bytes, 458889U);
+    EXPECT_EQ(mpx2ParallelReadout(4, 2).bits, 1835534U);
+    const std::size_t extra[] = {9, 9, 3, 3, 3, 9, 9, 9, 9, 9}; // 9 chips are more than the corrections know
+    for (std::size_t perModule = 0; perModule < std::size(extra); ++perModule)
+        EXPECT_EQ(mpx2ParallelReadout(3 * perModule + 2, 3).bytes % 114721, extra[perModule]) << perModule;
+    EXPECT_EQ(mpx2ParallelReadout(3, 0).bytes, 344172U);
+    EXPECT_EQ(mpx2ParallelReadout(1, 2).bits, 0xFFFFFFFEU);
+    EXPECT_EQ(mpx2RowDeviceReadout(7).bytes, 803056U);
+    EXPECT_EQ(mpx2TdiBlockBits(4), 14367U);
+    EXPECT_EQ(mpx2TdiBlockSize(2, 4), 3610U);
+}
+
+TEST(Mpx2Matrix, TailTellsOfMoreData)
+{
+    Bytes data(20, 0xAA);
+    EXPECT_TRUE(mpx2TailOutOfStep(data));
+    EXPECT_TRUE(mpx2TailOutOfStep({data.data(), 10}));
+    EXPECT_FALSE(mpx2TailOutOfStep({data.data(), 9}));
+    data[11] = 0x55;
+    EXPECT_FALSE(mpx2TailOutOfStep(data));
+    EXPECT_TRUE(mpx2TailOutOfStep({data.data(), 19}));
+    data[11] = 0xAA;
+    data[12] = 0x01;
+    EXPECT_FALSE(mpx2TailOutOfStep(data));
+}
+
+TEST(Mpx2Matrix, RowsOfRowDevices)
+{
+    const Bytes row = randomValues<unsigned char>(MPX2_SINGLE_ROW_READOUT.bytes);
+    for (const std::size_t size : {449U, 500U, 1400U}) {
+        Bytes stream = randomValues<unsigned char>(size);
+        Bytes expected(row.begin(), row.begin() + 449);
+        expected.insert(expected.end(), stream.begin() + 1, stream.end() - 448);
+        pushMpx2Row(stream, row);
+        EXPECT_EQ(stream, expected);
+        pushMpx2Row({stream.data(), 448}, row);
+        pushMpx2Row(stream, {row.data(), 448});
+        EXPECT_EQ(stream, expected) << "no row";
+    }
+    const Bytes block = randomValues<unsigned char>(mpx2TdiBlockSize(2, 3));
+    for (const std::size_t came : {block.size(), std::size_t{13}})
+        for (const std::size_t size : {7000U, 5000U, 100U}) { // rows 5 to 7 of two chips begin at byte 4482
+            Bytes stream(size, 0xEE);
+            Bytes expected = stream;
+            for (std::size_t i = 0; i < 2688 && 4482 + i < size && 11 + i < came; ++i)
+                expected[4482 + i] = block[11 + i];
+            storeMpx2TdiBlock({block.data(), came}, 2, 3, 5, stream);
+            EXPECT_EQ(stream, expected);
+        }
+}
