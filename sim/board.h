@@ -2,10 +2,13 @@
 // fetches what the board has put on its output; it knows nothing of frames. A board knows nothing of USB.
 #pragma once
 
+#include "sim/api.h"
+#include "sim/bytequeue.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
 #include <utility>
@@ -27,7 +30,8 @@ struct Violation {
 /// One virtual board. The bus calls every operation with the board's mutex held, so that a board needs no lock of
 /// its own; what several boards share (a trigger line) protects itself.
 /// A board has no thread: it computes what it would have sent by the time at which it is asked.
-class Board {
+/// A class derived from it that tests look into (see sim::inspect) is declared LATIXELSIM_API, as this one is.
+class LATIXELSIM_API Board {
 public:
     explicit Board(std::string description) : usbDescription(std::move(description)) {}
     virtual ~Board() = default;
@@ -45,6 +49,14 @@ public:
     virtual void setBitMode(std::uint8_t mask, std::uint8_t mode, Time now) = 0;
     /// The board loses its power and gets it back: everything is as after switching on.
     virtual void powerCycle(Time now) = 0;
+    /// A pulse arrives on the external trigger input. A board without that input ignores it.
+    virtual void externalTrigger(Time now);
+
+    /// Begins a fault of the board itself, as it stands in the "faults" list of a bench: {"kind": ..., ...}.
+    /// Returns false for a kind that this board does not know; throws std::runtime_error for a bad value.
+    virtual bool applyFault(const nlohmann::json& fault);
+    /// Ends all faults that `applyFault` began.
+    virtual void clearFaults();
 
     /// Number of bytes on the output.
     std::size_t pending() const { return output.size(); }
@@ -52,6 +64,10 @@ public:
     std::size_t take(std::span<std::uint8_t> room);
     /// Throws the output away, as a purge of the receive buffer does.
     void dropOutput() { output.clear(); }
+    /// The bytes on the output, for faults that spoil them. Valid until the output changes.
+    std::span<std::uint8_t> outputBytes() { return output.view(); }
+    /// Keeps the first `count` bytes on the output and throws the rest away.
+    void cutOutput(std::size_t count) { output.truncate(count); }
 
     const std::vector<Violation>& violations() const { return recorded; }
     void clearViolations() { recorded.clear(); }
@@ -64,7 +80,7 @@ protected:
 
 private:
     std::string usbDescription;
-    std::deque<std::uint8_t> output;
+    ByteQueue output;
     std::vector<Violation> recorded;
 };
 

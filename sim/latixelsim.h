@@ -9,10 +9,9 @@
 #include <string>
 #include <vector>
 
-#define LATIXELSIM_API __attribute__((visibility("default")))
-
 extern "C" {
-/// Replaces the bus by the bench in the JSON file `path`. Returns 0, or -1 with the reason in `latixelsimError`.
+/// Replaces the bus by the bench in the JSON file `path`, which may also be the bare name of a bench that came with
+/// the library. Returns 0, or -1 with the reason in `latixelsimError`; the bus is as before then.
 LATIXELSIM_API int latixelsimLoadBench(const char* path);
 /// Text of the last failed `latixelsimLoadBench` on this thread.
 LATIXELSIM_API const char* latixelsimError();
@@ -20,9 +19,12 @@ LATIXELSIM_API const char* latixelsimError();
 
 namespace sim {
 
+// All of these may be called from any thread. Where they take a board's position they throw std::out_of_range if the
+// bench has no such board.
+
 /// Replaces the bus by the boards of a bench. Throws std::runtime_error with a text for people on a bad bench.
 LATIXELSIM_API void loadBench(const nlohmann::json& bench);
-/// Takes all boards off the bus.
+/// Takes all boards off the bus. Sessions that the host still holds find no device from then on.
 LATIXELSIM_API void clearBus();
 
 /// Everything that the host wrote to the board since the last `clearTraffic`, in order. `board` counts in bench order.
@@ -32,7 +34,8 @@ LATIXELSIM_API void clearTraffic();
 /// Violations of all boards since the bench was loaded.
 LATIXELSIM_API std::vector<Violation> violations();
 
-/// Adds a fault to a board, as it stands in the "faults" list of a bench.
+/// Adds a fault to a board, as it stands in the "faults" list of a bench (see sim/faults.h). Its plan counts from now.
+/// Throws std::runtime_error with a text for people for an unknown kind or a bad value.
 LATIXELSIM_API void addFault(std::size_t board, const nlohmann::json& fault);
 /// Ends all faults of a board that still act, and forgets those that wait.
 LATIXELSIM_API void clearFaults(std::size_t board);

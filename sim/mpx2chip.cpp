@@ -1,0 +1,275 @@
+// One Medipix2 or Timepix chip.
+#include "sim/mpx2chip.h"
+
+#include "sim/bitplanes.h"
+#include "sim/mpx2counters.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace sim {
+
+namespace {
+
+constexpr std::size_t side = 256;
+constexpr std::size_t pixelCount = side * side;
+constexpr unsigned planes = 14;
+constexpr std::size_t rowBytes = planes * side / 8;
+constexpr std::uint8_t firstPad = 0xE0;
+
+constexpr std::size_t fuseStart = 5; ///< byte of the DAC record at which the fuses are shifted out
+constexpr unsigned timepixFuse = 8;  ///< bit of the third fuse byte
+
+/// A part of a DAC's code: `bits` of it from bit `shift` on stand from bit `first` of the record on.
+struct DacPart {
+    std::uint8_t dac;
+    std::uint8_t shift;
+    std::uint8_t first;
+    std::uint8_t bits;
+};
+
+constexpr std::array<DacPart, 9> commonParts = {{{0, 0, 3, 8},
+                                                 {1, 0, 11, 8},
+                                                 {2, 0, 19, 8},
+                                                 {3, 0, 45, 4},
+                                                 {3, 4, 55, 4},
+                                                 {4, 0, 59, 8},
+                                                 {5, 0, 85, 8},
+                                                 {6, 0, 99, 10},
+                                                 {7, 0, 109, 4}}};
+constexpr std::array<DacPart, 6> timepixParts = {
+    {{8, 0, 119, 8}, {9, 0, 127, 8}, {10, 0, 135, 8}, {11, 0, 180, 8}, {12, 0, 226, 8}, {13, 0, 234, 8}}};
+constexpr std::array<DacPart, 7> medipixParts = {{{8, 0, 113, 10},
+                                                  {9, 0, 123, 4},
+                                                  {10, 0, 127, 8},
+                                                  {11, 0, 135, 8},
+                                                  {12, 0, 180, 8},
+                                                  {13, 0, 226, 8},
+                                                  {14, 0, 234, 8}}};
+constexpr std::size_t thresholdDac = 6;
+
+/// Which bits of a pixel's configuration word do what.
+struct PixelBits {
+    std::uint8_t mask;                  ///< set: the pixel does not count
+    std::array<std::uint8_t, 4> adjust; ///< of the threshold, the lowest first
+    std::uint8_t adjustBits;
+    std::array<std::uint8_t, 2> mode; ///< what the pixel measures
+};
+
+constexpr PixelBits timepixBits{.mask = 7, .adjust = {8, 12, 10, 11}, .adjustBits = 4, .mode = {9, 6}};
+constexpr PixelBits medipixBits{.mask = 0, .adjust = {7, 6, 8, 0}, .adjustBits = 3, .mode = {}};
+
+/// What a Timepix pixel measures.
+enum PixelMode : unsigned { countsHits, timeOverThreshold, firstHit, timeOfArrival };
+
+unsigned gather(unsigned word, std::span<const std::uint8_t> bits)
+{
+    unsigned value = 0;
+    for (std::size_t i = 0; i < bits.size(); ++i)
+        value |= (word >> bits[i] & 1U) << i;
+    return value;
+}
+
+std::array<std::uint8_t, 3> fusesOf(const std::string& id, Mpx2Kind kind)
+{
+    constexpr unsigned positions = 12; ///< on the wafer; the fuses count them from the other end
+    constexpr unsigned lastWafer = 0x7FF;
+    if (id.empty())
+        return {};
+    const auto [letter, position, wafer] = readChipId(id, positions, lastWafer);
+    // What stands in the upper half of the third byte has no part in the identifier.
+    return {lowestBitFirst((positions - position) << 4U | letter), lowestBitFirst(wafer & 0xFFU),
+            lowestBitFirst(0x50U | wafer >> 8U | (kind == Mpx2Kind::timepix ? timepixFuse : 0U))};
+}
+
+} // namespace
+
+Mpx2Chip::Mpx2Chip(const std::string& id, Mpx2Kind chipKind, ChipPlace chipPlace, std::shared_ptr<const Scene> behind)
+    : kind(chipKind),
+      fuses(fusesOf(id, chipKind)),
+      place(chipPlace),
+      scene(std::move(behind)),
+      config(pixelCount),
+      state(pixelCount)
+{
+}
+
+void Mpx2Chip::powerOff()
+{
+    std::ranges::fill(config, std::uint16_t{0});
+    std::ranges::fill(state, std::uint16_t{0});
+    cleared = false;
+    pending.reset();
+    reset();
+}
+
+void Mpx2Chip::reset()
+{
+    dacRecord = {};
+    ++generation;
+}
+
+Mpx2Chip::Record Mpx2Chip::shiftRecord(std::span<const std::uint8_t> record)
+{
+    Record old = dacRecord;
+    std::ranges::copy(fuses, old.begin() + fuseStart);
+    std::ranges::copy(record, dacRecord.begin());
+    ++generation;
+    return old;
+}
+
+void Mpx2Chip::loadMatrix(std::span<const std::uint8_t> image)
+{
+    for (std::size_t row = 0; row < side; ++row)
+        takePlanes(image.subspan(row * rowBytes, rowBytes), planes, std::span(config).subspan(row * side, side));
+    state = config;
+    cleared = false;
+    pending.reset();
+    ++generation;
+}
+
+/// Bits of the DAC register, the lowest at `first`. A Timepix record lies one bit higher than that of a Medipix2.
+std::uint32_t Mpx2Chip::field(unsigned first, unsigned bits) const
+{
+    std::uint32_t value = 0;
+    for (unsigned i = 0; i < bits; ++i) {
+        const unsigned at = first + i + (kind == Mpx2Kind::timepix ? 1 : 0);
+        value |= (static_cast<std::uint32_t>(dacRecord[recordBytes - 1 - at / 8]) >> at % 8 & 1U) << i;
+    }
+    return value;
+}
+
+unsigned Mpx2Chip::dac(std::size_t number) const
+{
+    unsigned code = 0;
+    const auto collect = [&](std::span<const DacPart> parts) {
+        for (const DacPart& part : parts)
+            if (part.dac == number)
+                code |= field(part.first, part.bits) << part.shift;
+    };
+    collect(commonParts);
+    if (kind == Mpx2Kind::timepix)
+        collect(timepixParts);
+    else
+        collect(medipixParts);
+    return code;
+}
+
+std::optional<double> Mpx2Chip::senseVolts() const
+{
+    constexpr double lowest = 0.05;
+    constexpr double voltsPerCode = 2.1 / 256;
+    const unsigned selected = senseDac();
+    if (selected == 0 || selected > dacCount())
+        return std::nullopt;
+    const unsigned code = dac(selected - 1);
+    return lowest + voltsPerCode * (selected - 1 == thresholdDac ? code / 4.0 : code);
+}
+
+void Mpx2Chip::expose(const Mpx2Exposure& exposure)
+{
+    const double before = pending ? pending->seconds : 0;
+    pending = exposure;
+    pending->seconds += before;
+}
+
+const ChipStream& Mpx2Chip::read()
+{
+    std::optional<Made> made;
+    if (cleared && !scene->noisy() && pending) {
+        made = Made{*pending, generation};
+        made->exposure.frame = 0;
+        if (made == streamMade) {
+            pending.reset();
+            return stream;
+        }
+    }
+    settle();
+    stream.bytes.clear();
+    stream.bytes.reserve(imageBytes);
+    for (std::size_t row = 0; row < side; ++row)
+        appendPlanes(std::span(state).subspan(row * side, side), planes, stream.bytes);
+    for (std::size_t pad = 0; stream.bytes.size() < imageBytes; ++pad)
+        stream.bytes.push_back(static_cast<std::uint8_t>(firstPad + pad % 16));
+    ++stream.version;
+    streamMade = made;
+    if (!cleared)
+        std::ranges::fill(state, mpx2ClearState);
+    cleared = true;
+    return stream;
+}
+
+const std::vector<std::uint16_t>& Mpx2Chip::registers()
+{
+    settle();
+    return state;
+}
+
+/// Puts what is pending into the counters. One that holds no count, as after switching on, does not get into step.
+void Mpx2Chip::settle()
+{
+    if (!pending)
+        return;
+    const Mpx2Exposure exposure = *pending;
+    pending.reset();
+    if (expected.empty() || expectedSeconds != exposure.seconds || expectedGeneration != generation)
+        expected.expect(means(exposure.seconds));
+    expectedSeconds = exposure.seconds;
+    expectedGeneration = generation;
+    std::vector<std::uint32_t> hits(pixelCount);
+    if (scene->noisy())
+        expected.draw(mixSeed(scene->seed(), exposure.frame, place.number, 0), hits);
+    else
+        expected.rounded(hits);
+
+    const auto stateOf = mpx2StateOfCount();
+    const auto countOf = mpx2CountOfState();
+    for (std::size_t i = 0; i < pixelCount; ++i) {
+        const std::uint16_t before = countOf[state[i] & mpx2ClearState];
+        if (before != mpx2NoCount)
+            state[i] = stateOf[std::min(before + measured(config[i], hits[i], exposure), mpx2FullCount)];
+    }
+    cleared = false;
+}
+
+/// What a pixel adds to its counter for some hits.
+std::uint32_t Mpx2Chip::measured(std::uint16_t word, std::uint32_t hits, const Mpx2Exposure& exposure) const
+{
+    constexpr double pulseMicroseconds = 2.5; ///< for which a hit lies over the threshold
+    if (kind == Mpx2Kind::medipix2 || hits == 0)
+        return hits;
+    double ticks = 0;
+    switch (gather(word, timepixBits.mode)) {
+    case timeOverThreshold:
+        ticks = hits * pulseMicroseconds * exposure.clockMhz;
+        break;
+    case firstHit:
+        return 1;
+    case timeOfArrival: // from the first hit until the shutter closes
+        ticks = exposure.seconds * hits / (hits + 1.0) * exposure.clockMhz * 1e6;
+        break;
+    default:
+        return hits;
+    }
+    return static_cast<std::uint32_t>(std::min<double>(std::round(ticks), mpx2FullCount));
+}
+
+/// Expected hits of all pixels, by the threshold, its adjustment and the mask bit.
+std::vector<float> Mpx2Chip::means(double seconds)
+{
+    const PixelBits& bits = kind == Mpx2Kind::timepix ? timepixBits : medipixBits;
+    const auto adjust = std::span(bits.adjust).first(bits.adjustBits);
+    std::array<float, 16> byAdjustment{};
+    for (std::size_t step = 0; step < byAdjustment.size(); ++step)
+        byAdjustment[step] = static_cast<float>(
+            seconds * scene->counted(dac(thresholdDac) - static_cast<double>(step) * scene->adjustStep()));
+    if (!flux)
+        flux = scene->flux(place.number, place.total);
+    std::vector<float> hits(pixelCount);
+    for (std::size_t i = 0; i < pixelCount; ++i)
+        if ((config[i] >> bits.mask & 1) == 0)
+            hits[i] = (*flux)[i] * byAdjustment[gather(config[i], adjust)];
+    return hits;
+}
+
+} // namespace sim

@@ -1,0 +1,141 @@
+// The Medipix3 readout board: taking frames and reading the chips out.
+#include "sim/mpx3board.h"
+
+#include <algorithm>
+
+namespace sim {
+
+namespace {
+
+// Flags of the start command.
+constexpr std::uint8_t startAlways = 1;
+constexpr std::uint8_t startOnTrigger = 2;
+constexpr std::uint8_t stopOnTrigger = 4;
+constexpr std::uint8_t startContinuous = 8;
+
+/// Bit of the trigger word: one trigger starts the whole series.
+constexpr std::uint8_t triggerSeries = 0x20;
+
+constexpr double secondsPerCount = 1e-8;
+
+} // namespace
+
+void Mpx3Board::setTimer(const Frame& frame, Time /*now*/)
+{
+    constexpr std::uint8_t low = 3;
+    const std::uint64_t word = frame.word();
+    timer = frame.command == low ? (timer & ~0xFFFFFFFFULL) | word : (timer & 0xFFFFFFFF) | word << 32U;
+}
+
+void Mpx3Board::setTrigger(const Frame& frame, Time /*now*/)
+{
+    trigger.set(frame.d[3]);
+}
+
+void Mpx3Board::startFrames(const Frame& frame, Time now)
+{
+    if (chipsWait())
+        violate("start while an older readout waits for the output", frame.head());
+    giveOutput(Output::chips);
+    const std::uint8_t flags = frame.d[0];
+    if ((flags & startAlways) == 0 || ((flags & startContinuous) != 0) != continuous)
+        violate("start flags that fit no kind of series", frame.head());
+    if (!shutter.idle())
+        violate("start while a series runs", frame.head());
+    if ((pinWord & pinPower) == 0 || !stored) {
+        violate("start without power or stream parameters", frame.head());
+        return;
+    }
+    const ShutterPlan plan{.startWaits = (flags & startOnTrigger) != 0,
+                           .stopWaits = (flags & stopOnTrigger) != 0,
+                           .oneTriggerStarts = (trigger.word() & triggerSeries) != 0,
+                           .frames = std::uint64_t{frame.word24()} + 1,
+                           .period = timer};
+    rowSeries = plan.frames > 1 && !continuous && readoutOmr(0).shape().rows == 1;
+    stalled = false;
+    shutter.start(plan, now);
+}
+
+void Mpx3Board::stopFrames(const Frame& /*frame*/, Time now)
+{
+    giveOutput(Output::chips);
+    if (stalled)
+        shutter.resume(now);
+    const auto cut = shutter.stop(now);
+    if (cut)
+        finishFrame(*cut);
+    endSeries();
+}
+
+/// Closes the shutter without a word.
+void Mpx3Board::endSeries()
+{
+    shutter.stop({});
+    stalled = false;
+    trigger.disarm();
+}
+
+void Mpx3Board::externalTrigger(Time now)
+{
+    advance(now);
+    shutter.trigger(now);
+    advance(now);
+}
+
+void Mpx3Board::run(Time now)
+{
+    if (stalled && pending() > fifoBytes)
+        return;
+    if (std::exchange(stalled, false))
+        shutter.resume(now);
+    for (;;) {
+        trigger.serve(shutter, now);
+        const auto frame = shutter.next(now);
+        if (!frame)
+            return;
+        finishFrame(*frame);
+        stalled = pending() > fifoBytes && !shutter.idle();
+        if (stalled)
+            return;
+    }
+}
+
+void Mpx3Board::finishFrame(const ShutterFrame& frame)
+{
+    const unsigned depth = readoutOmr(0).depth();
+    const double seconds = static_cast<double>(frame.length) * secondsPerCount;
+    for (Mpx3Chain& chain : chains) {
+        if (rowSeries)
+            chain.exposeRow(frame.index, seconds, depth);
+        else
+            chain.expose(seconds, depth, frameNumber);
+    }
+    lastPacket = endPacket(frameNumber, frame.length);
+    ++frameNumber;
+    deliver(Output::chips, lastPacket);
+    readOut(*stored);
+}
+
+void Mpx3Board::readOut(const ReadoutOrder& order)
+{
+    std::vector<Mpx3Readout::Source> sources;
+    for (std::size_t number = 0; number < channelCount; ++number)
+        if ((selectedChannels >> number & 1) != 0)
+            sources.push_back({&chains[number], (enabledChannels >> number & 1) != 0});
+    const std::size_t packets = enabledChannels == 0 ? 1 : chainLength;
+    for (unsigned counter = 0; counter < 2; ++counter) {
+        if (!(counter == 0 ? order.first : order.second))
+            continue;
+        const ReadoutShape shape = readoutOmr(counter).shape();
+        deliver(Output::chips, readout.read(sources, counter, chainLength, shape, order.bits));
+        for (std::size_t i = 0; i < packets; ++i)
+            deliver(Output::chips, lastPacket);
+    }
+}
+
+Mpx3Omr Mpx3Board::readoutOmr(unsigned counter) const
+{
+    return Mpx3Omr(std::span(images.at(counter)).subspan<2, 6>());
+}
+
+} // namespace sim

@@ -1,0 +1,152 @@
+// The Medipix3 readout board: making it, its faults, and its way from bytes to commands.
+#include "sim/mpx3board.h"
+
+#include "sim/jsonkeys.h"
+
+namespace sim {
+
+using nlohmann::json;
+
+namespace {
+
+/// Readout images after switching on: the register's resting values with the two readout modes.
+constexpr std::array<std::array<std::uint8_t, 8>, 2> restingImages = {
+    {{0x30, 0x00, 0x08, 0x20, 0, 0, 0x10, 0}, {0x30, 0x00, 0x28, 0x20, 0, 0, 0x10, 0}}};
+
+constexpr BiasWiring wiring{
+    .voltChannel = 15, .currentChannel = 14, .senseOffset = 0, .voltsPerVolt = 34, .scalesWithCoeff = false};
+
+} // namespace
+
+using namespace flagset;
+
+const std::array<InterfaceBoard::Command<Mpx3Board>, 23> Mpx3Board::commands = {{
+    {{periChips, 0, "MPX DATA", takesOutput | payload, 0}, &Mpx3Board::handOutputBack},
+    {{periChips, 1, "MPX PINS", bare, 0xF}, &Mpx3Board::setPins},
+    {{periChips, 2, "MPX START", takesOutput, 0x03FFFFFF}, &Mpx3Board::readNow},
+    {{periChips, 3, "MPX CHAN", bare, 0x1F1F}, &Mpx3Board::selectChannels},
+    {{periChips, 4, "MPX stream parameters", bare, 0x03FFFFFF}, &Mpx3Board::storeReadout},
+    {{periChips, 5, "MPX image 0 low", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{periChips, 6, "MPX image 0 high", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{periChips, 7, "MPX image 4 low", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{periChips, 8, "MPX image 4 high", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{periChips, 9, "MPX continuous read-write", bare, 1}, &Mpx3Board::setContinuous},
+    {{periChips, 10, "MPX two chips", bare, 1}, &Mpx3Board::setChainLength},
+    {{periChips, 255, "MPX shift", payload | answeredPayload, 0}, &Mpx3Board::shiftChips},
+    {{periInfo, 1, "INF INFO", takesOutput, 0}, &Mpx3Board::tellFirmware},
+    {{periSpi, 0, "SPI DATA", heldPayload | answeredPayload, 0}, &Mpx3Board::spiData},
+    {{periSpi, 1, "SPI SET", bare, 0xFFFFFFFF}, &Mpx3Board::spiSet},
+    {{periSpi, 2, "SPI CS", bare | takesOutput, 7}, &Mpx3Board::spiSelect},
+    {{periSpi, 3, "SPI SEND", bare, 0}, &Mpx3Board::spiSend},
+    {{periSpi, 4, "SPI discharge", bare, 4}, &Mpx3Board::switchDischarge},
+    {{periAcq, 1, "ACQ START", takesOutput, 0x0FFFFFFF}, &Mpx3Board::startFrames},
+    {{periAcq, 2, "ACQ STOP", takesOutput, 0}, &Mpx3Board::stopFrames},
+    {{periAcq, 3, "ACQ CNTLOW", bare, 0xFFFFFFFF}, &Mpx3Board::setTimer},
+    {{periAcq, 4, "ACQ CNTHIGH", bare, 0xFFFF}, &Mpx3Board::setTimer},
+    {{periAcq, 5, "ACQ TRGSTG", bare, 0x3F}, &Mpx3Board::setTrigger},
+}};
+
+Mpx3Board::Mpx3Board(const json& board, const json& bench)
+    : InterfaceBoard(board, "Latixel M3 FW 3.12 2023-11-08", wiring),
+      trigger(board),
+      fifoBytes(readKey(board, "fifo_bytes", std::size_t{1} << 24U))
+{
+    buildChains(board, bench);
+    reset();
+}
+
+void Mpx3Board::buildChains(const json& board, const json& bench)
+{
+    const json channels = readList(board, "channels");
+    if (channels.size() > channelCount)
+        badKey("channels", "a list of five channels at most");
+    ChipPlace place{.number = 0, .total = 0};
+    for (const json& chips : channels) {
+        if (!chips.is_array() || chips.size() > 2)
+            badKey("channels", "a list of channels, each a list of two chip identifiers at most");
+        place.total += static_cast<unsigned>(chips.size());
+    }
+    const auto scene = Scene::behind(board, bench);
+    for (std::size_t number = 0; number < channels.size(); ++number)
+        for (const json& id : channels[number]) {
+            chains[number].add(std::make_unique<Mpx3Chip>(valueAs<std::string>(id, "channels"), place, scene));
+            ++place.number;
+        }
+}
+
+void Mpx3Board::powerCycle(Time now)
+{
+    InterfaceBoard::powerCycle(now);
+    frameNumber = 0;
+    reset();
+}
+
+/// Everything as after switching on; what the board is made of stays.
+void Mpx3Board::reset()
+{
+    pinWord = 0;
+    applyPower();
+    selectedChannels = enabledChannels = 0;
+    chainLength = 1;
+    continuous = discharged = false;
+    trigger.set(0);
+    timer = 0;
+    stored.reset();
+    images = restingImages;
+    endSeries();
+    lastPacket = endPacket(0, 0);
+}
+
+void Mpx3Board::applyPower()
+{
+    for (Mpx3Chain& chain : chains)
+        chain.setPower(chipsPowered());
+}
+
+bool Mpx3Board::applyFault(const json& fault)
+{
+    if (InterfaceBoard::applyFault(fault))
+        return true;
+    const auto kind = readKey<std::string>(fault, "kind");
+    const auto chainOf = [&]() -> Mpx3Chain& {
+        const auto number = readKey<std::size_t>(fault, "channel");
+        if (number >= channelCount)
+            badKey("channel", "a number from 0 to 4");
+        return chains[number];
+    };
+    if (kind == "stuck_channel") {
+        chainOf().stickLine(readKey(fault, "level", 0U) != 0 ? 0xFF : 0x00);
+    } else if (kind == "chip_missing") {
+        const auto position = readKey<std::size_t>(fault, "position", 0);
+        if (position > 1)
+            badKey("position", "0 or 1");
+        chainOf().lose(position);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void Mpx3Board::clearFaults()
+{
+    InterfaceBoard::clearFaults();
+    for (Mpx3Chain& chain : chains)
+        chain.clearFaults();
+}
+
+double Mpx3Board::adcVolts(unsigned number) const
+{
+    constexpr unsigned senseOutput = 0;
+    if (number == senseOutput && chipsPowered())
+        for (const Mpx3Chain& chain : chains)
+            if (const auto volts = chain.senseVolts())
+                return *volts;
+    return InterfaceBoard::adcVolts(number);
+}
+
+std::unique_ptr<Board> makeMpx3Board(const json& board, const json& bench)
+{
+    return std::make_unique<Mpx3Board>(board, bench);
+}
+
+} // namespace sim

@@ -1,0 +1,69 @@
+// The trigger input of a readout board.
+#include "sim/triggerinput.h"
+
+#include "sim/jsonkeys.h"
+
+#include <algorithm>
+
+namespace sim {
+
+namespace {
+
+constexpr std::uint8_t condition = 3;
+constexpr std::uint8_t atEdge = 2; ///< conditions from here on are edges, those below are levels
+constexpr std::uint8_t waitReady = 4;
+constexpr std::uint8_t isMaster = 8;
+
+} // namespace
+
+TriggerInput::TriggerInput(const nlohmann::json& board) : idleLevel(readKey(board, "trigger_idle", 1U) != 0)
+{
+    if (!board.contains("trigger_line"))
+        return;
+    line = TriggerLine::named(readKey<std::string>(board, "trigger_line"));
+    line->join(this);
+}
+
+TriggerInput::~TriggerInput()
+{
+    if (line)
+        line->leave(this);
+}
+
+void TriggerInput::disarm()
+{
+    if (line)
+        line->disarm(this);
+}
+
+/// True when the input at rest has the level that frames start at, so that nothing is waited for.
+bool TriggerInput::rests() const
+{
+    return (settings & condition) == (idleLevel ? 1 : 0);
+}
+
+void TriggerInput::serve(Shutter& shutter, Time now)
+{
+    const bool master = (settings & isMaster) != 0;
+    if (shutter.waiting()) {
+        const Time since = shutter.sinceWhen();
+        if (master && (settings & condition) < atEdge) {
+            const bool asksOthers = line && (settings & waitReady) != 0;
+            const auto ready = asksOthers ? line->othersReady(this) : std::optional(since);
+            if (ready)
+                shutter.trigger(std::max(since, *ready));
+        } else if (line && !master) {
+            const auto fired = line->firedSince(since);
+            if (fired && *fired <= now)
+                shutter.trigger(*fired);
+            else if (!fired)
+                line->arm(this, since);
+        } else if (rests()) {
+            shutter.trigger(since);
+        }
+    }
+    if (shutter.takeOpened() && line && master)
+        line->fire(shutter.sinceWhen());
+}
+
+} // namespace sim

@@ -1,0 +1,41 @@
+// The trigger wires between boards that take their frames together: one board drives, the others listen. Boards are
+// asked at different moments and from different threads; times are what orders the events on a line.
+#pragma once
+
+#include "sim/board.h"
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace sim {
+
+class TriggerLine {
+public:
+    /// The line with that name that boards hang on at present, or a new one.
+    static std::shared_ptr<TriggerLine> named(const std::string& name);
+
+    /// A board hangs on the line, and takes leave of it.
+    void join(const void* board);
+    void leave(const void* board);
+
+    /// A listener waits for the line since `at`.
+    void arm(const void* board, Time at);
+    /// A listener waits no more.
+    void disarm(const void* board);
+    /// When the last of all others was armed, or none while one of them is not.
+    std::optional<Time> othersReady(const void* driver) const;
+    /// The driver opens its shutter, which lets all listeners go that are armed.
+    void fire(Time at);
+    /// The first firing at or after `since`.
+    std::optional<Time> firedSince(Time since) const;
+
+private:
+    mutable std::mutex mutex;
+    std::map<const void*, std::optional<Time>> boards; ///< with the time of arming
+    std::deque<Time> firings;
+};
+
+} // namespace sim

@@ -1,0 +1,361 @@
+// The virtual bus through the functions of libftdi: listing, sessions, transfers, pace, and benches.
+#include "testbench.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+namespace simtest {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/// Descriptions of all chips of a product, in the order of the list.
+std::vector<std::string> listed(int vendor = 0x0403, int product = 0x6010)
+{
+    Host host;
+    ftdi_device_list* list = nullptr;
+    const int count = ftdi_usb_find_all(&host.ftdi, &list, vendor, product);
+    std::vector<std::string> names;
+    for (const auto* entry = list; entry != nullptr; entry = entry->next) {
+        char text[129] = "";
+        EXPECT_EQ(ftdi_usb_get_strings(&host.ftdi, entry->dev, nullptr, 0, text, 128, nullptr, 0), 0);
+        EXPECT_EQ(host.ftdi.usb_dev, nullptr);
+        names.emplace_back(text);
+    }
+    EXPECT_EQ(count, static_cast<int>(names.size()));
+    ftdi_list_free(&list);
+    EXPECT_EQ(list, nullptr);
+    return names;
+}
+
+TEST(ByteQueueTest, KeepsBytesInOrder)
+{
+    sim::ByteQueue queue;
+    std::deque<std::uint8_t> oracle;
+    std::mt19937 random(1);
+    for (int step = 0; step < 2000; ++step) {
+        Bytes block(random() % 300);
+        if (random() % 2 == 0) {
+            std::ranges::generate(block, [&] { return static_cast<std::uint8_t>(random()); });
+            queue.push(block);
+            oracle.insert(oracle.end(), block.begin(), block.end());
+        } else {
+            const std::size_t expected = std::min(block.size(), oracle.size());
+            block.resize(queue.pop(block));
+            ASSERT_EQ(block.size(), expected);
+            ASSERT_TRUE(std::equal(block.begin(), block.end(), oracle.begin()));
+            oracle.erase(oracle.begin(), oracle.begin() + static_cast<std::ptrdiff_t>(block.size()));
+        }
+        if (step % 500 == 0) {
+            queue.truncate(500);
+            oracle.resize(std::min<std::size_t>(oracle.size(), 500));
+        }
+        ASSERT_TRUE(std::ranges::equal(queue.view(), oracle));
+    }
+}
+
+TEST_F(BusTest, ListsPluggedChipsNewestFirst)
+{
+    auto bench = echoBench({"A", "B", "C"});
+    bench["boards"][2]["product_id"] = "0x6014";
+    sim::loadBench(bench);
+    EXPECT_THAT(listed(), ElementsAre("A", "B"));
+    EXPECT_THAT(listed(0x0403, 0x6014), ElementsAre("C"));
+    EXPECT_THAT(listed(0, 0), ElementsAre("A", "B", "C"));
+
+    sim::unplug(1);
+    EXPECT_THAT(listed(), ElementsAre("A"));
+    sim::plug(1);
+    EXPECT_THAT(listed(), ElementsAre("B", "A"));
+    sim::inspect<EchoBoard>(1, [](EchoBoard& board) { EXPECT_EQ(board.powered, 2); });
+}
+
+TEST_F(BusTest, StringsAreCutToTheRoomAndEndWithZero)
+{
+    Host host;
+    ftdi_device_list* list = nullptr;
+    sim::loadBench(echoBench({"Board one"}));
+    ASSERT_EQ(ftdi_usb_find_all(&host.ftdi, &list, 0x0403, 0x6010), 1);
+    char maker[16];
+    char text[6];
+    char serial[16];
+    EXPECT_EQ(ftdi_usb_get_strings(&host.ftdi, list->dev, maker, 16, text, 6, serial, 16), 0);
+    EXPECT_STREQ(maker, "FTDI");
+    EXPECT_STREQ(text, "Board");
+    EXPECT_STREQ(serial, "S");
+    sim::unplug(0);
+    EXPECT_EQ(ftdi_usb_get_strings(&host.ftdi, list->dev, maker, 16, text, 6, serial, 16), -4);
+    ftdi_list_free(&list);
+}
+
+TEST_F(BusTest, SessionsAndContextsAreCounted)
+{
+    Host host;
+    EXPECT_NE(host.ftdi.usb_ctx, nullptr);
+    EXPECT_EQ(host.open("no such"), -3);
+    EXPECT_EQ(host.error(), "device not found");
+    EXPECT_EQ(host.ftdi.usb_dev, nullptr);
+    EXPECT_EQ(host.open("B"), 0);
+    EXPECT_NE(host.ftdi.usb_dev, nullptr);
+    {
+        Host second;
+        EXPECT_EQ(second.open("B"), -5);
+        EXPECT_EQ(second.ftdi.usb_dev, nullptr);
+        EXPECT_EQ(sim::openSessions(), 1);
+        EXPECT_EQ(sim::liveContexts(), 2);
+    }
+    EXPECT_EQ(ftdi_usb_close(&host.ftdi), 0);
+    EXPECT_EQ(host.ftdi.usb_dev, nullptr);
+    EXPECT_EQ(host.open("B"), 0);
+
+    // Initialising a live context anew loses what it held.
+    ftdi_context lost = host.ftdi;
+    EXPECT_EQ(ftdi_init(&host.ftdi), 0);
+    EXPECT_EQ(sim::liveContexts(), 2);
+    EXPECT_EQ(host.open("B"), -5);
+    ftdi_deinit(&lost);
+    ftdi_deinit(&lost);
+    EXPECT_EQ(sim::liveContexts(), 1);
+    EXPECT_EQ(host.open("B"), 0);
+}
+
+TEST_F(BusTest, ForgottenContextsUseUpTheDescriptors)
+{
+    std::vector<ftdi_context> contexts(510);
+    for (std::size_t i = 0; i < 509; ++i)
+        ASSERT_EQ(ftdi_init(&contexts[i]), 0);
+    EXPECT_EQ(ftdi_init(&contexts[509]), -3);
+    for (auto& context : contexts)
+        ftdi_deinit(&context);
+}
+
+/// Results of all requests and transfers, in one line.
+std::string resultsOf(ftdi_context& ftdi)
+{
+    unsigned char byte = 0;
+    const int results[] = {ftdi_usb_reset(&ftdi),
+                           ftdi_usb_purge_buffers(&ftdi),
+                           ftdi_tcioflush(&ftdi),
+                           ftdi_set_bitmode(&ftdi, 0xFF, 0x40),
+                           ftdi_setflowctrl(&ftdi, SIO_RTS_CTS_HS),
+                           ftdi_set_line_property(&ftdi, BITS_8, STOP_BIT_1, NONE),
+                           ftdi_set_baudrate(&ftdi, 9600),
+                           ftdi_set_latency_timer(&ftdi, 2),
+                           ftdi_get_latency_timer(&ftdi, &byte),
+                           ftdi_write_data(&ftdi, &byte, 1),
+                           ftdi_read_data(&ftdi, &byte, 1)};
+    return testing::PrintToString(results);
+}
+
+TEST_F(BusTest, RequestsFailAsInLibftdi)
+{
+    Host host;
+    EXPECT_EQ(resultsOf(host.ftdi), "{ -2, -3, -3, -2, -2, -2, -3, -3, -2, -666, -666 }");
+    ASSERT_EQ(host.open("A"), 0);
+    EXPECT_EQ(resultsOf(host.ftdi), "{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1 }");
+
+    const std::string gone = "{ -1, -1, -1, -1, -1, -1, -2, -2, -1, -1, -4 }";
+    sim::unplug(0);
+    EXPECT_EQ(resultsOf(host.ftdi), gone);
+    EXPECT_EQ(host.error(), "usb bulk read failed");
+    // Back under a new address, the chip is no longer what the session holds.
+    sim::plug(0);
+    EXPECT_EQ(resultsOf(host.ftdi), gone);
+    EXPECT_EQ(ftdi_usb_close(&host.ftdi), -1);
+    EXPECT_EQ(host.open("A"), 0);
+    EXPECT_EQ(resultsOf(host.ftdi), "{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1 }");
+}
+
+TEST_F(BusTest, ReadsBringWhatHasArrived)
+{
+    Host host("A");
+    ASSERT_EQ(ftdi_set_latency_timer(&host.ftdi, 30), 0);
+    const auto idle = timeOf([&] { EXPECT_EQ(host.read(10), 0); });
+    EXPECT_GE(idle, 30ms);
+    EXPECT_LT(idle, 3s);
+
+    EXPECT_EQ(host.write(ramp(4)), 4);
+    EXPECT_EQ(host.fetch(10), ramp(4));
+
+    // What arrives during the wait ends it, and what exceeds a transfer comes with further ones.
+    ftdi_set_latency_timer(&host.ftdi, 255);
+    const auto answered = timeOf([&] {
+        sim::inspect<EchoBoard>(0, [](EchoBoard& board) { board.sendLater(ramp(50000), 5ms); });
+        EXPECT_EQ(host.fetch(50000), ramp(50000));
+    });
+    EXPECT_GE(answered, 5ms);
+    EXPECT_LT(answered, 250ms);
+}
+
+TEST_F(BusTest, BytesBeyondTheRequestStayInTheContext)
+{
+    Host host("A");
+    ftdi_read_data_set_chunksize(&host.ftdi, 65536);
+    const auto lastByte = [](std::size_t size) { return ramp(size).back(); };
+    host.write(ramp(20000));
+    EXPECT_EQ(host.fetch(10), ramp(10));
+    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.pending(), 20000U - 16320U); });
+    EXPECT_EQ(host.read(19989), 19989);
+    EXPECT_EQ(host.got.back(), lastByte(19999));
+    EXPECT_EQ(host.fetch(1), Bytes{lastByte(20000)});
+
+    host.write(ramp(100));
+    host.read(1);
+    ftdi_read_data_set_chunksize(&host.ftdi, 65536);
+    EXPECT_EQ(host.read(99), 0);
+
+    host.write(ramp(40000));
+    host.read(1);
+    EXPECT_EQ(ftdi_usb_purge_buffers(&host.ftdi), 0);
+    EXPECT_EQ(host.read(99), 0);
+}
+
+TEST_F(BusTest, BoardTalksInFifoModeOnly)
+{
+    Host host("A");
+    host.write({1});
+    EXPECT_TRUE(sim::violations().empty());
+    ftdi_set_bitmode(&host.ftdi, 0xFF, BITMODE_BITBANG);
+    EXPECT_EQ(host.read(1), 0);
+    EXPECT_EQ(host.write({2}), 1);
+    ftdi_set_bitmode(&host.ftdi, 0xFF, BITMODE_SYNCFF);
+    EXPECT_EQ(host.fetch(10), Bytes{1});
+    EXPECT_EQ(sim::written(0), Bytes{1});
+    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.modes, (Bytes{0x40, 0x01, 0x40})); });
+    ASSERT_EQ(sim::violations().size(), 1U);
+    EXPECT_EQ(sim::violations()[0].board, "A");
+    EXPECT_EQ(sim::violations()[0].bytes, Bytes{2});
+    sim::clearTraffic();
+    EXPECT_TRUE(sim::written(0).empty());
+    sim::pulseTrigger(0);
+    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.triggers, 1); });
+}
+
+TEST_F(BusTest, LinkKeepsItsPace)
+{
+    auto bench = echoBench({"A"});
+    bench["boards"][0]["link"] = {{"rate_mb_s", 10}, {"latency_ms", 1}};
+    sim::loadBench(bench);
+    Host host("A");
+    const auto wrote = timeOf([&] { EXPECT_EQ(host.write(ramp(300000)), 300000); });
+    EXPECT_GE(wrote, 29ms);
+    const auto read = timeOf([&] { EXPECT_EQ(host.fetch(300000), ramp(300000)); });
+    EXPECT_GE(read, 28ms);
+    EXPECT_LT(read, 3s);
+}
+
+TEST_F(BusTest, PullingTheCableEndsAWaitingRead)
+{
+    Host host("A");
+    ftdi_set_latency_timer(&host.ftdi, 255);
+    const auto looks = [] {
+        int count = 0;
+        sim::inspect<EchoBoard>(0, [&](EchoBoard& board) { count = board.advanced; });
+        return count;
+    };
+    std::jthread hand([&, before = looks()] {
+        while (looks() == before)
+            std::this_thread::yield();
+        sim::unplug(0);
+    });
+    EXPECT_EQ(host.read(10), -1);
+}
+
+TEST_F(BusTest, BoardsAreDrivenFromThreadsOfTheirOwn)
+{
+    std::atomic<int> running = 2;
+    const auto drive = [&](const char* name) {
+        Host host(name);
+        for (int i = 0; i < 100; ++i) {
+            host.write(ramp(1000));
+            EXPECT_EQ(host.fetch(1000), ramp(1000));
+        }
+        --running;
+    };
+    std::jthread first(drive, "A");
+    std::jthread second(drive, "B");
+    while (running > 0) {
+        listed();
+        sim::violations();
+        sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_LE(board.pending(), 1000U); });
+    }
+    EXPECT_EQ(sim::written(0).size(), 100000U);
+}
+
+TEST_F(BusTest, BadBenchesAreToldAboutAndLeaveTheBusAlone)
+{
+    struct Case {
+        const char* patch; ///< merged into the second board of a good bench
+        const char* told;
+    };
+    const Case cases[] = {
+        {R"({"kind": "ecko"})", R"(board 2 ("B"): unknown kind "ecko" (known: )"},
+        {R"({"kind": null})", R"(board 2 ("B"): "kind" is missing)"},
+        {R"({"description": null})", R"(board 2: "description" is missing)"},
+        {R"({"serial": 12})", R"(board 2 ("B"): "serial" must be a text)"},
+        {R"({"product_id": "6010"})", R"("product_id" must be a number or a text like "0x6010")"},
+        {R"({"vendor_id": 65536})", R"("vendor_id" must be a number from 0 to 65535)"},
+        {R"({"link": 40})", R"("link" must be an object)"},
+        {R"({"link": {"rate": 40}})", R"(unknown key "rate")"},
+        {R"({"link": {"latency_ms": -1}})", R"("latency_ms" must be a time)"},
+        {R"({"faults": [{"kind": "flood"}]})", R"(board 2 ("B"): fault "flood": unknown kind)"},
+    };
+    for (const Case& c : cases) {
+        auto bench = echoBench({"A", "B"});
+        bench["boards"][1].merge_patch(json::parse(c.patch));
+        EXPECT_THAT(thrownBy([&] { sim::loadBench(bench); }), HasSubstr(c.told)) << c.patch;
+    }
+    EXPECT_THAT(thrownBy([] { sim::loadBench(json::array()); }), HasSubstr("\"boards\""));
+    EXPECT_THAT(listed(), ElementsAre("A", "B"));
+    EXPECT_THAT(thrownBy([] { sim::unplug(2); }), HasSubstr("no board 2 on a bench of 2"));
+}
+
+/// A file that holds a bench as long as the object lives. Each process has one of its own.
+struct BenchFile {
+    explicit BenchFile(const json& bench) { std::ofstream(path) << "// Comments are allowed.\n" << bench; }
+    ~BenchFile() { std::filesystem::remove(path); }
+    BenchFile(const BenchFile&) = delete;
+    BenchFile& operator=(const BenchFile&) = delete;
+
+    const std::string path = testing::TempDir() + "latixelsim-bench-" + std::to_string(getpid()) + ".json";
+};
+
+TEST_F(BusTest, BenchesAreLoadedFromFilesThroughTheCInterface)
+{
+    const BenchFile file(echoBench({"From file"}));
+    EXPECT_EQ(latixelsimLoadBench(file.path.c_str()), 0);
+    EXPECT_THAT(listed(), ElementsAre("From file"));
+    EXPECT_EQ(latixelsimLoadBench("no such bench"), -1);
+    EXPECT_STREQ(latixelsimError(), "there is no bench \"no such bench\"");
+    std::ofstream(file.path) << "{\"boards\": [}";
+    EXPECT_EQ(latixelsimLoadBench(file.path.c_str()), -1);
+    EXPECT_THAT(latixelsimError(), HasSubstr(file.path + ": "));
+    EXPECT_THAT(latixelsimError(), HasSubstr("line 1, column 13"));
+    EXPECT_THAT(listed(), ElementsAre("From file"));
+}
+
+// Each statement runs in a process of its own, whose first call of libftdi it makes.
+TEST(BenchEnvironmentTest, TakesTheBenchThatTheEnvironmentNames)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto chipsOf = [](const std::string& bench) {
+        setenv("LATIXELSIM_BENCH", bench.c_str(), 1);
+        registerEcho();
+        return static_cast<int>(listed().size());
+    };
+    const auto chipsOfFile = [&] { return chipsOf(BenchFile(echoBench({"From environment"})).path); };
+    EXPECT_EXIT(std::exit(chipsOfFile()), testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(std::exit(chipsOf("nowhere.json")), testing::ExitedWithCode(0),
+                "latixelsim: there is no bench \"nowhere.json\"");
+}
+
+} // namespace
+} // namespace simtest

@@ -1,0 +1,164 @@
+// A board that answers with what it is told, and a host's session on it, for the tests of the bus.
+#pragma once
+
+#define _FTDI_DISABLE_DEPRECATED
+#include <ftdi.h>
+
+#include "sim/bench.h"
+#include "sim/latixelsim.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <optional>
+#include <stdexcept>
+
+namespace simtest {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using sim::Bytes;
+
+/// Echoes what it receives. Tests let it send more, at once or later.
+class EchoBoard : public sim::Board {
+public:
+    using Board::Board;
+
+    void receive(std::span<const std::uint8_t> bytes, sim::Time /*now*/) override { emit(bytes); }
+
+    void advance(sim::Time now) override
+    {
+        ++advanced;
+        if (due && now >= *due) {
+            due.reset();
+            emit(later);
+        }
+    }
+
+    void setBitMode(std::uint8_t /*mask*/, std::uint8_t mode, sim::Time /*now*/) override { modes.push_back(mode); }
+    void powerCycle(sim::Time /*now*/) override { ++powered; }
+    void externalTrigger(sim::Time /*now*/) override { ++triggers; }
+
+    bool applyFault(const json& fault) override
+    {
+        hot = fault.at("kind") == "hot";
+        return hot;
+    }
+
+    void clearFaults() override { hot = false; }
+
+    void send(const Bytes& bytes) { emit(bytes); }
+    void sendLater(Bytes bytes, sim::Clock::duration after)
+    {
+        later = std::move(bytes);
+        due = sim::Clock::now() + after;
+    }
+
+    Bytes modes;
+    Bytes later;
+    std::optional<sim::Time> due;
+    int advanced = 0;
+    int powered = 0;
+    int triggers = 0;
+    bool hot = false;
+};
+
+/// A host's context, with a session once it is opened. The link is in synchronous FIFO mode then.
+class Host {
+public:
+    Host() { EXPECT_EQ(ftdi_init(&ftdi), 0); }
+    explicit Host(const char* description) : Host()
+    {
+        EXPECT_EQ(open(description), 0);
+        EXPECT_EQ(ftdi_set_bitmode(&ftdi, 0xFF, BITMODE_SYNCFF), 0);
+    }
+    ~Host() { ftdi_deinit(&ftdi); }
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    int open(const char* description) { return ftdi_usb_open_desc(&ftdi, 0x0403, 0x6010, description, nullptr); }
+    int write(const Bytes& bytes) { return ftdi_write_data(&ftdi, bytes.data(), static_cast<int>(bytes.size())); }
+    int read(int size)
+    {
+        got.assign(static_cast<std::size_t>(size), 0xEE);
+        const int count = ftdi_read_data(&ftdi, got.data(), size);
+        got.resize(static_cast<std::size_t>(std::max(count, 0)));
+        return count;
+    }
+    /// Reads what comes, up to `size` bytes.
+    Bytes fetch(int size) { return read(size) >= 0 ? got : Bytes{}; }
+    std::string error() { return ftdi_get_error_string(&ftdi); }
+
+    ftdi_context ftdi{};
+    Bytes got;
+};
+
+/// The bytes 0, 1, 2, ... up to 250 and again.
+inline Bytes ramp(std::size_t size)
+{
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::uint8_t>(i % 251);
+    return bytes;
+}
+
+inline void registerEcho()
+{
+    sim::registerBoardKind("echo", [](const json& board, const json&) {
+        return std::make_unique<EchoBoard>(board.at("description").get<std::string>());
+    });
+}
+
+/// A bench of echo boards with these descriptions.
+inline json echoBench(std::initializer_list<const char*> descriptions)
+{
+    json bench{{"boards", json::array()}};
+    for (const char* description : descriptions)
+        bench["boards"].push_back({{"kind", "echo"}, {"description", description}, {"serial", "S"}});
+    return bench;
+}
+
+/// Lets board `board` send `bytes` without being asked.
+inline void send(std::size_t board, const Bytes& bytes)
+{
+    sim::inspect<EchoBoard>(board, [&](EchoBoard& echo) { echo.send(bytes); });
+}
+
+/// Text of the exception that `act` throws.
+template <typename Act>
+std::string thrownBy(Act act)
+{
+    try {
+        act();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "nothing thrown";
+}
+
+/// Time that `act` takes.
+template <typename Act>
+sim::Clock::duration timeOf(Act act)
+{
+    const auto start = sim::Clock::now();
+    act();
+    return sim::Clock::now() - start;
+}
+
+class BusTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        registerEcho();
+        sim::loadBench(echoBench({"A", "B"}));
+    }
+    void TearDown() override
+    {
+        sim::clearBus();
+        EXPECT_EQ(sim::openSessions(), 0);
+        EXPECT_EQ(sim::liveContexts(), 0);
+    }
+};
+
+} // namespace simtest
