@@ -1,0 +1,166 @@
+// Parameters: conversions, who calls back when, and what is held against the plug-in.
+#include "refhost/error.h"
+#include "refhost/host.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+struct Release {
+    void operator()(dv::IParamMgr* manager) const { manager->destroy(); }
+};
+
+class ParamTest : public testing::Test {
+protected:
+    refhost::Host host{"config", "logs"};
+    std::unique_ptr<dv::IParamMgr, Release> owned{host.createParamMgr()};
+    dv::IParamMgr& manager{*owned};
+    refhost::Param& param(const char* name) { return *static_cast<refhost::ParamMgr&>(manager).find(name); }
+};
+
+/// Counts the calls and, on a read, writes the parameter and its neighbour as a device does that refreshes both.
+struct Hook {
+    dv::IParamMgr& manager;
+    int reads = 0;
+    int writes = 0;
+    double fresh = 0;
+
+    static int call(dv::IParam* param, bool isRead, long user)
+    {
+        auto& hook = *reinterpret_cast<Hook*>(user);
+        ++(isRead ? hook.reads : hook.writes);
+        if (isRead) {
+            param->setDouble(hook.fresh);
+            hook.manager.get("neighbour")->setDouble(hook.fresh + 1);
+        } else {
+            hook.fresh = param->getFloat();
+        }
+        return 0;
+    }
+};
+
+TEST_F(ParamTest, CallbacksRefreshReadsAndSeeWritesWithoutReentering)
+{
+    Hook hook{manager};
+    const long user = reinterpret_cast<long>(&hook);
+    manager.addDouble("value", "", 0, Hook::call, user, 0);
+    manager.addDouble("neighbour", "", 0, Hook::call, user, 0);
+
+    hook.fresh = 21.5;
+    EXPECT_EQ(param("value").getFloat(), 21.5);
+    EXPECT_EQ(hook.reads, 1);
+    EXPECT_EQ(hook.writes, 0);
+    param("neighbour").enableCallback(false);
+    EXPECT_EQ(param("neighbour").getFloat(), 22.5);
+    EXPECT_EQ(hook.reads, 1);
+
+    param("value").setDouble(3);
+    EXPECT_EQ(hook.writes, 1);
+    EXPECT_EQ(hook.fresh, 3);
+    EXPECT_EQ(hook.reads, 1) << "a read inside the write callback calls nobody";
+    param("value").writeText("4.25");
+    EXPECT_EQ(hook.fresh, 4.25);
+    EXPECT_THAT(host.complaints(), IsEmpty());
+}
+
+TEST_F(ParamTest, NumbersAndTextsConvertWithoutLosingOrOverflowing)
+{
+    manager.addByte("byte", "", 200, nullptr, 0, 0);
+    manager.addString("text", "", " 12.5 V", nullptr, 0, 0);
+    const std::int64_t big = 9007199254740993;
+    manager.addParam("i64", "", 6, 1, &big, nullptr, 0, 0);
+    const double list[] = {1, 0.1, -2};
+    manager.addParam("list", "", 9, 3, list, nullptr, 0, 0);
+    const char serial[8] = {'W', '1', '2'};
+    manager.addParam("serial", "", 0, sizeof serial, serial, nullptr, 0, 0);
+
+    param("byte").setInt32(-5);
+    EXPECT_EQ(param("byte").getByte(), 0);
+    param("byte").setDouble(1e9);
+    EXPECT_EQ(param("byte").getInt32(), 255);
+    EXPECT_EQ(param("text").getFloat(), 12.5);
+    EXPECT_EQ(param("i64").getString(), "9007199254740993");
+    EXPECT_EQ(param("i64").getInt32(), 2147483647);
+    EXPECT_EQ(param("list").getString(), "1 0.1 -2");
+    EXPECT_EQ(param("serial").getString(), "W12");
+    param("serial").setString("longer than eight");
+    EXPECT_EQ(param("serial").getString(), "longer ");
+
+    const unsigned char raw[11] = {};
+    EXPECT_EQ(param("list").setData(raw, sizeof raw), 0);
+    EXPECT_EQ(param("list").size(), 1u) << "whole items only";
+    param("text").setData("abcdef", 3);
+    EXPECT_EQ(param("text").getString(), "abc");
+}
+
+TEST_F(ParamTest, TypedTextIsTakenWholeOrRefused)
+{
+    manager.addByte("byte", "", 7, nullptr, 0, 0);
+    manager.addBool("bool", "", false, nullptr, 0, dv::PARAM_CONFIG);
+    manager.addDouble("fixed", "", 1, nullptr, 0, dv::PARAM_READ_ONLY);
+    for (const char* bad : {"", "256", "-1", "7x", "1 2", "0x10"})
+        EXPECT_THROW(param("byte").writeText(bad), refhost::Error) << bad;
+    EXPECT_EQ(param("byte").getByte(), 7);
+    param("bool").writeText("on");
+    EXPECT_TRUE(param("bool").getBool());
+    EXPECT_EQ(param("bool").getString(), "true");
+    EXPECT_THROW(param("bool").writeText("maybe"), refhost::Error);
+    EXPECT_THROW(param("fixed").writeText("2"), refhost::Error);
+}
+
+TEST_F(ParamTest, MisuseIsRecordedAndHarmless)
+{
+    EXPECT_EQ(manager.addParam("odd", "", 12, 1, nullptr, nullptr, 0, 0), -1);
+    EXPECT_EQ(manager.addParam("huge", "", 9, ~std::size_t{0}, nullptr, nullptr, 0, 0), -1);
+    EXPECT_EQ(manager.addByte(nullptr, nullptr, 0, nullptr, 0, 0), -1);
+    EXPECT_EQ(manager.addByte("a", "", 1, nullptr, 0, 0), 0);
+    EXPECT_EQ(manager.addByte("a", "", 2, nullptr, 0, 0), -1);
+    EXPECT_EQ(manager.get("a")->getByte(), 1);
+    EXPECT_EQ(manager.get("b"), nullptr);
+    EXPECT_FALSE(manager.exists("b"));
+    EXPECT_EQ(manager.get("a")->setString(nullptr), -1);
+    EXPECT_EQ(manager.count(), 1u);
+    EXPECT_THAT(host.complaints(),
+                ElementsAre(HasSubstr("unknown type 12"), HasSubstr("huge"), HasSubstr("without a name"),
+                            HasSubstr("a was added twice"), HasSubstr("unknown parameter b"), HasSubstr("null text")));
+
+    host.clearComplaints();
+    dv::IParam* kept = manager.get("a");
+    owned.release()->destroy();
+    EXPECT_EQ(host.liveManagers(), 0u);
+    EXPECT_EQ(kept->setByte(3), -1);
+    manager.destroy();
+    EXPECT_EQ(manager.count(), 0u);
+    EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("setByte after"), HasSubstr("destroyed twice"),
+                                               HasSubstr("count on a parameter manager that was destroyed")));
+}
+
+TEST_F(ParamTest, ManyThreadsReadAndWrite)
+{
+    manager.addDouble("value", "", 0, nullptr, 0, 0);
+    manager.addString("text", "", "", nullptr, 0, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([this, t] {
+            for (int i = 0; i < 500; ++i) {
+                param("value").setDouble(t);
+                param("text").setString("some text that needs memory of its own");
+                param("text").getString();
+                param("value").getFloat();
+                manager.addInt32(("p" + std::to_string(i)).c_str(), "", i, nullptr, 0, 0);
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(manager.count(), 502u);
+    EXPECT_EQ(param("p7").getInt32(), 7);
+}
+
+} // namespace

@@ -1,0 +1,285 @@
+// Frames, devices, loading, and series with all their ends, on devices without hardware.
+#include "fakedevice.h"
+#include "refhost/error.h"
+#include "refhost/plugin.h"
+#include "refhost/series.h"
+
+#include <cstring>
+#include <dlfcn.h>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using refhost::SeriesEnd;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+TEST(Frame, KeepsPixelsAndMetadataAndNoticesMisuse)
+{
+    refhost::Host host("config", "logs");
+    dv::IFrameFactory& factory = *host.frameFactory();
+    dv::IMpxFrame* raw = factory.createFrame(512, 256, 5);
+    dv::RefDataBuff<unsigned> pixels;
+    raw->acquireData(&pixels, 0);
+    ASSERT_EQ(pixels.size(), 131072u);
+    pixels.data()[131071] = 0xFFFFFFFF;
+    const double times[] = {0.25, 0.5};
+    EXPECT_EQ(raw->addMetaData("times", "d", 9, times, sizeof times), 0);
+    EXPECT_EQ(raw->addMetaData("times", "d", 9, times, 9), -1);
+    EXPECT_EQ(raw->addMetaData(nullptr, "d", 9, times, 8), -1);
+    dv::RefDataBuff<unsigned short> narrow;
+    raw->acquireData(&narrow, 0);
+    EXPECT_EQ(factory.createFrame(1u << 31, 1u << 31, 5), nullptr);
+    EXPECT_EQ(host.complaints().size(), 4u);
+
+    refhost::FramePtr frame = refhost::adopt(raw);
+    EXPECT_EQ(frame->pixel(131071), 0xFFFFFFFFu);
+    EXPECT_EQ(frame->pixel(131072), 0u);
+    EXPECT_THAT(frame->findMetaData("times")->numbers(), ElementsAre(0.25, 0.5));
+    EXPECT_EQ(host.liveFrames(), 1u);
+    frame.reset();
+    EXPECT_EQ(host.liveFrames(), 0u);
+
+    host.clearComplaints();
+    EXPECT_EQ(raw->dataPointer(0), nullptr);
+    raw->destroy();
+    factory.createFrame(256, 256, 2);
+    host.complainOfLeftovers();
+    EXPECT_THAT(host.complaints(),
+                ElementsAre(HasSubstr("dataPointer after"), HasSubstr("twice"), HasSubstr("1 frame(s) never")));
+}
+
+TEST(Plugin, SaysWhatIsWrongWithAFile)
+{
+    refhost::Host host("config", "logs");
+    const auto failure = [&](const std::filesystem::path& path) -> std::string {
+        try {
+            refhost::Plugin plugin(host, path);
+        } catch (const refhost::Error& error) {
+            return error.what();
+        }
+        return {};
+    };
+    const auto text = std::filesystem::temp_directory_path() / "refhost_no_library.so";
+    std::ofstream(text) << "no library";
+    EXPECT_THAT(failure("nowhere/liblatixel.so"), HasSubstr("there is no library nowhere/liblatixel.so"));
+    EXPECT_THAT(failure(text), HasSubstr("cannot load"));
+    std::filesystem::remove(text);
+    Dl_info info{};
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&std::strlen), &info), 0);
+    EXPECT_THAT(failure(info.dli_fname), HasSubstr("no function dvGetHwLib"));
+}
+
+TEST(Plugin, ListsDevicesAndNoticesWhatIsLeftAfterClose)
+{
+    refhost::Host host("config", "logs");
+    FakeLibrary library;
+    library.destroysDevices = false;
+    FakeDevice* leaky = nullptr;
+    library.onOpen = [&](IDorvet* dorvet, FakeLibrary& lib) {
+        leaky = new FakeDevice(dorvet);
+        auto* strange = new FakeDevice(dorvet, "strange");
+        strange->kind = 9;
+        lib.devices = {leaky, nullptr, strange, leaky};
+    };
+    refhost::Plugin plugin(host, &library);
+    plugin.open();
+    ASSERT_EQ(plugin.devices().size(), 1u);
+    EXPECT_EQ(plugin.find("0"), plugin.find("Fake A sn: 1 WA"));
+    EXPECT_EQ(plugin.find("1"), nullptr);
+    EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("null device"), HasSubstr("type 9"), HasSubstr("twice")));
+
+    host.clearComplaints();
+    std::vector<dv::IHwDev*> made{library.devices[0], library.devices[2]};
+    leaky->lastData();
+    library.devices = {leaky};
+    plugin.close();
+    leaky->send(HWEVENT_BUSY_CHANGED, 1);
+    EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("1 frame(s)"), HasSubstr("1 parameter manager(s)"),
+                                               HasSubstr("event 7 of Fake A sn: 1 WA after it was closed")));
+    for (dv::IHwDev* device : made)
+        device->destroy();
+}
+
+class SeriesTest : public testing::Test {
+protected:
+    SeriesTest()
+    {
+        request.frames = 3;
+        request.seconds = 0.001;
+        request.silence = 300ms;
+        request.errorGrace = 50ms;
+        request.rest = 5ms;
+    }
+    ~SeriesTest() override { fake.closeDevice(); }
+
+    refhost::SeriesResult run()
+    {
+        return refhost::runSeries(device, request, [this](refhost::SeriesFrame taken) {
+            numbers.push_back(taken.frame->pixel(0));
+            indexes.push_back(taken.index);
+        });
+    }
+
+    refhost::Host host{"config", "logs"};
+    FakeDevice fake{&host};
+    refhost::Device device{host, &fake};
+    refhost::SeriesRequest request;
+    std::vector<std::uint64_t> numbers;
+    std::vector<long> indexes;
+};
+
+TEST_F(SeriesTest, DeliversEveryFrameAndReturnsAllOfThem)
+{
+    fake.script = [](FakeDevice& d) {
+        for (long i = 0; i < 3; ++i) {
+            d.send(HWEVENT_BUSY_CHANGED, 1);
+            d.send(HWEVENT_FRAME_READY, i);
+        }
+        d.send(HWEVENT_ACQ_FINISHED);
+    };
+    for (int round = 0; round < 2; ++round) {
+        const auto result = run();
+        EXPECT_EQ(result.end, SeriesEnd::Finished);
+        EXPECT_EQ(result.frames, 3u);
+        EXPECT_EQ(result.lost, 0u);
+    }
+    EXPECT_THAT(numbers, ElementsAre(1, 2, 3, 4, 5, 6));
+    EXPECT_EQ(host.liveFrames(), 0u);
+    EXPECT_THAT(host.complaints(), IsEmpty());
+}
+
+TEST_F(SeriesTest, CountsFramesThatNeverCameAndComplainsOfNonsense)
+{
+    fake.script = [](FakeDevice& d) {
+        d.send(HWEVENT_FRAME_READY, 1);
+        d.send(HWEVENT_FRAME_READY, 0);
+        d.send(HWEVENT_FRAME_READY, 7);
+        d.send(1234);
+        d.send(HWEVENT_ACQ_FINISHED);
+        d.send(HWEVENT_ACQ_FINISHED);
+    };
+    const auto result = run();
+    EXPECT_EQ(result.end, SeriesEnd::Finished);
+    EXPECT_EQ(result.lost, 2u) << "number 0 was skipped and number 2 never came";
+    EXPECT_THAT(indexes, ElementsAre(1));
+    EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("number 0"), HasSubstr("number 7"),
+                                               HasSubstr("unknown event 1234"), HasSubstr("twice")));
+
+    host.clearComplaints();
+    fake.frameChips = 2;
+    fake.script = [](FakeDevice& d) {
+        d.send(HWEVENT_FRAME_READY, 0);
+        d.noFrames = true;
+        d.send(HWEVENT_FRAME_READY, 1);
+        d.send(HWEVENT_FRAME_READY, 2);
+        d.send(HWEVENT_ACQ_FINISHED);
+    };
+    EXPECT_EQ(run().lost, 3u);
+    EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("131072 pixels")));
+}
+
+TEST_F(SeriesTest, EveryWayToFailEndsIt)
+{
+    struct Case {
+        const char* what;
+        std::vector<std::pair<unsigned, long>> events;
+        SeriesEnd end;
+        long code;
+    };
+    const Case cases[] = {
+        {"error, then the end", {{HWEVENT_ACQ_FAILED, -4}, {HWEVENT_ACQ_FINISHED, 0}}, SeriesEnd::Failed, -4},
+        {"error, then the end of a stop", {{HWEVENT_ACQ_FAILED, -4}, {HWEVENT_ACQ_ABORTED, 0}}, SeriesEnd::Failed, -4},
+        {"the start failed", {{HWEVENT_ACQ_FAILED, -1}}, SeriesEnd::Failed, -1},
+        {"silence", {{HWEVENT_BUSY_CHANGED, 1}}, SeriesEnd::Silent, 0},
+        {"no event at all", {}, SeriesEnd::Silent, 0},
+    };
+    for (const Case& one : cases) {
+        fake.script = [&](FakeDevice& d) {
+            d.log(1, "the board said no\n");
+            for (const auto& [event, data] : one.events)
+                d.send(event, data);
+        };
+        const auto result = run();
+        EXPECT_EQ(result.end, one.end) << one.what;
+        EXPECT_EQ(result.errorCode, one.code) << one.what;
+        EXPECT_THAT(result.error, HasSubstr(one.end == SeriesEnd::Failed ? "the board said no" : "no sign of life"));
+    }
+    fake.startResult = -1;
+    const auto refused = run();
+    EXPECT_EQ(refused.end, SeriesEnd::Refused);
+    EXPECT_EQ(refused.errorCode, -1);
+}
+
+TEST_F(SeriesTest, StopEndsASeriesThatWaitsForATriggerBeyondAllLimits)
+{
+    request.silence = 50ms;
+    device.setAcqMode(dv::ACQMODE_SOFT_TRIGGER);
+    fake.script = [](FakeDevice& d) {
+        d.send(HWEVENT_WAIT_TRIGGER);
+        d.send(HWEVENT_FRAME_READY, 0); // of the time before: its event was on its way on another thread
+        while (!d.stopped)
+            std::this_thread::sleep_for(1ms);
+        d.send(HWEVENT_ACQ_ABORTED);
+    };
+    refhost::Series series(device, request, {});
+    series.start();
+    EXPECT_FALSE(series.waitFor(120ms));
+    EXPECT_TRUE(series.progress().waitsForTrigger);
+    series.trigger();
+    EXPECT_FALSE(series.progress().waitsForTrigger);
+    EXPECT_EQ(fake.softTriggers, 1);
+    series.stop();
+    EXPECT_EQ(series.wait().end, SeriesEnd::Stopped);
+    series.stop();
+
+    { // a series that goes out of scope is stopped and waited for
+        refhost::Series abandoned(device, request, {});
+        abandoned.start();
+    }
+    EXPECT_TRUE(fake.stopped);
+}
+
+TEST_F(SeriesTest, ASlowSinkIsNoSilenceAndNoSeriesStartsInsideAnEvent)
+{
+    request.frames = 1;
+    request.silence = 20ms;
+    fake.script = [](FakeDevice& d) {
+        d.send(HWEVENT_FRAME_READY, 0);
+        d.send(HWEVENT_ACQ_FINISHED);
+    };
+    std::string refusal;
+    const auto result = refhost::runSeries(device, request, [&](refhost::SeriesFrame) {
+        std::this_thread::sleep_for(100ms);
+        try {
+            refhost::Series inner(device, request, {});
+            inner.start();
+        } catch (const refhost::Error& error) {
+            refusal = error.what();
+        }
+    });
+    EXPECT_EQ(result.end, SeriesEnd::Finished);
+    EXPECT_THAT(refusal, HasSubstr("within an event"));
+}
+
+TEST_F(SeriesTest, RefusalsCarryTheDevicesWords)
+{
+    const auto words = [](auto call) -> std::string {
+        try {
+            call();
+        } catch (const refhost::Error& error) {
+            return error.what();
+        }
+        return {};
+    };
+    EXPECT_EQ(words([&] { device.setBias(50); }), "");
+    EXPECT_THAT(words([&] { device.setBias(101); }), HasSubstr("cannot set the bias of Fake A sn: 1 WA: Too much"));
+    EXPECT_THAT(words([&] { device.setDacs({1, 2}); }), HasSubstr("take 27 DAC values, not 2"));
+    EXPECT_THAT(words([&] { device.setAcqMode(dv::ACQMODE_TDI); }), HasSubstr("does not offer TDI"));
+}
+
+} // namespace
