@@ -69,7 +69,7 @@ public:
     void configure(Mode mode, unsigned char depth)
     {
         device().setConfig({depth, 0, 0, 0, 1, static_cast<unsigned char>(mode == Mode::Continuous), 0, 0, 1, 0, 0});
-        device().setAcqMode(mode == Mode::Tdi ? dv::ACQMODE_TDI : 0);
+        device().setAcqMode(mode == Mode::Tdi ? unsigned{dv::ACQMODE_TDI} : 0U);
     }
 
 private:

@@ -7,9 +7,9 @@
 #include "chipdata/mpx3matrix.h"
 #include "chipdata/mpx3omr.h"
 #include "devices/ampx3dev.h"
+#include "devices/common/boardlink.h"
 #include "devices/common/rowtimes.h"
 #include "link/cmdmgrmpx3.h"
-#include "link/ftdidev.h"
 
 #include <array>
 #include <atomic>
@@ -121,7 +121,6 @@ private:
 
     // Bring-up steps (mpx3dev_bringup.cpp)
     int openLink();
-    void dropLink();
     void readFirmware();
     void readFlashParameters();
     void initCpu();
@@ -148,10 +147,10 @@ private:
     void reportCpuError() const;
 
     // Commands (mpx3dev_config.cpp)
-    int send(CmdId id, CmdArgs args = {}, unsigned char flags = cmdflag::NONE) const;
-    int sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const;
-    int receive(unsigned char* buffer, unsigned long* size, double timeout) const;
-    const char* linkError() const;
+    int sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
+    {
+        return link.sendPayload(mpx3::MpxCmd::Shift, data, size, flags);
+    }
     int switchChannel(int channel, bool dataEnable, bool physical, bool log);
     int channelMask(int channel, bool physical) const;
     int sendOMR();
@@ -205,8 +204,7 @@ private:
     unsigned long readBytes = 0;                ///< bytes in streamBuffer; goes with it
     Event matrixReadEvent{false, false, "matrixRead"}; ///< the reader has taken streamBuffer away
 
-    std::unique_ptr<FtdiDev> ftdi;
-    std::unique_ptr<CmdMgrMpx3> cmdMgr;
+    BoardLink<CmdMgrMpx3> link{report};
     std::unique_ptr<IBFlashFpxMpx3<CmdMgrMpx3>> ibFlash;
     std::unique_ptr<IBCpuMgrMpx3> ibCpu; ///< null when the board has no usable CPU
     IBBiasParams biasParams;

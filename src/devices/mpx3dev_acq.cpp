@@ -105,7 +105,7 @@ int Mpx3Dev::stopAcquisition()
     storeFlag(stopRequested, true);
     ThreadLock devLock(&devSync);
     if (loadFlag(acquiring))
-        send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
+        link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
     // Waits for the frame in progress. A TDI series whose frame the host has not taken yet holds this lock until
     // `lastData` has taken it, and the caller waits as long.
     ThreadLock dataLock(&dataSync);
@@ -138,7 +138,7 @@ unsigned char Mpx3Dev::startFlags(bool continuous) const
 
 int Mpx3Dev::sendStart(unsigned char flags, std::uint32_t frameWord) const
 {
-    return send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
+    return link.send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
 }
 
 void Mpx3Dev::acqFuncNormal()
@@ -153,7 +153,7 @@ void Mpx3Dev::acqFuncCRW()
 {
     switchChannel(ALL_CHANNELS, false, false, true);
     storeFlag(acquiring, true);
-    send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(1));
+    link.send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(1));
     const OMR saved = omrValue;
     omrValue.CRW_SRW = 1;
     omrValue.setMode(MPX3_MODE_READ);
@@ -171,7 +171,7 @@ void Mpx3Dev::acqFuncCRW()
     drainLink();
     omrValue = saved;
     sendOMR();
-    send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(0));
+    link.send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(0));
 }
 
 /// Makes ready for handing frames to the host, through the dispatcher's worker if asked. The first frame waits for no
@@ -215,7 +215,7 @@ int Mpx3Dev::takeFrame(bool startCommand)
     if (burstMode)
         waitForReader();
     if (const int result = readMatrixStream(ALL_CHANNELS, false); result != 0)
-        return logError(result, "Cannot read matrix %s", linkError());
+        return logError(result, "Cannot read matrix %s", link.lastError());
     return 0;
 }
 
@@ -227,13 +227,13 @@ int Mpx3Dev::waitForFrameEnd()
     const double timeout = triggered ? WAIT_UNLIMITED : acqTime + PACKET_GRACE;
     const bool sleeps = triggered || acqTime > SLEEPING_WAIT_ABOVE;
     std::array<char, END_OF_FRAME_SIZE + 1> packet{};
-    int result = cmdMgr->waitForPacket(timeout, &stopRequested, packet.data(), END_OF_FRAME_SIZE, true, sleeps);
+    int result = link->waitForPacket(timeout, &stopRequested, packet.data(), END_OF_FRAME_SIZE, true, sleeps);
     if (result != 0 && !loadFlag(stopRequested)) {
-        logError(dv::RESULT_ACQ_TIMEOUT, "Acquisition timeout (%s)", linkError());
+        logError(dv::RESULT_ACQ_TIMEOUT, "Acquisition timeout (%s)", link.lastError());
         return result;
     }
     if (result == dv::RESULT_STOPPED)
-        result = cmdMgr->waitForPacket(CUT_FRAME_TIMEOUT, nullptr, packet.data(), END_OF_FRAME_SIZE, false, false);
+        result = link->waitForPacket(CUT_FRAME_TIMEOUT, nullptr, packet.data(), END_OF_FRAME_SIZE, false, false);
     if (result == 0)
         lastAcqTimeValue = mpx3::shutterTimeOf(reinterpret_cast<const unsigned char*>(packet.data()));
     return 0;
@@ -321,7 +321,7 @@ void Mpx3Dev::readTDIMatrixFromDevice()
         return;
     }
     readBytes = record;
-    if (receive(streamBuffer.get(offset), &readBytes, TDI_RECORD_TIMEOUT) != 0) {
+    if (link.receive(streamBuffer.get(offset), &readBytes, TDI_RECORD_TIMEOUT) != 0) {
         readBytes = 0;
         // A link that fails does so at once; it is asked again no oftener than one that is silent.
         sleepThread(TDI_RECORD_TIMEOUT);
@@ -336,7 +336,7 @@ void Mpx3Dev::drainLink()
     unsigned long received = DRAIN_CHUNK;
     while (received > 0 && getPreciseTime() - start < DRAIN_LIMIT) {
         received = DRAIN_CHUNK;
-        if (receive(scratch.data(), &received, DRAIN_TIMEOUT) != 0)
+        if (link.receive(scratch.data(), &received, DRAIN_TIMEOUT) != 0)
             return;
     }
 }

@@ -61,8 +61,6 @@ Mpx3Dev::~Mpx3Dev()
 {
     waitForSeriesEnd();
     dispatcher.stopThreadAndWait();
-    if (ftdi != nullptr)
-        ftdi->closeDevice();
 }
 
 std::string Mpx3Dev::serialNum() const
@@ -72,7 +70,7 @@ std::string Mpx3Dev::serialNum() const
 
 int Mpx3Dev::initDevice()
 {
-    if (ftdi != nullptr)
+    if (link.exists())
         closeDevice();
     AMpx3Dev::initDevice();
     if (const int result = openLink(); result != 0)
@@ -105,40 +103,29 @@ int Mpx3Dev::initDevice()
 
 int Mpx3Dev::openLink()
 {
-    ftdi = std::make_unique<FtdiDev>(deviceNameText, false);
-    cmdMgr = std::make_unique<CmdMgrMpx3>(ftdi.get(), devLog.get());
-    const int result = ftdi->openDevice(true, 0);
-    const std::string openError = ftdi->getLastError();
-    ftdi->clearBuffers();
-    ftdi->setBitMode(FtdiBitModeFifo);
+    std::string openError;
+    const int result = link.open(deviceNameText, devLog.get(), &openError);
+    link.usb()->clearBuffers();
+    link.usb()->setBitMode(FtdiBitModeFifo);
     if (result == 0)
         return 0;
     report.line(ERR, "Cannot open device %s, error=%d (%s)", deviceNameText.c_str(), result, openError.c_str());
-    dropLink();
-    return result;
-}
-
-void Mpx3Dev::dropLink()
-{
-    cmdMgr.reset();
+    link.drop();
     report.attachLog(nullptr);
     devLog.reset();
-    ftdi.reset();
+    return result;
 }
 
 int Mpx3Dev::closeDevice()
 {
     waitForSeriesEnd();
-    if (ftdi != nullptr) {
+    if (link.exists())
         setPower(false);
-        ftdi->closeDevice();
-    }
     storeFlag(connected, false);
-    // Flash and CPU refer to the command manager, and it to the link.
+    // Flash and CPU refer to the command manager.
     ibFlash.reset();
     ibCpu.reset();
-    cmdMgr.reset();
-    ftdi.reset();
+    link.drop();
     return AMpx3Dev::closeDevice();
 }
 
@@ -157,17 +144,17 @@ void Mpx3Dev::waitForSeriesEnd()
 int Mpx3Dev::resetDevice()
 {
     logFunction("Reset Device");
-    if (ftdi == nullptr)
+    if (!link.exists())
         return 0;
-    ftdi->setBitMode(FtdiBitModeBitBang);
-    ftdi->setBitMode(FtdiBitModeFifo);
-    ftdi->clearBuffers();
+    link.usb()->setBitMode(FtdiBitModeBitBang);
+    link.usb()->setBitMode(FtdiBitModeFifo);
+    link.usb()->clearBuffers();
     return 0;
 }
 
 int Mpx3Dev::setPins(unsigned char word) const
 {
-    return send(mpx3::MpxCmd::Pins, CmdArgs::low(word));
+    return link.send(mpx3::MpxCmd::Pins, CmdArgs::low(word));
 }
 
 int Mpx3Dev::resetMedipix()
@@ -208,7 +195,7 @@ void Mpx3Dev::readFirmware()
 {
     logFunction("Read Firmware");
     unsigned char text[FIRMWARE_TEXT_SIZE + 1] = {};
-    cmdMgr->sendRecv(InfoCmd::Info, {}, text, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT, FIRMWARE_TIMEOUT);
+    link->sendRecv(InfoCmd::Info, {}, text, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT, FIRMWARE_TIMEOUT);
     firmwareText = reinterpret_cast<const char*>(text);
     logError(2, "Firmware is: %s", firmwareText.c_str());
 }
@@ -216,7 +203,7 @@ void Mpx3Dev::readFirmware()
 void Mpx3Dev::readFlashParameters()
 {
     logFunction("Read Parameters in Flash");
-    ibFlash = std::make_unique<IBFlashFpxMpx3<CmdMgrMpx3>>(cmdMgr.get());
+    ibFlash = std::make_unique<IBFlashFpxMpx3<CmdMgrMpx3>>(link.manager());
     ibFlash->loadParameters(inDeviceParams, false);
     const auto params = inDeviceParams->params();
     for (auto* param : params) {
@@ -236,7 +223,7 @@ void Mpx3Dev::initCpu()
 {
     logFunction("Initialize CPU");
     ThreadLock lock(&cpuSync);
-    ibCpu = std::make_unique<IBCpuMgrMpx3>(cmdMgr.get());
+    ibCpu = std::make_unique<IBCpuMgrMpx3>(link.manager());
     if (!ibCpu->isSupported()) {
         logDbg("CPU is not present on IB or invalid version of CPU !");
         ibCpu.reset();
@@ -252,7 +239,7 @@ void Mpx3Dev::initCpu()
 int Mpx3Dev::detectChipCount()
 {
     logFunction("Chip Count");
-    if (const int result = handBackOutput(*cmdMgr); result != 0)
+    if (const int result = handBackOutput(*link); result != 0)
         return result;
     int channels = 0;
     int chips = 0;
@@ -270,7 +257,7 @@ int Mpx3Dev::detectChipCount()
     } else {
         logMsg("Two chips per channel.");
         twoChips = true;
-        if (const int result = send(mpx3::MpxCmd::TwoChipsChannel, CmdArgs::low(1)); result != 0)
+        if (const int result = link.send(mpx3::MpxCmd::TwoChipsChannel, CmdArgs::low(1)); result != 0)
             return result;
     }
     switchChannel(ALL_CHANNELS, false, true, false);
@@ -302,7 +289,7 @@ int Mpx3Dev::exchangeFuses(int channel, std::size_t size, unsigned char* answer)
             return result;
         std::fill_n(answer, size, static_cast<unsigned char>(0));
         unsigned long received = size;
-        if (const int result = receive(answer, &received, FUSE_TIMEOUT); result != 0)
+        if (const int result = link.receive(answer, &received, FUSE_TIMEOUT); result != 0)
             return result;
     }
     return 0;
@@ -311,7 +298,7 @@ int Mpx3Dev::exchangeFuses(int channel, std::size_t size, unsigned char* answer)
 int Mpx3Dev::readChipIDs()
 {
     logFunction("Read Chip IDs");
-    if (const int result = handBackOutput(*cmdMgr); result != 0)
+    if (const int result = handBackOutput(*link); result != 0)
         return result;
     chipCountValue = 0;
     chipIds.clear();

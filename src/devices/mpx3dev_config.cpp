@@ -14,8 +14,6 @@ namespace {
 constexpr unsigned char BOTH_COUNTERS = 2;
 constexpr unsigned char DEPTH_24_BITS = 3;
 
-constexpr const char* NOT_CONNECTED = "Device not connected";
-
 /// How much of the columns a value of `_Mpx3Config::columnBlock` reads, by the first value of each row.
 struct ColumnBlockRow {
     unsigned char first;
@@ -52,27 +50,7 @@ int Mpx3Dev::requireChips() const
 
 int Mpx3Dev::requireLink() const
 {
-    return loadFlag(connected) ? 0 : logError(1, NOT_CONNECTED);
-}
-
-int Mpx3Dev::send(CmdId id, CmdArgs args, unsigned char flags) const
-{
-    return cmdMgr != nullptr ? cmdMgr->send(id, args, flags) : logError(1, NOT_CONNECTED);
-}
-
-int Mpx3Dev::sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
-{
-    return cmdMgr != nullptr ? cmdMgr->send(mpx3::MpxCmd::Shift, data, size, flags) : logError(1, NOT_CONNECTED);
-}
-
-int Mpx3Dev::receive(unsigned char* buffer, unsigned long* size, double timeout) const
-{
-    return cmdMgr != nullptr ? cmdMgr->receiveRaw(buffer, size, timeout) : logError(1, NOT_CONNECTED);
-}
-
-const char* Mpx3Dev::linkError() const
-{
-    return cmdMgr != nullptr ? cmdMgr->getLastError() : NOT_CONNECTED;
+    return loadFlag(connected) ? 0 : logError(1, "%s", NOT_CONNECTED);
 }
 
 int Mpx3Dev::channelMask(int channel, bool physical) const
@@ -94,7 +72,7 @@ int Mpx3Dev::switchChannel(int channel, bool dataEnable, bool physical, bool log
         report.plain(DBG, str::format("\nSwitch Channel %d (DEN=%d)\n", channel, dataEnable ? 1 : 0).c_str());
     const auto selected = static_cast<unsigned char>(channelMask(channel, physical));
     const unsigned char enabled = dataEnable ? selected : 0;
-    return send(mpx3::MpxCmd::Channels, {0, 0, enabled, selected});
+    return link.send(mpx3::MpxCmd::Channels, {0, 0, enabled, selected});
 }
 
 int Mpx3Dev::sendOMR()
@@ -103,7 +81,7 @@ int Mpx3Dev::sendOMR()
     const auto block = mpx3OmrBlock(omrValue);
     const std::size_t size = MPX3_OMR_CHIP_SIZE * (twoChips ? 2 : 1);
     if (sendShift(block.data(), size, cmdflag::PAYLOAD | cmdflag::ACT) != 0)
-        return logError(1, "Cannot send OMR (%s)", linkError());
+        return logError(1, "Cannot send OMR (%s)", link.lastError());
     return 0;
 }
 
@@ -119,10 +97,10 @@ int Mpx3Dev::setReadoutOMRs()
     const auto asArgs = [](const std::array<unsigned char, 4>& b) { return CmdArgs{b[0], b[1], b[2], b[3]}; };
     const auto image = mpx3ReadoutImage(omrValue, MPX3_MODE_READ);
     const auto second = mpx3ReadoutImage(omrValue, MPX3_MODE_READ_SECOND);
-    send(mpx3::MpxCmd::Omr0Low, asArgs(image.first));
-    send(mpx3::MpxCmd::Omr0High, asArgs(image.second));
-    send(mpx3::MpxCmd::Omr4Low, asArgs(second.first));
-    return send(mpx3::MpxCmd::Omr4High, asArgs(second.second));
+    link.send(mpx3::MpxCmd::Omr0Low, asArgs(image.first));
+    link.send(mpx3::MpxCmd::Omr0High, asArgs(image.second));
+    link.send(mpx3::MpxCmd::Omr4Low, asArgs(second.first));
+    return link.send(mpx3::MpxCmd::Omr4High, asArgs(second.second));
 }
 
 int Mpx3Dev::setConfig(dv::_Mpx3Config newConfig)
@@ -169,7 +147,7 @@ int Mpx3Dev::setDacs(const unsigned short* dacValues, std::size_t count, int chi
         if (count < offset + values)
             return logError(1, "Cannot set DACs (chan=%d, chip=%d): %s", channel, first, "too few values");
         if (const int result = setDacsSingleChannel(dacValues + offset, values, channel); result != 0)
-            return logError(result, "Cannot set DACs (chan=%d, chip=%d): %s", channel, first, linkError());
+            return logError(result, "Cannot set DACs (chan=%d, chip=%d): %s", channel, first, link.lastError());
     }
     // The series that runs needs its data path back.
     if (loadFlag(acquiring))
@@ -214,8 +192,8 @@ int Mpx3Dev::setTimer(double seconds)
     logFunction("Set Timer");
     unsigned char b[6];
     doubleToInt48(seconds * mpx3::SHUTTER_COUNTS_PER_SECOND, b);
-    send(AcqCmd::CountLow, {b[3], b[2], b[1], b[0]});
-    send(AcqCmd::CountHigh, {0, 0, b[5], b[4]});
+    link.send(AcqCmd::CountLow, {b[3], b[2], b[1], b[0]});
+    link.send(AcqCmd::CountHigh, {0, 0, b[5], b[4]});
     return 0;
 }
 
@@ -231,7 +209,7 @@ int Mpx3Dev::setTriggerSettings()
         word |= devParams->get("TriggerOutLevel")->getByte() != 0 ? bits::OUT_LEVEL : 0U;
         word |= devParams->get("TriggerTdiSeries")->getBool() ? bits::TDI_SERIES : 0U;
     }
-    return send(AcqCmd::TriggerSettings, CmdArgs::low(static_cast<unsigned char>(word)));
+    return link.send(AcqCmd::TriggerSettings, CmdArgs::low(static_cast<unsigned char>(word)));
 }
 
 int Mpx3Dev::setExtDac(unsigned, int, double)

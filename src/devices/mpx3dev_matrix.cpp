@@ -98,7 +98,7 @@ int Mpx3Dev::writeMatrixSingleCounter(const unsigned* data, unsigned long size, 
     for (const Mpx3Half half : {Mpx3Half::Lower, Mpx3Half::Upper}) {
         const std::size_t bytes = fillMpx3WritePayload(data, size, twoChips, lowCounter, half, payload.data());
         if (const int result = sendShift(payload.data(), bytes, cmdflag::PAYLOAD | cmdflag::ACT); result != 0)
-            return logError(result, "Cannot write matrix: %s", linkError());
+            return logError(result, "Cannot write matrix: %s", link.lastError());
     }
     return setPins(mpx3::pinword::MATRIX_WRITTEN);
 }
@@ -106,7 +106,7 @@ int Mpx3Dev::writeMatrixSingleCounter(const unsigned* data, unsigned long size, 
 int Mpx3Dev::eraseMatrix()
 {
     logFunction("Erase Matrix");
-    if (cmdMgr == nullptr)
+    if (!link.exists())
         return requireLink();
     const OMR saved = omrValue;
     selectWholeMatrix(omrValue, ERASE_ROW_BLOCK);
@@ -115,9 +115,9 @@ int Mpx3Dev::eraseMatrix()
     // With data disabled the chips shift out and clear their counters, and only the packets come.
     switchChannel(ALL_CHANNELS, false, false, true);
     unsigned char packets[ERASE_PACKETS + 1];
-    const int result = cmdMgr->sendRecv(mpx3::MpxCmd::Start,
-                                        CmdArgs::byteAnd24(SELECT_BOTH, static_cast<std::uint32_t>(getReadBitsSize())),
-                                        packets, ERASE_PACKETS, cmdflag::OUTPUT, READ_TIMEOUT);
+    const int result = link->sendRecv(mpx3::MpxCmd::Start,
+                                      CmdArgs::byteAnd24(SELECT_BOTH, static_cast<std::uint32_t>(getReadBitsSize())),
+                                      packets, ERASE_PACKETS, cmdflag::OUTPUT, READ_TIMEOUT);
     omrValue = saved;
     return result;
 }
@@ -128,10 +128,9 @@ int Mpx3Dev::fastClearMatrix()
     const unsigned char zeros[mpx3::FAST_CLEAR_SIZE] = {};
     int sum = setPins(mpx3::pinword::FAST_CLEAR_LOW);
     switchChannel(ALL_CHANNELS, false, true, false);
-    sum += cmdMgr != nullptr ? cmdMgr->send(mpx3::MpxCmd::Data, zeros, sizeof(zeros), cmdflag::PAYLOAD | cmdflag::ACT)
-                             : requireLink();
+    sum += link.sendPayload(mpx3::MpxCmd::Data, zeros, sizeof(zeros), cmdflag::PAYLOAD | cmdflag::ACT);
     sum += setPins(mpx3::pinword::FAST_CLEAR_HIGH);
-    return sum != 0 ? logError(sum, "Cannot fast clear matrix: %s", linkError()) : 0;
+    return sum != 0 ? logError(sum, "Cannot fast clear matrix: %s", link.lastError()) : 0;
 }
 
 int Mpx3Dev::readMatrix(unsigned* data, std::size_t size, bool convert)
@@ -186,17 +185,17 @@ CmdArgs Mpx3Dev::streamParams() const
 
 int Mpx3Dev::setMatrixStreamParams()
 {
-    return send(mpx3::MpxCmd::StreamParams, streamParams());
+    return link.send(mpx3::MpxCmd::StreamParams, streamParams());
 }
 
 int Mpx3Dev::readMatrixStream(int channel, bool sendCommand)
 {
     if (sendCommand)
-        send(mpx3::MpxCmd::Start, streamParams(), cmdflag::OUTPUT);
+        link.send(mpx3::MpxCmd::Start, streamParams(), cmdflag::OUTPUT);
     const int channels = channel == ALL_CHANNELS ? channelCount : 1;
     readBytes = std::min<unsigned long>(
         mpx3ReadSize(omrValue, twoChips, channels, config.counterSelect == BOTH_COUNTERS), streamBuffer.size());
-    return receive(streamBuffer.data(), &readBytes, READ_TIMEOUT);
+    return link.receive(streamBuffer.data(), &readBytes, READ_TIMEOUT);
 }
 
 void Mpx3Dev::convertMatrixStream(const Buffer<unsigned char>& stream, unsigned long received,

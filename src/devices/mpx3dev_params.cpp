@@ -113,7 +113,7 @@ void Mpx3Dev::onWriteParam(dv::IParam* param)
     if (name == "DebugLog")
         setDebugLog(param->getBool() || loadFlag(debugLog));
     else if (name == "BiasDischarge")
-        send(SpiCmd::BiasDischarge, CmdArgs::low(static_cast<unsigned char>(param->getByte() << 2)));
+        link.send(SpiCmd::BiasDischarge, CmdArgs::low(static_cast<unsigned char>(param->getByte() << 2)));
 }
 
 void Mpx3Dev::onReadParamCpu()

@@ -64,13 +64,13 @@ int Mpx3Dev::getADC(unsigned char channel, unsigned short* value, bool flag) con
     ThreadLock lock(&devSync);
     if (skipPeriodicLog)
         report.setLevel(MSG);
-    int result = spiSet(*cmdMgr, spislave::ADC);
+    int result = spiSet(*link, spislave::ADC);
     const bool selected = result == 0;
     if (selected)
-        result = ibspi::readAdc(*cmdMgr, channel, flag, ibspi::AdcClose::HandBackBeforeRead, value);
+        result = ibspi::readAdc(*link, channel, flag, ibspi::AdcClose::HandBackBeforeRead, value);
     report.setLevel(usualLogLevel());
     if (!selected)
-        return logError(result, "Failed sending command (%s)", linkError());
+        return logError(result, "Failed sending command (%s)", link.lastError());
     return result;
 }
 
@@ -104,9 +104,9 @@ int Mpx3Dev::setBias(double volts)
     if (devMpxInfo_.biasMin == 0.0 && devMpxInfo_.biasMax == 0.0)
         return -1;
     const unsigned char code = biasParams.getBiasCode(volts, false);
-    const int result = ibspi::writeBiasDac(*cmdMgr, code, ibspi::BiasHandBack::Last);
+    const int result = ibspi::writeBiasDac(*link, code, ibspi::BiasHandBack::Last);
     if (result != 0)
-        return logError(result, "Failed sending command (%s)", linkError());
+        return logError(result, "Failed sending command (%s)", link.lastError());
     return 0;
 }
 

@@ -103,7 +103,7 @@ int ACmdMgr::send(unsigned char peripheral, unsigned char command, const unsigne
     if (!tookAll(sent, size))
         return logError(sent, ERR, "Sending of command data failed. Error: %d (%s).", sent, ftdi->getLastError());
     logFrame(frame, str::format("%u", length));
-    if (log != nullptr && size != 0 && logSwitches.sentData)
+    if (log != nullptr && size != 0 && loadFlag(logSwitches.sentData))
         log->logBuffer(DBG, data, size, "Sent data:", false);
     return 0;
 }
@@ -171,7 +171,7 @@ void ACmdMgr::logCommand(const std::string& text)
 
 void ACmdMgr::logFrame(const CmdFrame& frame, const std::string& lastField)
 {
-    if (log == nullptr || !logSwitches.commands)
+    if (log == nullptr || !loadFlag(logSwitches.commands))
         return;
     const CmdArgs& args = frame.args;
     log->log(0, DBG, "CMD [%02X|%02X|%02X|%02X_%02X_%02x_%02X]    (%s|%s|%s|%s)", frame.flags, frame.perif,
@@ -181,7 +181,7 @@ void ACmdMgr::logFrame(const CmdFrame& frame, const std::string& lastField)
 
 void ACmdMgr::dumpReceived(const void* data, unsigned long size, const char* title, bool ascii)
 {
-    if (log != nullptr && logSwitches.receivedData)
+    if (log != nullptr && loadFlag(logSwitches.receivedData))
         log->logBuffer(DBG, data, size, title, ascii);
 }
 

@@ -163,6 +163,16 @@ struct ProtocolNames {
     std::string argsText(const CmdFrame& frame) const;
 };
 
+/// A table of `Count` command names from number 0 on, filled up with empty ones, which the log prints as nothing.
+template <std::size_t Count, typename... Name>
+constexpr std::array<const char*, Count> commandNames(Name... name)
+{
+    std::array<const char*, Count> table{name...};
+    for (std::size_t i = sizeof...(name); i < Count; ++i)
+        table[i] = "";
+    return table;
+}
+
 /// Core of a command manager: frames commands, writes them to the link and keeps the last failure. It holds no
 /// protocol state: whoever takes the firmware's output for a peripheral hands it back to the chips.
 ///
@@ -210,7 +220,7 @@ public:
     const char* getLastError() const { return lastError.get(); }
 
 protected:
-    /// What a manager writes to the debug log.
+    /// What a manager writes to the debug log; polled by every thread that sends or receives.
     struct LogSwitches {
         bool commands = true;     ///< The "CMD" lines.
         bool sentData = true;     ///< Dumps of payloads.

@@ -5,6 +5,7 @@
 #include "link/spiexchange.h"
 
 #include <algorithm>
+#include <array>
 
 namespace HwLatixel {
 
@@ -23,23 +24,13 @@ constexpr double NO_TIMEOUT = -1.0;
 const char* const PACKETS_TITLE = "Received Tpx3 packets:";
 
 constexpr std::size_t COMMAND_COUNT = 12;
-using CommandNames = std::array<const char*, COMMAND_COUNT>;
-
-/// Fills a table up with empty names, which the log prints as nothing.
-template <typename... Name>
-constexpr CommandNames commandNames(Name... name)
-{
-    CommandNames table{name...};
-    std::fill(table.begin() + sizeof...(name), table.end(), "");
-    return table;
-}
 
 constexpr std::array<const char*, 8> PERIF_NAMES = {"???", "MPX", "INF", "", "SPI", "ACQ", "", "???"};
-constexpr CommandNames MPX_NAMES = commandNames("DATA", "PINS", "START", "CHAN");
-constexpr CommandNames INF_NAMES = commandNames("???", "INFO");
-constexpr CommandNames UNUSED_NAMES = commandNames("???");
-constexpr CommandNames SPI_NAMES = commandNames("DATA", "SET", "CS", "SEND");
-constexpr CommandNames ACQ_NAMES = commandNames("???", "START", "STOP", "CNTLOW", "CNTHIGH", "TRGSTG");
+constexpr auto MPX_NAMES = commandNames<COMMAND_COUNT>("DATA", "PINS", "START", "CHAN");
+constexpr auto INF_NAMES = commandNames<COMMAND_COUNT>("???", "INFO");
+constexpr auto UNUSED_NAMES = commandNames<COMMAND_COUNT>("???");
+constexpr auto SPI_NAMES = commandNames<COMMAND_COUNT>("DATA", "SET", "CS", "SEND");
+constexpr auto ACQ_NAMES = commandNames<COMMAND_COUNT>("???", "START", "STOP", "CNTLOW", "CNTHIGH", "TRGSTG");
 constexpr std::array<std::span<const char* const>, PERIF_NAMES.size()> COMMAND_NAMES = {
     {{}, MPX_NAMES, INF_NAMES, UNUSED_NAMES, SPI_NAMES, ACQ_NAMES, {}, {}}};
 constexpr std::array<const char*, 13> PIN_NAMES = {"PWR", "RST", "FCLR", "", "", "", "", "", "OUTEN", "", "", "", ""};

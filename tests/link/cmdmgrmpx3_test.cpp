@@ -1,45 +1,16 @@
 // The Medipix3 protocol by the bytes on the wire, by what it makes of answers, and by its lines in the log.
 #include "link/cmdmgrmpx3.h"
 
-#include "link/ftdidev.h"
-#include "shared/str.h"
-#include "support/scriptedftdi.h"
+#include "link/managertest.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 using namespace HwLatixel;
 using testing::HasSubstr;
-using Bytes = std::vector<unsigned char>;
 
 namespace {
 
-struct CmdMgrMpx3Test : testing::Test {
-    CmdMgrMpx3Test() { log.setLogLevel(DBG); }
-    ~CmdMgrMpx3Test() override { std::filesystem::remove(path); }
-
-    /// What was written since the last call.
-    std::string wire() { return hex(std::exchange(ftdi.written, "")); }
-    std::string logText() const
-    {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-    ScriptedFtdi& ftdi = ScriptedFtdi::restart();
-    std::string path = std::filesystem::temp_directory_path() / str::format("cmdmgrmpx3_%d.log", getpid());
-    FileLog log{path, true, false, false, true};
-    FtdiDev dev{"Board", false};
-    CmdMgrMpx3 mgr{&dev, &log};
-    CmdMgrMpx3 silent{&dev, nullptr};
-    Bytes data = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-    Bytes buffer = Bytes(16, 0xEE);
-};
+using CmdMgrMpx3Test = ManagerTest<CmdMgrMpx3>;
 
 TEST_F(CmdMgrMpx3Test, FramesOnTheWire)
 {

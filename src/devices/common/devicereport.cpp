@@ -14,7 +14,9 @@ unsigned hostLevel(int code)
     return code == 2 || code == 3 ? static_cast<unsigned>(code) : 0;
 }
 
-const std::string RULE(117, '-');
+constexpr const char* RULE = "-----------------------------------------------------------------------------------------"
+                             "----------------------------\n";
+static_assert(std::char_traits<char>::length(RULE) == 118, "117 dashes and a line end");
 
 } // namespace
 
@@ -76,8 +78,7 @@ void DeviceReport::plain(LogLevel level, const char* text)
 
 void DeviceReport::section(const char* title, bool ruled)
 {
-    const std::string text = "\n" + std::string(title) + "\n";
-    plain(DBG, (ruled ? text + RULE + "\n" : text).c_str());
+    plain(DBG, str::format("\n%s\n%s", title, ruled ? RULE : "").c_str());
 }
 
 void DeviceReport::setLevel(LogLevel level)

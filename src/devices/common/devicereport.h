@@ -43,10 +43,10 @@ public:
 
 private:
     mutable ThreadSyncObject sync;
-    FileLog* log_ = nullptr;                     ///< guarded by sync
+    FileLog* log_ = nullptr; ///< guarded by sync
     LastError lastError_;
-    dv::LogMsgFunc logMsgFunc = nullptr;         ///< guarded by sync
-    void* logMsgUser = nullptr;                  ///< guarded by sync
+    dv::LogMsgFunc logMsgFunc = nullptr; ///< guarded by sync
+    void* logMsgUser = nullptr;          ///< guarded by sync
 };
 
 } // namespace HwLatixel

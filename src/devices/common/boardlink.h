@@ -1,0 +1,73 @@
+// A device's way to its board: the USB link and the command manager on it, with an answer where there is none.
+#pragma once
+
+#include "devices/common/devicereport.h"
+#include "link/cmdframe.h"
+#include "link/ftdidev.h"
+
+#include <memory>
+#include <string>
+
+namespace HwLatixel {
+
+inline constexpr const char* NOT_CONNECTED = "Device not connected";
+
+/// Owns link and manager of one device between bring-up and closing. Before and after, every command is refused with
+/// an error text, so that a host that calls a closed device gets a code and nothing worse. Made, opened and closed by
+/// the host's thread while no other call runs; in between safe from any thread as far as the manager is.
+template <typename Manager>
+class BoardLink {
+public:
+    explicit BoardLink(DeviceReport& deviceReport) : report(deviceReport) {}
+
+    /// Makes link and manager and opens the board of that name. Returns the link's result; `error` takes its words.
+    int open(const std::string& name, FileLog* log, std::string* error)
+    {
+        mgr.reset();
+        ftdi = std::make_unique<FtdiDev>(name, false);
+        mgr = std::make_unique<Manager>(ftdi.get(), log);
+        const int result = ftdi->openDevice(true, 0);
+        *error = ftdi->getLastError();
+        return result;
+    }
+    /// Gives both up, the manager first. A link that is still open is closed.
+    void drop()
+    {
+        mgr.reset();
+        if (ftdi != nullptr)
+            ftdi->closeDevice();
+        ftdi.reset();
+    }
+
+    bool exists() const { return mgr != nullptr; }
+    FtdiDev* usb() const { return ftdi.get(); }
+    /// The manager; null without a link.
+    Manager* manager() const { return mgr.get(); }
+    Manager& operator*() const { return *mgr; }
+    Manager* operator->() const { return mgr.get(); }
+
+    int send(CmdId id, CmdArgs args = {}, unsigned char flags = cmdflag::NONE) const
+    {
+        return mgr != nullptr ? mgr->send(id, args, flags) : refuse();
+    }
+    int sendPayload(CmdId id, const unsigned char* data, unsigned long size, unsigned char flags) const
+    {
+        return mgr != nullptr ? mgr->send(id, data, size, flags) : refuse();
+    }
+    /// As the manager's `receiveRaw`.
+    int receive(unsigned char* buffer, unsigned long* size, double timeout) const
+    {
+        return mgr != nullptr ? mgr->receiveRaw(buffer, size, timeout) : refuse();
+    }
+    /// The manager's words for its last failure.
+    const char* lastError() const { return mgr != nullptr ? mgr->getLastError() : NOT_CONNECTED; }
+
+private:
+    int refuse() const { return report.error(1, "%s", NOT_CONNECTED); }
+
+    DeviceReport& report;
+    std::unique_ptr<FtdiDev> ftdi;
+    std::unique_ptr<Manager> mgr;
+};
+
+} // namespace HwLatixel
