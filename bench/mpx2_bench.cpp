@@ -1,11 +1,10 @@
 // Throughput of the Medipix2 and Timepix streams: decoding and encoding matrices, taking interleaved modules apart,
 // converting counts. Each stands beside a copy of the same number of bytes, which no decoder can beat.
+#include "bench/streambench.h"
 #include "chipdata/mpx2counters.h"
 #include "chipdata/mpx2dacs.h"
 #include "chipdata/mpx2matrix.h"
 #include "chipdata/mpx2pixelcfg.h"
-
-#include <benchmark/benchmark.h>
 
 #include <array>
 #include <cstdint>
@@ -16,36 +15,7 @@
 
 namespace {
 
-template <class T>
-std::vector<T> randomValues(std::size_t size, unsigned limit)
-{
-    std::mt19937 random(1);
-    std::vector<T> values(size);
-    for (T& value : values)
-        value = static_cast<T>(random() % limit);
-    return values;
-}
-
-std::vector<unsigned char> randomBytes(std::size_t size)
-{
-    return randomValues<unsigned char>(size, 256);
-}
-
-void setBytes(benchmark::State& state, std::size_t bytesPerRun)
-{
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(bytesPerRun));
-}
-
-void copyBytes(benchmark::State& state, std::size_t size)
-{
-    const std::vector<unsigned char> from = randomBytes(size);
-    std::vector<unsigned char> to(size);
-    for (auto _ : state) {
-        std::memcpy(to.data(), from.data(), size);
-        benchmark::ClobberMemory();
-    }
-    setBytes(state, size);
-}
+using namespace streambench;
 
 /// Clears the matrix as a reader does; with `convert` as the host gets it.
 void decode(benchmark::State& state, bool serial, bool convert)
@@ -133,12 +103,6 @@ void buildDacStream(benchmark::State& state)
     setBytes(state, stream.size());
 }
 
-template <class... Args>
-void add(const std::string& name, Args... args)
-{
-    benchmark::RegisterBenchmark(name.c_str(), args...);
-}
-
 constexpr std::size_t MODULES[] = {2, 3, 4, 5};
 
 void addAll()
@@ -168,10 +132,5 @@ void addAll()
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    addAll();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    return streambench::run(argc, argv, addAll);
 }

@@ -1,11 +1,10 @@
 // Throughput of the Medipix3 streams: decoding and encoding matrices, converting counts, building register images and
 // DAC records. Each stands beside a copy of the same number of stream bytes, which no decoder can beat.
+#include "bench/streambench.h"
 #include "chipdata/mpx3counters.h"
 #include "chipdata/mpx3dacs.h"
 #include "chipdata/mpx3matrix.h"
 #include "chipdata/mpx3omr.h"
-
-#include <benchmark/benchmark.h>
 
 #include <array>
 #include <cstdint>
@@ -16,14 +15,7 @@
 
 namespace {
 
-std::vector<unsigned char> randomBytes(std::size_t size)
-{
-    std::mt19937 random(1);
-    std::vector<unsigned char> bytes(size);
-    for (unsigned char& byte : bytes)
-        byte = static_cast<unsigned char>(random());
-    return bytes;
-}
+using namespace streambench;
 
 std::vector<unsigned> randomCounts(std::size_t pixels, unsigned depth)
 {
@@ -32,11 +24,6 @@ std::vector<unsigned> randomCounts(std::size_t pixels, unsigned depth)
     for (unsigned& count : counts)
         count = static_cast<unsigned>(random()) & ((1U << depth) - 1);
     return counts;
-}
-
-void setBytes(benchmark::State& state, std::size_t bytesPerRun)
-{
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(bytesPerRun));
 }
 
 /// A readout as the device makes it: `countL` selects the depth, and a 24-bit depth reads both counters.
@@ -67,17 +54,6 @@ void decode(benchmark::State& state, unsigned char countL, int channels, bool co
         benchmark::ClobberMemory();
     }
     setBytes(state, readout.stream.size());
-}
-
-void copyBytes(benchmark::State& state, std::size_t size)
-{
-    const std::vector<unsigned char> from = randomBytes(size);
-    std::vector<unsigned char> to(size);
-    for (auto _ : state) {
-        std::memcpy(to.data(), from.data(), size);
-        benchmark::ClobberMemory();
-    }
-    setBytes(state, size);
 }
 
 void decodeTdi(benchmark::State& state, int channels)
@@ -142,12 +118,6 @@ void buildDacRecord(benchmark::State& state)
     setBytes(state, record.size());
 }
 
-template <class... Args>
-void add(const std::string& name, Args... args)
-{
-    benchmark::RegisterBenchmark(name.c_str(), args...);
-}
-
 constexpr unsigned char COUNTL[] = {0, 1, 2, 3};
 constexpr unsigned char CONVERTED_DEPTHS[] = {6, 12, 24};
 constexpr int CHANNELS[] = {1, 4, 5};
@@ -181,10 +151,5 @@ void addAll()
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    addAll();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    return streambench::run(argc, argv, addAll);
 }

@@ -1,6 +1,7 @@
 // Whole series on free-running virtual boards: frames per second from `startAcquisition` to the last `lastData`, with
 // exposures so short that link, decoding and hand-over are what is measured. Each stands beside a copy of the bytes
 // that its frames take on the wire.
+#include "bench/streambench.h"
 #include "chipdata/mpx3matrix.h"
 #include "plugin/latixel.h"
 #include "refhost/host.h"
@@ -8,10 +9,9 @@
 #include "refhost/series.h"
 #include "sim/latixelsim.h"
 
-#include <benchmark/benchmark.h>
 #include <nlohmann/json.hpp>
 
-#include <cstring>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -100,8 +100,10 @@ void series(benchmark::State& state, int channels, Mode mode, unsigned char dept
     unsigned frames = 0;
     for (auto _ : state) {
         double last = 0;
-        const auto result =
-            refhost::runSeries(detector.device(), request, [&](const refhost::SeriesFrame& f) { last = f.arrival; });
+        const auto begin = std::chrono::steady_clock::now();
+        const auto result = refhost::runSeries(detector.device(), request, [&](const refhost::SeriesFrame&) {
+            last = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        });
         if (result.end != refhost::SeriesEnd::Finished || result.frames != request.frames) {
             state.SkipWithError(("series ended early: " + result.error).c_str());
             return;
@@ -114,42 +116,31 @@ void series(benchmark::State& state, int channels, Mode mode, unsigned char dept
     state.counters["frames_per_second"] = frames / seconds;
 }
 
-void copyFrames(benchmark::State& state, std::size_t bytes)
-{
-    const std::vector<char> from(bytes, 'x');
-    std::vector<char> to(bytes);
-    for (auto _ : state) {
-        std::memcpy(to.data(), from.data(), bytes);
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(bytes));
-}
-
-void add(const std::string& what, int channels, Mode mode, unsigned char depth)
+void addShape(const std::string& what, int channels, Mode mode, unsigned char depth)
 {
     const std::string shape = what + "/" + std::to_string(channels) + "ch";
-    benchmark::RegisterBenchmark(("series/" + shape).c_str(), series, channels, mode, depth)
+    streambench::add("series/" + shape, series, channels, mode, depth)
         ->UseManualTime()
         ->Iterations(3)
         ->Unit(benchmark::kMillisecond);
     const unsigned frames = mode == Mode::Tdi ? TDI_FRAMES : FRAMES;
-    benchmark::RegisterBenchmark(("memcpy/" + shape).c_str(), copyFrames, frames * frameBytes(channels, mode, depth))
+    streambench::add("memcpy/" + shape, streambench::copyBytes, frames * frameBytes(channels, mode, depth))
         ->Unit(benchmark::kMillisecond);
+}
+
+void addAll()
+{
+    for (const int channels : {1, 4, 5}) {
+        addShape("normal-12bit", channels, Mode::Normal, 2);
+        addShape("normal-24bit", channels, Mode::Normal, 3);
+        addShape("continuous-12bit", channels, Mode::Continuous, 2);
+    }
+    addShape("tdi-12bit", 5, Mode::Tdi, 2);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    for (const int channels : {1, 4, 5}) {
-        add("normal-12bit", channels, Mode::Normal, 2);
-        add("normal-24bit", channels, Mode::Normal, 3);
-        add("continuous-12bit", channels, Mode::Continuous, 2);
-    }
-    add("tdi-12bit", 5, Mode::Tdi, 2);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    return streambench::run(argc, argv, addAll);
 }

@@ -3,8 +3,8 @@
 add_library(latixel_options INTERFACE)
 target_compile_options(latixel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 # g++ 12 reports these falsely from inside the standard library's strings and vectors when it optimises.
-target_compile_options(latixel_options INTERFACE -Wno-error=restrict -Wno-error=array-bounds -Wno-error=stringop-overflow
-                                                 -Wno-error=stringop-overread -Wno-error=maybe-uninitialized)
+target_compile_options(latixel_options INTERFACE -Wno-restrict -Wno-array-bounds -Wno-stringop-overflow
+                                                 -Wno-stringop-overread -Wno-maybe-uninitialized)
 target_link_libraries(latixel_options INTERFACE Threads::Threads)
 
 # latixel_sources(VAR): all sources of the current folder.

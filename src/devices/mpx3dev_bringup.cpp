@@ -19,7 +19,8 @@ constexpr double POWER_PAUSE = 0.1;       ///< seconds that the supply needs aft
 constexpr double CHIP_RESET_PAUSE = 1.0;  ///< seconds that the chips need after a reset
 constexpr double FIRMWARE_TIMEOUT = 2.0;  ///< seconds
 constexpr double FUSE_TIMEOUT = 0.5;      ///< seconds
-constexpr double SERIES_END_LIMIT = 10.0; ///< seconds that closing waits for a running series
+constexpr double SERIES_END_LIMIT = 30.0; ///< seconds that closing waits for a running series
+constexpr double STOP_INTERVAL = 1.0;     ///< seconds between two stop commands meanwhile
 constexpr double SERIES_END_POLL = 0.001; ///< seconds
 
 constexpr std::size_t BULK_ITEMS = 11; ///< parameters from this many items on are not written to the log
@@ -134,9 +135,15 @@ int Mpx3Dev::closeDevice()
 void Mpx3Dev::waitForSeriesEnd()
 {
     const double start = getPreciseTime();
+    double nextStop = start;
     while (seriesThreads > 0 && getPreciseTime() - start < SERIES_END_LIMIT) {
         storeFlag(stopRequested, true);
         matrixReadEvent.set();
+        // Again and again, since the series may just be starting.
+        if (getPreciseTime() >= nextStop) {
+            link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
+            nextStop += STOP_INTERVAL;
+        }
         sleepThread(SERIES_END_POLL);
     }
 }

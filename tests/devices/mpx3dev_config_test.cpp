@@ -1,6 +1,7 @@
 // Configuration of a Medipix3 board: the bytes that reach it, matrices there and back, bias and ADC.
 #include "devices/mpx3bench.h"
 
+#include <cmath>
 #include <random>
 
 using support::Mpx3Bench;
@@ -267,6 +268,9 @@ TEST(Mpx3Config, BiasAndAdc)
                           .cmd(2, MPX, 0);
     EXPECT_EQ(bench.wire(), bias.lines());
     bench.board([](sim::Mpx3Board& board) { EXPECT_EQ(board.biasCode(), 27); });
+
+    EXPECT_EQ(bench->setBias(std::nan("")), 1) << "and no code, which would be the highest voltage";
+    EXPECT_TRUE(bench.wire().empty());
 
     const double volts = bench->adcValue(13);
     Wire adc;

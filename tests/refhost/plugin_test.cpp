@@ -47,8 +47,9 @@ TEST(Frame, KeepsPixelsAndMetadataAndNoticesMisuse)
     host.clearComplaints();
     EXPECT_EQ(raw->dataPointer(0), nullptr);
     raw->destroy();
-    factory.createFrame(256, 256, 2);
+    dv::IMpxFrame* forgotten = factory.createFrame(256, 256, 2);
     host.complainOfLeftovers();
+    forgotten->destroy();
     EXPECT_THAT(host.complaints(),
                 ElementsAre(HasSubstr("dataPointer after"), HasSubstr("twice"), HasSubstr("1 frame(s) never")));
 }
@@ -95,14 +96,17 @@ TEST(Plugin, ListsDevicesAndNoticesWhatIsLeftAfterClose)
 
     host.clearComplaints();
     std::vector<dv::IHwDev*> made{library.devices[0], library.devices[2]};
-    leaky->lastData();
+    dv::IMpxFrame* forgotten = leaky->lastData();
     library.devices = {leaky};
     plugin.close();
     leaky->send(HWEVENT_BUSY_CHANGED, 1);
     EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("1 frame(s)"), HasSubstr("1 parameter manager(s)"),
                                                HasSubstr("event 7 of Fake A sn: 1 WA after it was closed")));
-    for (dv::IHwDev* device : made)
+    forgotten->destroy();
+    for (dv::IHwDev* device : made) {
+        device->closeDevice();
         device->destroy();
+    }
 }
 
 class SeriesTest : public testing::Test {

@@ -1,0 +1,30 @@
+// How the tool ends: its exit codes, and the failure that carries one.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace tool {
+
+/// Exit codes of `latixel`; they stand in its help text.
+enum class ExitCode : int {
+    Success = 0,
+    Internal = 1,   ///< something that nobody thought of
+    Arguments = 2,  ///< a bad option, name or value, or a bad file given with one
+    Plugin = 3,     ///< the plug-in or the virtual boards cannot be loaded
+    NoDevice = 4,   ///< no device, no such device, or a device without chips
+    Device = 5,     ///< the device refused, failed or fell silent
+    Output = 6,     ///< the output cannot be written
+    Incomplete = 7, ///< the series ended early or frames were lost; the frames taken are kept
+    Killed = 130,   ///< a second Ctrl-C
+};
+
+/// Ends the tool with a code. `what()` is one line for people that says what to do.
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode exitCode, const std::string& text) : std::runtime_error(text), code(exitCode) {}
+
+    const ExitCode code;
+};
+
+} // namespace tool

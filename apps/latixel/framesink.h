@@ -1,0 +1,94 @@
+// Where the frames of a series go.
+#pragma once
+
+#include "apps/latixel/colormap.h"
+#include "apps/latixel/contrast.h"
+#include "apps/latixel/layout.h"
+#include "refhost/frame.h"
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace tool {
+
+/// One setting of the device at the start of a series.
+struct Setting {
+    std::string name;
+    std::string description;
+    std::variant<std::string, double, std::vector<double>> value;
+};
+
+/// Settings that belong together; the name is a word.
+struct SettingGroup {
+    std::string name;
+    std::vector<Setting> settings;
+};
+
+/// What is known of a series before its first frame.
+struct SeriesInfo {
+    std::string device;
+    std::string serial;
+    std::string firmware;
+    std::string pluginVersion;
+    std::string startTime; ///< ISO 8601
+    std::vector<std::string> chipIDs;
+    unsigned width = 0; ///< of a picture
+    unsigned height = 0;
+    unsigned picturesPerFrame = 1;
+    unsigned bitsPerPixel = 32; ///< 16 or 32 in files of counts; bad pixels have all bits set
+    unsigned frames = 1;        ///< as asked for
+    double seconds = 1;
+    std::vector<SettingGroup> settings;
+};
+
+/// One frame on its way to a file.
+struct FrameRecord {
+    long index = 0;
+    double arrival = 0;  ///< seconds since the start of the series
+    double exposure = 0; ///< seconds
+    std::vector<Picture> pictures;
+    std::vector<refhost::MetaData> metaData;
+};
+
+/// What is known at the end.
+struct SeriesSummary {
+    std::string endTime; ///< ISO 8601
+    std::string outcome; ///< "finished", "stopped" or the device's error
+};
+
+/// Takes frames one after another. `begin`, `write` and `finish` come in this order, never two at a time, but maybe
+/// from different threads. They throw Failure when the output cannot be written. Without `finish` nothing is left of
+/// a single file.
+class FrameSink {
+public:
+    virtual ~FrameSink() = default;
+
+    virtual void begin(const SeriesInfo& info) = 0;
+    virtual void write(const FrameRecord& frame) = 0;
+    virtual void finish(const SeriesSummary& summary) = 0;
+    /// Where the frames are, for people.
+    virtual std::string place() const = 0;
+};
+
+enum class OutputFormat { Hdf5, Tiff, Png, None };
+
+struct OutputOptions {
+    std::filesystem::path path;
+    OutputFormat format = OutputFormat::None;
+    std::optional<int> compression; ///< 0 to 9; HDF5 takes 1 by default and TIFF 0
+    ColormapName colours = ColormapName::Viridis;
+    std::optional<ContrastRange> range; ///< automatic for each picture when not given
+    bool mayReplace = false;
+};
+
+/// The format that the file's extension stands for: .h5, .hdf5, .nxs, .tif, .tiff, .png; nothing for any other.
+std::optional<OutputFormat> formatOf(const std::filesystem::path& path);
+
+/// The sink of the format. Throws Failure when the place cannot be written.
+std::unique_ptr<FrameSink> makeSink(const OutputOptions& options);
+
+} // namespace tool

@@ -1,0 +1,37 @@
+// latixel list: the devices that are there.
+#include "apps/latixel/commands.h"
+#include "apps/latixel/text.h"
+
+#include <iostream>
+
+namespace tool {
+namespace {
+
+ExitCode list(const GlobalOptions& global)
+{
+    const Session session(global);
+    Table table;
+    table.row({"No.", "Name", "Chips", "Kind", "Serial", "Status"});
+    unsigned number = 0;
+    for (const auto& device : session.devices()) {
+        const std::string status = printable(device->statusText());
+        table.row({std::to_string(number++), printable(device->name()), std::to_string(device->chipCount()),
+                   device->isMpx3() ? "Medipix3" : "Medipix2/Timepix", std::to_string(device->info().serialNumber),
+                   status.empty() ? (device->isConnected() ? "ready" : "not connected") : status});
+    }
+    table.print(std::cout);
+    return ExitCode::Success;
+}
+
+} // namespace
+
+void addListCommand(CLI::App& app, const GlobalOptions& global, Run& run)
+{
+    CLI::App* command = app.add_subcommand("list", "Lists the devices");
+    command->footer("Examples:\n"
+                    "  latixel list\n"
+                    "  latixel list --simulate mpx3-quad\n");
+    command->callback([&global, &run] { run = [&global] { return list(global); }; });
+}
+
+} // namespace tool

@@ -1,0 +1,59 @@
+// A file that has its final name only once it is complete.
+#include "apps/latixel/outputfile.h"
+
+#include "apps/latixel/exitcode.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+Failure cannotWrite(const std::filesystem::path& path, int error)
+{
+    return {ExitCode::Output, "cannot write " + path.string() + ": " + std::strerror(error)};
+}
+
+} // namespace
+
+OutputFile::OutputFile(const std::filesystem::path& path, bool replace)
+    : finalPath(path),
+      partPath(path.string() + "." + std::to_string(getpid()) + ".part"),
+      mayReplace(replace)
+{
+    std::error_code ignored;
+    if (std::filesystem::is_directory(finalPath, ignored))
+        throw Failure(ExitCode::Output, finalPath.string() + " is a folder: give a file name");
+    if (!mayReplace && std::filesystem::exists(finalPath, ignored))
+        throw Failure(ExitCode::Output,
+                      finalPath.string() + " exists already: choose another name, or replace it with --overwrite");
+    const int file = open(partPath.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0666);
+    if (file < 0)
+        throw cannotWrite(finalPath, errno);
+    close(file);
+}
+
+OutputFile::~OutputFile()
+{
+    if (!completed)
+        unlink(partPath.c_str());
+}
+
+void OutputFile::complete()
+{
+    // A link, unlike a rename, refuses to replace a file that has come into being meanwhile.
+    if (!mayReplace && link(partPath.c_str(), finalPath.c_str()) == 0) {
+        completed = true;
+        unlink(partPath.c_str());
+        return;
+    }
+    if (!mayReplace && errno == EEXIST)
+        throw cannotWrite(finalPath, EEXIST);
+    if (rename(partPath.c_str(), finalPath.c_str()) != 0)
+        throw cannotWrite(finalPath, errno);
+    completed = true;
+}
+
+} // namespace tool

@@ -1,0 +1,31 @@
+// A file that has its final name only once it is complete.
+#pragma once
+
+#include <filesystem>
+
+namespace tool {
+
+/// Makes a temporary file beside the final one at once, so that a place that cannot be written shows before any work
+/// is done. Without `complete` the end removes it.
+class OutputFile {
+public:
+    /// Throws Failure when the place cannot be written, or when the final file exists and may not be replaced.
+    OutputFile(const std::filesystem::path& finalPath, bool mayReplace);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// Where to write: the final name with the process's number and ".part" behind it.
+    const std::filesystem::path& temporary() const { return partPath; }
+    const std::filesystem::path& path() const { return finalPath; }
+    /// Gives the file its final name. Throws Failure when that fails, and the temporary file goes away.
+    void complete();
+
+private:
+    const std::filesystem::path finalPath;
+    const std::filesystem::path partPath;
+    const bool mayReplace;
+    bool completed = false;
+};
+
+} // namespace tool

@@ -1,0 +1,125 @@
+// What a frame becomes before it is written: chips side by side, counters apart, contrast and colours.
+#include "apps/latixel/colormap.h"
+#include "apps/latixel/contrast.h"
+#include "apps/latixel/exitcode.h"
+#include "tests/latixel/support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using tool::Counting;
+using tool::Layout;
+using tool::Picture;
+using tool::PictureMaker;
+
+std::uint32_t at(const Picture& picture, unsigned x, unsigned y)
+{
+    return picture.pixels.at(std::size_t{y} * picture.width + x);
+}
+
+TEST(Pictures, ChipsLieWhereTheLayoutPutsThem)
+{
+    refhost::Host host("", "");
+    const auto frame = support::frame<std::uint32_t>(
+        host, 3, [](unsigned chip, unsigned x, unsigned y) { return chip * 1000000 + y * 1000 + x; });
+
+    const Picture row = PictureMaker(3, Layout::sideBySide(3), Counting::Single).make(*frame).at(0);
+    EXPECT_EQ(row.width, 768u);
+    EXPECT_EQ(row.height, 256u);
+    EXPECT_EQ(at(row, 0, 0), 0u);
+    EXPECT_EQ(at(row, 256, 7), 1007000u);
+    EXPECT_EQ(at(row, 767, 255), 2255255u);
+
+    const Picture grid = PictureMaker(3, {2, 2}, Counting::Single).make(*frame).at(0);
+    EXPECT_EQ(at(grid, 511, 0), 1000255u);
+    EXPECT_EQ(at(grid, 3, 256), 2000003u);
+    EXPECT_EQ(at(grid, 300, 300), 0u) << "a place without a chip";
+
+    EXPECT_TRUE(PictureMaker(4, {2, 2}, Counting::Single).make(*frame).empty());
+    EXPECT_TRUE(PictureMaker(3, {3, 1}, Counting::Short).make(*frame).empty());
+}
+
+TEST(Pictures, TwoCountersComeApartWithTheirOwnBadPixels)
+{
+    refhost::Host host("", "");
+    const std::uint32_t words[] = {0x0FFF0000, 0x00010FFF, 0xFFFFFFFF, 0xFFFFF123};
+    const auto frame = support::frame<std::uint32_t>(
+        host, 1, [&](unsigned, unsigned x, unsigned y) { return y == 0 && x < 4 ? words[x] : 0x00020001; });
+    const auto pictures = PictureMaker(1, {1, 1}, Counting::Double).make(*frame);
+    ASSERT_EQ(pictures.size(), 2u);
+    const std::uint32_t low[] = {0, 0xFFF, Picture::bad, 0x123, 1};
+    const std::uint32_t high[] = {0xFFF, 1, Picture::bad, Picture::bad, 2};
+    for (unsigned x = 0; x < 5; ++x) {
+        EXPECT_EQ(at(pictures[0], x, 0), low[x]) << x;
+        EXPECT_EQ(at(pictures[1], x, 0), high[x]) << x;
+    }
+
+    const auto narrow = support::frame<std::uint16_t>(
+        host, 1, [](unsigned, unsigned x, unsigned) { return static_cast<std::uint16_t>(x == 9 ? 11811 : 11810); });
+    const Picture shorts = PictureMaker(1, {1, 1}, Counting::Short).make(*narrow).at(0);
+    EXPECT_EQ(at(shorts, 8, 0), 11810u);
+    EXPECT_EQ(at(shorts, 9, 0), Picture::bad);
+}
+
+TEST(Layout, TakesColumnsTimesRowsAndNothingElse)
+{
+    ASSERT_TRUE(Layout::parse("4x1"));
+    EXPECT_EQ(Layout::parse("3x2")->rows, 2u);
+    for (const char* bad : {"", "2", "x", "2x", "x2", "0x4", "2x2x2", "-1x2", "2 x2", "65x1", "16x16", "4294967297x1"})
+        EXPECT_FALSE(Layout::parse(bad)) << bad;
+}
+
+TEST(Contrast, BadPixelsDoNotStretchIt)
+{
+    Picture picture{100, 100, std::vector<std::uint32_t>(10000)};
+    for (std::uint32_t i = 0; i < 10000; ++i)
+        picture.pixels[i] = i % 200;
+    const auto clean = tool::automaticRange(picture);
+    EXPECT_NEAR(clean.low, 2, 1);
+    EXPECT_NEAR(clean.high, 199, 1);
+    for (std::size_t i = 0; i < 10000; i += 10)
+        picture.pixels[i] = Picture::bad;
+    const auto spoilt = tool::automaticRange(picture);
+    EXPECT_NEAR(spoilt.low, clean.low, 2);
+    EXPECT_NEAR(spoilt.high, clean.high, 2);
+
+    const auto indexes = tool::colourIndexes(picture, {50, 150});
+    EXPECT_EQ(indexes[10], tool::Colormap::badIndex);
+    EXPECT_EQ(indexes[49], 0);
+    EXPECT_EQ(indexes[151], 254);
+    EXPECT_EQ(indexes[199], 254);
+    EXPECT_NEAR(indexes[101], 129, 1);
+}
+
+TEST(Contrast, FlatAndHopelessPicturesHaveARangeToo)
+{
+    const Picture flat{2, 1, {7, 7}};
+    EXPECT_EQ(tool::automaticRange(flat).low, 7);
+    EXPECT_EQ(tool::automaticRange(flat).high, 8);
+    const Picture hopeless{2, 1, {Picture::bad, Picture::bad}};
+    EXPECT_LT(tool::automaticRange(hopeless).low, tool::automaticRange(hopeless).high);
+    EXPECT_EQ(tool::parseRange("0.5:20")->high, 20);
+    for (const char* bad : {"", ":", "1", "1:", "2:1", "1:1", "nan:1", "1:inf", "1:2:3"})
+        EXPECT_FALSE(tool::parseRange(bad)) << bad;
+}
+
+TEST(Colours, GetBrighterAndNeverLookLikeABadPixel)
+{
+    const auto brightness = [](tool::Colour c) { return 0.3 * c.red + 0.59 * c.green + 0.11 * c.blue; };
+    for (const auto name : {tool::ColormapName::Viridis, tool::ColormapName::Grey, tool::ColormapName::Inferno}) {
+        const auto& colours = tool::colormap(name).colours;
+        for (std::size_t i = 1; i < tool::Colormap::steps; ++i)
+            EXPECT_GE(brightness(colours[i]), brightness(colours[i - 1]) - 0.7) << i;
+        EXPECT_GT(brightness(colours[254]) - brightness(colours[0]), 180);
+        const auto bad = colours[tool::Colormap::badIndex];
+        EXPECT_EQ(std::count(colours.begin(), colours.end(), bad), 1);
+    }
+    const auto& viridis = tool::colormap(tool::ColormapName::Viridis).colours;
+    EXPECT_NEAR(viridis[0].red, 68, 4);
+    EXPECT_NEAR(viridis[0].blue, 84, 4);
+    EXPECT_NEAR(viridis[254].green, 231, 4);
+}
+
+} // namespace

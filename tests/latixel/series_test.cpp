@@ -1,0 +1,122 @@
+// What goes on while a series runs: the writer's queue, progress, and triggers from standard input.
+#include "apps/latixel/exitcode.h"
+#include "apps/latixel/framewriter.h"
+#include "apps/latixel/linetrigger.h"
+#include "apps/latixel/progress.h"
+#include "tests/latixel/support.h"
+
+#include <future>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+/// A disk whose speed and failure the test decides.
+class SlowSink final : public tool::FrameSink {
+public:
+    std::promise<void> gate;
+    std::shared_future<void> opened{gate.get_future()};
+    std::atomic<long> failAt{-1};
+    std::vector<long> indexes;
+
+    void begin(const tool::SeriesInfo&) override {}
+    void write(const tool::FrameRecord& frame) override
+    {
+        opened.wait();
+        if (frame.index == failAt)
+            throw tool::Failure(tool::ExitCode::Output, "disk full");
+        indexes.push_back(frame.index);
+    }
+    void finish(const tool::SeriesSummary&) override {}
+    std::string place() const override { return "memory"; }
+};
+
+class WriterTest : public testing::Test {
+protected:
+    refhost::SeriesFrame frame(long index)
+    {
+        return {index, 0, 0, support::frame<std::uint32_t>(host, 1, [](unsigned, unsigned, unsigned) { return 1u; })};
+    }
+
+    refhost::Host host{"", ""};
+    SlowSink sink;
+    tool::FrameWriter writer{sink, tool::PictureMaker(1, {1, 1}, tool::Counting::Single), 3 * 256 * 256 * 4};
+};
+
+TEST_F(WriterTest, HoldsTheSeriesWhenTheQueueIsFullAndLosesNothing)
+{
+    std::atomic<int> pushed{0};
+    std::thread series([&] {
+        for (long i = 0; i < 10; ++i, ++pushed)
+            writer.push(frame(i));
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_LE(pushed, 4) << "three wait and one is with the sink";
+    EXPECT_LE(host.liveFrames(), 5u);
+    sink.gate.set_value();
+    series.join();
+    writer.finish();
+    EXPECT_THAT(sink.indexes, ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
+    EXPECT_EQ(writer.written(), 10u);
+    EXPECT_GT(writer.held(), 0.01);
+    EXPECT_EQ(host.liveFrames(), 0u);
+}
+
+TEST_F(WriterTest, AFailureReleasesTheSeriesAndIsTold)
+{
+    sink.failAt = 1;
+    std::thread series([&] {
+        for (long i = 0; i < 20; ++i)
+            writer.push(frame(i));
+    });
+    std::this_thread::sleep_for(20ms);
+    sink.gate.set_value();
+    series.join();
+    EXPECT_EQ(support::codeOf([&] { writer.finish(); }), tool::ExitCode::Output);
+    EXPECT_TRUE(writer.failed());
+    EXPECT_EQ(writer.written(), 1u);
+    EXPECT_EQ(host.liveFrames(), 0u);
+}
+
+TEST_F(WriterTest, AFrameOfAnotherSizeIsAFailure)
+{
+    sink.gate.set_value();
+    writer.push({0, 0, 0, support::frame<std::uint32_t>(host, 2, [](unsigned, unsigned, unsigned) { return 1u; })});
+    EXPECT_EQ(support::codeOf([&] { writer.finish(); }), tool::ExitCode::Device);
+}
+
+TEST(Progress, TellsWhatRemainsInAnyWidth)
+{
+    const tool::ProgressState half{50, 100, 10, 0.2, ""};
+    EXPECT_THAT(tool::progressBar(half, 80), HasSubstr("50/100 frames, 5.00 frames/s, 10 s left"));
+    EXPECT_THAT(tool::progressBar(half, 80), HasSubstr("###."));
+    for (unsigned columns = 0; columns < 120; ++columns)
+        EXPECT_LT(tool::progressBar(half, columns).size(), std::max(columns, 1u)) << columns;
+    EXPECT_THAT(tool::progressSentence({0, 60, 1, 2, ""}), EndsWith("1:59 min left"));
+    EXPECT_THAT(tool::progressSentence({0, 1, 9, 2, ""}), EndsWith("waiting for the first frame"));
+    EXPECT_THAT(tool::progressSentence({1, 2, 3, 4, "stopping"}), EndsWith("stopping"));
+    EXPECT_THAT(tool::progressSentence({5, 0, 1, 1, ""}), HasSubstr("5/0"));
+}
+
+TEST(LineTrigger, CountsLinesWithoutWaitingAndSeesTheEnd)
+{
+    int ends[2] = {};
+    ASSERT_EQ(pipe(ends), 0);
+    tool::LineTrigger lines(ends[0]);
+    EXPECT_FALSE(lines.take());
+    EXPECT_FALSE(lines.ended());
+    ASSERT_EQ(write(ends[1], "a\n\nrest", 7), 7);
+    EXPECT_TRUE(lines.take());
+    close(ends[1]);
+    EXPECT_TRUE(lines.take());
+    EXPECT_FALSE(lines.take());
+    EXPECT_TRUE(lines.ended());
+    close(ends[0]);
+}
+
+} // namespace
