@@ -53,6 +53,7 @@ public:
     std::vector<std::string> vect() const
     {
         std::vector<std::string> texts;
+        texts.reserve(static_cast<std::size_t>(size()));
         for (int i = 0; i < size(); ++i)
             texts.emplace_back(get(static_cast<unsigned>(i)));
         return texts;
@@ -80,6 +81,7 @@ public:
     std::vector<T> vect() const
     {
         std::vector<T> values;
+        values.reserve(static_cast<std::size_t>(size()));
         for (int i = 0; i < size(); ++i)
             values.push_back(get(static_cast<unsigned>(i)));
         return values;
