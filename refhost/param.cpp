@@ -47,17 +47,17 @@ std::vector<std::string_view> words(std::string_view text)
 
 } // namespace
 
-Param::Param(ParamSpec what, const void* initial, const void* owner, std::weak_ptr<Ledger> books)
-    : spec(std::move(what)),
+Param::Param(ParamTraits what, const void* initial, const void* owner, std::weak_ptr<Ledger> books)
+    : traits(std::move(what)),
       manager(owner),
       ledger(std::move(books)),
-      count(spec.count)
+      count(traits.count)
 {
-    if (spec.type == DataType::Text) {
+    if (traits.type == DataType::Text) {
         text = initial != nullptr ? static_cast<const char*>(initial) : "";
         return;
     }
-    content.resize(count * sizeOf(spec.type));
+    content.resize(count * sizeOf(traits.type));
     if (initial != nullptr && !content.empty())
         std::memcpy(content.data(), initial, content.size());
 }
@@ -81,11 +81,11 @@ bool Param::getBool()
     callBack(true);
     const std::lock_guard lock(mutex);
     std::uint32_t value = 0;
-    if (spec.type == DataType::Text && putText(DataType::Bool, &value, text))
+    if (traits.type == DataType::Text && putText(DataType::Bool, &value, text))
         return value != 0;
-    if (spec.type == DataType::Text)
+    if (traits.type == DataType::Text)
         return std::strtod(text.c_str(), nullptr) != 0;
-    return !content.empty() && numberAt(spec.type, content.data()) != 0;
+    return !content.empty() && numberAt(traits.type, content.data()) != 0;
 }
 
 int Param::getInt32()
@@ -105,9 +105,9 @@ double Param::firstNumber()
     usable("a get");
     callBack(true);
     const std::lock_guard lock(mutex);
-    if (spec.type == DataType::Text)
+    if (traits.type == DataType::Text)
         return std::strtod(text.c_str(), nullptr);
-    return content.empty() ? 0 : numberAt(spec.type, content.data());
+    return content.empty() ? 0 : numberAt(traits.type, content.data());
 }
 
 int Param::toString(dv::IString* target)
@@ -129,15 +129,15 @@ int Param::toString(dv::IString* target)
 
 std::string Param::contentAsText() const
 {
-    if (spec.type == DataType::Text)
+    if (traits.type == DataType::Text)
         return text;
-    if (spec.type == DataType::Char && count > 1)
+    if (traits.type == DataType::Char && count > 1)
         return std::string(untilZero(content.data(), content.size()));
     std::string all;
-    for (std::size_t at = 0; at < content.size(); at += sizeOf(spec.type)) {
+    for (std::size_t at = 0; at < content.size(); at += sizeOf(traits.type)) {
         if (at != 0)
             all += ' ';
-        all += textAt(spec.type, content.data() + at);
+        all += textAt(traits.type, content.data() + at);
     }
     return all;
 }
@@ -153,11 +153,11 @@ int Param::setData(const void* data, std::size_t byteSize)
     {
         const std::lock_guard lock(mutex);
         const auto* bytes = static_cast<const unsigned char*>(data);
-        if (spec.type == DataType::Text) {
+        if (traits.type == DataType::Text) {
             text = byteSize != 0 ? untilZero(data, byteSize) : "";
         } else {
-            count = byteSize / sizeOf(spec.type);
-            content.assign(bytes, bytes + count * sizeOf(spec.type));
+            count = byteSize / sizeOf(traits.type);
+            content.assign(bytes, bytes + count * sizeOf(traits.type));
         }
     }
     callBack(false);
@@ -171,7 +171,7 @@ int Param::setByte(unsigned char value)
 
 int Param::setBool(bool value)
 {
-    if (spec.type == DataType::Text)
+    if (traits.type == DataType::Text)
         return setString(value ? "true" : "false");
     return storeNumber(value ? 1 : 0, "setBool");
 }
@@ -192,10 +192,10 @@ int Param::storeNumber(double value, const char* operation)
         return -1;
     {
         const std::lock_guard lock(mutex);
-        if (spec.type == DataType::Text)
+        if (traits.type == DataType::Text)
             text = textAt(DataType::Double, &value);
         else if (!content.empty())
-            putNumber(spec.type, content.data(), value);
+            putNumber(traits.type, content.data(), value);
         else
             return -1;
     }
@@ -213,12 +213,12 @@ int Param::setString(const char* value)
     }
     {
         const std::lock_guard lock(mutex);
-        if (spec.type == DataType::Text) {
+        if (traits.type == DataType::Text) {
             text = value;
-        } else if (spec.type == DataType::Char && count > 1) {
+        } else if (traits.type == DataType::Char && count > 1) {
             std::fill(content.begin(), content.end(), static_cast<unsigned char>(0));
             std::memcpy(content.data(), value, strnlen(value, content.size() - 1));
-        } else if (content.empty() || !putText(spec.type, content.data(), value)) {
+        } else if (content.empty() || !putText(traits.type, content.data(), value)) {
             return -1;
         }
     }
@@ -229,21 +229,21 @@ int Param::setString(const char* value)
 void Param::writeText(const std::string& value)
 {
     if (readOnly())
-        throw Error("parameter " + spec.name + " is read-only");
-    if (spec.type == DataType::Text || (spec.type == DataType::Char && spec.count > 1)) {
+        throw Error("parameter " + traits.name + " is read-only");
+    if (traits.type == DataType::Text || (traits.type == DataType::Char && traits.count > 1)) {
         setString(value.c_str());
         return;
     }
-    const std::size_t itemSize = sizeOf(spec.type);
+    const std::size_t itemSize = sizeOf(traits.type);
     const auto items = words(value);
     if (items.size() != size())
-        throw Error("parameter " + spec.name + " takes " + std::to_string(size()) + " value(s), not " +
+        throw Error("parameter " + traits.name + " takes " + std::to_string(size()) + " value(s), not " +
                     std::to_string(items.size()));
     std::vector<unsigned char> bytes(items.size() * itemSize);
     for (std::size_t i = 0; i < items.size(); ++i)
-        if (!putText(spec.type, bytes.data() + i * itemSize, items[i]))
-            throw Error("\"" + std::string(items[i]) + "\" is no value of type " + std::string(nameOf(spec.type)) +
-                        " for parameter " + spec.name);
+        if (!putText(traits.type, bytes.data() + i * itemSize, items[i]))
+            throw Error("\"" + std::string(items[i]) + "\" is no value of type " + std::string(nameOf(traits.type)) +
+                        " for parameter " + traits.name);
     setData(bytes.data(), bytes.size());
 }
 
@@ -251,17 +251,17 @@ std::vector<unsigned char> Param::data()
 {
     callBack(true);
     const std::lock_guard lock(mutex);
-    if (spec.type == DataType::Text)
+    if (traits.type == DataType::Text)
         return {text.begin(), text.end()};
     return content;
 }
 
 void Param::callBack(bool isRead)
 {
-    if (spec.callback == nullptr || !callbackEnabled || released || isActive(manager))
+    if (traits.callback == nullptr || !callbackEnabled || released || isActive(manager))
         return;
     const ActiveManager active(manager);
-    spec.callback(this, isRead, spec.user);
+    traits.callback(this, isRead, traits.user);
 }
 
 bool Param::usable(const char* operation) const
@@ -274,7 +274,7 @@ bool Param::usable(const char* operation) const
 void Param::complain(const std::string& what) const
 {
     if (const auto books = ledger.lock())
-        books->complain("parameter " + spec.name + ": " + what);
+        books->complain("parameter " + traits.name + ": " + what);
 }
 
 } // namespace refhost

@@ -17,7 +17,7 @@ namespace refhost {
 class Ledger;
 
 /// What a parameter is; the value is apart.
-struct ParamSpec {
+struct ParamTraits {
     std::string name;
     std::string description;
     DataType type = DataType::Int32;
@@ -43,9 +43,9 @@ class Param final : public dv::IParam {
 public:
     /// `initial` points at the first content: `count` items, or a zero-terminated text; null means zeros. It is
     /// copied. `manager` only tells which parameters belong together.
-    Param(ParamSpec spec, const void* initial, const void* manager, std::weak_ptr<Ledger> ledger);
+    Param(ParamTraits traits, const void* initial, const void* manager, std::weak_ptr<Ledger> ledger);
 
-    const char* name() override { return spec.name.c_str(); }
+    const char* name() override { return traits.name.c_str(); }
     std::size_t size() override;
     unsigned char getByte() override;
     bool getBool() override;
@@ -60,10 +60,10 @@ public:
     int setString(const char* value) override;
     void enableCallback(bool enable) override { callbackEnabled = enable; }
 
-    const std::string& description() const { return spec.description; }
-    DataType type() const { return spec.type; }
-    unsigned flags() const { return spec.flags; }
-    bool readOnly() const { return (spec.flags & dv::PARAM_READ_ONLY) != 0; }
+    const std::string& description() const { return traits.description; }
+    DataType type() const { return traits.type; }
+    unsigned flags() const { return traits.flags; }
+    bool readOnly() const { return (traits.flags & dv::PARAM_READ_ONLY) != 0; }
 
     /// Writes a value that a person typed. Throws Error, and changes nothing, when the parameter is read-only or the
     /// text is no value of its type.
@@ -81,7 +81,7 @@ private:
     bool usable(const char* operation) const;
     void complain(const std::string& what) const;
 
-    const ParamSpec spec;
+    const ParamTraits traits;
     const void* const manager;
     const std::weak_ptr<Ledger> ledger;
     std::atomic<bool> callbackEnabled{true};

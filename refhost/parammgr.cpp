@@ -11,8 +11,8 @@ std::string textOrEmpty(const char* text)
     return text != nullptr ? text : "";
 }
 
-ParamSpec single(const char* name, const char* description, DataType type, dv::ParamFunc callback, long user,
-                 unsigned flags)
+ParamTraits single(const char* name, const char* description, DataType type, dv::ParamFunc callback, long user,
+                   unsigned flags)
 {
     return {textOrEmpty(name), textOrEmpty(description), type, 1, callback, user, flags};
 }
@@ -36,9 +36,9 @@ int ParamMgr::addParam(const char* name, const char* description, int dataType, 
         complain("addParam of " + textOrEmpty(name) + " with " + std::to_string(count) + " items");
         return -1;
     }
-    ParamSpec spec = single(name, description, *type, callback, user, flags);
-    spec.count = count;
-    return add(std::move(spec), defaultValue);
+    ParamTraits traits = single(name, description, *type, callback, user, flags);
+    traits.count = count;
+    return add(std::move(traits), defaultValue);
 }
 
 int ParamMgr::addByte(const char* name, const char* description, unsigned char defaultValue, dv::ParamFunc callback,
@@ -72,15 +72,15 @@ int ParamMgr::addString(const char* name, const char* description, const char* d
     return add(single(name, description, DataType::Text, callback, user, flags), defaultText);
 }
 
-int ParamMgr::add(ParamSpec spec, const void* initial)
+int ParamMgr::add(ParamTraits traits, const void* initial)
 {
     if (!usable("an add operation"))
         return -1;
-    if (spec.name.empty()) {
+    if (traits.name.empty()) {
         complain("a parameter without a name was added");
         return -1;
     }
-    auto param = std::make_unique<Param>(std::move(spec), initial, this, ledger);
+    auto param = std::make_unique<Param>(std::move(traits), initial, this, ledger);
     const std::lock_guard lock(mutex);
     if (!byName.emplace(param->name(), param.get()).second) {
         complain(std::string("parameter ") + param->name() + " was added twice");

@@ -42,7 +42,7 @@ public:
     std::vector<Param*> all();
 
 private:
-    int add(ParamSpec spec, const void* initial);
+    int add(ParamTraits traits, const void* initial);
     bool usable(const char* operation) const;
     void complain(const std::string& what) const;
 

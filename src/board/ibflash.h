@@ -154,8 +154,11 @@ template <typename T>
 void IBFlash<T>::publish(const flashstore::Record& record)
 {
     const char* name = record.name.data();
+    // The host takes a value of the type "string" as a text: it ends here, whatever the store says.
+    Bytes value(record.value.begin(), record.value.end());
+    value.push_back(0);
     if (!paramMgr->exists(name))
-        paramMgr->addParam(name, name, record.type, record.itemCount(), record.value.data(), paramReadSetFuncWrapper,
+        paramMgr->addParam(name, name, record.type, record.itemCount(), value.data(), paramReadSetFuncWrapper,
                            reinterpret_cast<long>(this), dv::PARAM_READ_ONLY);
     else if (dv::IParam* param = paramMgr->get(name))
         param->setData(record.value.data(), record.value.size());
