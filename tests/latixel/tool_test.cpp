@@ -180,7 +180,7 @@ TEST_F(ToolTest, TakesFramesInEveryMode)
 TEST_F(ToolTest, AnInterruptedSeriesKeepsItsFrames)
 {
     auto interrupted =
-        start({"--simulate", "acquire", "-n", "1000", "-t", "0.05", "-o", file("i.h5")}, {}, "/1000 frames,");
+        start({"--simulate", "acquire", "-n", "1000", "-t", "0.05", "-o", file("i.h5")}, {}, " frames/s,");
     auto early = start({"--simulate", "acquire", "-t", "1000", "-o", file("e.h5")}, {}, "/1 frames,");
     auto triggersEnd =
         start({"--simulate", "acquire", "--trigger", "soft", "-n", "5", "-t", "0.02", "-o", file("t.h5")}, "\n");
