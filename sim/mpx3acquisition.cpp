@@ -75,6 +75,15 @@ void Mpx3Board::endSeries()
     trigger.disarm();
 }
 
+void Mpx3Board::setBitMode(std::uint8_t mask, std::uint8_t mode, Time now)
+{
+    InterfaceBoard::setBitMode(mask, mode, now);
+    // A host that resets the link expects no series of a former session to colour its own.
+    constexpr std::uint8_t bitBang = 0x01;
+    if (mode == bitBang)
+        continuous = false;
+}
+
 void Mpx3Board::externalTrigger(Time now)
 {
     advance(now);

@@ -26,6 +26,7 @@ public:
 
     void powerCycle(Time now) override;
     void externalTrigger(Time now) override;
+    void setBitMode(std::uint8_t mask, std::uint8_t mode, Time now) override;
     bool applyFault(const nlohmann::json& fault) override;
     void clearFaults() override;
 

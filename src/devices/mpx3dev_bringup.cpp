@@ -77,6 +77,9 @@ int Mpx3Dev::initDevice()
     if (const int result = openLink(); result != 0)
         return result;
     storeFlag(overheated, false);
+    // A series whose start command failed has left both as they were in it.
+    storeFlag(acquiring, false);
+    omrValue.clear();
     storeFlag(connected, true);
     logFunction("Init Device");
     resetDevice();

@@ -454,6 +454,9 @@ TEST_F(Mpx3Series, StartCommandThatFailsInSingleStartSeries)
     sim::clearFaults(0);
     bench->closeDevice();
     ASSERT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench->omr().CRW_SRW, 0) << "bring-up forgets the series";
+    ASSERT_EQ(bench->setConfig({2, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0}), 0);
+    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, CloseDuringASeriesEndsIt)
