@@ -171,6 +171,8 @@ private:
     int writeMatrixSingleCounter(const unsigned* data, unsigned long size, bool lowCounter);
     int readMatrixFromDevice(unsigned* data, std::size_t size, unsigned char counter, bool convert);
     int readMatrixStream(int channel, bool sendCommand);
+    int dropMatrixStream();
+    unsigned long matrixStreamSize(int channels) const;
     void convertMatrixStream(const Buffer<unsigned char>& stream, unsigned long received, std::span<unsigned> matrix,
                              std::size_t convertSize, int counters, int channel, bool convert) const;
     unsigned long long getReadBitsSize() const { return mpx3ReadBits(omrValue, twoChips); }
@@ -188,8 +190,7 @@ private:
     int runFrames(bool startEachFrame);
     int takeFrame(bool startCommand);
     int waitForFrameEnd();
-    int receiveFrame();
-    void waitForReader();
+    bool waitForReader();
     void announceFrame(unsigned index, bool throughWorker);
     void endSeries(int result);
     void readTdiFrame();
@@ -198,8 +199,8 @@ private:
     void addRowTimes(dv::IMpxFrame* frame);
 
     ThreadSyncObject dataSync; ///< guards streamBuffer and readBytes against the acquisition thread
-    Buffer<unsigned char> streamBuffer{0,
-                                       false};  ///< the last matrix stream; dataSync, or the matrixReadEvent hand-shake
+    /// The last matrix stream; dataSync, or the matrixReadEvent hand-shake.
+    Buffer<unsigned char> streamBuffer{0, false};
     Buffer<unsigned char> streamCopy{0, false}; ///< what a read during a series decodes from; the reader's
     unsigned long readBytes = 0;                ///< bytes in streamBuffer; goes with it
     Event matrixReadEvent{false, false, "matrixRead"}; ///< the reader has taken streamBuffer away

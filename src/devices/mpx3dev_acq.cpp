@@ -201,6 +201,9 @@ int Mpx3Dev::runFrames(bool startEachFrame)
 int Mpx3Dev::takeFrame(bool startCommand)
 {
     ThreadLock lock(&dataSync);
+    // A stop may have come between the loop's look at it and the lock: its command must stay the last one.
+    if (loadFlag(stopRequested))
+        return 0;
     logFunction("Perform Acquisition");
     if (startCommand) {
         if (waitSoftTrigger)
@@ -212,11 +215,9 @@ int Mpx3Dev::takeFrame(bool startCommand)
     }
     if (const int result = waitForFrameEnd(); result != 0)
         return result;
-    if (burstMode)
-        waitForReader();
-    if (const int result = readMatrixStream(ALL_CHANNELS, false); result != 0)
-        return logError(result, "Cannot read matrix %s", link.lastError());
-    return 0;
+    const bool mayOverwrite = !burstMode || waitForReader();
+    const int result = mayOverwrite ? readMatrixStream(ALL_CHANNELS, false) : dropMatrixStream();
+    return result != 0 ? logError(result, "Cannot read matrix %s", link.lastError()) : 0;
 }
 
 /// Waits for the packet at the end of a frame, and takes the measured time from it. A frame that a stop has cut is no
@@ -239,11 +240,14 @@ int Mpx3Dev::waitForFrameEnd()
     return 0;
 }
 
-/// Waits until the reader of the frame before has copied the stream, or for a stop.
-void Mpx3Dev::waitForReader()
+/// Waits until the reader of the frame before has copied the stream, or for a stop. Returns whether the reader is done.
+bool Mpx3Dev::waitForReader()
 {
-    while (!matrixReadEvent.wait(READER_POLL_MS) && !loadFlag(stopRequested)) {
+    while (!matrixReadEvent.wait(READER_POLL_MS)) {
+        if (loadFlag(stopRequested))
+            return false;
     }
+    return true;
 }
 
 void Mpx3Dev::announceFrame(unsigned index, bool throughWorker)

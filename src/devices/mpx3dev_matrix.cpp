@@ -192,10 +192,23 @@ int Mpx3Dev::readMatrixStream(int channel, bool sendCommand)
 {
     if (sendCommand)
         link.send(mpx3::MpxCmd::Start, streamParams(), cmdflag::OUTPUT);
-    const int channels = channel == ALL_CHANNELS ? channelCount : 1;
-    readBytes = std::min<unsigned long>(
-        mpx3ReadSize(omrValue, twoChips, channels, config.counterSelect == BOTH_COUNTERS), streamBuffer.size());
+    readBytes = matrixStreamSize(channel == ALL_CHANNELS ? channelCount : 1);
     return link.receive(streamBuffer.data(), &readBytes, READ_TIMEOUT);
+}
+
+/// Takes the stream of a frame that a stop has cut off the link. It goes to nobody, and must not go where the reader of
+/// the frame before still copies.
+int Mpx3Dev::dropMatrixStream()
+{
+    std::vector<unsigned char> scratch(streamBuffer.size());
+    unsigned long received = matrixStreamSize(channelCount);
+    return link.receive(scratch.data(), &received, READ_TIMEOUT);
+}
+
+unsigned long Mpx3Dev::matrixStreamSize(int channels) const
+{
+    return std::min<unsigned long>(mpx3ReadSize(omrValue, twoChips, channels, config.counterSelect == BOTH_COUNTERS),
+                                   streamBuffer.size());
 }
 
 void Mpx3Dev::convertMatrixStream(const Buffer<unsigned char>& stream, unsigned long received,
