@@ -4,6 +4,7 @@
 
 #include "host/iparam.h"
 #include "host/records.h"
+#include "link/cmdmgr.h"
 #include "link/cmdmgrmpx3.h"
 #include "shared/str.h"
 
@@ -108,17 +109,40 @@ private:
     std::map<std::string, int> parameterIndexes;
 };
 
-/// The CPU of a Medipix3 board.
-class IBCpuMgrMpx3 : public IBCpuMgr<HwLatixel::CmdMgrMpx3> {
+/// What is the same in all of them: the manager exchanges and logs.
+template <typename T>
+class IBCpuMgrOn : public IBCpuMgr<T> {
 public:
-    using IBCpuMgr::IBCpuMgr;
+    using IBCpuMgr<T>::IBCpuMgr;
 
     int sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override
     {
-        return mgr->sendReceiveSpiCpu(tx, rx, size, received);
+        return this->mgr->sendReceiveSpiCpu(tx, rx, size, received);
     }
-    void logCommand(const char* text) override { mgr->logCommand(text); }
+    void logCommand(const char* text) override { this->mgr->logCommand(text); }
 };
+
+/// The CPU of a Medipix3 board.
+class IBCpuMgrMpx3 : public IBCpuMgrOn<HwLatixel::CmdMgrMpx3> {
+public:
+    using IBCpuMgrOn::IBCpuMgrOn;
+};
+
+namespace HwLatixel {
+
+/// The CPU of a Medipix2 or Timepix board.
+class IBCpuMgrTpx : public IBCpuMgrOn<CmdMgr> {
+public:
+    using IBCpuMgrOn::IBCpuMgrOn;
+};
+
+/// The CPU of a row board.
+class IBCpuMgrTpxRow : public IBCpuMgrOn<CmdMgr> {
+public:
+    using IBCpuMgrOn::IBCpuMgrOn;
+};
+
+} // namespace HwLatixel
 
 template <typename T>
 std::string IBCpuMgr<T>::getVersion()

@@ -26,6 +26,14 @@ public:
     IBFlash(const IBFlash&) = delete;
     IBFlash& operator=(const IBFlash&) = delete;
 
+    /// Goes on with another manager behind the parameters that are there; their next read loads the store again. With
+    /// null nothing is read any more: what the parameters hold stays.
+    void attach(T* manager)
+    {
+        mgr = manager;
+        allLoaded = false;
+    }
+
     /// One full-duplex exchange of `size` bytes with the flash. Returns the result of its last step; `received`, if
     /// given, takes the bytes that came back.
     virtual int flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) = 0;
@@ -193,7 +201,7 @@ int IBFlash<T>::flashReadData(unsigned char* buffer, unsigned long size, unsigne
 template <typename T>
 int IBFlash<T>::paramReadSetFunc(dv::IParam* param, bool read)
 {
-    if (read && !allLoaded && param->size() >= ibflash::LAZY_ITEM_COUNT)
+    if (read && mgr != nullptr && !allLoaded && param->size() >= ibflash::LAZY_ITEM_COUNT)
         loadParameters(paramMgr, true);
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "devices/ampx3dev.h"
 
 #include "devices/common/devicename.h"
+#include "devices/common/frames.h"
 #include "shared/datatype.h"
 #include "shared/fileops.h"
 #include "shared/inifile.h"
@@ -9,8 +10,6 @@
 #include <utility>
 
 namespace {
-
-constexpr unsigned SOFT_TRIGGER_POLL_MS = 100;
 
 constexpr dv::_DevInfo BASE_DEV_INFO{"device", 3, 2, 0, 1};
 constexpr dv::_DevMpxInfo BASE_MPX_INFO{65536, 1, 3, 0.0, 100.0, 4e-08, 86400.0, 0, 0, 0, {1}};
@@ -196,32 +195,20 @@ int AMpx3Dev::biasVoltageCurrentSense(double* volts, double* amperes) const
 
 dv::IMpxFrame* AMpx3Dev::lastData()
 {
-    const auto width = static_cast<unsigned>(chipCountValue) * 256;
-    dv::IMpxFrame* frame = dorvet->frameFactory()->createFrame(width, 256, DT_U32);
-    if (frame == nullptr)
-        return nullptr;
-    dv::RefDataBuff<unsigned> pixels;
-    frame->acquireData(&pixels, 0.0);
-    if (readMatrix(pixels.data(), pixels.size(), config.counterSelect, true) != 0) {
-        frame->destroy();
-        return nullptr;
-    }
-    return frame;
+    return HwLatixel::frameOf<unsigned>(*dorvet, chipCountValue, DT_U32, [this](unsigned* pixels, std::size_t count) {
+        return readMatrix(pixels, count, config.counterSelect, true);
+    });
 }
 
 int AMpx3Dev::doSoftwareTrigger(unsigned)
 {
-    softTriggerEvent.set();
+    softTrigger.fire();
     return 0;
 }
 
 void AMpx3Dev::waitForSoftwareTrigger(bool* stop)
 {
-    dispatcher.setEvent(HWEVENT_WAIT_TRIGGER, 0, false);
-    while (!softTriggerEvent.wait(SOFT_TRIGGER_POLL_MS)) {
-        if (stop != nullptr && loadFlag(*stop))
-            return;
-    }
+    softTrigger.wait(dispatcher, stop);
 }
 
 void AMpx3Dev::setBusy(bool value)

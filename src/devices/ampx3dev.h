@@ -3,6 +3,7 @@
 
 #include "devices/common/devdefaults.h"
 #include "devices/common/devicereport.h"
+#include "devices/common/softtrigger.h"
 #include "host/idorvet.h"
 #include "shared/buffer.h"
 #include "shared/hweventdispatcher.h"
@@ -110,7 +111,7 @@ protected:
     /// Serialises commands to the device. Taken before `dataSync` of a concrete device and before the report's lock.
     mutable ThreadSyncObject devSync;
     mutable HwLatixel::DeviceReport report;
-    Event softTriggerEvent{false, false, "softTrigger"}; ///< set by `doSoftwareTrigger`
+    HwLatixel::SoftTrigger softTrigger; ///< fired by `doSoftwareTrigger`
 
     // Records: written before and in `initDevice`, then only read
     dv::_DevInfo devInfo_;

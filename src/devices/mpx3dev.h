@@ -9,6 +9,7 @@
 #include "devices/ampx3dev.h"
 #include "devices/common/boardlink.h"
 #include "devices/common/rowtimes.h"
+#include "devices/common/seriesthread.h"
 #include "link/cmdmgrmpx3.h"
 
 #include <array>
@@ -144,7 +145,6 @@ private:
     void onWriteParam(dv::IParam* param);
     void onReadParamCpu();
     void setDebugLog(bool on);
-    void reportCpuError() const;
 
     // Commands (mpx3dev_config.cpp)
     int sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
@@ -195,14 +195,13 @@ private:
     void endSeries(int result);
     void readTdiFrame();
     void readTDIMatrixFromDevice();
-    void drainLink();
     void addRowTimes(dv::IMpxFrame* frame);
 
     ThreadSyncObject dataSync; ///< guards streamBuffer and readBytes against the acquisition thread
     /// The last matrix stream; dataSync, or the matrixReadEvent hand-shake.
     Buffer<unsigned char> streamBuffer{0, false};
-    Buffer<unsigned char> streamCopy{0, false}; ///< what a read during a series decodes from; the reader's
-    unsigned long readBytes = 0;                ///< bytes in streamBuffer; goes with it
+    Buffer<unsigned char> streamCopy{0, false};        ///< what a read during a series decodes from; the reader's
+    unsigned long readBytes = 0;                       ///< bytes in streamBuffer; goes with it
     Event matrixReadEvent{false, false, "matrixRead"}; ///< the reader has taken streamBuffer away
 
     BoardLink<CmdMgrMpx3> link{report};
@@ -223,13 +222,13 @@ private:
 
     // Set by the host's thread while no series runs
     OMR omrValue;
-    int triggerMode = 0; ///< see TriggerMode in mpx3dev_acq.cpp
+    int triggerMode = 0; ///< a TriggerMode
     bool tdiMode = false;
     bool crwMode = false;
     bool burstMode = false;
 
     // The series
-    std::atomic<int> seriesThreads{0};
+    SeriesThreads series;
     bool acquiring = false; ///< polled: the acquisition thread is in its series
     RowTimes tdiRowTimes;
     std::size_t tdiRowIndex = 0; ///< dataSync

@@ -1,6 +1,7 @@
 // Series of frames on a Medipix3 board: preparation, the three kinds of series, and the way of a frame to the host.
 #include "devices/mpx3dev.h"
 
+#include "devices/common/triggers.h"
 #include "shared/datatype.h"
 
 #include <array>
@@ -9,42 +10,23 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr double PACKET_GRACE = 2.0;          ///< seconds that the end-of-frame packet may come late
-constexpr double WAIT_UNLIMITED = 1e100;      ///< seconds; an external trigger may hold a frame up for ever
-constexpr double CUT_FRAME_TIMEOUT = 0.4;     ///< seconds that the packet of a stopped frame may take
-constexpr double SLEEPING_WAIT_ABOVE = 1.0;   ///< seconds; shorter frames are waited for without sleeping
-constexpr unsigned READER_POLL_MS = 300;      ///< between two looks at the stop flag
-constexpr double TDI_RECORD_TIMEOUT = 0.5;    ///< seconds of silence after which a row counts as not there
-constexpr double DRAIN_TIMEOUT = 0.2;         ///< seconds of silence after which the link counts as empty
-constexpr unsigned long DRAIN_CHUNK = 100000; ///< bytes
-constexpr double DRAIN_LIMIT = 10.0;          ///< seconds after which a board that never falls silent is left alone
+constexpr double PACKET_GRACE = 2.0;        ///< seconds that the end-of-frame packet may come late
+constexpr double WAIT_UNLIMITED = 1e100;    ///< seconds; an external trigger may hold a frame up for ever
+constexpr double CUT_FRAME_TIMEOUT = 0.4;   ///< seconds that the packet of a stopped frame may take
+constexpr double SLEEPING_WAIT_ABOVE = 1.0; ///< seconds; shorter frames are waited for without sleeping
+constexpr unsigned READER_POLL_MS = 300;    ///< between two looks at the stop flag
+constexpr double TDI_RECORD_TIMEOUT = 0.5;  ///< seconds of silence after which a row counts as not there
+constexpr double DRAIN_TIMEOUT = 0.2;       ///< seconds of silence after which the link counts as empty
 
 constexpr unsigned TDI_ROWS = RowTimes::ROWS;
 constexpr unsigned char BOTH_COUNTERS = 2;
-
-enum TriggerMode { TRIGGER_NONE = 0, TRIGGER_START = 1, TRIGGER_STOP = 2, TRIGGER_BOTH = 3 };
-
-bool triggersStart(int mode)
-{
-    return mode == TRIGGER_START || mode == TRIGGER_BOTH;
-}
-
-bool triggersStop(int mode)
-{
-    return mode == TRIGGER_STOP || mode == TRIGGER_BOTH;
-}
 
 } // namespace
 
 int Mpx3Dev::setAcqMode(unsigned mode)
 {
     AMpx3Dev::setAcqMode(mode);
-    // With both trigger bits set the start bit wins, so that TRIGGER_BOTH never comes from here.
-    triggerMode = TRIGGER_NONE;
-    if ((mode & dv::ACQMODE_EXT_TRIGGER_START) != 0)
-        triggerMode = TRIGGER_START;
-    else if ((mode & dv::ACQMODE_EXT_TRIGGER_STOP) != 0)
-        triggerMode = TRIGGER_STOP;
+    triggerMode = triggerModeOf(mode);
     tdiMode = (mode & dv::ACQMODE_TDI) != 0;
     return 0;
 }
@@ -92,9 +74,7 @@ int Mpx3Dev::startAcquisitionFromLad()
 
 void Mpx3Dev::startSeriesThread()
 {
-    ++seriesThreads;
-    if (createThread(acqFuncWrapper, this) == 0)
-        --seriesThreads;
+    series.start(acqFuncWrapper, this);
 }
 
 int Mpx3Dev::stopAcquisition()
@@ -123,8 +103,7 @@ void Mpx3Dev::acqFunc()
         acqFuncCRW();
     else
         acqFuncNormal();
-    // The last touch of this object: closing waits for it.
-    --seriesThreads;
+    series.left();
 }
 
 unsigned char Mpx3Dev::startFlags(bool continuous) const
@@ -168,7 +147,7 @@ void Mpx3Dev::acqFuncCRW()
     }
     // The final events go out before the link is drained: a new series must not be started from within them.
     endSeries(runFrames(false));
-    drainLink();
+    link.drain(DRAIN_TIMEOUT);
     omrValue = saved;
     sendOMR();
     link.send(mpx3::MpxCmd::ContinuousRw, CmdArgs::low(0));
@@ -292,7 +271,7 @@ void Mpx3Dev::acqFuncTDI()
     }
     if (loadFlag(stopRequested)) {
         ThreadLock lock(&devSync);
-        drainLink();
+        link.drain(DRAIN_TIMEOUT);
     }
     omrValue = saved;
     setReadoutOMRs();
@@ -329,19 +308,6 @@ void Mpx3Dev::readTDIMatrixFromDevice()
         readBytes = 0;
         // A link that fails does so at once; it is asked again no oftener than one that is silent.
         sleepThread(TDI_RECORD_TIMEOUT);
-    }
-}
-
-/// Reads and drops what the board still sends: it may have run ahead of a stop.
-void Mpx3Dev::drainLink()
-{
-    std::vector<unsigned char> scratch(DRAIN_CHUNK + 1);
-    const double start = getPreciseTime();
-    unsigned long received = DRAIN_CHUNK;
-    while (received > 0 && getPreciseTime() - start < DRAIN_LIMIT) {
-        received = DRAIN_CHUNK;
-        if (link.receive(scratch.data(), &received, DRAIN_TIMEOUT) != 0)
-            return;
     }
 }
 

@@ -2,6 +2,7 @@
 #include "devices/mpx3dev.h"
 
 #include "chipdata/mpx3fuses.h"
+#include "devices/common/boardreports.h"
 #include "devices/common/devicename.h"
 #include "shared/fileops.h"
 #include "shared/inifile.h"
@@ -20,10 +21,6 @@ constexpr double CHIP_RESET_PAUSE = 1.0;  ///< seconds that the chips need after
 constexpr double FIRMWARE_TIMEOUT = 2.0;  ///< seconds
 constexpr double FUSE_TIMEOUT = 0.5;      ///< seconds
 constexpr double SERIES_END_LIMIT = 30.0; ///< seconds that closing waits for a running series
-constexpr double STOP_INTERVAL = 1.0;     ///< seconds between two stop commands meanwhile
-constexpr double SERIES_END_POLL = 0.001; ///< seconds
-
-constexpr std::size_t BULK_ITEMS = 11; ///< parameters from this many items on are not written to the log
 
 /// Bytes of one chip on each channel that a whole stream of one counter takes, and what a stream may have beyond it.
 constexpr unsigned long STREAM_CHANNEL_BYTES = 98308;
@@ -137,18 +134,12 @@ int Mpx3Dev::closeDevice()
 /// whatever it waits for is given to it.
 void Mpx3Dev::waitForSeriesEnd()
 {
-    const double start = getPreciseTime();
-    double nextStop = start;
-    while (seriesThreads > 0 && getPreciseTime() - start < SERIES_END_LIMIT) {
+    series.waitForEnd(SERIES_END_LIMIT, [this](bool stopBoard) {
         storeFlag(stopRequested, true);
         matrixReadEvent.set();
-        // Again and again, since the series may just be starting.
-        if (getPreciseTime() >= nextStop) {
+        if (stopBoard)
             link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
-            nextStop += STOP_INTERVAL;
-        }
-        sleepThread(SERIES_END_POLL);
-    }
+    });
 }
 
 int Mpx3Dev::resetDevice()
@@ -215,18 +206,9 @@ void Mpx3Dev::readFlashParameters()
     logFunction("Read Parameters in Flash");
     ibFlash = std::make_unique<IBFlashFpxMpx3<CmdMgrMpx3>>(link.manager());
     ibFlash->loadParameters(inDeviceParams, false);
-    const auto params = inDeviceParams->params();
-    for (auto* param : params) {
-        // Bulk data would be read from the flash only to be logged.
-        if (param->size() < BULK_ITEMS)
-            logDbg("Param[%s] = %s", param->name(), param->getString().c_str());
-        else
-            logDbg("Param[%s] = <BIGDATA>", param->name());
-    }
+    logFlashParameters(report, *inDeviceParams);
     biasParams.setVoltCurrentSenseChannels(VOLT_SENSE_CHANNEL, CURRENT_SENSE_CHANNEL);
     biasParams.readFlashParameters(inDeviceParams);
-    if (params.empty())
-        logDbg("No parameters in IB Flash.");
 }
 
 void Mpx3Dev::initCpu()

@@ -3,6 +3,7 @@
 
 #include "chipdata/bits.h"
 #include "chipdata/mpx3dacs.h"
+#include "devices/common/triggers.h"
 #include "shared/str.h"
 
 #include <algorithm>
@@ -200,15 +201,9 @@ int Mpx3Dev::setTimer(double seconds)
 int Mpx3Dev::setTriggerSettings()
 {
     logFunction("Set Trigger");
-    namespace bits = mpx3::triggerword;
-    unsigned word = 0;
-    if (devParams != nullptr && devParams->count() != 0) {
-        word = devParams->get("TriggerStg")->getByte() & bits::STAGE_MASK;
-        word |= devParams->get("TriggerWaitForReady")->getBool() ? bits::WAIT_FOR_READY : 0U;
-        word |= devParams->get("TriggerMaster")->getBool() ? bits::MASTER : 0U;
-        word |= devParams->get("TriggerOutLevel")->getByte() != 0 ? bits::OUT_LEVEL : 0U;
-        word |= devParams->get("TriggerTdiSeries")->getBool() ? bits::TDI_SERIES : 0U;
-    }
+    const auto setting = static_cast<unsigned char>(paramByte(devParams, "TriggerStg") & triggerword::SETTING_MASK);
+    unsigned word = triggerWordOf(devParams, setting);
+    word |= paramBool(devParams, "TriggerTdiSeries") ? mpx3::triggerword::TDI_SERIES : 0U;
     return link.send(AcqCmd::TriggerSettings, CmdArgs::low(static_cast<unsigned char>(word)));
 }
 

@@ -2,6 +2,8 @@
 #include "devices/mpx3dev.h"
 
 #include "board/adcscale.h"
+#include "devices/common/boardreports.h"
+#include "devices/common/paramtable.h"
 
 #include <string_view>
 
@@ -9,76 +11,36 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr const char* LIBRARY_VERSION = "Version 3.0 (Mar 19 2024)";
-
 constexpr double CPU_PARAM_INTERVAL = 0.5; ///< seconds between two refreshes by reads of CPU parameters
 constexpr double CPU_SENSE_INTERVAL = 1.0; ///< seconds between two refreshes by readSenseValuesFromCpu
-
-constexpr int CPU_FAULT = 2;
-constexpr int CPU_ERROR_TEMPERATURE = 1;
 
 // The board's temperature sensor, on an ADC channel of its own: 0 to full scale are -50 to 450 degrees Celsius.
 constexpr unsigned char TEMPERATURE_ADC_CHANNEL = 1;
 constexpr double TEMPERATURE_RANGE = 500.0;
 constexpr double TEMPERATURE_OFFSET = 50.0;
 
-enum class Kind { Text, Double, Bool, Byte, Int32 };
-
-struct ParamRow {
-    const char* name;
-    Kind kind;
-    const char* description;
-    int defaultValue; ///< of a bool, byte or int; texts and doubles see initParameters
-    bool callback;
-    unsigned flags;
-};
-
 constexpr ParamRow PARAMS[] = {
-    {"HwLibVer", Kind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
-    {"Firmware", Kind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
-    {"Temperature", Kind::Double, "Temperature (deg. C)", 0, true, dv::PARAM_READ_ONLY},
-    {"DebugLog", Kind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
-    {"TriggerStg", Kind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0, false,
+    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
+    {"Firmware", ParamKind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
+    {"Temperature", ParamKind::Double, "Temperature (deg. C)", 0, true, dv::PARAM_READ_ONLY},
+    {"DebugLog", ParamKind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
+    {"TriggerStg", ParamKind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0,
+     false, dv::PARAM_CONFIG},
+    {"TriggerWaitForReady", ParamKind::Bool, "Wait for trigger ready", 0, false, dv::PARAM_CONFIG},
+    {"TriggerMaster", ParamKind::Bool, "Master device", 0, false, dv::PARAM_CONFIG},
+    {"TriggerTdiSeries", ParamKind::Bool, "Single Trigger in TDI mode for whole acq. series", 0, false,
      dv::PARAM_CONFIG},
-    {"TriggerWaitForReady", Kind::Bool, "Wait for trigger ready", 0, false, dv::PARAM_CONFIG},
-    {"TriggerMaster", Kind::Bool, "Master device", 0, false, dv::PARAM_CONFIG},
-    {"TriggerTdiSeries", Kind::Bool, "Single Trigger in TDI mode for whole acq. series", 0, false, dv::PARAM_CONFIG},
-    {"TriggerOutLevel", Kind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
-    {"TdiRowCount", Kind::Int32, "Number of rows to read in TDI mode (1 is default)", 1, false, dv::PARAM_CONFIG},
-    {"BiasDischarge", Kind::Byte, "Discharge bias (on=1,off=0)", 0, true, dv::PARAM_LIVE},
+    {"TriggerOutLevel", ParamKind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
+    {"TdiRowCount", ParamKind::Int32, "Number of rows to read in TDI mode (1 is default)", 1, false, dv::PARAM_CONFIG},
+    {"BiasDischarge", ParamKind::Byte, "Discharge bias (on=1,off=0)", 0, true, dv::PARAM_LIVE},
 };
-
-void addParam(dv::IParamMgr& params, const ParamRow& row, const char* text, dv::ParamFunc func, long user)
-{
-    switch (row.kind) {
-    case Kind::Text:
-        params.addString(row.name, row.description, text, func, user, row.flags);
-        break;
-    case Kind::Double:
-        params.addDouble(row.name, row.description, row.defaultValue, func, user, row.flags);
-        break;
-    case Kind::Bool:
-        params.addBool(row.name, row.description, row.defaultValue != 0, func, user, row.flags);
-        break;
-    case Kind::Byte:
-        params.addByte(row.name, row.description, static_cast<unsigned char>(row.defaultValue), func, user, row.flags);
-        break;
-    case Kind::Int32:
-        params.addInt32(row.name, row.description, row.defaultValue, func, user, row.flags);
-        break;
-    }
-}
 
 } // namespace
 
 void Mpx3Dev::initParameters()
 {
-    if (devParams->count() != 0)
-        return;
-    for (const auto& row : PARAMS) {
-        const char* text = std::string_view(row.name) == "Firmware" ? firmwareText.c_str() : LIBRARY_VERSION;
-        addParam(*devParams, row, text, row.callback ? paramReadSetFunc : nullptr, reinterpret_cast<long>(this));
-    }
+    const ParamContent contents[] = {{"HwLibVer", LIBRARY_VERSION}, {"Firmware", firmwareText.c_str()}};
+    addParams(*devParams, PARAMS, contents, paramReadSetFunc, reinterpret_cast<long>(this));
 }
 
 int Mpx3Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
@@ -155,26 +117,10 @@ int Mpx3Dev::deviceStatus() const
     logFunction("Get Device Status");
     lastCpuStatus = ibCpu->getStatus();
     if (lastCpuStatus == CPU_FAULT)
-        reportCpuError();
+        reportCpuFault(report, *ibCpu, overheated);
     // From the first poll on, a device without DebugLog logs at MSG only.
     report.setLevel(usualLogLevel());
     return lastCpuStatus;
-}
-
-void Mpx3Dev::reportCpuError() const
-{
-    if (ibCpu->getErrorType() != CPU_ERROR_TEMPERATURE) {
-        logError(0, "Device error: %s\n", ibCpu->getStatusText().c_str());
-    } else {
-        if (!loadFlag(overheated))
-            logError(dv::RESULT_OVERHEATED,
-                     "Maximal allowed temperature exceeded ! Let the device cool down and then reconnect it in SW or "
-                     "restart SW.\nDevice error: %s\n",
-                     ibCpu->getStatusText().c_str());
-        storeFlag(overheated, true);
-    }
-    if (report.log() != nullptr)
-        report.line(ERR, "Device error. Dumping values:\n%s\n", ibCpu->dumpValuesToString().c_str());
 }
 
 const char* Mpx3Dev::deviceStatusText() const

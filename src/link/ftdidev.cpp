@@ -220,6 +220,9 @@ void FtdiDev::releaseContext()
 
 int FtdiDev::openDevice(bool useFlowControl, unsigned int vidPid)
 {
+    // A device that reconnects must not take the context from under another thread's call.
+    ThreadLock writeLock(&writeSync);
+    ThreadLock readLock(&readSync);
     flowControl = useFlowControl;
     releaseContext();
     contextInUse = true;
@@ -247,6 +250,8 @@ int FtdiDev::closeDevice()
 
 bool FtdiDev::isConnected()
 {
+    ThreadLock writeLock(&writeSync);
+    ThreadLock readLock(&readSync);
     unsigned char latency = 0;
     return isOpen() && ftdi_get_latency_timer(context.get(), &latency) == 0;
 }
@@ -295,6 +300,8 @@ int FtdiDev::setLatencyTimer(unsigned int milliseconds)
 
 int FtdiDev::clearBuffers()
 {
+    ThreadLock writeLock(&writeSync);
+    ThreadLock readLock(&readSync);
     return purge(context.get());
 }
 

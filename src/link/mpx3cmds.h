@@ -49,12 +49,8 @@ inline constexpr unsigned char STOP_ON_TRIGGER = 4;  ///< The frame's stop waits
 inline constexpr unsigned char CONTINUOUS_RW = 8;    ///< Continuous read-write mode.
 } // namespace startflag
 
-/// Trigger word, in d3 of `AcqCmd::TriggerSettings`.
+/// Bits of the trigger word, in d3 of `AcqCmd::TriggerSettings`, that only these boards know.
 namespace triggerword {
-inline constexpr unsigned char STAGE_MASK = 3; ///< The trigger setting, a number in the low two bits.
-inline constexpr unsigned char WAIT_FOR_READY = 4;
-inline constexpr unsigned char MASTER = 8;
-inline constexpr unsigned char OUT_LEVEL = 0x10;
 inline constexpr unsigned char TDI_SERIES = 0x20;
 } // namespace triggerword
 

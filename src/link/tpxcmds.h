@@ -41,13 +41,6 @@ inline constexpr unsigned char STOP_ON_TRIGGER = 4;  ///< The frame's stop waits
 } // namespace startflag
 inline constexpr std::uint32_t SINGLE_FRAME = 1;
 
-/// Trigger word, in d3 of `AcqCmd::TriggerSettings`, beside the setting itself in the low bits.
-namespace triggerword {
-inline constexpr unsigned char WAIT_FOR_READY = 4;
-inline constexpr unsigned char MASTER = 8;
-inline constexpr unsigned char OUT_LEVEL = 0x10;
-} // namespace triggerword
-
 /// MHz of the clock that the Timepix clock is divided from.
 inline constexpr double CLOCK_BASE_MHZ = 50.0;
 /// Ticks of the shutter timer in one second, and of the time in the end-of-frame packet.

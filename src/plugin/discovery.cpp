@@ -2,6 +2,7 @@
 #include "plugin/latixel.h"
 
 #include "devices/common/devicename.h"
+#include "devices/mpx2dev.h"
 #include "devices/mpx3dev.h"
 #include "link/ftdidev.h"
 #include "shared/str.h"
@@ -90,6 +91,8 @@ int HwLib::initializeDevices()
                  FAMILY_TEXT[static_cast<std::size_t>(family)]);
         if (family == Family::Mpx3)
             createMpx3Device(name, variant);
+        else if (family == Family::Mpx2)
+            createMpx2Device(name, variant);
     }
     return 0;
 }
@@ -111,6 +114,11 @@ void HwLib::adopt(std::unique_ptr<Device> device)
 {
     if (device->initDevice() == 0)
         devices.push_back(device.release());
+}
+
+void HwLib::createMpx2Device(const std::string& name, const std::string& variant)
+{
+    adopt(std::make_unique<Mpx2Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false));
 }
 
 void HwLib::createMpx3Device(const std::string& name, const std::string& variant)

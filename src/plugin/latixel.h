@@ -42,6 +42,7 @@ public:
 private:
     void loadSettings();
     std::vector<const char*> nameFilter(bool old) const;
+    void createMpx2Device(const std::string& name, const std::string& variant);
     void createMpx3Device(const std::string& name, const std::string& variant);
     /// Brings a new device up and takes it into the list; one that does not come up is deleted.
     template <typename Device>

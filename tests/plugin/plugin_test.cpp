@@ -104,7 +104,7 @@ TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
             "Latixel Latixel TLWA 1 sn: 4 A", "Latixel Latixel TLWA sn: 5 A", "Latixel short", "Other Thing sn: 6"});
     // Names of the families that have no class here are told and left alone.
     const auto names = open();
-    EXPECT_EQ(names, (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A"}));
+    EXPECT_EQ(names, (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TLWA sn: 5 A"}));
     EXPECT_TRUE(logged("Found 5 devices:")) << log();
     for (const char* line : {"\"Latixel Latixel M3WA sn: 1 A\" is Latixel MPX3 device",
                              "\"Latixel Latixel TRWA 2 sn: 2 A\" is Latixel ROW device",

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace HwLatixel {
 
@@ -58,6 +59,21 @@ public:
     int receive(unsigned char* buffer, unsigned long* size, double timeout) const
     {
         return mgr != nullptr ? mgr->receiveRaw(buffer, size, timeout) : refuse();
+    }
+    /// Reads and drops what the board still sends, until it has been silent for `timeout` seconds: it may have run
+    /// ahead of a stop. A board that never falls silent is left alone after ten seconds.
+    void drain(double timeout) const
+    {
+        constexpr unsigned long CHUNK = 100000;
+        constexpr double LIMIT = 10.0;
+        std::vector<unsigned char> scratch(CHUNK + 1);
+        const double start = getPreciseTime();
+        unsigned long received = CHUNK;
+        while (received > 0 && getPreciseTime() - start < LIMIT) {
+            received = CHUNK;
+            if (receive(scratch.data(), &received, timeout) != 0)
+                return;
+        }
     }
     /// The manager's words for its last failure.
     const char* lastError() const { return mgr != nullptr ? mgr->getLastError() : NOT_CONNECTED; }

@@ -1,0 +1,257 @@
+// Life, records and bring-up of Medipix2 and Timepix devices, as far as both kinds of board have them in common.
+#include "devices/ampx2dev.h"
+
+#include "chipdata/mpx2dacs.h"
+#include "chipdata/mpx2matrix.h"
+#include "devices/common/devicename.h"
+#include "shared/str.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr double POWER_PAUSE = 1.0;   ///< seconds that the chips need after power comes
+constexpr double RESET_PAUSE = 0.1;   ///< seconds that the board needs after a step through bit-bang
+constexpr double RESET_TIMEOUT = 0.1; ///< seconds of silence after which the link counts as empty
+constexpr double RESET_LIMIT = 1.0;   ///< seconds of draining in one pass
+constexpr int RESET_PASSES = 2;
+constexpr unsigned long RESET_CHUNK = 100000; ///< bytes
+
+constexpr double DEFAULT_TIMEPIX_CLOCK = 10.0; ///< MHz
+constexpr double ID_TIMEOUT = 1.0;             ///< seconds for what comes out of a DAC chain
+
+constexpr std::size_t STREAM_SPARE_BYTES = 100;
+
+constexpr dv::_DevInfo DEV_INFO{"Latixel", 8, 2, 1, 1};
+constexpr dv::_DevMpxInfo MPX_INFO{MPX2_CHIP_PIXELS, 1, 2, 0.0, 100.0, 4e-08, 86400.0, 0, 0, 0, {1}};
+
+/// The DACs of a Timepix chip while its identifier is read.
+constexpr unsigned short DEF_DACS[MPX2_TPX_DAC_COUNT] = {20,  255, 255, 255, 255, 255, 300,
+                                                         255, 255, 255, 255, 255, 255, 255};
+
+} // namespace
+
+AMpx2Dev::AMpx2Dev(const Mpx2BoardKind& boardKind, std::string name, IDorvet* host, std::string logFolder,
+                   std::string settings, std::string biasType)
+    : kind(boardKind),
+      biasParams(biasType, false),
+      devInfoRec(DEV_INFO),
+      devMpxInfoRec(MPX_INFO),
+      dorvet(host),
+      devParams(host->createParamMgr()),
+      inDeviceParams(host->createParamMgr()),
+      deviceNameText(std::move(name)),
+      logDir(std::move(logFolder)),
+      settingsFile(std::move(settings)),
+      serialText(serialFromDeviceName(deviceNameText))
+{
+    devInfoRec.serialNumber = str::toNumDef<int>(serialText, DEV_INFO.serialNumber);
+    devMpxInfoRec.acqModeMask = kind.acqModeMask;
+}
+
+AMpx2Dev::~AMpx2Dev()
+{
+    // The parameters call flash and device, so they go first.
+    devParams->destroy();
+    inDeviceParams->destroy();
+}
+
+/// For the destructor of a concrete class: the series runs operations of that class.
+void AMpx2Dev::shutDown()
+{
+    AMpx2Dev::closeDevice();
+    dispatcher.stopThreadAndWait();
+}
+
+int AMpx2Dev::closeDevice()
+{
+    waitForSeriesEnd();
+    if (link.exists())
+        setPower(false);
+    if (ibFlash != nullptr)
+        ibFlash->attach(nullptr);
+    ibCpu.reset();
+    link.drop();
+    report.attachLog(nullptr);
+    devLog.reset();
+    storeFlag(noChip, true);
+    storeFlag(connected, false);
+    return 0;
+}
+
+int AMpx2Dev::devInfo(dv::_DevInfo* info) const
+{
+    *info = devInfoRec;
+    return 0;
+}
+
+int AMpx2Dev::devMpxInfo(dv::_DevMpxInfo* info) const
+{
+    *info = devMpxInfoRec;
+    return 0;
+}
+
+int AMpx2Dev::devMpx2Info(dv::_DevMpx2Info* info) const
+{
+    *info = {};
+    return 0;
+}
+
+int AMpx2Dev::chipIDList(dv::IStrList* list) const
+{
+    for (const auto& id : chipIds)
+        list->add(id.c_str());
+    return 0;
+}
+
+int AMpx2Dev::setEventFunc(dv::EventFunc func, void* user)
+{
+    dispatcher.setFunc(func, user);
+    return 0;
+}
+
+int AMpx2Dev::setLogMsgFunc(dv::LogMsgFunc func, void* user)
+{
+    report.setLogMsgFunc(func, user);
+    return 0;
+}
+
+int AMpx2Dev::logError(int code, const char* format, ...) const
+{
+    va_list args;
+    va_start(args, format);
+    report.errorV(code, format, args);
+    va_end(args);
+    return code;
+}
+
+/// Opens log, settings and link. Returns the link's result.
+int AMpx2Dev::openBoard()
+{
+    if (link.exists())
+        closeDevice();
+    // A series that ended by a failed recovery has left both.
+    storeFlag(acquiring, false);
+    storeFlag(busy, false);
+    timepix = true;
+    const std::string logPath = logDir + "/latixel_" + asFileName(serialText) + ".log";
+    const std::string settingsPath = std::string(dorvet->configDirectory()) + "/latixel.ini";
+    // The settings come behind the log, so that "LogRotate" counts from the second bring-up of an object on.
+    devLog = std::make_unique<FileLog>(logPath, true, false, logRotate, true);
+    devLog->setLogLevel(DBG);
+    report.attachLog(devLog.get());
+    loadSettings(settingsPath.c_str());
+    std::string openError;
+    const int result = link.open(deviceNameText, devLog.get(), &openError);
+    if (result == 0)
+        return 0;
+    report.line(ERR, "Cannot open device %s, error=%d (%s)", deviceNameText.c_str(), result, openError.c_str());
+    link.drop();
+    report.attachLog(nullptr);
+    devLog.reset();
+    return result;
+}
+
+/// Everything that the board tells before its chips have power.
+void AMpx2Dev::identifyBoard()
+{
+    link.usb()->setBitMode(FtdiBitModeFifo);
+    resetDevice();
+    link.usb()->clearBuffers();
+    getFirmwareVersion(firmwareText, nullptr);
+    report.line(MSG, "%s", firmwareText.c_str());
+    checkFirmwareVersion();
+    initParameters();
+    readFlashParameters();
+    initCpu();
+}
+
+int AMpx2Dev::resetDevice()
+{
+    if (!link.exists())
+        return 0;
+    std::vector<char> scratch(RESET_CHUNK);
+    for (int pass = 0; pass < RESET_PASSES; ++pass) {
+        link.usb()->setBitMode(FtdiBitModeBitBang);
+        link.usb()->setBitMode(FtdiBitModeFifo);
+        sleepThread(RESET_PAUSE);
+        const double start = getPreciseTime();
+        int received = 0;
+        do
+            received = link.usb()->receive(scratch.data(), scratch.size(), scratch.size(), RESET_TIMEOUT, true);
+        while (received > 0 && getPreciseTime() - start < RESET_LIMIT);
+        if (received <= 0)
+            return 0;
+    }
+    return 0;
+}
+
+void AMpx2Dev::powerCycle()
+{
+    setPower(false);
+    setPower(true);
+    sleepThread(POWER_PAUSE);
+}
+
+void AMpx2Dev::setChipCount(int count)
+{
+    chipCount_ = count;
+    devMpxInfoRec.chipTotal = static_cast<unsigned>(count);
+    devMpxInfoRec.pixelTotal = devMpxInfoRec.chipTotal * MPX2_CHIP_PIXELS;
+}
+
+/// Reads the identifiers, which come out of the DAC chains while a first set of DACs goes in. `streamOffset` is where
+/// the first group's record begins in what came out.
+int AMpx2Dev::readChipInfo(std::size_t streamOffset)
+{
+    chipIds.clear();
+    const auto chips = static_cast<std::size_t>(chipCount_);
+    std::vector<unsigned short> dacs;
+    for (std::size_t chip = 0; chip < chips; ++chip)
+        dacs.insert(dacs.end(), std::begin(DEF_DACS), std::end(DEF_DACS));
+    std::vector<char> stream(chips * MPX2_DAC_STREAM_SIZE + 1);
+    if (const int result = setDACs(dacs.data(), dacs.size(), stream.data(), 0, 0, 0, 0, 0, ID_TIMEOUT, true);
+        result != 0)
+        return result;
+    std::size_t done = 0;
+    for (const auto& group : chipGroups()) {
+        if (group.chips == 0)
+            continue;
+        const auto* records =
+            reinterpret_cast<const unsigned char*>(stream.data()) + done * MPX2_DAC_STREAM_SIZE + streamOffset;
+        getChipIDsFromDACStreamMpx2(records, static_cast<unsigned>(group.chips), &timepix, chipIds);
+        done += static_cast<std::size_t>(group.chips);
+    }
+    return 0;
+}
+
+/// Whether each chip has told an identifier. Otherwise the device goes on without chips, but keeps their number in its
+/// record.
+bool AMpx2Dev::chipIdsMatch()
+{
+    if (chipIds.size() == static_cast<std::size_t>(chipCount_))
+        return true;
+    resetDevice();
+    logError(-1, "Invalid Chip IDs count (%u = %u)", static_cast<unsigned>(chipIds.size()),
+             static_cast<unsigned>(chipCount_));
+    chipCount_ = 0;
+    chipIds.clear();
+    return false;
+}
+
+/// The last steps of a bring-up.
+void AMpx2Dev::completeBringUp()
+{
+    storeFlag(connected, true);
+    if (chipCount_ > 0) {
+        storeFlag(noChip, false);
+        double clock = DEFAULT_TIMEPIX_CLOCK;
+        setTimepixClock(&clock);
+    }
+    buffers.resize(static_cast<std::size_t>(chipCount_) * MPX2_STREAM_STRIDE + STREAM_SPARE_BYTES);
+}
+
+} // namespace HwLatixel

@@ -1,0 +1,308 @@
+// What a Medipix2 or Timepix board with modules and a row board have in common as devices.
+#pragma once
+
+#include "board/ibbiasparams.h"
+#include "board/ibcpumgr.h"
+#include "board/ibflash.h"
+#include "board/ibspi.h"
+#include "chipdata/mpx2matrix.h"
+#include "devices/common/boardlink.h"
+#include "devices/common/devdefaults.h"
+#include "devices/common/devicereport.h"
+#include "devices/common/doublebuffer.h"
+#include "devices/common/paramtable.h"
+#include "devices/common/seriesthread.h"
+#include "devices/common/softtrigger.h"
+#include "devices/common/triggers.h"
+#include "host/idorvet.h"
+#include "link/cmdmgr.h"
+#include "link/tpxpins.h"
+#include "shared/hweventdispatcher.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace HwLatixel {
+
+/// In what the kinds of board differ, where a number or a rule is all of the difference.
+struct Mpx2BoardKind {
+    std::span<const char* const> firmwares; ///< beginnings of the accepted firmware texts
+    const char* correctFirmware;            ///< told to a user with another one
+    int firmwareTries;                      ///< requests for the text, while it comes back empty
+    unsigned acqModeMask;                   ///< of dv::_DevMpxInfo
+    double ticksPerSecond;                  ///< of the shutter timer and of the time in the end-of-frame packet
+    ibspi::BiasHandBack biasHandBack;       ///< see ibspi::writeBiasDac
+    ibspi::AdcClose adcClose;               ///< see ibspi::readAdc
+    bool adcReadCounts;                     ///< the ADC's read decides over the result of `getADC`
+    bool quietServices;                     ///< the traffic of flash, CPU and ADC is left out of the debug log
+    bool waitsForCutFrame;                  ///< after a stop, the packet of the cut frame is collected
+    std::span<const ParamRow> params;       ///< the device's own parameters
+};
+
+/// Base of the two device classes: records, reports, link, services, configuration of the chips. Chips stand in groups
+/// that the board's multiplexer selects: a module with a daisy chain of chips, or a channel with one. A concrete class
+/// knows its groups, finds its chips, reads its matrix and runs its series.
+///
+/// Order of a device's life: constructor, `initDevice`, configuration and series in any order, `closeDevice`,
+/// `destroy`. `initDevice` and `closeDevice` take no lock: the host keeps other calls away from them.
+///
+/// Locks, all recursive, in the order in which they are taken: `acqSync`, held by the acquisition thread for the whole
+/// of a frame, so that whoever takes it waits for the gap between two frames; `devSync` around each sequence of
+/// commands that must not be interleaved on the link; the pins' own lock; the stream buffers' locks; the report's lock.
+/// The acquisition thread holds no `devSync` while a frame is exposed, so that `stopAcquisition` gets through at once.
+class AMpx2Dev : public DevDefaults<dv::IHwDevMpx2> {
+public:
+    static constexpr int ALL_CHIPS = -1;
+
+    // Life cycle (ampx2dev.cpp)
+    /// Ends a running series, powers the chips down and closes link and log. Not to be called from an event callback.
+    int closeDevice() override;
+    ~AMpx2Dev() override;
+
+    // Identity and reports
+    int deviceType() const override { return 1; }
+    int devInfo(dv::_DevInfo* info) const override;
+    int devMpxInfo(dv::_DevMpxInfo* info) const override;
+    int devMpx2Info(dv::_DevMpx2Info* info) const override;
+    bool isConnected() const override { return loadFlag(connected); }
+    bool isBusy() const override { return loadFlag(busy); }
+    bool isTimepix() const override { return timepix; }
+    const char* deviceName() const override { return deviceNameText.c_str(); }
+    const char* lastError() const override { return report.lastError(); }
+    dv::IParamMgr* parameters() const override { return devParams; }
+    dv::IParamMgr* inDeviceConfigParameters() const override { return inDeviceParams; }
+    int chipIDList(dv::IStrList* list) const override;
+    int setEventFunc(dv::EventFunc func, void* user) override;
+    int setLogMsgFunc(dv::LogMsgFunc func, void* user) override;
+    virtual int enableDataCompression(bool) { return dv::RESULT_NOT_SUPPORTED; }
+    virtual bool isDataCompressionEnabled() const { return false; }
+    virtual bool supportsDataCompression() const { return false; }
+    /// Reports a failure to log, host and `lastError`; returns `code`, which is the host's severity as well. See
+    /// DeviceReport::errorV.
+    virtual int logError(int code, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+    void logFunction(const char* title) const { report.section(title, true); }
+
+    // Board (ampx2dev_board.cpp)
+    /// Asks for the firmware's text. `number`, where given, becomes 0. Returns 0 whatever came back.
+    virtual int getFirmwareVersion(std::string& text, int* number);
+    /// 1 for a firmware that this class knows. Otherwise 0, after telling the log and, where the host has a user
+    /// interface, the user; nothing stops for it.
+    int checkFirmwareVersion();
+    /// Empties the pipeline of the link: reads and drops what the board still sends, at most 2 s long. Returns 0.
+    int resetDevice();
+    int resetMedipix() override;
+    /// Chip power, and the CPU's power command where there is a CPU. Leaves the chips in reset. Returns 0.
+    virtual int setPower(bool on);
+    /// Stores and sends all pins.
+    void setPins(TpxPins newPins);
+    /// Sends nothing: these boards have no such DAC. A negative value is taken for nothing at all; refused is a DAC
+    /// number from 5 on, while 4 passes although the text tells of 0 to 3.
+    virtual int setInterfaceDac(char dac, double value);
+    /// Reads one ADC channel (0 to 15), 12 bits. `flag` is a bit of the ADC's command word, true in all calls.
+    virtual int getADC(unsigned char channel, unsigned short* value, bool flag) const;
+    /// Volts at ADC channel 0, whatever `index` says. Returns 0, also where the read failed.
+    int analogValue(unsigned index, double* value) override;
+    int adcCount() const override { return 16; }
+    double adcValue(unsigned channel) const override;
+    /// Measured bias; while a series runs the last measured one. With both pointers null both are measured. -1 when
+    /// both values are exactly 0.
+    int biasVoltageCurrentSense(double* volts, double* amperes) const override;
+    /// Raw access under `devSync`. `kind` 0: six bytes, which are peripheral, command and four arguments, with
+    /// `flags`. 1: peripheral, command and a payload. 2: bytes without a frame. -1 for any other kind or too few bytes.
+    int sendRawData(unsigned char* data, unsigned long size, unsigned long kind, unsigned long flags,
+                    unsigned long ignored) override;
+    /// Reads up to `size` bytes, with up to 1 s of silence. Returns their count or a negative code; -1 for a `kind`
+    /// other than 0.
+    int receiveRawData(unsigned char* data, unsigned long size, unsigned long kind, unsigned long ignored,
+                       unsigned long ignored2) override;
+
+    // Chips (ampx2dev_chips.cpp)
+    /// 14 values for each Timepix chip, 15 for each Medipix2 chip; `chip` has no effect. As `setMpx2Dacs` with nothing
+    /// on the sense output.
+    int setDacs(const unsigned short* dacs, std::size_t size, int chip) override;
+    int setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac, int extDac,
+                    unsigned ctpr) override;
+    /// Loads the DAC chains and hands back what they held: 33 bytes for each chip at `stream`. -1 for too few values,
+    /// -2 where the multiplexer can't be switched, otherwise the result of the failed read. `senseChip` is compared
+    /// with the number of groups done, while within a group it counts chips.
+    virtual int setDACs(const unsigned short* dacs, std::size_t size, char* stream, int chip, int senseChip,
+                        int senseDac, int extDac, unsigned ctpr, double timeout, bool idsOnly);
+    int setExtDacValue(double) override { return 0; }
+    int sendTestPulses(unsigned, double, double) override { return 0; }
+    int setTimepixClock(double* mhz) override;
+    /// Sends pre-shutter clocks from the parameters. Returns the sum of the commands' results.
+    virtual int setAcqClocks();
+    /// Sets the shutter time.
+    int setTimer(double seconds);
+    /// `setting` is the parameter "TriggerStg"; the other bits come from the parameters too.
+    void setTriggerSettings(unsigned char setting);
+
+    // Series (ampx2dev_series.cpp)
+    /// As asked for, also after a frame that a stop has cut: the measured time goes to no reader.
+    double lastAcqTime() const override { return acqTime; }
+    int setAcqMode(unsigned mode) override;
+    int doSoftwareTrigger(unsigned) override;
+    /// Waits for the host's software trigger, or until `*stop` is true.
+    void waitForSwTrigger(bool* stop);
+    /// Tells the host of a change by HWEVENT_BUSY_CHANGED.
+    void setBusy(bool value);
+    virtual int copyMatrixStreamToSecondBuffer();
+    virtual void acqFunc() = 0;
+
+protected:
+    /// Chips behind one setting of the multiplexer.
+    struct ChipGroup {
+        int number; ///< of the module or channel
+        int chips;
+    };
+    using EndOfFrame = std::array<unsigned char, END_OF_FRAME_SIZE>;
+    struct PinChange {
+        std::uint8_t TpxPins::*pin;
+        std::uint8_t level;
+    };
+    /// Both locks, for what must not meet a frame.
+    class FrameGap {
+    public:
+        explicit FrameGap(const AMpx2Dev& device) : acq(&device.acqSync), dev(&device.devSync) {}
+
+    private:
+        ThreadLock acq;
+        ThreadLock dev;
+    };
+
+    AMpx2Dev(const Mpx2BoardKind& kind, std::string name, IDorvet* dorvet, std::string logDir, std::string settingsFile,
+             std::string biasType);
+
+    // The groups of a concrete class
+    virtual std::vector<ChipGroup> chipGroups() const = 0;
+    virtual int switchGroup(int number) = 0;
+    virtual std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() = 0;
+    virtual void loadSettings(const char* path) = 0;
+    /// 0, or 1 with a text where what is to be done needs chips.
+    virtual int requireChips() const;
+
+    void shutDown();
+
+    // Bring-up steps (ampx2dev.cpp)
+    int openBoard();
+    void identifyBoard();
+    void powerCycle();
+    void setChipCount(int count);
+    void completeBringUp();
+    int readChipInfo(std::size_t streamOffset);
+    bool chipIdsMatch();
+
+    // Board (ampx2dev_board.cpp)
+    std::string askFirmware() const;
+    void readFlashParameters();
+    virtual void initCpu();
+    void changePins(std::initializer_list<PinChange> changes);
+    int sendBiasCode(double volts);
+    void senseBiasByAdc(bool volts, bool amperes) const;
+    virtual void senseBias(bool volts, bool amperes) const { senseBiasByAdc(volts, amperes); }
+    bool reconnect();
+    int pollStatus() const;
+    void pollStatusText() const;
+    void logTraffic(bool commands, bool sentData, bool receivedData) const;
+    unsigned short readAdcCode(unsigned char channel) const;
+    virtual void onReadParam(dv::IParam*) {}
+    virtual void onReadParamCpu() = 0;
+    virtual void onWriteParamCpu(dv::IParam*) {}
+    void onWriteParam(dv::IParam* param);
+    void initParameters();
+    static int paramReadSetFunc(dv::IParam* param, bool isRead, long user);
+    static int paramReadSetFuncCpu(dv::IParam* param, bool isRead, long user);
+
+    // Chips (ampx2dev_chips.cpp)
+    int dacCountOfChip() const;
+    int exchangeDacs(unsigned char* block, unsigned char* answer, std::size_t size, double timeout);
+    int writeChips(const unsigned short* matrix, std::size_t size, bool convert);
+    void sendReadout(const Mpx2Readout& readout);
+
+    // Series (ampx2dev_series.cpp)
+    static constexpr double PACKET_GRACE = 2.0;        ///< seconds that the end-of-frame packet may come late
+    static constexpr double WAIT_UNLIMITED = 1e100;    ///< seconds; an external trigger may hold a frame up for ever
+    static constexpr double SLEEPING_WAIT_ABOVE = 1.0; ///< seconds; shorter frames are waited for without sleeping
+
+    int startExposure(unsigned char flags, std::uint32_t frameWord);
+    void endExposure();
+    int expose();
+    int waitForFrameEnd(double timeout, bool sleeps, EndOfFrame& packet);
+    int completeExposure(int waitResult, const EndOfFrame& packet);
+    void takeMeasuredTime(const EndOfFrame& packet);
+    unsigned char triggerFlags() const;
+    void stopBoard(bool endsSeries);
+    void startSeriesThread();
+    void waitForSeriesEnd();
+    static void acqFuncWrapper(void* device);
+    void waitForReader(bool endsOnStop);
+
+    const Mpx2BoardKind& kind;
+
+    mutable ThreadSyncObject acqSync; ///< held for one frame by the acquisition thread
+    mutable ThreadSyncObject devSync; ///< serialises sequences of commands
+    mutable DeviceReport report;
+    HwEventDispatcher dispatcher;
+    Event matrixReadEvent{false, false, "matrixRead"}; ///< the acquisition thread may overwrite the stream
+    SoftTrigger softTrigger;
+    DoubleBuffer buffers;
+
+    BoardLink<CmdMgr> link{report};
+    std::unique_ptr<IBFlashFpx<CmdMgr>> ibFlash; ///< lives as long as the parameters that call it
+    std::unique_ptr<IBCpuMgr<CmdMgr>> ibCpu;     ///< devSync; null when the board has no usable CPU
+    IBBiasParams biasParams;                     ///< filled at bring-up
+    std::unique_ptr<FileLog> devLog;
+    Buffer<unsigned short> dacsBackup{0, false}; ///< the last DACs set; acqSync and devSync
+
+    // Records: written before and in `initDevice`, then only read
+    dv::_DevInfo devInfoRec;
+    dv::_DevMpxInfo devMpxInfoRec;
+    IDorvet* dorvet;               ///< the host, not owned
+    dv::IParamMgr* devParams;      ///< owned through its `destroy`, from the constructor on
+    dv::IParamMgr* inDeviceParams; ///< owned through its `destroy`, from the constructor on
+    std::string deviceNameText;
+    std::string logDir;
+    std::string settingsFile;
+    std::string serialText;
+    std::string firmwareText;
+    std::vector<std::string> chipIds; ///< one identifier for each chip
+    int chipCount_ = 0;
+    bool timepix = true; ///< until the chip identifiers say otherwise
+    bool debugLog = false;
+    bool logRotate = false;
+
+    TpxPins pins;                     ///< pinSync
+    mutable ThreadSyncObject pinSync; ///< keeps a change of the pins and its command together
+
+    bool connected = false; ///< polled: the bring-up has ended
+    bool noChip = true;     ///< polled: there is no chip
+    bool busy = false;
+    bool acquiring = false;          ///< polled: a series runs
+    bool stopRequested = false;      ///< polled by the acquisition thread
+    mutable bool overheated = false; ///< polled: the temperature protection has tripped
+
+    std::atomic<unsigned> acqMode{0};
+    std::atomic<int> triggerMode{TRIGGER_NONE};
+    std::atomic<std::uint64_t> acqCount{0};    ///< frames in the series
+    std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
+    std::atomic<double> lastAcqTimeValue{0.0}; ///< as the board measured it; no operation hands it out
+    std::atomic<double> timepixClock{10.0};    ///< MHz
+    std::atomic<double> biasValue{0.0};        ///< the last bias asked for, volts
+    int preShutterClockCount = 100;            ///< devSync, as the next two
+    int preShutterClockDivider = 1;
+    int preShutterDelayClockCount = 100;
+    mutable std::atomic<double> biasSense{0.0};    ///< last measured bias, volts
+    mutable std::atomic<double> currentSense{0.0}; ///< last measured bias current, in the calibration's unit
+    mutable std::atomic<double> lastCpuRead{0.0};  ///< time of the last refresh by a read of a CPU parameter
+    mutable std::atomic<int> devStatus{0};         ///< the last status read from the CPU
+    mutable LastError statusText;                  ///< the last status text read from the CPU
+    SeriesThreads series;
+};
+
+} // namespace HwLatixel

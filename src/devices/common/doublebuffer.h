@@ -1,0 +1,59 @@
+// The two buffers between an acquisition thread and the host: one takes the stream from the link while the frame before
+// is decoded from the other.
+#pragma once
+
+#include "shared/buffer.h"
+#include "shared/osdepend.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+namespace HwLatixel {
+
+/// A stream buffer and its copy, each with a lock of its own, so that decoding the copy holds up nobody who receives.
+/// The locks keep each access whole; that a frame is not overwritten before its reader has come is the hand-shake's
+/// part. Order: the copy's lock before the stream's, and both behind the locks of the device.
+class DoubleBuffer {
+public:
+    /// Sets the size of both, cleared.
+    void resize(std::size_t size)
+    {
+        ThreadLock copyLock(&copySync);
+        ThreadLock streamLock(&streamSync);
+        stream.reinit(size);
+        stream.zero();
+        copied.reinit(size);
+        copied.zero();
+    }
+    /// Runs `fill(std::span<unsigned char>)` on the stream.
+    template <typename Fill>
+    auto receive(Fill fill)
+    {
+        ThreadLock lock(&streamSync);
+        return fill(std::span<unsigned char>(stream.data(), stream.size()));
+    }
+    /// Takes the stream over into the copy.
+    void copy()
+    {
+        ThreadLock copyLock(&copySync);
+        ThreadLock streamLock(&streamSync);
+        std::copy_n(stream.data(), stream.size(), copied.data());
+    }
+    /// Runs `decode(std::span<const unsigned char>)` on the copy, or on the stream.
+    template <typename Decode>
+    auto read(bool fromCopy, Decode decode)
+    {
+        ThreadLock lock(fromCopy ? &copySync : &streamSync);
+        const Buffer<unsigned char>& source = fromCopy ? copied : stream;
+        return decode(std::span<const unsigned char>(source.data(), source.size()));
+    }
+
+private:
+    ThreadSyncObject streamSync;
+    ThreadSyncObject copySync;
+    Buffer<unsigned char> stream{0, false}; ///< guarded by streamSync
+    Buffer<unsigned char> copied{0, false}; ///< guarded by copySync
+};
+
+} // namespace HwLatixel

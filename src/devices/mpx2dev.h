@@ -1,0 +1,163 @@
+// One Medipix2 or Timepix readout board behind one USB link.
+#pragma once
+
+#include "devices/ampx2dev.h"
+
+#include <array>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HwLatixel {
+
+/// A board with up to five modules behind a multiplexer, each a daisy chain of up to ten chips, a flash store and
+/// perhaps a CPU. It stands alone or as a member of a composite. Chips are numbered through the modules. For its life,
+/// its locks and its threads see AMpx2Dev; a series has one detached thread, which holds `acqSync` for each frame.
+class Mpx2Dev : public AMpx2Dev {
+public:
+    static constexpr int MODULES = 5;
+    // What `switchModule` takes beside the number of a module.
+    static constexpr int ENABLED_MODULES = -1;
+    static constexpr int ALL_MODULES = -2;
+    static constexpr int NO_MODULE = -3;
+
+    /// `biasType` is the variant letter of the name, which chooses the bias rule. With `useSerialSection` the settings
+    /// come from the section with the device's serial, so that each member of a composite has its own, else from
+    /// "Settings". Does no I/O.
+    Mpx2Dev(std::string name, IDorvet* dorvet, std::string logDir, std::string settingsFile, std::string biasType,
+            bool useSerialSection);
+    ~Mpx2Dev() override;
+
+    // Life cycle (mpx2dev_bringup.cpp)
+    /// Opens the link and brings the board up: firmware text, flash, CPU, power, modules, chips, identifiers. Takes
+    /// some seconds. Fails only where the link does not open, with the link's result; a board without a working module
+    /// or chip is a device without chips.
+    int initDevice() override;
+    /// Brings a failed device back to the state that the host last set: link, power, bias, clock, DACs, matrix, and the
+    /// preparation of a running series. -1 where the board does not answer, -2 where DACs or matrix can't be written.
+    virtual int recoverDevice();
+    /// Reads the settings from the file `path`; a missing file or key leaves the present values, but for the modules,
+    /// which a missing key sets to automatic detection.
+    void loadSettings(const char* path) override;
+    /// Selects a module by number, or ENABLED_MODULES, ALL_MODULES, NO_MODULE; anything else selects none.
+    int switchModule(int module);
+    /// Finds the modules by the test pattern that a running chip clock makes on their data lines, beside those that the
+    /// settings force on or off. Returns 0.
+    int detectModules();
+    /// Counts the chips in the chain of each enabled module. Returns the result of a switch or read that failed.
+    int getChipCount();
+    /// Reads the identifier of each chip, and with it the chip type.
+    int readChipInfo();
+    virtual std::string firmware() const { return firmwareText; }
+    virtual std::string serial() const { return serialText; }
+    virtual int chipCount() const { return chipCount_; }
+    /// DACs of a chip: 14 on Timepix, 15 on Medipix2.
+    virtual int dacCount() const { return dacCountOfChip(); }
+    virtual std::vector<std::string> chipIDs() const { return chipIds; }
+
+    // Status (mpx2dev_status.cpp)
+    /// Asks the board's CPU, unless a frame is exposed: after 100 ms of waiting the last status comes back. Trips the
+    /// temperature protection, which refuses `setBias` until the next `initDevice`.
+    int deviceStatus() const override;
+    const char* deviceStatusText() const override;
+    /// Refreshes the CPU's values in `parameters`, at most once a second. The caller holds `devSync`.
+    void readSenseValuesFromCpu() const;
+
+    // Configuration (mpx2dev_config.cpp)
+    /// Through the CPU where that makes the bias; it takes the absolute value. -1 on a board that has no bias limits.
+    int setBias(double volts) override;
+    int setPixelCfg(const unsigned char* cfg, std::size_t size) override;
+    int writeMatrix(const unsigned short* matrix, std::size_t size, bool convert) override;
+    /// Stores the pre-shutter clocks; `setAcqClocks` reads them from the parameters again.
+    void setPreshutterParams(int count, int divider, int delay);
+
+    // Matrices (mpx2dev_matrix.cpp)
+    int readMatrix(unsigned short* matrix, std::size_t size, bool convert) override;
+    /// Reads the chips, which clears their counters.
+    int eraseMatrix() override;
+    /// Brings the raw stream of all chips into the stream buffer, and leaves the counters cleared. Fails for a short
+    /// stream.
+    virtual int readMatrixFromDevice();
+    /// Decodes the stream buffer, or with `fromCopy` its copy, into `size` words.
+    virtual int getConvertedMatrix(unsigned short* matrix, std::size_t size, bool convert, bool fromCopy);
+
+    // Series (mpx2dev_acq.cpp)
+    int startAcquisition(unsigned count, double seconds) override;
+    int stopAcquisition() override;
+    /// A frame of 16-bit counts with the bias and temperature measured last. While a series runs it is the last frame;
+    /// otherwise the chips are read afresh, and cleared by it.
+    dv::IMpxFrame* lastData() override;
+    /// Brings timer, clocks, counters and triggers into the state in which a series starts. -1 where the timer refuses,
+    /// -2 where a clock can't be set.
+    virtual int prepareAcquisition(double seconds);
+    /// One exposure, with `acqSync` held by the caller; see AMpx2Dev::expose.
+    virtual int doSingleAcquisition();
+    /// The same in two halves, for a composite that starts all members first; no trigger. Returns the result of the
+    /// start command.
+    virtual int startSingleAcquisition();
+    /// `quick` waits 0.5 s at most. On failure the chips stay in acquisition.
+    virtual int waitForAcqFinish(bool quick);
+    void addMetaDataToFrame(dv::IMpxFrame* frame);
+    void acqFunc() override;
+
+protected:
+    std::vector<ChipGroup> chipGroups() const override;
+    int switchGroup(int number) override { return switchModule(number); }
+    std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() override;
+    void initCpu() override;
+    void senseBias(bool volts, bool amperes) const override;
+    void onReadParamCpu() override;
+    void onWriteParamCpu(dv::IParam* param) override;
+
+private:
+    // Status
+    template <typename Poll>
+    void pollBetweenFrames(Poll poll) const;
+    void updateCpuParams() const;
+    double cpuValue(const char* name) const;
+
+    // Bring-up steps
+    void findChips();
+    void logChipIds() const;
+    int countModuleChips(int module, int* chips);
+    bool moduleAnswers(int module, const std::array<unsigned char, 16>& pattern) const;
+
+    // Matrices
+    int readModules(std::span<unsigned char> stream);
+    int readModule(const Mpx2Readout& readout, std::span<unsigned char> stream);
+    int readAllModules(std::span<unsigned char> stream);
+    void drainTail(double timeout, int maxReads) const;
+    void decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const;
+    void decodeAllModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const;
+    int reportReadout(int shortCode, unsigned long received, unsigned long expected, int result) const;
+
+    // Series
+    /// How one pass of a series ended.
+    enum class Pass {
+        Taken,   ///< the frame lies in the stream buffer
+        Again,   ///< it failed and is to be repeated; the device has been recovered
+        Stopped, ///< the host has stopped the series
+        Lost,    ///< the device could not be recovered
+    };
+    int configureSeries(double seconds);
+    Pass takeFrame();
+    void announceFrame(std::uint64_t frame);
+
+    Buffer<unsigned short> matrixBackup{0, false}; ///< the last matrix written to the chips; acqSync and devSync
+
+    // Set at bring-up, then only read
+    std::array<int, MODULES> moduleEnable{-1, -1, -1, -1, -1}; ///< settings; 0 and 1 once modules are detected
+    std::array<int, MODULES> moduleChips{};
+    int activeModuleCount = 0; ///< as detected; a module without chips stays counted
+    bool useSerialSection;
+    bool biasInCpu = false;
+    int biasSetParamIndex = -1;   ///< of the CPU's value "*BiasSet"
+    bool overrideChipIds = false; ///< setting "OverrideChipIDs"; read from the settings and used by nothing
+    bool readParallel = true;     ///< setting "ReadParallel"
+
+    mutable bool cpuParamsUpdating = false;        ///< polled: the CPU's values are being written to the parameters
+    mutable std::atomic<double> detectorTemp{0.0}; ///< degrees Celsius, 0 until the CPU has told it
+    mutable double lastSenseRead = 0.0;            ///< time of the last refresh in readSenseValuesFromCpu; devSync
+};
+
+} // namespace HwLatixel

@@ -1,0 +1,181 @@
+// The pixel matrix of a Medipix2 or Timepix board on its way to the host: module by module, or all modules at once.
+#include "devices/mpx2dev.h"
+
+#include "chipdata/mpx2counters.h"
+#include "chipdata/mpx2matrix.h"
+
+#include <algorithm>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr double MODULE_TIMEOUT = 1.5;       ///< seconds of silence in a readout of one module
+constexpr double PARALLEL_TIMEOUT = 0.5;     ///< the same in a readout of all modules
+constexpr double MODULE_DRAIN_TIMEOUT = 0.2; ///< seconds of silence after which the link counts as empty
+constexpr double PARALLEL_DRAIN_TIMEOUT = 1.0;
+constexpr unsigned long DRAIN_CHUNK = 100000; ///< bytes
+constexpr int MODULE_DRAIN_READS = 10000;     ///< a board that never falls silent is left alone
+constexpr int PARALLEL_DRAIN_READS = 20;
+
+} // namespace
+
+int Mpx2Dev::eraseMatrix()
+{
+    if (requireChips() != 0)
+        return 1;
+    ThreadLock lock(&devSync);
+    logFunction("Erase matrix");
+    readMatrixFromDevice();
+    return 0;
+}
+
+int Mpx2Dev::readMatrixFromDevice()
+{
+    ThreadLock lock(&devSync);
+    if (requireChips() != 0)
+        return 1;
+    logFunction("Read Matrix");
+    return buffers.receive([this](std::span<unsigned char> stream) {
+        return readParallel ? readAllModules(stream) : readModules(stream);
+    });
+}
+
+int Mpx2Dev::readModules(std::span<unsigned char> stream)
+{
+    for (const auto& group : chipGroups()) {
+        if (const int result = switchModule(group.number); result != 0)
+            return result;
+        if (group.chips == 0)
+            continue;
+        const auto chips = static_cast<std::size_t>(group.chips);
+        changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}});
+        changePins({{&TpxPins::ENIN, 0}, {&TpxPins::PS, 0}});
+        if (const int result = readModule(mpx2ModuleReadout(chips), stream); result != 0)
+            return result;
+        stream = stream.subspan(std::min(mpx2ModuleStride(chips), stream.size()));
+    }
+    return 0;
+}
+
+int Mpx2Dev::readModule(const Mpx2Readout& readout, std::span<unsigned char> stream)
+{
+    sendReadout(readout);
+    const unsigned long expected = std::min(readout.bytes, stream.size());
+    unsigned long received = expected;
+    const int result = link.receive(stream.data(), &received, MODULE_TIMEOUT);
+    if (mpx2TailOutOfStep(stream.first(received))) {
+        logError(1, "Reading more data");
+        drainTail(MODULE_DRAIN_TIMEOUT, MODULE_DRAIN_READS);
+    }
+    changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
+    return reportReadout(1, received, expected, result);
+}
+
+int Mpx2Dev::readAllModules(std::span<unsigned char> stream)
+{
+    if (const int result = switchModule(ENABLED_MODULES); result != 0)
+        return result;
+    changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 0}, {&TpxPins::PS, 0}});
+    const Mpx2Readout readout =
+        mpx2ParallelReadout(static_cast<std::size_t>(chipCount_), static_cast<std::size_t>(activeModuleCount));
+    sendReadout(readout);
+    const unsigned long expected = std::min(readout.bytes, stream.size());
+    unsigned long received = expected;
+    const int result = link.receive(stream.data(), &received, PARALLEL_TIMEOUT);
+    if (mpx2TailOutOfStep(stream.first(received)))
+        drainTail(PARALLEL_DRAIN_TIMEOUT, PARALLEL_DRAIN_READS);
+    changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
+    return reportReadout(-1, received, expected, result);
+}
+
+/// Reads and drops what follows a readout whose closing frame has not come yet. Each read asks for as many bytes as the
+/// one before has brought.
+void Mpx2Dev::drainTail(double timeout, int maxReads) const
+{
+    std::vector<unsigned char> scratch(DRAIN_CHUNK);
+    unsigned long received = DRAIN_CHUNK;
+    for (int i = 0; i < maxReads && received > 0; ++i)
+        if (link.receive(scratch.data(), &received, timeout) != 0)
+            return;
+}
+
+/// The result of a readout. One that failed outright leaves the count as it was asked for.
+int Mpx2Dev::reportReadout(int shortCode, unsigned long received, unsigned long expected, int result) const
+{
+    if (received < expected)
+        return logError(shortCode, "Reading matrix failed - not enough data received (%u < %u)",
+                        static_cast<unsigned>(received), static_cast<unsigned>(expected));
+    if (result != 0)
+        return logError(1, "Reading matrix failed %d (%s)", result, link.lastError());
+    return 0;
+}
+
+int Mpx2Dev::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
+{
+    const int pixels = chipCount_ * MPX2_CHIP_PIXELS;
+    if (static_cast<int>(size) < pixels) {
+        matrixReadEvent.set();
+        return logError(1, "Invalid size for matrix (%lu < %lu)", static_cast<unsigned long>(size),
+                        static_cast<unsigned long>(pixels));
+    }
+    const bool running = loadFlag(acquiring);
+    if (running)
+        copyMatrixStreamToSecondBuffer();
+    // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
+    matrixReadEvent.set();
+    if (!running) {
+        const FrameGap gap(*this);
+        if (const int result = readMatrixFromDevice(); result != 0)
+            return result;
+    }
+    getConvertedMatrix(matrix, static_cast<std::size_t>(pixels), convert, running);
+    return 0;
+}
+
+int Mpx2Dev::getConvertedMatrix(unsigned short* matrix, std::size_t size, bool convert, bool fromCopy)
+{
+    if (matrix == nullptr)
+        return logError(1, "Read matrix: matrix cannot be NULL.");
+    const std::span<unsigned short> words(matrix, size);
+    std::ranges::fill(words, static_cast<unsigned short>(0));
+    buffers.read(fromCopy, [&](std::span<const unsigned char> stream) {
+        if (readParallel)
+            decodeAllModules(stream, words);
+        else
+            decodeModules(stream, words);
+    });
+    if (convert)
+        convertCountsMpx2(matrix, size, true);
+    return 0;
+}
+
+void Mpx2Dev::decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
+{
+    for (const auto& group : chipGroups()) {
+        if (group.chips == 0)
+            continue;
+        const auto chips = static_cast<std::size_t>(group.chips);
+        const std::size_t stride = mpx2ModuleStride(chips);
+        if (stream.size() <= stride)
+            return;
+        deserializeMpx2(stream.data() + 1, stride, matrix.data(), matrix.size(), true);
+        stream = stream.subspan(stride);
+        matrix = matrix.subspan(std::min(chips * MPX2_CHIP_PIXELS, matrix.size()));
+    }
+}
+
+void Mpx2Dev::decodeAllModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
+{
+    const auto modules = static_cast<std::size_t>(activeModuleCount);
+    const std::size_t perModule = mpx2ChipsPerModule(static_cast<std::size_t>(chipCount_), modules);
+    const std::size_t bytes = perModule * MPX2_STREAM_STRIDE;
+    std::vector<unsigned char> lane(bytes + 1);
+    for (std::size_t module = 0; module < modules; ++module) {
+        deinterleaveMpx2(stream, modules, module, std::span(lane).first(bytes));
+        deserializeMpx2(lane.data() + 1, bytes, matrix.data(), matrix.size(), true);
+        matrix = matrix.subspan(std::min(perModule * MPX2_CHIP_PIXELS, matrix.size()));
+    }
+}
+
+} // namespace HwLatixel
