@@ -6,6 +6,7 @@
 #include "sim/latixelsim.h"
 #include "sim/mpx2board.h"
 #include "sim/mpx3board.h"
+#include "sim/rowboard.h"
 
 #include <charconv>
 #include <cstdio>
@@ -28,6 +29,7 @@ struct Kinds {
     std::map<std::string, BoardMaker, std::less<>> makers{
         {"mpx2", makeMpx2Board},
         {"mpx3", makeMpx3Board},
+        {"mpxrow", makeRowBoard},
     };
 };
 

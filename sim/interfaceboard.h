@@ -95,10 +95,11 @@ protected:
     void spiSelect(const Frame& frame, Time now);
     void spiSend(const Frame& frame, Time now);
 
-    /// Looks the command up in a board's table and does it, unless the firmware has something against it.
+    /// Looks the command up in a table and does it, unless the firmware has something against it. Returns false if the
+    /// table does not have it.
     template <typename BoardClass, std::size_t count>
-    static void obeyBy(const std::array<Command<BoardClass>, count>& commands, BoardClass& board, const Frame& frame,
-                       Time now)
+    static bool obeyIfKnown(const std::array<Command<BoardClass>, count>& commands, BoardClass& board,
+                            const Frame& frame, Time now)
     {
         for (const Command<BoardClass>& command : commands)
             if (command.rule.peripheral == frame.peripheral && command.rule.command == frame.command) {
@@ -107,9 +108,17 @@ protected:
                     (board.*command.act)(frame, now);
                 else
                     board.violate(against, frame.head());
-                return;
+                return true;
             }
-        board.violate("unknown command", frame.head());
+        return false;
+    }
+    /// The same for the last table that there is.
+    template <typename BoardClass, std::size_t count>
+    static void obeyBy(const std::array<Command<BoardClass>, count>& commands, BoardClass& board, const Frame& frame,
+                       Time now)
+    {
+        if (!obeyIfKnown(commands, board, frame, now))
+            board.violate("unknown command", frame.head());
     }
 
     void giveOutput(Output to);

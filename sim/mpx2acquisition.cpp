@@ -1,5 +1,7 @@
-// The Medipix2 and Timepix readout board: taking frames.
-#include "sim/mpx2board.h"
+// What the firmware of all boards with Medipix2 or Timepix chips does alike: taking frames.
+#include "sim/mpx2firmware.h"
+
+#include <algorithm>
 
 namespace sim {
 
@@ -15,7 +17,7 @@ constexpr double secondsPerShutterTick = 1e-8;
 
 } // namespace
 
-void Mpx2Board::setRegister(const Frame& frame, Time /*now*/)
+void Mpx2Firmware::setRegister(const Frame& frame, Time /*now*/)
 {
     if (frame.command == acqTimepixDivider && frame.word() == 0) {
         violate("clock divided by 0", frame.head());
@@ -24,77 +26,88 @@ void Mpx2Board::setRegister(const Frame& frame, Time /*now*/)
     registers.at(frame.command) = frame.word();
 }
 
-double Mpx2Board::timepixClockMhz() const
+double Mpx2Firmware::timepixClockMhz() const
 {
     return boardClockMhz / registers[acqTimepixDivider];
 }
 
-void Mpx2Board::setTrigger(const Frame& frame, Time /*now*/)
+void Mpx2Firmware::setTrigger(const Frame& frame, Time /*now*/)
 {
     trigger.set(frame.d[3]);
 }
 
-/// Before a shutter opens by itself, the chips get some clocks and a rest.
-Clock::duration Mpx2Board::preShutterTime() const
+Clock::duration Mpx2Firmware::preShutterTime() const
 {
     const std::uint64_t clocks = std::uint64_t{registers[acqPreCount]} * registers[acqPreDivider];
     const auto ticks = static_cast<std::int64_t>((clocks + registers[acqPreDelay]) * shutterTicks);
     return std::chrono::duration_cast<Clock::duration>(Shutter::Tick(ticks));
 }
 
-void Mpx2Board::startFrame(const Frame& frame, Time now)
+void Mpx2Firmware::startFrame(const Frame& frame, Time now)
 {
-    if (chipsWait())
-        violate("start while something waits for the output", frame.head());
-    giveOutput(Output::chips);
-    if (!chipsReady(frame, mpx2levels::expose))
+    if (!takeOutput(frame, mpx2levels::expose))
         return;
     if (frame.word24() != 1)
         violate("start of another number of frames than one", frame.head());
-    const ShutterPlan plan{.startWaits = (frame.d[0] & startOnTrigger) != 0,
-                           .stopWaits = (frame.d[0] & stopOnTrigger) != 0,
-                           .period = timerCount() * shutterTicks};
+    openShutter({}, frame, now);
+}
+
+void Mpx2Firmware::openShutter(ShutterPlan plan, const Frame& start, Time now)
+{
+    plan.startWaits = (start.d[0] & startOnTrigger) != 0;
+    plan.stopWaits = (start.d[0] & stopOnTrigger) != 0;
+    plan.period = std::max(plan.period, timerCount() * build.timerTick);
+    pace.reset();
     shutter.start(plan, plan.startWaits ? now : now + preShutterTime());
 }
 
-void Mpx2Board::stopFrame(const Frame& /*frame*/, Time now)
+void Mpx2Firmware::stopFrame(const Frame& /*frame*/, Time now)
 {
     giveOutput(Output::chips);
+    pace.resume(shutter, now);
     if (const auto cut = shutter.stop(now))
         finishFrame(*cut);
     endSeries();
 }
 
-void Mpx2Board::endSeries()
+void Mpx2Firmware::endSeries()
 {
     shutter.stop({});
+    pace.reset();
     trigger.disarm();
 }
 
-void Mpx2Board::externalTrigger(Time now)
+void Mpx2Firmware::externalTrigger(Time now)
 {
     advance(now);
     shutter.trigger(now);
     advance(now);
 }
 
-void Mpx2Board::run(Time now)
+void Mpx2Firmware::run(Time now)
 {
-    trigger.serve(shutter, now);
-    while (const auto frame = shutter.next(now))
-        finishFrame(*frame);
+    pace.run(
+        shutter, trigger, now, [this] { return pending(); }, [this](const ShutterFrame& frame) { finishFrame(frame); });
 }
 
-/// The shutter has closed: the chips have counted, and the host is told for how long.
-void Mpx2Board::finishFrame(const ShutterFrame& frame)
+Mpx2Exposure Mpx2Firmware::exposureOf(const ShutterFrame& frame) const
 {
-    const Mpx2Exposure exposure{.seconds = static_cast<double>(frame.length) * secondsPerShutterTick,
-                                .frame = frameNumber,
-                                .clockMhz = timepixClockMhz()};
+    return {.seconds = static_cast<double>(frame.length) * secondsPerShutterTick,
+            .frame = frameNumber,
+            .clockMhz = timepixClockMhz()};
+}
+
+void Mpx2Firmware::finishFrame(const ShutterFrame& frame)
+{
     for (Mpx2Chain& chain : chains)
-        chain.expose(exposure);
+        chain.expose(exposureOf(frame));
+    closeFrame(frame);
+}
+
+void Mpx2Firmware::closeFrame(const ShutterFrame& frame)
+{
     ++frameNumber;
-    deliver(Output::chips, mpx2Packet(periAcq, frame.length / shutterTicks));
+    deliver(Output::chips, mpx2Packet(periAcq, frame.length / build.timerTick));
 }
 
 } // namespace sim

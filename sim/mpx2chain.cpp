@@ -128,6 +128,20 @@ Lane Mpx2Chain::readMatrix(std::size_t wanted, std::vector<std::uint64_t>& made)
     return lane;
 }
 
+Lane Mpx2Chain::readRows(const Mpx2RowRead& order)
+{
+    Lane lane = line({});
+    const auto there = members();
+    if (!awake() || there.empty())
+        return lane;
+    const ChipStream& stream = there.front()->readRows(order);
+    if (answers()) {
+        lane.head = {leadByte};
+        lane.body.emplace_back(stream.bytes);
+    }
+    return lane;
+}
+
 void Mpx2Chain::expose(const Mpx2Exposure& exposure)
 {
     if (!awake())

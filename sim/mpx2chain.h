@@ -37,6 +37,8 @@ public:
     /// Shifts the matrix of the first `wanted` chips out: a lead byte for each chip of the chain, then the images.
     /// Appends to `made` numbers that are the same again only if the lane has the same bytes.
     Lane readMatrix(std::size_t wanted, std::vector<std::uint64_t>& made);
+    /// Shifts rows of the chip nearest to the output out: a lead byte, and then what the chip gives.
+    Lane readRows(const Mpx2RowRead& order);
     void expose(const Mpx2Exposure& exposure);
 
     // Faults.

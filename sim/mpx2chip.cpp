@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 namespace sim {
 
@@ -14,8 +15,8 @@ namespace {
 constexpr std::size_t side = 256;
 constexpr std::size_t pixelCount = side * side;
 constexpr unsigned planes = 14;
-constexpr std::size_t rowBytes = planes * side / 8;
 constexpr std::uint8_t firstPad = 0xE0;
+static_assert(Mpx2Chip::rowBytes == planes * side / 8);
 
 constexpr std::size_t fuseStart = 5; ///< byte of the DAC record at which the fuses are shifted out
 constexpr unsigned timepixFuse = 8;  ///< bit of the third fuse byte
@@ -68,6 +69,13 @@ unsigned gather(unsigned word, std::span<const std::uint8_t> bits)
     for (std::size_t i = 0; i < bits.size(); ++i)
         value |= (word >> bits[i] & 1U) << i;
     return value;
+}
+
+/// Fills up a stream behind the rows with bytes that are none of theirs.
+void pad(Bytes& bytes, std::size_t size)
+{
+    for (std::size_t i = 0; bytes.size() < size; ++i)
+        bytes.push_back(static_cast<std::uint8_t>(firstPad + i % 16));
 }
 
 std::array<std::uint8_t, 3> fusesOf(const std::string& id, Mpx2Kind kind)
@@ -189,13 +197,40 @@ const ChipStream& Mpx2Chip::read()
     stream.bytes.reserve(imageBytes);
     for (std::size_t row = 0; row < side; ++row)
         appendPlanes(std::span(state).subspan(row * side, side), planes, stream.bytes);
-    for (std::size_t pad = 0; stream.bytes.size() < imageBytes; ++pad)
-        stream.bytes.push_back(static_cast<std::uint8_t>(firstPad + pad % 16));
+    pad(stream.bytes, imageBytes);
     ++stream.version;
     streamMade = made;
     if (!cleared)
         std::ranges::fill(state, mpx2ClearState);
     cleared = true;
+    return stream;
+}
+
+const ChipStream& Mpx2Chip::readRows(const Mpx2RowRead& order)
+{
+    const std::size_t leaving = order.step.rows * side;
+    settle();
+    Words moved(state.begin(), state.begin() + static_cast<std::ptrdiff_t>(leaving));
+    if (!cleared) {
+        std::shift_left(state.begin(), state.end(), static_cast<std::ptrdiff_t>(leaving));
+        std::fill(state.end() - static_cast<std::ptrdiff_t>(leaving), state.end(), mpx2ClearState);
+    }
+    if (order.exposure) {
+        std::vector<float> hits = photonsOfRows(*scene, falling(), order.step);
+        for (std::size_t row = 0; row < leaving; row += side)
+            std::transform(columnSensitivity().begin(), columnSensitivity().end(),
+                           hits.begin() + static_cast<std::ptrdiff_t>(row),
+                           hits.begin() + static_cast<std::ptrdiff_t>(row), std::multiplies<>());
+        PoissonField field;
+        field.expect(std::move(hits));
+        count(field, *order.exposure, moved);
+    }
+    stream.bytes.clear();
+    for (std::size_t row = 0; row < leaving; row += side)
+        appendPlanes(std::span(moved).subspan(row, side), planes, stream.bytes);
+    pad(stream.bytes, order.step.rows * (rowBytes + 1) - 1);
+    ++stream.version;
+    streamMade.reset();
     return stream;
 }
 
@@ -216,20 +251,26 @@ void Mpx2Chip::settle()
         expected.expect(means(exposure.seconds));
     expectedSeconds = exposure.seconds;
     expectedGeneration = generation;
-    std::vector<std::uint32_t> hits(pixelCount);
+    count(expected, exposure, state);
+    cleared = false;
+}
+
+/// Adds what the pixels have measured to the first counters of the matrix, or to what has become of them.
+void Mpx2Chip::count(const PoissonField& field, const Mpx2Exposure& exposure, std::span<std::uint16_t> states) const
+{
+    std::vector<std::uint32_t> hits(states.size());
     if (scene->noisy())
-        expected.draw(mixSeed(scene->seed(), exposure.frame, place.number, 0), hits);
+        field.draw(mixSeed(scene->seed(), exposure.frame, place.number, 0), hits);
     else
-        expected.rounded(hits);
+        field.rounded(hits);
 
     const auto stateOf = mpx2StateOfCount();
     const auto countOf = mpx2CountOfState();
-    for (std::size_t i = 0; i < pixelCount; ++i) {
-        const std::uint16_t before = countOf[state[i] & mpx2ClearState];
+    for (std::size_t i = 0; i < states.size(); ++i) {
+        const std::uint16_t before = countOf[states[i] & mpx2ClearState];
         if (before != mpx2NoCount)
-            state[i] = stateOf[std::min(before + measured(config[i], hits[i], exposure), mpx2FullCount)];
+            states[i] = stateOf[std::min(before + measured(config[i], hits[i], exposure), mpx2FullCount)];
     }
-    cleared = false;
 }
 
 /// What a pixel adds to its counter for some hits.
@@ -254,21 +295,50 @@ std::uint32_t Mpx2Chip::measured(std::uint16_t word, std::uint32_t hits, const M
     return static_cast<std::uint32_t>(std::min<double>(std::round(ticks), mpx2FullCount));
 }
 
-/// Expected hits of all pixels, by the threshold, its adjustment and the mask bit.
-std::vector<float> Mpx2Chip::means(double seconds)
+/// Share of the photons that each pixel counts, by the threshold, its adjustment and the mask bit.
+std::vector<float> Mpx2Chip::sensitivity() const
 {
     const PixelBits& bits = kind == Mpx2Kind::timepix ? timepixBits : medipixBits;
     const auto adjust = std::span(bits.adjust).first(bits.adjustBits);
     std::array<float, 16> byAdjustment{};
     for (std::size_t step = 0; step < byAdjustment.size(); ++step)
-        byAdjustment[step] = static_cast<float>(
-            seconds * scene->counted(dac(thresholdDac) - static_cast<double>(step) * scene->adjustStep()));
-    if (!flux)
-        flux = scene->flux(place.number, place.total);
-    std::vector<float> hits(pixelCount);
+        byAdjustment[step] =
+            static_cast<float>(scene->counted(dac(thresholdDac) - static_cast<double>(step) * scene->adjustStep()));
+    std::vector<float> share(pixelCount);
     for (std::size_t i = 0; i < pixelCount; ++i)
         if ((config[i] >> bits.mask & 1) == 0)
-            hits[i] = (*flux)[i] * byAdjustment[gather(config[i], adjust)];
+            share[i] = byAdjustment[gather(config[i], adjust)];
+    return share;
+}
+
+/// Mean sensitivity of the pixels of each column, which all of a row's counts have come by.
+const std::vector<float>& Mpx2Chip::columnSensitivity()
+{
+    if (columnsMadeAt == generation)
+        return columns;
+    const std::vector<float> share = sensitivity();
+    columns.assign(side, 0);
+    for (std::size_t i = 0; i < pixelCount; ++i)
+        columns[i % side] += share[i] / side;
+    columnsMadeAt = generation;
+    return columns;
+}
+
+/// Photons a second that fall on each pixel.
+const std::vector<float>& Mpx2Chip::falling()
+{
+    if (!flux)
+        flux = scene->flux(place.number, place.total);
+    return *flux;
+}
+
+/// Expected hits of all pixels.
+std::vector<float> Mpx2Chip::means(double seconds)
+{
+    std::vector<float> hits = sensitivity();
+    const std::vector<float>& photons = falling();
+    for (std::size_t i = 0; i < pixelCount; ++i)
+        hits[i] *= photons[i] * static_cast<float>(seconds);
     return hits;
 }
 

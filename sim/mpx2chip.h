@@ -3,7 +3,7 @@
 
 #include "sim/chip.h"
 #include "sim/noise.h"
-#include "sim/scene.h"
+#include "sim/rowmotion.h"
 
 #include <array>
 #include <optional>
@@ -22,8 +22,16 @@ struct Mpx2Exposure {
     bool operator==(const Mpx2Exposure&) const = default;
 };
 
+/// Rows to be shifted out, with the exposure of the step at whose end they are, if they are read in a series.
+struct Mpx2RowRead {
+    RowStep step;
+    std::optional<Mpx2Exposure> exposure;
+};
+
 class LATIXELSIM_API Mpx2Chip {
 public:
+    static constexpr std::size_t rows = 256;
+    static constexpr std::size_t rowBytes = 448;      ///< of each row of the matrix
     static constexpr std::size_t recordBytes = 32;    ///< of the DAC register
     static constexpr std::size_t imageBytes = 114720; ///< of the matrix: 256 rows, and 32 bytes behind them
     using Record = std::array<std::uint8_t, recordBytes>;
@@ -45,6 +53,11 @@ public:
     void expose(const Mpx2Exposure& exposure);
     /// Shifts the matrix out, which clears the counters. Valid until the next call.
     const ChipStream& read();
+    /// Shifts the first rows of the matrix out, and a byte less behind them than there are rows; all others move up,
+    /// and clear ones come in behind them. In a series a row has counted wherever it has been; what its pixels are set
+    /// to weighs as the mean of the column, and what they measure as the pixel's by which it leaves. What the rows of a
+    /// series that are never read have counted is lost. Valid until the next call.
+    const ChipStream& readRows(const Mpx2RowRead& order);
 
     /// Volts on the sense output, or none when the DAC register selects nothing.
     std::optional<double> senseVolts() const;
@@ -71,7 +84,11 @@ private:
 
     std::uint32_t field(unsigned first, unsigned bits) const;
     void settle();
+    std::vector<float> sensitivity() const;
+    const std::vector<float>& columnSensitivity();
+    const std::vector<float>& falling();
     std::vector<float> means(double seconds);
+    void count(const PoissonField& field, const Mpx2Exposure& exposure, std::span<std::uint16_t> states) const;
     std::uint32_t measured(std::uint16_t word, std::uint32_t hits, const Mpx2Exposure& exposure) const;
 
     Mpx2Kind kind;
@@ -89,6 +106,8 @@ private:
     PoissonField expected;
     double expectedSeconds = 0;
     std::uint64_t expectedGeneration = 0;
+    std::vector<float> columns;      ///< mean sensitivity of each
+    std::uint64_t columnsMadeAt = 0; ///< generation
     ChipStream stream;
     std::optional<Made> streamMade;
 };

@@ -29,11 +29,13 @@ constexpr std::uint16_t mode = pinM0 | pinM1;
 constexpr std::uint16_t shift = mode | pinEnableIn | pinEnableOut;
 
 constexpr Mpx2Levels passBy{.cared = mode | pinEnableIn, .high = pinM0 | pinEnableIn};
+constexpr Mpx2Levels passByAnyMode{.cared = pinEnableIn, .high = pinEnableIn};
 constexpr Mpx2Levels testPattern{.cared = shift, .high = pinM0 | pinEnableIn};
 constexpr Mpx2Levels shiftDacs{.cared = shift, .high = pinM0 | pinEnableOut};
 constexpr Mpx2Levels writeMatrix{.cared = shift, .high = pinM1};
 constexpr Mpx2Levels readMatrix{.cared = shift | pinPs, .high = pinEnableOut};
 constexpr Mpx2Levels expose{.cared = pinEnableIn | pinEnableOut | pinAcqOver, .high = pinEnableIn | pinAcqOver};
+constexpr Mpx2Levels exposeRows{.cared = shift | pinAcqOver, .high = pinEnableIn | pinAcqOver};
 } // namespace mpx2levels
 
 } // namespace sim

@@ -3,6 +3,12 @@
 
 namespace sim {
 
+namespace {
+
+constexpr std::size_t bytesPerRow = Mpx2Chip::rowBytes + 1; ///< that are clocked for it
+
+} // namespace
+
 Mpx2Packet mpx2Packet(std::uint8_t peripheral, std::uint64_t number)
 {
     Mpx2Packet packet = {0x55, peripheral, 0, 0, 0, 0, 0, 0, 0xAA};
@@ -20,17 +26,40 @@ std::optional<std::size_t> Mpx2ReadoutOrder::chips() const
     return asked / chipBits;
 }
 
-const Bytes& Mpx2Readout::read(std::span<Mpx2Chain* const> modules, std::size_t chips, std::size_t size)
+std::optional<unsigned> rowsOfBits(std::uint32_t bits)
 {
-    std::vector<std::uint64_t> made = {modules.size(), chips, size};
+    const std::uint64_t clocked = std::uint64_t{bits} + 1;
+    const std::uint64_t rows = clocked / (bytesPerRow * 8);
+    if (rows * bytesPerRow * 8 != clocked || rows > Mpx2Chip::rows)
+        return std::nullopt;
+    return static_cast<unsigned>(rows);
+}
+
+Lane Mpx2Readout::through(Lane lane) const
+{
+    lane.head.insert(lane.head.begin(), lead.begin(), lead.end());
+    return lane;
+}
+
+const Bytes& Mpx2Readout::read(std::span<Mpx2Chain* const> lines, std::size_t chips, std::size_t size)
+{
+    std::vector<std::uint64_t> made = {lines.size(), chips, size};
     std::vector<Lane> lanes;
-    for (Mpx2Chain* const module : modules) {
-        lanes.push_back(module->readMatrix(chips, made));
-        lanes.back().head.insert(lanes.back().head.begin(), mpx2LeadByte);
-    }
+    for (Mpx2Chain* const line : lines)
+        lanes.push_back(through(line->readMatrix(chips, made)));
     if (made != lastMade)
         interleave(lanes, size, bytes);
     lastMade = std::move(made);
+    return bytes;
+}
+
+const Bytes& Mpx2Readout::readRows(std::span<Mpx2Chain* const> channels, const Mpx2RowRead& order)
+{
+    std::vector<Lane> lanes;
+    for (Mpx2Chain* const channel : channels)
+        lanes.push_back(through(channel->readRows(order)));
+    interleave(lanes, channels.size() * order.step.rows * bytesPerRow, bytes);
+    lastMade.clear();
     return bytes;
 }
 

@@ -14,8 +14,22 @@
 // The clock brings 1 + B / 8 bytes of each module, so that A + 1 can be n times that at most. B is 917768 for each
 // chip, less 2; a chip that the clock does not reach keeps its counts.
 //
+// A row board has one chip on each of its n channels, and nothing stands in its multiplexer. It announces nothing: the
+// channels are read to the end of what is clocked. 917767 bits are the whole matrix, 114721 bytes of each channel: FF
+// and the image, as above. 3592 bits for each of R rows, less 1, are 449 times R bytes of each channel:
+//
+//     1 byte   FF
+//     rows     448 bytes for each of the R rows from row 0 on; the rows behind them move up to their place
+//     R - 1    bytes E0, E1, ..., again from E0 behind EF
+//
+// The same 9 bytes close it. In a continuous series the board sends a block at each step of its timer:
+//
+//   9 bytes that end a frame: 55 05, the time that the step took in 6 bytes, and AA
+//   449 times R bytes of each channel, interleaved, as R rows are read
+//   9 bytes that close it: 55 01, the number of the bytes since the packet in front in 6 bytes, and AA
+//
 // When the chips' registers are shifted, or bytes go past them, each module delivers as many bytes as were sent: C5,
-// and then what comes out of the chips.
+// on a board that has it in its multiplexer, and then what comes out of the chips.
 #pragma once
 
 #include "sim/mpx2chain.h"
@@ -38,17 +52,28 @@ struct Mpx2ReadoutOrder {
     std::size_t clocked() const { return std::size_t{bits} / 8 + 1; }
 };
 
-/// Byte that stands in the multiplexer when the clock begins.
-constexpr std::uint8_t mpx2LeadByte = 0xC5;
+/// Rows that a number of bits clocks out of each channel of a row board, or none if that is no number of rows from 1 to
+/// 256.
+std::optional<unsigned> rowsOfBits(std::uint32_t bits);
+/// Bits that clock the whole matrix out of each channel of a row board.
+constexpr std::uint32_t rowBoardMatrixBits = (Mpx2Chip::imageBytes + 1) * 8 - 1;
 
 /// Puts readouts together, and keeps the last one for the case that the next is the same.
 class Mpx2Readout {
 public:
-    /// Reads the first `chips` chips of all modules, which clears them, and returns `size` bytes. Valid until the next
+    /// `muxBytes` are those that stand in the multiplexer when the clock begins, for each line.
+    explicit Mpx2Readout(Bytes muxBytes) : lead(std::move(muxBytes)) {}
+
+    /// What a line delivers through the multiplexer.
+    Lane through(Lane lane) const;
+    /// Reads the first `chips` chips of all lines, which clears them, and returns `size` bytes. Valid until the next
     /// call.
-    const Bytes& read(std::span<Mpx2Chain* const> modules, std::size_t chips, std::size_t size);
+    const Bytes& read(std::span<Mpx2Chain* const> lines, std::size_t chips, std::size_t size);
+    /// Reads rows of lines with one chip each, for a row board. Valid until the next call.
+    const Bytes& readRows(std::span<Mpx2Chain* const> channels, const Mpx2RowRead& order);
 
 private:
+    const Bytes lead;
     std::vector<std::uint64_t> lastMade;
     Bytes bytes;
 };

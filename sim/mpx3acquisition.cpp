@@ -52,15 +52,14 @@ void Mpx3Board::startFrames(const Frame& frame, Time now)
                            .frames = std::uint64_t{frame.word24()} + 1,
                            .period = timer};
     rowSeries = plan.frames > 1 && !continuous && readoutOmr(0).shape().rows == 1;
-    stalled = false;
+    pace.reset();
     shutter.start(plan, now);
 }
 
 void Mpx3Board::stopFrames(const Frame& /*frame*/, Time now)
 {
     giveOutput(Output::chips);
-    if (stalled)
-        shutter.resume(now);
+    pace.resume(shutter, now);
     const auto cut = shutter.stop(now);
     if (cut)
         finishFrame(*cut);
@@ -71,7 +70,7 @@ void Mpx3Board::stopFrames(const Frame& /*frame*/, Time now)
 void Mpx3Board::endSeries()
 {
     shutter.stop({});
-    stalled = false;
+    pace.reset();
     trigger.disarm();
 }
 
@@ -93,20 +92,8 @@ void Mpx3Board::externalTrigger(Time now)
 
 void Mpx3Board::run(Time now)
 {
-    if (stalled && pending() > fifoBytes)
-        return;
-    if (std::exchange(stalled, false))
-        shutter.resume(now);
-    for (;;) {
-        trigger.serve(shutter, now);
-        const auto frame = shutter.next(now);
-        if (!frame)
-            return;
-        finishFrame(*frame);
-        stalled = pending() > fifoBytes && !shutter.idle();
-        if (stalled)
-            return;
-    }
+    pace.run(
+        shutter, trigger, now, [this] { return pending(); }, [this](const ShutterFrame& frame) { finishFrame(frame); });
 }
 
 void Mpx3Board::finishFrame(const ShutterFrame& frame)

@@ -49,7 +49,7 @@ const std::array<InterfaceBoard::Command<Mpx3Board>, 23> Mpx3Board::commands = {
 Mpx3Board::Mpx3Board(const json& board, const json& bench)
     : InterfaceBoard(board, "Latixel M3 FW 3.12 2023-11-08", wiring),
       trigger(board),
-      fifoBytes(readKey(board, "fifo_bytes", std::size_t{1} << 24U))
+      pace(board)
 {
     buildChains(board, bench);
     reset();

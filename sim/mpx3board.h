@@ -1,19 +1,19 @@
 // The Medipix3 readout board: its firmware with the command tables, and up to five channels of chips, written from the
 // wire's point of view.
 //
-// Keys of its entry in a bench, beside those of every board, of sim/interfaceboard.h and of sim/triggerinput.h:
+// Keys of its entry in a bench, beside those of every board, of sim/interfaceboard.h, sim/framepace.h and
+// sim/triggerinput.h:
 //   "channels"      list of up to five channels, each a list of up to two chip identifiers, as [["C07-W0123"], []]
 //   "scene"         the picture behind the sensor (sim/scene.h); also a key of the bench, for all boards
-//   "fifo_bytes"    a series pauses while more than this lies on the output (16777216)
 //
 // Faults of its own:
 //   {"kind": "stuck_channel", "channel": c, "level": 0 or 1}
 //   {"kind": "chip_missing", "channel": c, "position": 0 or 1}
 #pragma once
 
+#include "sim/framepace.h"
 #include "sim/interfaceboard.h"
 #include "sim/mpx3readout.h"
-#include "sim/triggerinput.h"
 
 namespace sim {
 
@@ -89,7 +89,7 @@ private:
 
     std::array<Mpx3Chain, channelCount> chains;
     TriggerInput trigger;
-    std::size_t fifoBytes;
+    FramePace pace;
 
     std::uint8_t pinWord = 0;
     std::uint8_t selectedChannels = 0;
@@ -103,7 +103,6 @@ private:
 
     Shutter shutter;
     bool rowSeries = false;
-    bool stalled = false;
     std::uint64_t frameNumber = 0;
     Packet lastPacket{};
     Mpx3Readout readout;

@@ -3,9 +3,9 @@
 
 #include "sim/bitplanes.h"
 #include "sim/mpx3counters.h"
+#include "sim/rowmotion.h"
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
 
 namespace sim {
@@ -223,24 +223,10 @@ std::vector<float> Mpx3Chip::frameMeans(unsigned counter, const Exposure& exposu
     return means;
 }
 
-/// What the row that is read now has counted on its way: j steps ago it lay at row j of the chip, and the picture
-/// has moved since.
+/// What the row that is read now has counted on its way.
 std::vector<float> Mpx3Chip::rowMeans(unsigned counter, const Exposure& exposure)
 {
-    const double rowsPerStep = scene->speed() ? *scene->speed() * exposure.seconds : 1;
-    std::array<float, side> secondsOfRow{};
-    for (std::uint64_t j = 0; j <= std::min<std::uint64_t>(exposure.frame, side - 1); ++j) {
-        const double row = static_cast<double>(j) + rowsPerStep * static_cast<double>(exposure.frame - j);
-        const double wrapped = row - std::floor(row / side) * side;
-        secondsOfRow[std::min(static_cast<std::size_t>(wrapped), side - 1)] += static_cast<float>(exposure.seconds);
-    }
-    const std::vector<float>& falling = flux();
-    std::vector<float> means(side);
-    for (std::size_t row = 0; row < side; ++row)
-        if (secondsOfRow[row] > 0)
-            for (std::size_t column = 0; column < side; ++column)
-                means[column] += secondsOfRow[row] * falling[row * side + column];
-
+    std::vector<float> means = photonsOfRows(*scene, flux(), {.number = exposure.frame, .seconds = exposure.seconds});
     std::ranges::transform(means, columnSensitivity(counter, exposure.depth), means.begin(), std::multiplies<>());
     return means;
 }
