@@ -4,22 +4,12 @@
 #include "link/ftdidev.h"
 #include "shared/str.h"
 
-#include <cstdarg>
-
 namespace HwLatixel {
 
 namespace {
 
-/// Longest silence of the link in seconds while a command goes out.
-constexpr double SEND_TIMEOUT = 2.0;
-/// Reads of `receiveArrived`, and the link's mark for no time limit.
+/// Reads of `receiveArrived`.
 constexpr unsigned ARRIVED_READS = 10;
-constexpr double NO_TIMEOUT = -1.0;
-/// Seconds of one attempt of `waitForPacket`, and of the pause between two.
-constexpr double PACKET_ATTEMPT = 1.0;
-constexpr double PACKET_PAUSE = 0.002;
-/// Seconds between two attempts on a link that fails: it does so at once, and each failure is a line in the log.
-constexpr double FAILURE_PAUSE = 0.1;
 
 const char* const UNKNOWN = "???";
 
@@ -32,11 +22,6 @@ std::string flagLetters(unsigned char flags)
 {
     return {(flags & cmdflag::PAYLOAD) != 0 ? 'D' : '_', (flags & cmdflag::OUTPUT) != 0 ? 'O' : '_',
             (flags & cmdflag::ACT) != 0 ? 'A' : '_'};
-}
-
-bool tookAll(int sent, unsigned long size)
-{
-    return sent >= 0 && static_cast<unsigned long>(sent) == size;
 }
 
 } // namespace
@@ -65,8 +50,7 @@ std::string ProtocolNames::argsText(const CmdFrame& frame) const
 }
 
 ACmdMgr::ACmdMgr(FtdiDev* link, FileLog* fileLog, const ProtocolNames& protocolNames)
-    : ftdi(link),
-      log(fileLog),
+    : CmdMgrBase(link, fileLog),
       names(protocolNames)
 {
 }
@@ -75,7 +59,7 @@ int ACmdMgr::sendFrame(const CmdFrame& frame)
 {
     const auto bytes = frame.encode();
     const int sent = ftdi->send(asChars(bytes.data()), bytes.size(), SEND_TIMEOUT);
-    if (!tookAll(sent, bytes.size()))
+    if (!movedAll(sent, bytes.size()))
         return logError(sent, ERR, "Sending of command failed. Error: %d (%s).", sent, ftdi->getLastError());
     return 0;
 }
@@ -100,7 +84,7 @@ int ACmdMgr::send(unsigned char peripheral, unsigned char command, const unsigne
     if (const int result = sendFrame(frame); result != 0)
         return result;
     const int sent = ftdi->send(asChars(data), size, SEND_TIMEOUT);
-    if (!tookAll(sent, size))
+    if (!movedAll(sent, size))
         return logError(sent, ERR, "Sending of command data failed. Error: %d (%s).", sent, ftdi->getLastError());
     logFrame(frame, str::format("%u", length));
     if (log != nullptr && size != 0 && loadFlag(logSwitches.sentData))
@@ -114,7 +98,7 @@ int ACmdMgr::sendRawBytes(const unsigned char* data, unsigned long size)
     if (size == 0)
         return 0;
     const int sent = ftdi->send(asChars(data), size, SEND_TIMEOUT);
-    if (!tookAll(sent, size))
+    if (!movedAll(sent, size))
         return logError(sent, ERR, "Sending data failed. Error: %d (%s).", sent, ftdi->getLastError());
     if (log != nullptr)
         log->logBuffer(DBG, data, size, "Sent data:", false);
@@ -144,23 +128,17 @@ int ACmdMgr::receiveArrived(unsigned char* buffer, unsigned long* size)
 int ACmdMgr::waitForPacket(double timeout, bool* abort, char* buffer, unsigned long size, bool reportTimeout,
                            bool sleepBetween)
 {
-    const double start = getPreciseTime();
-    do {
-        const int received = ftdi->receive(buffer, size, size, PACKET_ATTEMPT, false);
-        if (received < 0)
+    const int result = keepTrying(timeout, abort, sleepBetween, [&] {
+        const int received = ftdi->receive(buffer, size, size, WAIT_ATTEMPT, false);
+        if (received < 0) {
             logError(-1, ERR, "Error receiving packet: %d (%s)", received, ftdi->getLastError());
-        if (tookAll(received, size)) {
-            dumpReceived(buffer, size, "Received data:", true);
-            return 0;
+            return Attempt::LinkFailed;
         }
-        if (received < 0)
-            sleepThread(FAILURE_PAUSE);
-        else if (sleepBetween)
-            sleepThread(PACKET_PAUSE);
-        if (abort != nullptr && loadFlag(*abort))
-            return -2;
-    } while (getPreciseTime() < start + timeout);
-    return reportTimeout ? logError(-1, ERR, "Timeout. Not received packet") : -1;
+        return movedAll(received, size) ? Attempt::Done : Attempt::Nothing;
+    });
+    if (result == 0)
+        dumpReceived(buffer, size, "Received data:", true);
+    return result == -1 && reportTimeout ? logError(-1, ERR, "Timeout. Not received packet") : result;
 }
 
 void ACmdMgr::logCommand(const std::string& text)
@@ -177,24 +155,6 @@ void ACmdMgr::logFrame(const CmdFrame& frame, const std::string& lastField)
     log->log(0, DBG, "CMD [%02X|%02X|%02X|%02X_%02X_%02x_%02X]    (%s|%s|%s|%s)", frame.flags, frame.perif,
              frame.command, args.d0, args.d1, args.d2, args.d3, flagLetters(frame.flags).c_str(),
              names.perifName(frame.perif), names.commandName(frame.perif, frame.command), lastField.c_str());
-}
-
-void ACmdMgr::dumpReceived(const void* data, unsigned long size, const char* title, bool ascii)
-{
-    if (log != nullptr && loadFlag(logSwitches.receivedData))
-        log->logBuffer(DBG, data, size, title, ascii);
-}
-
-int ACmdMgr::logError(int code, LogLevel level, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    const std::string text = str::formatv(format, args).c_str(); // without the buffer's rest behind the characters
-    va_end(args);
-    lastError.set(text);
-    if (log != nullptr)
-        log->log(code, level, text);
-    return code;
 }
 
 } // namespace HwLatixel

@@ -2,9 +2,7 @@
 // manager: what the protocols of the chip generations have in common stands here once.
 #pragma once
 
-#include "shared/filelog.h"
-#include "shared/lasterror.h"
-#include "shared/osdepend.h"
+#include "link/cmdmgrbase.h"
 
 #include <array>
 #include <concepts>
@@ -12,8 +10,6 @@
 #include <cstdint>
 #include <span>
 #include <string>
-
-class FtdiDev;
 
 namespace HwLatixel {
 
@@ -182,12 +178,8 @@ constexpr std::array<const char*, Count> commandNames(Name... name)
 /// Locks: the bare `send` holds the manager's own lock for the whole call; the payload form and all receives take
 /// none, so a frame and its payload are not atomic against a bare frame of another thread. Compound exchanges are
 /// protected by the device's locks.
-class ACmdMgr {
+class ACmdMgr : public CmdMgrBase {
 public:
-    virtual ~ACmdMgr() = default;
-    ACmdMgr(const ACmdMgr&) = delete;
-    ACmdMgr& operator=(const ACmdMgr&) = delete;
-
     /// Sends one bare frame. Locked.
     int send(unsigned char peripheral, unsigned char command, unsigned char d0, unsigned char d1, unsigned char d2,
              unsigned char d3, unsigned char flags);
@@ -216,17 +208,8 @@ public:
 
     /// Writes a line of its own into the debug log, with an empty line before it and no time stamp.
     void logCommand(const std::string& text);
-    /// Words of the last failure; valid for a while, see LastError.
-    const char* getLastError() const { return lastError.get(); }
 
 protected:
-    /// What a manager writes to the debug log; polled by every thread that sends or receives.
-    struct LogSwitches {
-        bool commands = true;     ///< The "CMD" lines.
-        bool sentData = true;     ///< Dumps of payloads.
-        bool receivedData = true; ///< Dumps of received data.
-    };
-
     /// Link and log are not owned; `log` may be null, which switches all logging off. `names` outlives the manager.
     ACmdMgr(FtdiDev* ftdi, FileLog* log, const ProtocolNames& names);
 
@@ -238,16 +221,6 @@ protected:
     /// Takes what has arrived, up to `*size` bytes in ten reads with no time limit; the count goes to `*size`, 0 on
     /// failure.
     int receiveArrived(unsigned char* buffer, unsigned long* size);
-    /// Dumps received bytes if the log wants them.
-    void dumpReceived(const void* data, unsigned long size, const char* title, bool ascii);
-    /// Reports a failure to the log and as last error. Returns `code`.
-    int logError(int code, LogLevel level, const char* format, ...) __attribute__((format(printf, 4, 5)));
-
-    ThreadSyncObject sync;
-    FtdiDev* ftdi;
-    FileLog* log;
-    LastError lastError;
-    LogSwitches logSwitches;
 
 private:
     int sendFrame(const CmdFrame& frame);

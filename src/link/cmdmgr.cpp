@@ -61,13 +61,8 @@ int CmdMgr::receiveAllPackets(unsigned char* buffer, unsigned long* size, double
 
 int CmdMgr::receiveAllDataUntil(unsigned char* buffer, unsigned long size, unsigned char* pattern, double timeout)
 {
-    const int received = ftdi->receiveAllUntilPattern(reinterpret_cast<char*>(buffer), size,
-                                                      reinterpret_cast<const char*>(pattern), CmdFrame::SIZE, timeout);
-    if (received < 0)
-        return logError(-1, ERR, "Timeout. Not received data & frame");
-    if (received > 0)
-        dumpReceived(buffer, static_cast<unsigned long>(received), "Received data:", true);
-    return received;
+    return receiveUntil(reinterpret_cast<char*>(buffer), size, reinterpret_cast<const char*>(pattern), CmdFrame::SIZE,
+                        timeout);
 }
 
 int CmdMgr::sendRecv(unsigned char peripheral, unsigned char command, unsigned char d0, unsigned char d1,

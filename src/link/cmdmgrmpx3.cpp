@@ -18,7 +18,6 @@ constexpr double SPI_CPU_TIMEOUT = 2.0;
 constexpr std::size_t REST_SIZE = 10000;
 constexpr unsigned REST_READS = 5;
 constexpr double REST_LIMIT = 10.0;
-constexpr double NO_TIMEOUT = -1.0;
 
 /// The words are those of another chip generation, here too: log readers know them.
 const char* const PACKETS_TITLE = "Received Tpx3 packets:";

@@ -1,4 +1,4 @@
-// File functions over the C library's streams.
+// Streams and lines; see fileops.h.
 #include "shared/fileops.h"
 
 #include <sys/stat.h>

@@ -1,0 +1,196 @@
+// The old boards' protocol: checked frames, answers, and the exchange with data between two answers.
+#include "link/cmdmgrold.h"
+
+#include "link/managertest.h"
+
+#include <algorithm>
+#include <memory>
+
+using namespace HwLatixel;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+struct NamedManager : CmdMgrOld {
+    NamedManager(FtdiDev* link, FileLog* fileLog) : CmdMgrOld(link, fileLog, MPX2CMDTABLE) {}
+};
+
+/// A frame as the board sends it, with a good check byte.
+std::string frame(int command, int p0 = 0, int p1 = 0, int p2 = 0)
+{
+    std::string bytes;
+    for (const int byte : {0x55, command, p0, p1, p2, command ^ p0 ^ p1 ^ p2})
+        bytes += static_cast<char>(byte);
+    return bytes;
+}
+
+struct CmdMgrOldTest : ManagerTest<NamedManager> {
+    int exchange(unsigned long outSize, unsigned long inSize)
+    {
+        return mgr.sendCmd(oldcmd::WRITE_FSR, CmdMgrOld::ZEROPARS, "out", outSize, ack, in.get(), inSize, dataAck, 0);
+    }
+
+    char ack[3] = {};
+    char dataAck[3] = {};
+    // Of their sizes, for the sanitizer.
+    std::unique_ptr<char[]> in = std::make_unique<char[]>(4);
+    std::unique_ptr<char[]> taken = std::make_unique<char[]>(CmdMgrOld::FRAME_SIZE);
+};
+
+TEST_F(CmdMgrOldTest, AWrongCheckByteMakesABadFrame)
+{
+    std::string bad = frame(0x40, 1, 2, 3);
+    bad[5] ^= 1;
+    for (const int result : {6, 6, -1, 6, -1}) {
+        ftdi.reads = {{bad}};
+        EXPECT_EQ(result, mgr.receiveFrame(taken.get(), 0.01));
+        EXPECT_THAT(mgr.getLastError(), HasSubstr(result == 6 ? "Invalid frame received (" : "Invalid frame (55 |"));
+    }
+    EXPECT_STREQ("Invalid frame (55 | 40 |01 02 03 |41)", mgr.getLastError());
+    EXPECT_THAT(logText(), AllOf(HasSubstr("(1x)"), HasSubstr("(2x)"), HasSubstr("(4x)"), Not(HasSubstr("(3x)"))));
+
+    ftdi.reads = {{frame(0x40, 1, 2, 3)}, {'T' + frame(0).substr(1)}};
+    EXPECT_EQ(0, mgr.receiveFrame(taken.get(), 0.01));
+    EXPECT_THAT(logText(), HasSubstr("[DBG]: CMD <<< [40| 01 02 03] Read AD\n"));
+    EXPECT_EQ(6, mgr.receiveFrame(taken.get(), 0.01));
+    EXPECT_STREQ("Invalid frame received (1x)", mgr.getLastError()) << "the good frame began a new row";
+}
+
+TEST_F(CmdMgrOldTest, WhatIsNoWholeFrameIsNoAnswer)
+{
+    EXPECT_EQ(-1, mgr.receiveFrame(taken.get(), 0.01));
+    EXPECT_STREQ("Could not receive frame, error: -1 (Timeout)", mgr.getLastError());
+    ftdi.reads = {{frame(0).substr(0, 4)}};
+    EXPECT_EQ(4, mgr.receiveFrame(taken.get(), 0.01));
+    EXPECT_STREQ("Could not receive frame, error: 4 (Timeout)", mgr.getLastError());
+    ftdi.reads = {{"", -666}};
+    EXPECT_EQ(-666, silent.receiveFrame(taken.get(), 0.01));
+    EXPECT_STREQ("Could not receive frame, error: -666 (words of libftdi)", silent.getLastError());
+}
+
+TEST_F(CmdMgrOldTest, WaitingEndsByTheFrameTheFlagOrTheDeadline)
+{
+    char params[3] = {9, 9, 9};
+    std::string bad = frame(6, 1, 1, 1);
+    bad[0] = 0;
+    ftdi.reads = {{bad}, {frame(7, 2, 2, 2)}, {frame(6, 0x22, 0x22, 0x22)}, {"left"}};
+    EXPECT_EQ(0, mgr.waitForFrame(oldcmd::MEAS_STATUS, params, 5.0, nullptr, true, true));
+    EXPECT_TRUE(CmdMgrOld::frameEquals(params, 0x22, 0x22, measstatus::STARTED));
+    EXPECT_FALSE(CmdMgrOld::frameEquals(params, 0x22, 0x22, measstatus::FINISHED));
+    EXPECT_EQ(1U, ftdi.reads.size());
+
+    // A frame of another command is no failed read: the flag waits for one. A silent board is one.
+    bool abort = true;
+    ftdi.reads = {{frame(7, 2, 2, 2)}};
+    EXPECT_EQ(0, mgr.waitForFrame(oldcmd::MEAS_STATUS, params, 1e100, &abort, true, true));
+    EXPECT_TRUE(ftdi.reads.empty());
+    EXPECT_TRUE(CmdMgrOld::frameEquals(params, 0x22, 0x22, 0x22)) << "left alone";
+
+    abort = false;
+    ftdi.reads = {{"", -4}, {"", -4}};
+    EXPECT_EQ(-1, mgr.waitForFrame(oldcmd::MEAS_STATUS, nullptr, 0.05, &abort, true, false));
+    EXPECT_STREQ("Timeout. Not received frame for command [06]", mgr.getLastError());
+    EXPECT_EQ(1U, ftdi.reads.size()) << "a failing link is not asked without a pause";
+    EXPECT_EQ(-1, mgr.waitForFrame(oldcmd::MEAS_STATUS, nullptr, 0, nullptr, false, false));
+    EXPECT_THAT(mgr.getLastError(), HasSubstr("Could not receive frame"));
+}
+
+TEST_F(CmdMgrOldTest, ACommandIsAFrameAndItsAnswer)
+{
+    ftdi.reads = {
+        {frame(0x41)}, {frame(0x40, 0x1F, 0x34, 0)}, {frame(0x00, 0xFF, 0xFF, 0xFF)}, {frame(7, 0, 0xFF, 0xFF)}};
+    EXPECT_EQ(0, mgr.sendCmd(0x41, 0, 0, 1, 1.0));
+    EXPECT_EQ("55 41 00 00 01 40", wire());
+    const char channel[3] = {0, 0, 2};
+    EXPECT_EQ(0, mgr.sendCmd(oldcmd::READ_AD, channel, ack, 1.0));
+    EXPECT_EQ("55 40 00 00 02 42", wire());
+    EXPECT_TRUE(CmdMgrOld::frameEquals(ack, 0x1F, 0x34, 0));
+    EXPECT_EQ(-2, mgr.sendCmd(oldcmd::TEST, CmdMgrOld::ZEROPARS, ack, 1.0));
+    EXPECT_STREQ("Command \"Test\" failed (FF FF FF).", mgr.getLastError());
+    EXPECT_TRUE(CmdMgrOld::frameEquals(ack, 0xFF, 0xFF, 0xFF)) << "the caller sees the refusal";
+    EXPECT_EQ(0, silent.sendCmd(oldcmd::BIAS, 0x18, 0xFA, 0xFA, 1.0));
+    EXPECT_EQ("55 00 00 00 00 00 55 07 18 FA FA 1F", wire());
+    EXPECT_THAT(logText(), HasSubstr("\n" + std::string(60, '-') + "\n("));
+    EXPECT_THAT(logText(), HasSubstr("[DBG]: CMD >>> [41| 00 00 01] Mpx Power\n"));
+
+    ftdi.writeResults = {-3};
+    EXPECT_EQ(-3, mgr.sendCmd(oldcmd::ERASE_MATRIX, 0, 0, 0, 1.0));
+    EXPECT_STREQ("Sending command \"Erase Matrix\" failed. Error: -3 (words of libftdi).", mgr.getLastError());
+    ftdi.reads = {{"", -4}};
+    EXPECT_EQ(-1, mgr.sendCmd(oldcmd::ERASE_MATRIX, 0, 0, 0, 0));
+    EXPECT_STREQ("Timeout. Not received frame for command [27]", mgr.getLastError());
+}
+
+TEST_F(CmdMgrOldTest, DataGoBetweenTwoAnswers)
+{
+    ftdi.reads = {{frame(0x24, 1, 2, 3) + "ABCD" + frame(0x24, 4, 5, 6)}};
+    EXPECT_EQ(0, exchange(3, 4));
+    EXPECT_EQ("55 24 00 00 00 24 6F 75 74", wire());
+    EXPECT_EQ("ABCD", std::string(in.get(), 4));
+    EXPECT_TRUE(CmdMgrOld::frameEquals(ack, 1, 2, 3) && CmdMgrOld::frameEquals(dataAck, 4, 5, 6));
+    EXPECT_THAT(logText(), AllOf(HasSubstr("Sent data:\n   6f 75 74 "), HasSubstr("|out"), HasSubstr("|ABCD")));
+
+    const std::string shown = logText();
+    mgr.setLogBuffers(false);
+    ftdi.reads = {{frame(0x24) + "ABCD" + frame(0x24, 0xFF, 0xFF, 0xFF)}};
+    EXPECT_EQ(-4, exchange(3, 4));
+    EXPECT_STREQ("Command (Write FSR) data not OK  (FF FF FF).", mgr.getLastError());
+    EXPECT_THAT(logText().substr(shown.size()), Not(HasSubstr(" data:")));
+    wire();
+
+    ftdi.reads = {{frame(0x24, 0xFF, 0xFF, 0xFF)}};
+    EXPECT_EQ(-2, exchange(3, 4));
+    EXPECT_EQ("55 24 00 00 00 24", wire()) << "no data for a refused command";
+    ftdi.reads = {{frame(0x24)}};
+    ftdi.writeResults = {6, -1};
+    EXPECT_EQ(-3, exchange(3, 0));
+    EXPECT_STREQ("Sending data failed, error=-1 (words of libftdi)", mgr.getLastError());
+    ftdi.reads = {{frame(0x24)}, {"", -4}};
+    EXPECT_EQ(-1, exchange(0, 4));
+    EXPECT_STREQ("Command data not received, error=-4 (words of libftdi)", mgr.getLastError());
+    ftdi.reads = {{frame(0x24)}, {"", -4}};
+    EXPECT_EQ(-1, exchange(3, 0));
+    EXPECT_STREQ("Timeout. Not received frame for command [24]", mgr.getLastError()) << "no second answer";
+}
+
+TEST_F(CmdMgrOldTest, BareTransfersOfData)
+{
+    int received = 9;
+    ftdi.reads = {{"ABC"}};
+    EXPECT_EQ(-2, mgr.receiveData(in.get(), 4, &received, 0.01));
+    EXPECT_EQ(3, received);
+    EXPECT_STREQ("Received data too short (3 < 4) (Timeout).", mgr.getLastError());
+    ftdi.reads = {{"xy"}, {"z"}};
+    EXPECT_EQ(3, mgr.receiveAll(in.get(), 4));
+    ftdi.reads = {{"", -4}};
+    EXPECT_EQ(-4, mgr.receiveAll(in.get(), 4));
+
+    const std::string end = frame(oldcmd::MEAS_BREAK);
+    char all[10];
+    ftdi.reads = {{"data"}, {end}, {"data"}, {"", -4}};
+    EXPECT_EQ(10, mgr.receiveAllDataUntil(all, sizeof(all), end.data(), 5.0));
+    EXPECT_EQ(-1, mgr.receiveAllDataUntil(all, sizeof(all), end.data(), 5.0));
+    EXPECT_STREQ("Timeout. Not received data & frame", mgr.getLastError());
+
+    ftdi.reads = {{"matrix" + end.substr(0, 2)}, {end.substr(2)}};
+    EXPECT_EQ(0, mgr.skipAllDataUntilFrame(oldcmd::MEAS_BREAK, CmdMgrOld::ZEROPARS, 5.0));
+    ftdi.reads = {{"", -4}};
+    EXPECT_EQ(-1, mgr.skipAllDataUntilFrame(oldcmd::MEAS_BREAK, CmdMgrOld::ZEROPARS, 5.0));
+    EXPECT_STREQ("Timeout. Not received frame for command [23] ", mgr.getLastError());
+}
+
+TEST_F(CmdMgrOldTest, TheLogNamesCommandsWithinTheTableOnly)
+{
+    EXPECT_EQ(105U, MPX2CMDTABLE.size());
+    EXPECT_EQ(67, std::count(MPX2CMDTABLE.begin(), MPX2CMDTABLE.end(), std::string("Unknown")));
+    EXPECT_STREQ("TpxClock ", MPX2CMDTABLE[oldcmd::TPX_CLOCK]);
+    EXPECT_STREQ(MPX2CMDTABLE[oldcmd::SWITCH_MODULE], MPX2CMDTABLE[oldcmd::SWITCH_MODULE_OLD]);
+    for (const int command : {0x68, 0x69, 0xFF})
+        mgr.sendFrame(static_cast<unsigned char>(command), static_cast<char>(0x80), 1, 2);
+    EXPECT_THAT(logText(), AllOf(HasSubstr("[68| 80 01 02] SwitchModule\n"), HasSubstr("[69| 80 01 02] Unknown\n"),
+                                 HasSubstr("[FF| 80 01 02] Unknown\n")));
+}
+
+} // namespace
