@@ -6,6 +6,7 @@
 #include "sim/latixelsim.h"
 #include "sim/mpx2board.h"
 #include "sim/mpx3board.h"
+#include "sim/oldboard.h"
 #include "sim/rowboard.h"
 
 #include <charconv>
@@ -27,7 +28,9 @@ namespace {
 struct Kinds {
     std::mutex mutex;
     std::map<std::string, BoardMaker, std::less<>> makers{
+        {"fenxel", makeFenxelBoard},
         {"mpx2", makeMpx2Board},
+        {"mpx2usb2", makeUsb2Board},
         {"mpx3", makeMpx3Board},
         {"mpxrow", makeRowBoard},
     };

@@ -1,0 +1,60 @@
+// The 6-byte checked frames of the old boards.
+#include "sim/oldframes.h"
+
+#include <algorithm>
+
+namespace sim {
+
+namespace {
+
+constexpr std::size_t frameSize = 6;
+constexpr std::uint8_t syncByte = 0x55;
+
+} // namespace
+
+std::uint32_t OldFrame::word() const
+{
+    return std::uint32_t{params[0]} << 16U | std::uint32_t{params[1]} << 8U | params[2];
+}
+
+Bytes OldFrame::bytes() const
+{
+    const auto check = static_cast<std::uint8_t>(command ^ params[0] ^ params[1] ^ params[2]);
+    return {syncByte, command, params[0], params[1], params[2], check};
+}
+
+std::size_t OldFrameParser::take(std::span<const std::uint8_t> bytes, std::optional<OldFrame>& complete,
+                                 const Complain& complain)
+{
+    const std::size_t part = std::min(frameSize - collected.size(), bytes.size());
+    collected.insert(collected.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(part));
+    if (collected.front() != syncByte) {
+        loseSync("no frame begins here", complain);
+    } else if (collected.size() == frameSize) {
+        OldFrame frame{collected[1], {collected[2], collected[3], collected[4]}, {}};
+        if (frame.bytes() == collected) {
+            complete = std::move(frame);
+            reset();
+        } else {
+            loseSync("frame with a wrong check byte", complain);
+        }
+    }
+    return part;
+}
+
+void OldFrameParser::reset()
+{
+    collected.clear();
+    lost = false;
+}
+
+/// Tells the first bytes that are no frame, and drops bytes up to the next that may begin one.
+void OldFrameParser::loseSync(const char* what, const Complain& complain)
+{
+    if (!lost)
+        complain(what, collected);
+    lost = true;
+    collected.erase(collected.begin(), std::find(collected.begin() + 1, collected.end(), syncByte));
+}
+
+} // namespace sim

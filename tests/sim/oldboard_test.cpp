@@ -1,0 +1,347 @@
+// The old boards from the wire: frames and answers, modules and chips, matrices, measurements, and what goes wrong.
+#include "mpx2wire.h"
+
+#include "sim/latixelsim.h"
+#include "sim/oldboard.h"
+
+#include <random>
+
+namespace sim {
+namespace {
+
+using namespace std::chrono_literals;
+
+const Bytes refusal = {0xFF, 0xFF, 0xFF};
+
+json oldEntry(json modules, const json& more = json::object())
+{
+    json entry = {{"description", "Latixel Fenxel sn: 7 A"},
+                  {"modules", std::move(modules)},
+                  {"scene", {{"kind", "gradient"}, {"flux", 10000}, {"noise", false}}}};
+    entry.update(more);
+    return entry;
+}
+
+Bytes operator+(Bytes first, const Bytes& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+/// A board with the host's end of its link.
+class OldWire {
+public:
+    explicit OldWire(const json& entry, OldBoard::Kind kind = OldBoard::Kind::fenxel)
+        : board(kind, entry, json::object())
+    {
+    }
+    static Bytes frame(int command, int p0, int p1, int p2)
+    {
+        Bytes bytes;
+        for (const int byte : {0x55, command, p0, p1, p2, command ^ p0 ^ p1 ^ p2})
+            bytes.push_back(static_cast<std::uint8_t>(byte));
+        return bytes;
+    }
+    void write(const Bytes& bytes) { board.receive(bytes, now); }
+    Bytes read()
+    {
+        board.advance(now);
+        Bytes bytes(board.pending());
+        board.take(bytes);
+        return bytes;
+    }
+    Bytes raw(int command, int p0 = 0, int p1 = 0, int p2 = 0)
+    {
+        write(frame(command, p0, p1, p2));
+        return read();
+    }
+    /// Parameters of the answer, which must be a frame of the command and nothing else.
+    Bytes ask(int command, int p0 = 0, int p1 = 0, int p2 = 0)
+    {
+        const Bytes answer = raw(command, p0, p1, p2);
+        if (answer.size() != 6 || answer != frame(command, answer[2], answer[3], answer[4]))
+            return {};
+        return {answer.begin() + 2, answer.begin() + 5};
+    }
+    /// A command with data, which come in two pieces: what the board sends between the two frames, which must be good.
+    Bytes exchange(int command, const Bytes& data)
+    {
+        const auto half = data.begin() + static_cast<std::ptrdiff_t>(data.size() / 2);
+        Bytes answer = raw(command);
+        write({data.begin(), half});
+        write({half, data.end()});
+        answer = answer + read();
+        const Bytes good = frame(command, 0, 0, 0);
+        if (answer.size() < 12 || !std::equal(good.begin(), good.end(), answer.begin()) ||
+            !std::equal(good.begin(), good.end(), answer.end() - 6))
+            return {};
+        return {answer.begin() + 6, answer.end() - 6};
+    }
+    /// The frames that hold a number of ticks, as they go to the timer and end a readout.
+    static Bytes ticks(std::uint64_t number)
+    {
+        const auto byte = [&](unsigned place) { return static_cast<int>(number >> 8 * place & 0xFF); };
+        return frame(3, byte(5), byte(4), byte(3)) + frame(4, byte(2), byte(1), byte(0));
+    }
+    void timer(std::uint64_t number)
+    {
+        write(ticks(number));
+        read();
+    }
+    void wait(std::chrono::nanoseconds time) { now += time; }
+
+    OldBoard board;
+    Time now = Time{} + std::chrono::hours(1);
+};
+
+const Bytes opened = OldWire::frame(6, 0x22, 0x22, 0x22);
+const Bytes closed = OldWire::frame(6, 0x44, 0x44, 0x44);
+const Bytes started = OldWire::frame(0x22, 0, 0, 0);
+
+/// The first two fuse bytes of chip `chip`, in what comes out of the DAC registers of two chips.
+unsigned fusesIn(const Bytes& records, std::size_t chip)
+{
+    return reversed(records.at(7 + chip * 32)) << 8U | reversed(records.at(8 + chip * 32));
+}
+
+/// What stands behind the matrix of a readout.
+Bytes endOf(const Bytes& data)
+{
+    return {data.end() - 12, data.end()};
+}
+
+/// Count of a pixel; the readout of a module has no byte of a multiplexer in front.
+unsigned oldCount(const Bytes& data, std::size_t chips, std::size_t chip, unsigned row, unsigned column)
+{
+    return countIn(Bytes{0} + data, chips, chip, row, column);
+}
+
+TEST(OldBoardTest, BringUpSwitchesModulesAndFindsChips)
+{
+    const json modules = R"([["D08-W0231", "A00-W2047"], ["C07-W0001", "O12-W0300"]])"_json;
+    OldWire wire(oldEntry(modules, {{"addresses", {3, 9}}, {"firmware_date", "2013-11-30"}, {"firmware_number", 42}}));
+    const Bytes version = wire.ask(0);
+    EXPECT_EQ(version[0], 0x3B);
+    EXPECT_EQ(version[1] & 0x1F, 30);
+    EXPECT_EQ(version[2], 42);
+    EXPECT_EQ(wire.ask(0x35).at(0), 100);
+    EXPECT_EQ(wire.ask(0x36).at(0), 50);
+    EXPECT_EQ(wire.ask(0x13).at(2) & 0x1F, 0) << "no module at address 0";
+    EXPECT_EQ(wire.ask(0x20), refusal);
+    EXPECT_EQ(wire.ask(0x43, 0, 0, 3), Bytes(3));
+    EXPECT_EQ(wire.ask(0x13).at(2) & 0x1F, 2);
+    EXPECT_EQ(wire.ask(0x13, 0, 0, 1).at(2) & 0x1F, 1) << "the host's word is taken";
+    wire.ask(0x13);
+    const Bytes ids = wire.exchange(0x24, Bytes(66, 0xFF));
+    ASSERT_EQ(ids.size(), 66U);
+    EXPECT_EQ(fusesIn(ids, 0), 4U << 12U | 4U << 8U | 231U) << "D08-W0231";
+    EXPECT_EQ(fusesIn(ids, 1), 12U << 12U | 1U << 8U | (2047U & 0xFFU)) << "A00-W2047";
+    wire.ask(0x43, 0, 0, 9);
+    EXPECT_EQ(fusesIn(wire.exchange(0x24, Bytes(66, 0xFF)), 1), 15U << 8U | 44U) << "O12-W0300";
+    EXPECT_TRUE(wire.board.violations().empty());
+
+    OldWire usb2(oldEntry(modules), OldBoard::Kind::usb2);
+    EXPECT_EQ(usb2.ask(0x68, 1, 1, 1), Bytes(3));
+    EXPECT_EQ(usb2.board.activeAddress(), 1);
+    EXPECT_EQ(usb2.ask(0x43, 0, 0, 0), refusal) << "the other kind's command";
+    EXPECT_EQ(usb2.ask(0x68, 0, 0, 1), refusal);
+    EXPECT_EQ(usb2.board.violations().size(), 2U);
+}
+
+TEST(OldBoardTest, SupplyAndSense)
+{
+    OldWire wire(oldEntry(R"([[""]])"_json));
+    wire.ask(7, 0x18, 250, 250);
+    EXPECT_NEAR(wire.board.biasVolts(), 3.2, 0.05);
+    wire.ask(8, 0, 2, 0);
+    EXPECT_NEAR(wire.board.timepixClockMhz(), 50.0 / 6, 1e-9);
+    wire.ask(8, 0, 0, 1);
+    EXPECT_EQ(wire.board.timepixClockMhz(), 50);
+    wire.ask(5, 0x20, 0x07, 0xD0);
+    EXPECT_EQ(wire.ask(5, 0x00, 0, 0), Bytes(3)) << "sets none";
+    EXPECT_EQ(wire.board.externalDacVolts(1), 1.0);
+
+    // DAC 0 at 100, and the sense selector on it: bits 3 to 10 and 37, which lie one higher in a Timepix record.
+    Bytes record(33);
+    record[0] = 0xFF;
+    record[1 + 31] = 100 << 4 & 0xFF;
+    record[1 + 30] = 100 >> 4;
+    record[1 + 27] = 1 << 6;
+    const double volts = 0.05 + 100 * 2.1 / 256;
+    for (const auto& [kind, channel, range] :
+         {std::tuple{OldBoard::Kind::usb2, 2, 3.0}, std::tuple{OldBoard::Kind::fenxel, 0, 5.0}}) {
+        OldWire sensing(oldEntry(R"([[""]])"_json), kind);
+        sensing.ask(0x13);
+        ASSERT_EQ(sensing.exchange(0x24, record).size(), 33U);
+        const Bytes answer = sensing.ask(0x40, 0, 0, channel);
+        EXPECT_NEAR(((answer.at(0) & 0xF) << 8 | answer.at(1)) * range / 4096, volts, range / 4096);
+        EXPECT_EQ(sensing.ask(0x40, 0, 0, 8) == refusal, kind == OldBoard::Kind::usb2);
+        EXPECT_TRUE(sensing.board.violations().empty());
+    }
+}
+
+TEST(OldBoardTest, MatrixComesOutAsItWentIn)
+{
+    OldWire wire(oldEntry(R"([["", ""], ["", ""]])"_json));
+    wire.ask(0x13);
+    std::minstd_rand random(3);
+    Bytes stream(2 * 114721);
+    for (std::uint8_t& byte : stream)
+        byte = static_cast<std::uint8_t>(random() >> 8U);
+    stream[0] = 0xFF;
+    EXPECT_EQ(wire.raw(0x21), OldWire::frame(0x21, 0, 0, 0));
+    wire.write(stream);
+    EXPECT_EQ(wire.read(), OldWire::frame(0x21, 0, 0, 0));
+    for (const int address : {1, 0}) {
+        wire.ask(0x43, 0, 0, address);
+        const Bytes data = wire.exchange(0x20, {});
+        ASSERT_EQ(data.size(), 2 * 114721 + 12U);
+        for (const std::size_t chip : {0U, 1U}) {
+            const auto image = stream.begin() + 1 + static_cast<std::ptrdiff_t>(chip * 114720);
+            EXPECT_EQ(std::equal(image, image + 114688, data.begin() + 2 + static_cast<std::ptrdiff_t>(chip * 114720)),
+                      address == 0);
+        }
+        EXPECT_EQ(endOf(data), OldWire::ticks(0));
+    }
+    EXPECT_TRUE(wire.board.violations().empty());
+}
+
+TEST(OldBoardTest, MeasurementsAreToldTimedAndCounted)
+{
+    OldWire wire(oldEntry(R"([[""], [""]])"_json, {{"timer_mhz", 48}}));
+    wire.ask(0x13);
+    for (const int address : {0, 1}) {
+        wire.ask(0x43, 0, 0, address);
+        EXPECT_EQ(wire.ask(0x27), Bytes(3));
+    }
+    wire.timer(4'800'000); // 100 ms
+    wire.ask(0x14, 0, 0, 0x80);
+    EXPECT_EQ(wire.raw(0x22, 0x40), started + opened);
+    EXPECT_EQ(wire.ask(0x20), refusal) << "while the shutter is open";
+    EXPECT_EQ(wire.ask(0x22, 0x40), refusal);
+    wire.wait(99ms);
+    EXPECT_EQ(wire.read(), Bytes());
+    wire.wait(1ms);
+    EXPECT_EQ(wire.read(), closed);
+    for (const int address : {0, 1}) {
+        wire.ask(0x43, 0, 0, address);
+        for (const double seconds : {0.1, 0.0}) { // reading clears
+            const Bytes data = wire.exchange(0x20, {});
+            EXPECT_EQ(endOf(data), OldWire::ticks(4'800'000));
+            for (const auto& [row, column] : {std::pair{0U, 0U}, {0U, 255U}, {255U, 0U}, {100U, 31U}})
+                EXPECT_NEAR(oldCount(data, 1, 0, row, column),
+                            10000 * seconds * (0.1 + 0.6 * (column + 0.5) / 256 + 0.3 * (row + 0.5) / 256), 0.51);
+        }
+    }
+
+    wire.ask(0x14, 0, 3, 0);
+    EXPECT_EQ(wire.raw(0x22, 0x40), started);
+    wire.wait(10s);
+    EXPECT_EQ(wire.read(), Bytes());
+    wire.board.externalTrigger(wire.now);
+    EXPECT_EQ(wire.read(), opened);
+    wire.wait(20s);
+    EXPECT_EQ(wire.read(), Bytes());
+    wire.board.externalTrigger(wire.now);
+    EXPECT_EQ(wire.read(), closed);
+    EXPECT_EQ(endOf(wire.exchange(0x20, {})), OldWire::ticks(960'000'000));
+
+    const Bytes broken = OldWire::frame(0x23, 0, 0, 0);
+    wire.raw(0x22, 0x40);
+    EXPECT_EQ(wire.raw(0x23), broken) << "nothing had begun";
+    wire.ask(0x14);
+    wire.timer(0x123456789ABC);
+    EXPECT_EQ(wire.board.timerCount(), 0x123456789ABCU);
+    wire.raw(0x22, 0x40);
+    wire.wait(50ms);
+    EXPECT_EQ(wire.raw(0x23), closed + broken);
+    EXPECT_EQ(endOf(wire.exchange(0x20, {})), OldWire::ticks(2'400'000));
+    wire.raw(0x22, 0x40);
+    EXPECT_EQ(wire.ask(0x41, 0, 0, 0), Bytes(3)) << "without power there is nothing to measure";
+    EXPECT_EQ(wire.ask(0x22, 0x40), refusal);
+    EXPECT_EQ(wire.board.framesTaken(), 3U);
+    EXPECT_TRUE(wire.board.violations().empty());
+}
+
+TEST(OldBoardTest, FaultsShowOnTheWire)
+{
+    OldWire wire(oldEntry(R"([["", ""]])"_json));
+    const auto fault = [&](const char* entry) { ASSERT_TRUE(wire.board.applyFault(json::parse(entry))) << entry; };
+    fault(R"({"kind": "wrong_check", "command": "Test", "frames": 1})");
+    const Bytes spoiled = wire.raw(0);
+    EXPECT_NE(spoiled[5], spoiled[1] ^ spoiled[2] ^ spoiled[3] ^ spoiled[4]);
+    EXPECT_EQ(wire.ask(0).size(), 3U);
+    fault(R"({"kind": "refuse", "command": "Bias"})");
+    EXPECT_EQ(wire.ask(7, 0x18, 9, 9), refusal);
+    EXPECT_EQ(wire.board.biasCode(), -1);
+    fault(R"({"kind": "late_frame", "command": "Chip Count", "delay_s": 1.5, "frames": 1})");
+    EXPECT_EQ(wire.raw(0x13), Bytes());
+    wire.wait(1499ms);
+    EXPECT_EQ(wire.raw(0x41, 0, 0, 1), Bytes()) << "waits its turn";
+    wire.wait(1ms);
+    EXPECT_EQ(wire.read().size(), 12U);
+    fault(R"({"kind": "short_data", "command": "Read Matrix", "bytes": 100, "frames": 1})");
+    EXPECT_EQ(wire.raw(0x20).size(), 12 + 2 * 114721U + 12 - 100);
+    fault(R"({"kind": "refuse_data", "command": "Write FSR", "frames": 1})");
+    wire.raw(0x24);
+    wire.write(Bytes(66, 0xFF));
+    const Bytes answer = wire.read();
+    EXPECT_EQ(Bytes(answer.end() - 6, answer.end()), OldWire::frame(0x24, 0xFF, 0xFF, 0xFF));
+    fault(R"({"kind": "no_answer", "command": "Meas Status"})");
+    EXPECT_EQ(wire.raw(0x22, 0x40), started);
+    fault(R"({"kind": "chip_missing", "module": 0})");
+    EXPECT_EQ(wire.ask(0x13).at(2) & 0x1F, 1);
+    fault(R"({"kind": "module_silent", "module": 0})");
+    EXPECT_EQ(wire.ask(0x13).at(2) & 0x1F, 0);
+    wire.board.clearFaults();
+    EXPECT_EQ(wire.ask(0x13).at(2) & 0x1F, 2);
+    EXPECT_TRUE(wire.board.violations().empty());
+    for (const char* bad : {R"({"kind": "refuse", "command": "Nothing"})", R"({"kind": "late_frame"})",
+                            R"({"kind": "module_silent", "module": 1})", R"({"kind": "refuse", "frame": 1})"})
+        EXPECT_THROW(wire.board.applyFault(json::parse(bad)), std::runtime_error) << bad;
+    EXPECT_FALSE(wire.board.applyFault({{"kind", "hang"}}));
+}
+
+TEST(OldBoardTest, RecordsWhatNoFirmwareUnderstands)
+{
+    OldWire wire(oldEntry(R"([[""]])"_json));
+    const auto complaints = [&] { return wire.board.violations().size(); };
+    wire.write({0x55, 0x35, 0, 0, 0, 0x36}); // wrong check
+    EXPECT_EQ(wire.read(), Bytes());
+    EXPECT_EQ(wire.ask(0x35).size(), 3U) << "and goes on";
+    wire.write({0x00, 0x12, 0x34});
+    EXPECT_EQ(wire.ask(0x35).size(), 3U);
+    ASSERT_EQ(complaints(), 2U);
+    EXPECT_EQ(wire.board.violations()[0].bytes, (Bytes{0x55, 0x35, 0, 0, 0, 0x36}));
+    EXPECT_EQ(wire.ask(0x02), refusal);
+    EXPECT_EQ(wire.ask(7, 0x19, 5, 5), refusal);
+    EXPECT_EQ(wire.ask(7, 0x18, 5, 6), refusal);
+    EXPECT_EQ(wire.ask(0x22, 0, 0, 0), refusal);
+    EXPECT_EQ(wire.ask(0x14, 0, 4, 0), refusal);
+    EXPECT_EQ(complaints(), 7U);
+
+    wire.ask(0x13);
+    wire.raw(0x24);
+    wire.write(Bytes(33, 0x12)); // begins with another byte
+    EXPECT_EQ(wire.read(), Bytes(33) + OldWire::frame(0x24, 0xFF, 0xFF, 0xFF));
+    wire.raw(0x21);
+    wire.write(Bytes(1000, 0xFF));
+    wire.wait(600ms);
+    EXPECT_EQ(wire.read(), OldWire::frame(0x21, 0xFF, 0xFF, 0xFF)) << "data cut short";
+    EXPECT_EQ(wire.ask(0).size(), 3U);
+    EXPECT_EQ(complaints(), 9U);
+}
+
+TEST(OldBoardTest, ShippedBenchesLoadAndBadEntriesAreRefused)
+{
+    for (const char* name : {"old-single", "old-two"})
+        EXPECT_EQ(latixelsimLoadBench(name), 0) << name << ": " << latixelsimError();
+    clearBus();
+    for (const char* more : {R"({"modules": []})", R"({"modules": [[""], ["", ""]]})", R"({"addresses": [256]})",
+                             R"({"modules": [[], [], [], [], []]})", R"({"timer_mhz": 0})",
+                             R"({"firmware_date": "2009-01-01"})", R"({"firmware_date": "01.01.2012"})"})
+        EXPECT_THROW(OldWire{oldEntry(R"([[""]])"_json, json::parse(more))}, std::runtime_error) << more;
+}
+
+} // namespace
+} // namespace sim
