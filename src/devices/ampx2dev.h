@@ -41,8 +41,12 @@ struct Mpx2BoardKind {
     ibspi::AdcClose adcClose;               ///< see ibspi::readAdc
     bool adcReadCounts;                     ///< the ADC's read decides over the result of `getADC`
     bool quietServices;                     ///< the traffic of flash, CPU and ADC is left out of the debug log
-    bool waitsForCutFrame;                  ///< after a stop, the packet of the cut frame is collected
-    std::span<const ParamRow> params;       ///< the device's own parameters
+    bool collectsCutFrame;                  ///< the packet of a frame that a stop has cut is waited for, else dropped
+    bool stopEndsReaderWait;                ///< a stop ends a series that waits for the reader of the frame before
+    bool stopEndsReading;                   ///< from a stop on the host's reads go to the chips
+    bool tellsRecoveredRead;                ///< see AMpx2Dev::takeFrame
+    std::span<const ParamRow> sensorParams; ///< parameters of its own, behind "Firmware"
+    std::span<const ParamRow> lastParams;   ///< parameters of its own, behind all others
 };
 
 /// Base of the two device classes: records, reports, link, services, configuration of the chips. Chips stand in groups
@@ -133,6 +137,8 @@ public:
     /// with the number of groups done, while within a group it counts chips.
     virtual int setDACs(const unsigned short* dacs, std::size_t size, char* stream, int chip, int senseChip,
                         int senseDac, int extDac, unsigned ctpr, double timeout, bool idsOnly);
+    /// Decodes the stream buffer, or with `fromCopy` its copy, into `size` words.
+    virtual int getConvertedMatrix(unsigned short* matrix, std::size_t size, bool convert, bool fromCopy);
     int setExtDacValue(double) override { return 0; }
     int sendTestPulses(unsigned, double, double) override { return 0; }
     int setTimepixClock(double* mhz) override;
@@ -153,6 +159,19 @@ public:
     /// Tells the host of a change by HWEVENT_BUSY_CHANGED.
     void setBusy(bool value);
     virtual int copyMatrixStreamToSecondBuffer();
+    int startAcquisition(unsigned count, double seconds) override;
+    int stopAcquisition() override;
+    /// A frame of 16-bit counts. While a series runs it is the last frame; otherwise the chips are read afresh, and
+    /// cleared by it.
+    dv::IMpxFrame* lastData() override;
+    /// Brings timer, clocks, counters and triggers into the state in which a series starts. -1 where the timer refuses,
+    /// -2 where a clock can't be set, -3 where the readout can't.
+    virtual int prepareAcquisition(double seconds);
+    /// One exposure, with `acqSync` held by the caller.
+    virtual int doSingleAcquisition() { return expose(); }
+    /// Brings a failed device back to the state that the host last set. -1 where the board does not answer, -2 where
+    /// the chips can't be written.
+    virtual int recoverDevice() = 0;
     virtual void acqFunc() = 0;
 
 protected:
@@ -184,6 +203,14 @@ protected:
     virtual int switchGroup(int number) = 0;
     virtual std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() = 0;
     virtual void loadSettings(const char* path) = 0;
+    virtual int readStream() = 0;
+    virtual void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const = 0;
+    /// Adds to a frame of `lastData` what the device knows of it.
+    virtual void describeFrame(dv::IMpxFrame& frame) = 0;
+    /// What the shutter timer is set to for frames of `seconds`.
+    virtual double shutterTime(double seconds) const { return seconds; }
+    /// What a series needs to be told of its readout beforehand.
+    virtual int prepareReadout() { return 0; }
     /// 0, or 1 with a text where what is to be done needs chips.
     virtual int requireChips() const;
 
@@ -224,12 +251,28 @@ protected:
     int exchangeDacs(unsigned char* block, unsigned char* answer, std::size_t size, double timeout);
     int writeChips(const unsigned short* matrix, std::size_t size, bool convert);
     void sendReadout(const Mpx2Readout& readout);
+    static void decodeLanes(std::span<const unsigned char> stream, std::size_t lanes, std::size_t chipsOfLane,
+                            std::size_t skip, std::span<unsigned short> matrix);
 
     // Series (ampx2dev_series.cpp)
     static constexpr double PACKET_GRACE = 2.0;        ///< seconds that the end-of-frame packet may come late
     static constexpr double WAIT_UNLIMITED = 1e100;    ///< seconds; an external trigger may hold a frame up for ever
     static constexpr double SLEEPING_WAIT_ABOVE = 1.0; ///< seconds; shorter frames are waited for without sleeping
+    static constexpr double DRAIN_TIMEOUT = 0.2;       ///< seconds of silence after which the link counts as empty
 
+    /// How one pass of a series ended.
+    enum class Pass {
+        Taken,   ///< the frame lies in the stream buffer
+        Again,   ///< it failed and is to be repeated
+        Stopped, ///< the host has stopped the series
+        Lost,    ///< the device could not be recovered
+    };
+    int configureSeries(double seconds);
+    void openSeries();
+    Pass runFrames();
+    Pass takeFrame();
+    void announceFrame(std::uint64_t frame);
+    void endSeries(bool failed);
     int startExposure(unsigned char flags, std::uint32_t frameWord);
     void endExposure();
     int expose();
@@ -237,11 +280,15 @@ protected:
     int completeExposure(int waitResult, const EndOfFrame& packet);
     void takeMeasuredTime(const EndOfFrame& packet);
     unsigned char triggerFlags() const;
-    void stopBoard(bool endsSeries);
+    void stopBoard();
     void startSeriesThread();
     void waitForSeriesEnd();
     static void acqFuncWrapper(void* device);
-    void waitForReader(bool endsOnStop);
+    void waitForReader();
+
+    static constexpr unsigned STATUS_PATIENCE_MS = 100; ///< for each lock of a poll, which must not hang
+    static constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes by reads of CPU parameters
+    static constexpr const char* TOO_HOT = "Device allowed temperature exceeded, chips turned off.";
 
     const Mpx2BoardKind& kind;
 
@@ -292,6 +339,7 @@ protected:
     std::atomic<std::uint64_t> acqCount{0};    ///< frames in the series
     std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
     std::atomic<double> lastAcqTimeValue{0.0}; ///< as the board measured it; no operation hands it out
+    std::atomic<int> recoverResult{0};         ///< of the last recovery in a series; 0 once a frame was exposed again
     std::atomic<double> timepixClock{10.0};    ///< MHz
     std::atomic<double> biasValue{0.0};        ///< the last bias asked for, volts
     int preShutterClockCount = 100;            ///< devSync, as the next two

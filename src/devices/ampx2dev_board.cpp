@@ -27,6 +27,22 @@ enum RawKind : unsigned long { RAW_COMMAND = 0, RAW_PAYLOAD = 1, RAW_BYTES = 2 }
 constexpr unsigned long RAW_COMMAND_SIZE = 6;
 constexpr unsigned long RAW_PAYLOAD_HEAD = 2;
 
+constexpr ParamRow IDENTITY_PARAMS[] = {
+    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
+    {"Firmware", ParamKind::StoredText, "Firmware", 0, false, dv::PARAM_READ_ONLY},
+};
+constexpr ParamRow PARAMS[] = {
+    {"DebugLog", ParamKind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
+    {"PreShutterClockCount", ParamKind::StoredInt32, "Preshutter Clock Count", 0, false, dv::PARAM_CONFIG},
+    {"PreShutterClockDivider", ParamKind::StoredInt32, "Preshutter Clock Divier", 0, false, dv::PARAM_CONFIG},
+    {"PreShutterDelayClockCount", ParamKind::StoredInt32, "Preshutter Delay Clock Count", 0, false, dv::PARAM_CONFIG},
+    {"TriggerStg", ParamKind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0,
+     false, dv::PARAM_CONFIG},
+    {"TriggerWaitForReady", ParamKind::Bool, "Wait for trigger ready", 0, false, dv::PARAM_CONFIG},
+    {"TriggerMaster", ParamKind::Bool, "Master device", 0, false, dv::PARAM_CONFIG},
+    {"TriggerOutLevel", ParamKind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
+};
+
 } // namespace
 
 int AMpx2Dev::getFirmwareVersion(std::string& text, int* number)
@@ -291,7 +307,9 @@ void AMpx2Dev::initParameters()
                                      {"PreShutterClockCount", &preShutterClockCount},
                                      {"PreShutterClockDivider", &preShutterClockDivider},
                                      {"PreShutterDelayClockCount", &preShutterDelayClockCount}};
-    addParams(*devParams, kind.params, contents, paramReadSetFunc, reinterpret_cast<long>(this));
+    for (const std::span<const ParamRow> rows : {std::span<const ParamRow>(IDENTITY_PARAMS), kind.sensorParams,
+                                                 std::span<const ParamRow>(PARAMS), kind.lastParams})
+        addParams(*devParams, rows, contents, paramReadSetFunc, reinterpret_cast<long>(this));
 }
 
 void AMpx2Dev::onWriteParam(dv::IParam* param)

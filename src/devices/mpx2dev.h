@@ -33,9 +33,8 @@ public:
     /// some seconds. Fails only where the link does not open, with the link's result; a board without a working module
     /// or chip is a device without chips.
     int initDevice() override;
-    /// Brings a failed device back to the state that the host last set: link, power, bias, clock, DACs, matrix, and the
-    /// preparation of a running series. -1 where the board does not answer, -2 where DACs or matrix can't be written.
-    virtual int recoverDevice();
+    /// Brings back link, power, bias, clock, DACs, matrix, and the preparation of a running series.
+    int recoverDevice() override;
     /// Reads the settings from the file `path`; a missing file or key leaves the present values, but for the modules,
     /// which a missing key sets to automatic detection.
     void loadSettings(const char* path) override;
@@ -78,25 +77,14 @@ public:
     /// Brings the raw stream of all chips into the stream buffer, and leaves the counters cleared. Fails for a short
     /// stream.
     virtual int readMatrixFromDevice();
-    /// Decodes the stream buffer, or with `fromCopy` its copy, into `size` words.
-    virtual int getConvertedMatrix(unsigned short* matrix, std::size_t size, bool convert, bool fromCopy);
 
     // Series (mpx2dev_acq.cpp)
-    int startAcquisition(unsigned count, double seconds) override;
-    int stopAcquisition() override;
-    /// A frame of 16-bit counts with the bias and temperature measured last. While a series runs it is the last frame;
-    /// otherwise the chips are read afresh, and cleared by it.
-    dv::IMpxFrame* lastData() override;
-    /// Brings timer, clocks, counters and triggers into the state in which a series starts. -1 where the timer refuses,
-    /// -2 where a clock can't be set.
-    virtual int prepareAcquisition(double seconds);
-    /// One exposure, with `acqSync` held by the caller; see AMpx2Dev::expose.
-    virtual int doSingleAcquisition();
-    /// The same in two halves, for a composite that starts all members first; no trigger. Returns the result of the
+    /// An exposure in two halves, for a composite that starts all members first; no trigger. Returns the result of the
     /// start command.
     virtual int startSingleAcquisition();
     /// `quick` waits 0.5 s at most. On failure the chips stay in acquisition.
     virtual int waitForAcqFinish(bool quick);
+    /// Bias and temperature as they were measured last.
     void addMetaDataToFrame(dv::IMpxFrame* frame);
     void acqFunc() override;
 
@@ -106,6 +94,9 @@ protected:
     std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() override;
     void initCpu() override;
     void senseBias(bool volts, bool amperes) const override;
+    int readStream() override { return readMatrixFromDevice(); }
+    void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const override;
+    void describeFrame(dv::IMpxFrame& frame) override { addMetaDataToFrame(&frame); }
     void onReadParamCpu() override;
     void onWriteParamCpu(dv::IParam* param) override;
 
@@ -128,20 +119,7 @@ private:
     int readAllModules(std::span<unsigned char> stream);
     void drainTail(double timeout, int maxReads) const;
     void decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const;
-    void decodeAllModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const;
     int reportReadout(int shortCode, unsigned long received, unsigned long expected, int result) const;
-
-    // Series
-    /// How one pass of a series ended.
-    enum class Pass {
-        Taken,   ///< the frame lies in the stream buffer
-        Again,   ///< it failed and is to be repeated; the device has been recovered
-        Stopped, ///< the host has stopped the series
-        Lost,    ///< the device could not be recovered
-    };
-    int configureSeries(double seconds);
-    Pass takeFrame();
-    void announceFrame(std::uint64_t frame);
 
     Buffer<unsigned short> matrixBackup{0, false}; ///< the last matrix written to the chips; acqSync and devSync
 

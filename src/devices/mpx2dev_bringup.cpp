@@ -30,20 +30,6 @@ constexpr const char* CPU_WITH_BIAS = "LTX5x5"; ///< version of CPUs that make t
 
 constexpr const char* FIRMWARES[] = {"Firmware 1.7 TLA", "Firmware 1.5 TLA"};
 
-constexpr ParamRow PARAMS[] = {
-    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
-    {"Firmware", ParamKind::StoredText, "Firmware", 0, false, dv::PARAM_READ_ONLY},
-    {"DebugLog", ParamKind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
-    {"PreShutterClockCount", ParamKind::StoredInt32, "Preshutter Clock Count", 0, false, dv::PARAM_CONFIG},
-    {"PreShutterClockDivider", ParamKind::StoredInt32, "Preshutter Clock Divier", 0, false, dv::PARAM_CONFIG},
-    {"PreShutterDelayClockCount", ParamKind::StoredInt32, "Preshutter Delay Clock Count", 0, false, dv::PARAM_CONFIG},
-    {"TriggerStg", ParamKind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0,
-     false, dv::PARAM_CONFIG},
-    {"TriggerWaitForReady", ParamKind::Bool, "Wait for trigger ready", 0, false, dv::PARAM_CONFIG},
-    {"TriggerMaster", ParamKind::Bool, "Master device", 0, false, dv::PARAM_CONFIG},
-    {"TriggerOutLevel", ParamKind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
-};
-
 constexpr Mpx2BoardKind BOARD_KIND{
     .firmwares = FIRMWARES,
     .correctFirmware = "Firmware 1.7 TLA (18.10.2016)",
@@ -54,8 +40,12 @@ constexpr Mpx2BoardKind BOARD_KIND{
     .adcClose = ibspi::AdcClose::DeselectAfterRead,
     .adcReadCounts = false,
     .quietServices = true,
-    .waitsForCutFrame = true,
-    .params = PARAMS,
+    .collectsCutFrame = true,
+    .stopEndsReaderWait = true,
+    .stopEndsReading = true,
+    .tellsRecoveredRead = true,
+    .sensorParams = {},
+    .lastParams = {},
 };
 
 } // namespace

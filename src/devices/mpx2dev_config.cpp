@@ -12,7 +12,7 @@ int Mpx2Dev::setBias(double volts)
 {
     // Nothing else in this class is held up by the temperature.
     if (loadFlag(overheated))
-        return logError(1, "Device allowed temperature exceeded, chips turned off.");
+        return logError(1, "%s", TOO_HOT);
     if (!loadFlag(connected))
         return logError(1, "%s", NOT_CONNECTED);
     if (std::isnan(volts))

@@ -1,7 +1,6 @@
 // The pixel matrix of a Medipix2 or Timepix board on its way to the host: module by module, or all modules at once.
 #include "devices/mpx2dev.h"
 
-#include "chipdata/mpx2counters.h"
 #include "chipdata/mpx2matrix.h"
 
 #include <algorithm>
@@ -133,21 +132,14 @@ int Mpx2Dev::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
     return 0;
 }
 
-int Mpx2Dev::getConvertedMatrix(unsigned short* matrix, std::size_t size, bool convert, bool fromCopy)
+void Mpx2Dev::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
 {
-    if (matrix == nullptr)
-        return logError(1, "Read matrix: matrix cannot be NULL.");
-    const std::span<unsigned short> words(matrix, size);
-    std::ranges::fill(words, static_cast<unsigned short>(0));
-    buffers.read(fromCopy, [&](std::span<const unsigned char> stream) {
-        if (readParallel)
-            decodeAllModules(stream, words);
-        else
-            decodeModules(stream, words);
-    });
-    if (convert)
-        convertCountsMpx2(matrix, size, true);
-    return 0;
+    if (!readParallel) {
+        decodeModules(stream, matrix);
+        return;
+    }
+    const auto modules = static_cast<std::size_t>(activeModuleCount);
+    decodeLanes(stream, modules, mpx2ChipsPerModule(static_cast<std::size_t>(chipCount_), modules), 1, matrix);
 }
 
 void Mpx2Dev::decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
@@ -162,19 +154,6 @@ void Mpx2Dev::decodeModules(std::span<const unsigned char> stream, std::span<uns
         deserializeMpx2(stream.data() + 1, stride, matrix.data(), matrix.size(), true);
         stream = stream.subspan(stride);
         matrix = matrix.subspan(std::min(chips * MPX2_CHIP_PIXELS, matrix.size()));
-    }
-}
-
-void Mpx2Dev::decodeAllModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
-{
-    const auto modules = static_cast<std::size_t>(activeModuleCount);
-    const std::size_t perModule = mpx2ChipsPerModule(static_cast<std::size_t>(chipCount_), modules);
-    const std::size_t bytes = perModule * MPX2_STREAM_STRIDE;
-    std::vector<unsigned char> lane(bytes + 1);
-    for (std::size_t module = 0; module < modules; ++module) {
-        deinterleaveMpx2(stream, modules, module, std::span(lane).first(bytes));
-        deserializeMpx2(lane.data() + 1, bytes, matrix.data(), matrix.size(), true);
-        matrix = matrix.subspan(std::min(perModule * MPX2_CHIP_PIXELS, matrix.size()));
     }
 }
 

@@ -7,9 +7,7 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr unsigned STATUS_PATIENCE_MS = 100; ///< for each lock; a poll must not hang behind a long exposure
-constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes by reads of CPU parameters
-constexpr double CPU_SENSE_INTERVAL = 1.0;   ///< seconds between two refreshes by readSenseValuesFromCpu
+constexpr double CPU_SENSE_INTERVAL = 1.0; ///< seconds between two refreshes by readSenseValuesFromCpu
 
 } // namespace
 

@@ -108,7 +108,14 @@ public:
     int prepareAcquisition(unsigned count, double time, bool allowBurst);
     /// Starts the series that `prepareAcquisition` has prepared.
     int startAcquisitionFromLad();
+    /// Gives the last frame up unread, so that the series may overwrite it.
+    void releaseFrame() { matrixReadEvent.set(); }
+    /// Waits until the threads of a series that ends are gone. One that goes on is stopped after half a second.
+    void awaitSeriesEnd();
     void acqFunc() override;
+
+    /// Switches the debug log on or off; what the settings switch on stays on until then.
+    void setDebugLog(bool on);
 
     /// A copy of the register image.
     virtual OMR omr() const { return omrValue; }
@@ -144,7 +151,6 @@ private:
     void onReadParam(dv::IParam* param);
     void onWriteParam(dv::IParam* param);
     void onReadParamCpu();
-    void setDebugLog(bool on);
 
     // Commands (mpx3dev_config.cpp)
     int sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
@@ -195,7 +201,6 @@ private:
     void endSeries(int result);
     void readTdiFrame();
     void readTDIMatrixFromDevice();
-    void addRowTimes(dv::IMpxFrame* frame);
 
     ThreadSyncObject dataSync; ///< guards streamBuffer and readBytes against the acquisition thread
     /// The last matrix stream; dataSync, or the matrixReadEvent hand-shake.

@@ -2,7 +2,6 @@
 #include "devices/mpx3dev.h"
 
 #include "devices/common/triggers.h"
-#include "shared/datatype.h"
 
 #include <array>
 
@@ -315,15 +314,8 @@ dv::IMpxFrame* Mpx3Dev::lastData()
 {
     dv::IMpxFrame* frame = AMpx3Dev::lastData();
     if (frame != nullptr && loadFlag(acquiring) && tdiMode)
-        addRowTimes(frame);
+        tdiRowTimes.addNextTo(*frame, acqTime);
     return frame;
-}
-
-void Mpx3Dev::addRowTimes(dv::IMpxFrame* frame)
-{
-    const RowTimes::Frame times = tdiRowTimes.nextFrame(acqTime / TDI_ROWS);
-    frame->addMetaData("RowAcqTimes", "RowAcqTimes", DT_DOUBLE, times.acqTimes.data(), sizeof(times.acqTimes));
-    frame->addMetaData("RowStartTimes", "RowStartTimes", DT_DOUBLE, times.startTimes.data(), sizeof(times.startTimes));
 }
 
 } // namespace HwLatixel

@@ -142,6 +142,13 @@ void Mpx3Dev::waitForSeriesEnd()
     });
 }
 
+void Mpx3Dev::awaitSeriesEnd()
+{
+    constexpr double GRACE = 0.5; // seconds
+    series.waitForEnd(GRACE, [](bool) {});
+    waitForSeriesEnd();
+}
+
 int Mpx3Dev::resetDevice()
 {
     logFunction("Reset Device");

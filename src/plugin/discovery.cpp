@@ -3,11 +3,16 @@
 
 #include "devices/common/devicename.h"
 #include "devices/mpx2dev.h"
+#include "devices/mpx2devrow.h"
+#include "devices/mpx2laddev.h"
 #include "devices/mpx3dev.h"
+#include "devices/mpx3laddev.h"
+#include "devices/uladdev.h"
 #include "link/ftdidev.h"
 #include "shared/str.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace HwLatixel {
 
@@ -78,6 +83,8 @@ int HwLib::initializeDevices()
     log->log(MSG, "Listing FTDI devices...");
     const std::vector<std::string> names = listConnectedDevices(false);
     log->log(MSG, "Initializing Latixel devices...");
+    std::vector<std::string> mpx2Members;
+    std::vector<std::string> mpx3Members;
     for (std::size_t i = 0; i < names.size(); ++i) {
         const std::string& name = names[i];
         if (name.empty())
@@ -89,11 +96,29 @@ int HwLib::initializeDevices()
         const Family family = classify(typeCode, isPartOfLAD(name) || !ladNumber.empty());
         log->log(MSG, "   Device #%d \"%s\" is %s", static_cast<int>(i), name.c_str(),
                  FAMILY_TEXT[static_cast<std::size_t>(family)]);
-        if (family == Family::Mpx3)
+        switch (family) {
+        case Family::Row:
+            createMpx2RowDevice(name, variant);
+            break;
+        case Family::Mpx3Member:
+            mpx3Members.push_back(name);
+            break;
+        case Family::Mpx2Member:
+            mpx2Members.push_back(name);
+            break;
+        case Family::Mpx3:
             createMpx3Device(name, variant);
-        else if (family == Family::Mpx2)
+            break;
+        case Family::Mpx2:
             createMpx2Device(name, variant);
+            break;
+        }
     }
+    // The order of the names is that of the chips, whatever the order on the bus is.
+    std::ranges::sort(mpx2Members);
+    std::ranges::sort(mpx3Members);
+    createComposite<Mpx2LadDev>(std::move(mpx2Members));
+    createComposite<Mpx3LadDev>(std::move(mpx3Members));
     return 0;
 }
 
@@ -102,10 +127,15 @@ int HwLib::initializeOldDevices()
     log->log(MSG, "Listing FTDI devices...");
     const std::vector<std::string> names = listConnectedDevices(true);
     log->log(MSG, "Initializing old Latixel devices...");
+    // Only what the settings name is used, and the chips stand in the order of the bus.
+    std::vector<std::string> members;
     for (std::size_t i = 0; i < names.size(); ++i) {
-        if (!names[i].empty() && isPartOfLAD(names[i]))
-            log->log(MSG, "   Device #%d \"%s\" is old Latixel device", static_cast<int>(i), names[i].c_str());
+        if (names[i].empty() || !isPartOfLAD(names[i]))
+            continue;
+        log->log(MSG, "   Device #%d \"%s\" is old Latixel device", static_cast<int>(i), names[i].c_str());
+        members.push_back(names[i]);
     }
+    createComposite<ULadDev>(std::move(members));
     return 0;
 }
 
@@ -116,9 +146,22 @@ void HwLib::adopt(std::unique_ptr<Device> device)
         devices.push_back(device.release());
 }
 
+template <typename Composite>
+void HwLib::createComposite(std::vector<std::string> names)
+{
+    if (names.empty())
+        return;
+    adopt(std::make_unique<Composite>(dorvet, dorvet->logDirectory(), log.get(), settingsPath, std::move(names)));
+}
+
 void HwLib::createMpx2Device(const std::string& name, const std::string& variant)
 {
     adopt(std::make_unique<Mpx2Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false));
+}
+
+void HwLib::createMpx2RowDevice(const std::string& name, const std::string& variant)
+{
+    adopt(std::make_unique<Mpx2DevRow>(name, dorvet, dorvet->logDirectory(), settingsPath, variant));
 }
 
 void HwLib::createMpx3Device(const std::string& name, const std::string& variant)

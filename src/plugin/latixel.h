@@ -43,7 +43,11 @@ private:
     void loadSettings();
     std::vector<const char*> nameFilter(bool old) const;
     void createMpx2Device(const std::string& name, const std::string& variant);
+    void createMpx2RowDevice(const std::string& name, const std::string& variant);
     void createMpx3Device(const std::string& name, const std::string& variant);
+    /// Makes one composite of all devices named, if there are any.
+    template <typename Composite>
+    void createComposite(std::vector<std::string> names);
     /// Brings a new device up and takes it into the list; one that does not come up is deleted.
     template <typename Device>
     void adopt(std::unique_ptr<Device> device);

@@ -8,6 +8,7 @@
 using support::Mpx3Bench;
 using support::mpx3Board;
 using support::Seen;
+using support::soon;
 using support::Wire;
 
 namespace {
@@ -60,12 +61,6 @@ protected:
     {
         ASSERT_EQ(frame.size(), 2U * 65536);
         EXPECT_EQ(std::ranges::count(frame, counts), static_cast<long>(frame.size())) << "first pixel is " << frame[0];
-    }
-    bool soon(const std::function<bool()>& reached) const
-    {
-        for (int i = 0; i < 5000 && !reached(); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return reached();
     }
     bool started() const
     {

@@ -37,9 +37,15 @@ std::size_t openFiles()
     return countEntries("/proc/self/fd");
 }
 
+/// A board of the family that the description tells, with a chip.
 nlohmann::json board(const std::string& description)
 {
-    return {{"kind", "mpx3"}, {"description", description}, {"channels", {{"C07-W0123"}}}};
+    const nlohmann::json chips = nlohmann::json::array({"C07-W0123"});
+    if (description.find(" TR") != std::string::npos)
+        return {{"kind", "mpxrow"}, {"description", description}, {"channels", chips}};
+    if (description.find(" TL") != std::string::npos)
+        return {{"kind", "mpx2"}, {"description", description}, {"modules", nlohmann::json::array({chips})}};
+    return {{"kind", "mpx3"}, {"description", description}, {"channels", nlohmann::json::array({chips})}};
 }
 
 class PluginTest : public testing::Test {
@@ -100,27 +106,43 @@ TEST_F(PluginTest, OpensOnAnEmptyBusWithoutSettings)
 
 TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
 {
-    attach({"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A", "Latixel Latixel M3WA 2 sn: 3 A",
-            "Latixel Latixel TLWA 1 sn: 4 A", "Latixel Latixel TLWA sn: 5 A", "Latixel short", "Other Thing sn: 6"});
-    // Names of the families that have no class here are told and left alone.
-    const auto names = open();
-    EXPECT_EQ(names, (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TLWA sn: 5 A"}));
-    EXPECT_TRUE(logged("Found 5 devices:")) << log();
-    for (const char* line : {"\"Latixel Latixel M3WA sn: 1 A\" is Latixel MPX3 device",
-                             "\"Latixel Latixel TRWA 2 sn: 2 A\" is Latixel ROW device",
-                             "\"Latixel Latixel M3WA 2 sn: 3 A\" is Latixel MPX3 device (part of LAD)",
-                             "\"Latixel Latixel TLWA 1 sn: 4 A\" is Latixel device (part of LAD)",
-                             "\"Latixel Latixel TLWA sn: 5 A\" is Latixel device"})
-        EXPECT_NE(log().find(std::string(line) + "\n"), std::string::npos) << line;
+    attach({"Latixel Latixel M3WA 9 sn: 8 A", "Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A",
+            "Latixel Latixel M3WA 10 sn: 3 A", "Latixel Latixel TLWA 2 sn: 4 A", "Latixel Latixel TLWA sn: 5 A",
+            "Latixel Latixel TLWA 1 sn: 7 A", "Latixel Latixel TLWA 3a sn: 9 A", "Other Thing sn: 6"});
+    EXPECT_EQ(open(),
+              (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A",
+                                        "Latixel Latixel TLWA sn: 5 A", "Latixel Latixel TLWA 3a sn: 9 A", "Latixel",
+                                        "Latixel"}))
+        << "single devices as they are on the bus, then the composites";
+    const auto& devices = plugin->devices();
+    ASSERT_EQ(devices.size(), 6U);
+    std::vector<unsigned> chips;
+    for (const auto& device : devices)
+        chips.push_back(device->chipCount());
+    EXPECT_EQ(chips, (std::vector<unsigned>{1, 1, 1, 1, 2, 2}));
+    // Members stand in the byte-wise order of their names.
+    EXPECT_FALSE(devices[4]->isMpx3());
+    EXPECT_EQ(devices[4]->findParam("DeviceSerials")->getString(), "7 4 ");
+    EXPECT_TRUE(devices[5]->isMpx3());
+    EXPECT_EQ(devices[5]->findParam("DeviceSerials")->getString(), "3 8 ");
+    EXPECT_TRUE(logged("Found 8 devices:")) << log();
+    for (const char* line : {"#0 \"Latixel Latixel M3WA 9 sn: 8 A\" is Latixel MPX3 device (part of LAD)",
+                             "#1 \"Latixel Latixel M3WA sn: 1 A\" is Latixel MPX3 device",
+                             "#2 \"Latixel Latixel TRWA 2 sn: 2 A\" is Latixel ROW device",
+                             "#4 \"Latixel Latixel TLWA 2 sn: 4 A\" is Latixel device (part of LAD)",
+                             "#5 \"Latixel Latixel TLWA sn: 5 A\" is Latixel device"})
+        EXPECT_TRUE(logged(std::string("   Device ") + line)) << line;
     EXPECT_NE(log().find("   Device (name=Latixel Latixel M3WA sn: 1 A, serial=, vidpix=4036010)\n"),
               std::string::npos);
+    plugin->close();
+    EXPECT_EQ(host.complaints(), std::vector<std::string>{});
 }
 
 TEST_F(PluginTest, SettingsNameMembersAndPrefix)
 {
     attach({"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel M3WA sn: 2 A", "Special Latixel M3WA sn: 3 A"});
     folder.write("latixel.ini", "[Settings]\nDeviceCount=2147483647\nDevice0=sn: 2\nDevice5=\n");
-    EXPECT_EQ(open(), (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A"}));
+    EXPECT_EQ(open(), (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A", "Latixel"}));
     EXPECT_NE(log().find("sn: 2 A\" is Latixel MPX3 device (part of LAD)\n"), std::string::npos);
     plugin.reset();
     folder.write("latixel.ini", "[Settings]\nDevNamePrefix=Special\n");

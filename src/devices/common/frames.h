@@ -7,21 +7,30 @@
 
 namespace HwLatixel {
 
-/// Makes a frame of `chips` chips side by side with pixels of `dataType`, and lets `read(pixels, count)` fill it. Null,
-/// with the frame given back, where that returns anything but 0.
-template <typename Pixel, typename Read>
-dv::IMpxFrame* frameOf(IDorvet& dorvet, int chips, int dataType, Read read)
+inline constexpr unsigned CHIP_SIDE = 256; ///< pixels of a chip in a row and in a column
+
+/// Makes a frame of `chips` chips side by side with pixels of `dataType`, and lets `read(frame)` fill it. Null, with
+/// the frame given back, where that returns anything but 0.
+template <typename Read>
+dv::IMpxFrame* filledFrame(IDorvet& dorvet, int chips, int dataType, Read read)
 {
-    constexpr unsigned SIDE = 256;
-    dv::IMpxFrame* frame = dorvet.frameFactory()->createFrame(static_cast<unsigned>(chips) * SIDE, SIDE, dataType);
-    if (frame == nullptr)
-        return nullptr;
-    dv::RefDataBuff<Pixel> pixels;
-    frame->acquireData(&pixels, 0.0);
-    if (read(pixels.data(), static_cast<std::size_t>(pixels.size())) == 0)
+    const unsigned width = static_cast<unsigned>(chips) * CHIP_SIDE;
+    dv::IMpxFrame* frame = dorvet.frameFactory()->createFrame(width, CHIP_SIDE, dataType);
+    if (frame == nullptr || read(*frame) == 0)
         return frame;
     frame->destroy();
     return nullptr;
+}
+
+/// The same with `read(pixels, count)` on the frame's acquired data.
+template <typename Pixel, typename Read>
+dv::IMpxFrame* frameOf(IDorvet& dorvet, int chips, int dataType, Read read)
+{
+    return filledFrame(dorvet, chips, dataType, [&](dv::IMpxFrame& frame) {
+        dv::RefDataBuff<Pixel> pixels;
+        frame.acquireData(&pixels, 0.0);
+        return read(pixels.data(), static_cast<std::size_t>(pixels.size()));
+    });
 }
 
 } // namespace HwLatixel

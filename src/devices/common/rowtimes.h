@@ -2,14 +2,18 @@
 // collected light during the last 256 row times.
 #pragma once
 
+#include "host/impxframe.h"
+#include "shared/datatype.h"
+#include "shared/osdepend.h"
+
 #include <array>
 #include <cstddef>
 #include <deque>
 
 namespace HwLatixel {
 
-/// A sliding window over the last 256 row times of a series. No lock: the series clears it before its first event, the
-/// host's `lastData` moves it on.
+/// A sliding window over the last 256 row times of a series, which clears it before its first event; the host's
+/// `lastData` moves it on. Safe from any thread.
 class RowTimes {
 public:
     static constexpr std::size_t ROWS = 256;
@@ -22,6 +26,7 @@ public:
     /// Begins a series.
     void clear()
     {
+        ThreadLock lock(&sync);
         window.clear();
         sum = 0.0;
         start = 0.0;
@@ -31,6 +36,7 @@ public:
     /// of a series show a rising exposure, those of all later ones a level one: fullness is looked at once for a frame.
     Frame nextFrame(double rowTime)
     {
+        ThreadLock lock(&sync);
         Frame frame;
         const bool full = window.size() >= ROWS;
         for (std::size_t row = 0; row < ROWS; ++row) {
@@ -47,7 +53,17 @@ public:
         return frame;
     }
 
+    /// Moves on by a frame of `frameTime` seconds and adds its rows' times to it, 256 doubles each.
+    void addNextTo(dv::IMpxFrame& frame, double frameTime)
+    {
+        const Frame times = nextFrame(frameTime / ROWS);
+        frame.addMetaData("RowAcqTimes", "RowAcqTimes", DT_DOUBLE, times.acqTimes.data(), sizeof(times.acqTimes));
+        frame.addMetaData("RowStartTimes", "RowStartTimes", DT_DOUBLE, times.startTimes.data(),
+                          sizeof(times.startTimes));
+    }
+
 private:
+    ThreadSyncObject sync;
     std::deque<double> window; ///< the last row times, seconds
     double sum = 0.0;          ///< of the window
     double start = 0.0;        ///< of the next row

@@ -1,0 +1,358 @@
+// What the composites of both chip families have in common as devices of the host.
+#pragma once
+
+#include "devices/common/devdefaults.h"
+#include "devices/common/devicereport.h"
+#include "devices/common/ladmembers.h"
+#include "devices/common/paramtable.h"
+#include "devices/common/seriesthread.h"
+#include "host/idorvet.h"
+#include "shared/hweventdispatcher.h"
+#include "shared/osdepend.h"
+#include "shared/str.h"
+
+#include <atomic>
+#include <cmath>
+#include <cstdarg>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace HwLatixel {
+
+inline constexpr std::size_t LAD_CHIP_PIXELS = 65536; ///< pixels of a chip
+inline constexpr unsigned LAD_ADC_CHANNELS = 16;      ///< of each member
+
+/// Base of a composite: members, records, reports, and the operations that forward to members. It has no hardware of
+/// its own. A member that does not come up is left out.
+///
+/// Locks: `devSync` of a composite is taken before any lock of a member, and the report's lock last. The members' list
+/// changes in `initDevice` and `closeDevice` alone, from which the host keeps other calls away.
+template <typename Interface, typename Member>
+class LadDev : public DevDefaults<Interface> {
+public:
+    int initDevice() override = 0;
+    /// Ends a running series, then closes and deletes the members. Not to be called from an event callback.
+    int closeDevice() override
+    {
+        waitForSeriesEnd();
+        storeFlag(connected, false);
+        for (std::size_t i = 0; i < members.size(); ++i)
+            members[i].closeDevice();
+        members.clear();
+        return 0;
+    }
+    bool isConnected() const override { return loadFlag(connected); }
+    bool isBusy() const override { return loadFlag(busy); }
+    int devInfo(dv::_DevInfo* info) const override
+    {
+        *info = devInfoRec;
+        return 0;
+    }
+    int devMpxInfo(dv::_DevMpxInfo* info) const override
+    {
+        *info = devMpxInfoRec;
+        return 0;
+    }
+    int setEventFunc(dv::EventFunc func, void* user) override
+    {
+        eventFunc = func;
+        eventUser = user;
+        eventDispatcher.setFunc(func, user);
+        return 0;
+    }
+    int setLogMsgFunc(dv::LogMsgFunc func, void* user) override
+    {
+        report.setLogMsgFunc(func, user);
+        return 0;
+    }
+    dv::IParamMgr* parameters() const override { return params; }
+    dv::IParamMgr* inDeviceConfigParameters() const override { return inDeviceParams; }
+    const char* lastError() const override { return report.lastError(); }
+    const char* deviceName() const override { return "Latixel"; }
+    /// The first status of a member that is not 0, in the order of the members.
+    int deviceStatus() const override
+    {
+        for (std::size_t i = 0; i < members.size(); ++i)
+            if (const int status = members[i].deviceStatus(); status != 0)
+                return status;
+        return 0;
+    }
+    /// The first status text of a member that is not empty.
+    const char* deviceStatusText() const override
+    {
+        std::string text;
+        for (std::size_t i = 0; i < members.size() && text.empty(); ++i)
+            text = members[i].deviceStatusText();
+        statusText.set(text);
+        return statusText.get();
+    }
+    int chipIDList(dv::IStrList* list) const override
+    {
+        for (const auto& id : chipIds)
+            list->add(id.c_str());
+        return 0;
+    }
+    int adcCount() const override { return static_cast<int>(members.size() * LAD_ADC_CHANNELS); }
+    double adcValue(unsigned index) const override
+    {
+        if (index / LAD_ADC_CHANNELS >= members.size())
+            return logError(dv::RESULT_INVALID_INDEX, "Invalid ADC index.");
+        return members[index / LAD_ADC_CHANNELS].adcValue(index % LAD_ADC_CHANNELS);
+    }
+    int analogValue(unsigned chip, double* value) override
+    {
+        ThreadLock lock(&devSync);
+        const auto* found = members.findChip(chip);
+        return found != nullptr ? found->member->analogValue(static_cast<unsigned>(found->index), value)
+                                : logError(1, "Invalid chip index: %u", chip);
+    }
+    /// As requested, not as measured.
+    double lastAcqTime() const override { return acqTime; }
+    int setPolarity(int, bool) override { return 0; }
+    int doSoftwareTrigger(unsigned) override { return 0; }
+
+    virtual void acqFunc() = 0;
+
+protected:
+    /// `names` are the members' USB descriptions, in the order in which they stand in the composite.
+    LadDev(IDorvet* host, std::string logFolder, FileLog* log, std::string settings, std::vector<std::string> names)
+        : dorvet(host),
+          params(host->createParamMgr()),
+          inDeviceParams(host->createParamMgr()),
+          logDirectory(std::move(logFolder)),
+          settingsPath(std::move(settings)),
+          deviceNames(std::move(names))
+    {
+        devMpxInfoRec.biasMax = maxBiasOf(deviceNames);
+        report.attachLog(log);
+    }
+    ~LadDev() override
+    {
+        params->destroy();
+        inDeviceParams->destroy();
+    }
+
+    virtual std::unique_ptr<Member> makeMember(const std::string& name, const std::string& biasType) = 0;
+    /// Called for each member that has come up, before it is taken over with its position.
+    virtual void memberUp(Member&, std::size_t) {}
+    /// Lets a series go that waits for the host; `stopBoards` once a second.
+    virtual void nudgeSeries(bool stopBoards) = 0;
+
+    /// Tells firmware and serial of the members in the parameters "Firmware", where the last one's stands, and
+    /// "DeviceSerials"; that of a single member becomes the composite's.
+    void publishMembers()
+    {
+        std::string serials;
+        forAll([&](const Member& member) {
+            params->get("Firmware")->setString(member.firmware().c_str());
+            serials += serialFromDeviceName(member.deviceName()) + " ";
+        });
+        params->get("DeviceSerials")->setString(serials.c_str());
+        if (members.size() == 1)
+            devInfoRec.serialNumber = str::toNumDef<int>(serialFromDeviceName(members[0].deviceName()), 1);
+    }
+    /// Brings the members up and fills the records. -1 without a chip.
+    int bringUpMembers()
+    {
+        closeDevice();
+        // A series that ended by a failed recovery has left both.
+        storeFlag(inAcquisition, false);
+        storeFlag(busy, false);
+        chipIds.clear();
+        for (const auto& name : deviceNames)
+            bringUp(name);
+        const auto chips = static_cast<unsigned>(members.chipCount());
+        devMpxInfoRec.chipTotal = chips;
+        devMpxInfoRec.pixelTotal = chips * static_cast<unsigned>(LAD_CHIP_PIXELS);
+        if (chips == 0) {
+            chipIds.clear();
+            return -1;
+        }
+        storeFlag(connected, true);
+        return 0;
+    }
+
+    int logError(int code, const char* format, ...) const __attribute__((format(printf, 3, 4)))
+    {
+        va_list args;
+        va_start(args, format);
+        report.errorV(code, format, args);
+        va_end(args);
+        return code;
+    }
+    /// Reports a member's failure. The name is looked up by the position among the members that came up, in the list of
+    /// all names: behind one that did not come up it is that of a neighbour.
+    int memberFailed(std::size_t index, const char* memberError, int code = 1) const
+    {
+        const std::string& name = deviceNames[std::min(index, deviceNames.size() - 1)];
+        return logError(code, "Device %s reported error: %s", name.c_str(), memberError);
+    }
+    /// Runs `call(member)` on the members in their order, up to the first that fails, which is reported. `call` may
+    /// also take the member's position. 0; else 1, or the member's result where `tellsMemberResult` is set.
+    template <typename Call>
+    int untilFailure(Call call) const
+    {
+        for (std::size_t i = 0; i < members.size(); ++i) {
+            int result = 0;
+            if constexpr (std::is_invocable_v<Call, Member&, std::size_t>)
+                result = call(members[i], i);
+            else
+                result = call(members[i]);
+            if (result != 0)
+                return memberFailed(i, members[i].lastError(), tellsMemberResult ? result : 1);
+        }
+        return 0;
+    }
+    template <typename Call>
+    void forAll(Call call) const
+    {
+        for (std::size_t i = 0; i < members.size(); ++i)
+            call(members[i]);
+    }
+    /// The part of an array of `perChip` elements a chip that belongs to member `index`.
+    template <typename T>
+    Slice<T> memberSlice(T* data, std::size_t size, std::size_t index, std::size_t perChip) const
+    {
+        return sliceOf(data, size, members.firstChip(index), static_cast<std::size_t>(members[index].chipCount()),
+                       perChip);
+    }
+    std::size_t pixelCount() const { return static_cast<std::size_t>(members.chipCount()) * LAD_CHIP_PIXELS; }
+    int checkMatrixSize(std::size_t size, int code = 1) const
+    {
+        if (size >= pixelCount())
+            return 0;
+        return logError(code, "Invalid size for matrix (%lu < %lu)", static_cast<unsigned long>(size),
+                        static_cast<unsigned long>(pixelCount()));
+    }
+    /// The answer of composites of Medipix2 and Timepix boards, which sense no bias.
+    static int noBiasSense(double* volts, double* amperes)
+    {
+        if (volts != nullptr)
+            *volts = 0.0;
+        if (amperes != nullptr)
+            *amperes = 0.0;
+        return dv::RESULT_NOT_SUPPORTED;
+    }
+    /// Sets the DACs of all members, or of the one with `chip`, from an array over all chips. For a single chip the
+    /// result is 0, whatever its member said. `senseChip` 0 is the first chip of whichever member is called.
+    int setMembersDacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac, int extDac,
+                       unsigned ctpr)
+    {
+        const auto* sensed = members.findChip(static_cast<unsigned>(senseChip));
+        const int memberSense = senseChip == 0 || sensed == nullptr ? 0 : sensed->index;
+        const auto call = [&](Member& member, std::size_t i, int memberChip) {
+            const auto slice = memberSlice(dacs, size, i, static_cast<std::size_t>(member.dacCount()));
+            return member.setMpx2Dacs(slice.data, slice.size, memberChip, memberSense, senseDac, extDac, ctpr);
+        };
+        if (chip < 0)
+            return untilFailure([&](Member& member, std::size_t i) { return call(member, i, -1); });
+        const auto* found = members.findChip(static_cast<unsigned>(chip));
+        for (std::size_t i = 0; i < members.size() && found != nullptr; ++i)
+            if (found->member == &members[i])
+                call(members[i], i, found->index);
+        return 0;
+    }
+
+    void setBusy(bool value)
+    {
+        if (loadFlag(busy) == value)
+            return;
+        storeFlag(busy, value);
+        if (eventFunc != nullptr)
+            eventFunc(HWEVENT_BUSY_CHANGED, value ? 1 : 0, eventUser);
+    }
+    /// Stops all members and clears their counters; their results don't count.
+    void abortAcqAllDevs()
+    {
+        forAll([](Member& member) {
+            member.stopAcquisition();
+            member.eraseMatrix();
+        });
+    }
+    /// Sends the end of a series, which its thread does last.
+    void sendEndEvent(bool aborted)
+    {
+        eventDispatcher.setEvent(aborted ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0, false);
+    }
+    void setSeries(unsigned count, double time)
+    {
+        storeFlag(abortRequested, false);
+        acqCount = count;
+        acqTimeRequested = time;
+        acqTime = time;
+    }
+    void startSeriesThread()
+    {
+        if (!series.start(acqFuncWrapper, this))
+            eventDispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+    }
+    /// For `closeDevice` and for the destructor of a concrete class.
+    void waitForSeriesEnd()
+    {
+        constexpr double LIMIT = 30.0; // seconds
+        series.waitForEnd(LIMIT, [this](bool stopBoards) {
+            storeFlag(abortRequested, true);
+            nudgeSeries(stopBoards);
+        });
+    }
+    void shutDown()
+    {
+        LadDev::closeDevice();
+        eventDispatcher.stopThreadAndWait();
+    }
+
+    mutable ThreadSyncObject devSync;
+    mutable DeviceReport report;
+    HwEventDispatcher eventDispatcher;
+    LadMembers<Member> members;
+    std::vector<std::string> chipIds; ///< one identifier for each chip; set at bring-up
+
+    // Records: written before and in `initDevice`, then only read
+    dv::_DevInfo devInfoRec{"Latixel", 8, 2, 1, 1};
+    dv::_DevMpxInfo devMpxInfoRec{0, 0, 0, 0.0, 0.0, 4e-08, 86400.0, 0, 0, 0, {1}};
+    IDorvet* dorvet;               ///< the host, not owned
+    dv::IParamMgr* params;         ///< owned through its `destroy`
+    dv::IParamMgr* inDeviceParams; ///< owned through its `destroy`; stays empty
+    std::string logDirectory;
+    std::string settingsPath;
+    std::vector<std::string> deviceNames;
+
+    bool connected = false;
+    bool busy = false;
+    bool abortRequested = false; ///< polled by the series and its members' events
+    bool inAcquisition = false;  ///< polled: a series runs
+    std::atomic<unsigned> acqCount{0};
+    std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
+    std::atomic<double> acqTimeRequested{0.0}; ///< the same
+    bool tellsMemberResult = false;            ///< what a failed broadcast returns; set by the constructor
+    int recoverAttemptCount = 5;               ///< setting "RecoverAttemptCount"
+    dv::EventFunc eventFunc = nullptr;         ///< set by the host before a series
+    void* eventUser = nullptr;
+    mutable LastError statusText;
+    SeriesThreads series;
+
+private:
+    void bringUp(const std::string& name)
+    {
+        std::unique_ptr<Member> member = makeMember(name, biasTypeOf(name));
+        if (member->initDevice() != 0) {
+            report.line(MSG, "Initialization of Latixel device %s failed: %s", name.c_str(), member->lastError());
+            return;
+        }
+        report.line(MSG, "Initialized Latixel device %s", name.c_str());
+        memberUp(*member, members.size());
+        for (const auto& id : member->chipIDs())
+            chipIds.push_back(id);
+        members.add(std::move(member));
+    }
+    static void acqFuncWrapper(void* lad)
+    {
+        auto* self = static_cast<LadDev*>(lad);
+        self->acqFunc();
+        self->series.left();
+    }
+};
+
+} // namespace HwLatixel

@@ -1,0 +1,219 @@
+// What a row board's CPU tells, bias and pixel configuration of its chips, and their matrix on its way to the host.
+#include "devices/mpx2devrow.h"
+
+#include "chipdata/mpx2pixelcfg.h"
+#include "link/tpxcmds.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+#include <vector>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr double READ_TIMEOUT = 0.5;      ///< seconds of silence in a readout
+constexpr double ROWS_TIMEOUT = 2.0;      ///< the same for a block of rows of a TDI series
+constexpr double EMPTY_BLOCK_PAUSE = 0.1; ///< seconds, where nothing can come at once
+constexpr unsigned char STREAM_FILL = 0xFF;
+
+/// More rows have more bits than the board can be told.
+constexpr unsigned long MAX_BLOCK_ROWS = (1UL << 24) / (8 * MPX2_ROW_STREAM_STRIDE);
+
+constexpr unsigned char TEMPERATURE_ADC_CHANNEL = 1;
+constexpr double ADC_CODES = 4096.0;
+constexpr double TEMPERATURE_SPAN = 500.0;   ///< degrees Celsius over all codes
+constexpr double TEMPERATURE_OFFSET = -50.0; ///< at code 0
+
+} // namespace
+
+int Mpx2DevRow::requireChips() const
+{
+    if (loadFlag(overheated))
+        return logError(1, "%s", TOO_HOT);
+    return AMpx2Dev::requireChips();
+}
+
+// ---- Status ----
+
+// These three don't wait for a frame: acqSync stays free for the acquisition thread. Their exchanges are kept whole
+// against other commands alone.
+
+int Mpx2DevRow::deviceStatus() const
+{
+    ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
+    if (lock.locked())
+        pollStatus();
+    return devStatus;
+}
+
+const char* Mpx2DevRow::deviceStatusText() const
+{
+    ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
+    if (lock.locked())
+        pollStatusText();
+    return statusText.get();
+}
+
+void Mpx2DevRow::onReadParamCpu()
+{
+    if (ibCpu == nullptr || getPreciseTime() - lastCpuRead <= CPU_PARAM_INTERVAL)
+        return;
+    ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
+    if (!lock.locked())
+        return;
+    ibCpu->dumpValuesToParams(devParams);
+    lastCpuRead = getPreciseTime();
+}
+
+void Mpx2DevRow::onReadParam(dv::IParam* param)
+{
+    if (std::string_view(param->name()) == "Temperature")
+        param->setDouble(readAdcCode(TEMPERATURE_ADC_CHANNEL) / ADC_CODES * TEMPERATURE_SPAN + TEMPERATURE_OFFSET);
+}
+
+// ---- Configuration ----
+
+int Mpx2DevRow::setBias(double volts)
+{
+    logFunction("Set Bias");
+    if (devMpxInfoRec.biasMin == 0.0 && devMpxInfoRec.biasMax == 0.0)
+        return -1;
+    if (!loadFlag(connected))
+        return logError(1, "%s", NOT_CONNECTED);
+    if (std::isnan(volts))
+        return logError(1, "Bias voltage is not a number.");
+    const FrameGap gap(*this);
+    biasValue = volts;
+    return sendBiasCode(volts);
+}
+
+double Mpx2DevRow::getMaxBias() const
+{
+    if (biasTypeText == "C")
+        return 0.0;
+    return biasTypeText == "B" ? 200.0 : 100.0;
+}
+
+int Mpx2DevRow::setInterfaceDac(char dac, double value)
+{
+    const FrameGap gap(*this);
+    return AMpx2Dev::setInterfaceDac(dac, value);
+}
+
+int Mpx2DevRow::setPixelCfg(const unsigned char* cfg, std::size_t size)
+{
+    if (requireChips() != 0)
+        return 1;
+    const FrameGap gap(*this);
+    std::vector<unsigned short> words(size);
+    pixelCfgToMatrixMpx2(cfg, size, timepix, words.data());
+    // A recovery hands in the backup itself.
+    if (cfg != pixelCfgBackup.data())
+        pixelCfgBackup.assignData(cfg, size);
+    return writeMatrix(words.data(), words.size(), false);
+}
+
+int Mpx2DevRow::writeMatrix(const unsigned short* matrix, std::size_t size, bool convert)
+{
+    if (requireChips() != 0)
+        return 1;
+    const FrameGap gap(*this);
+    logFunction("Write Matrix");
+    return writeChips(matrix, size, convert);
+}
+
+// ---- Matrices ----
+
+int Mpx2DevRow::eraseMatrix()
+{
+    if (requireChips() != 0)
+        return 1;
+    const FrameGap gap(*this);
+    logFunction("Erase matrix");
+    readMatrixFromDevice(false);
+    // A TDI frame is put together in the stream: it begins with counters that read as 0.
+    buffers.receive([](std::span<unsigned char> stream) { std::ranges::fill(stream, STREAM_FILL); });
+    return 0;
+}
+
+int Mpx2DevRow::readMatrixFromDevice(bool rowOnly)
+{
+    ThreadLock lock(&devSync);
+    if (requireChips() != 0)
+        return 1;
+    logFunction("Read Matrix");
+    if (const int result = switchChannel(ENABLED_CHANNELS); result != 0)
+        return result;
+    changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 0}});
+    const int result = rowOnly ? receiveRow() : receiveStream();
+    changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
+    return result != 0 ? logError(1, "Reading matrix failed %d (%s)", result, link.lastError()) : 0;
+}
+
+int Mpx2DevRow::receiveStream()
+{
+    const Mpx2Readout readout = mpx2RowDeviceReadout(static_cast<std::size_t>(chipCount_));
+    link.send(tpx::TpxCmd::Readout, CmdArgs::word(readout.bits), cmdflag::OUTPUT);
+    return buffers.receive([&](std::span<unsigned char> stream) {
+        unsigned long received = std::min(readout.bytes, stream.size());
+        return link.receive(stream.data(), &received, READ_TIMEOUT);
+    });
+}
+
+int Mpx2DevRow::receiveRow()
+{
+    link.send(tpx::TpxCmd::Readout, CmdArgs::word(MPX2_SINGLE_ROW_READOUT.bits), cmdflag::OUTPUT);
+    std::array<unsigned char, MPX2_SINGLE_ROW_READOUT.bytes> row{};
+    unsigned long received = row.size();
+    const int result = link.receive(row.data(), &received, READ_TIMEOUT);
+    if (result == 0)
+        buffers.receive([&](std::span<unsigned char> stream) { pushMpx2Row(stream, std::span(row).first(received)); });
+    return result;
+}
+
+int Mpx2DevRow::readContinuousMatrixFromDevice(unsigned long rows)
+{
+    logFunction("Read Acq Finished & Matrix");
+    const auto chips = static_cast<std::size_t>(chipCount_);
+    const unsigned long blockRows = std::min(rows, MAX_BLOCK_ROWS);
+    std::vector<unsigned char> block(mpx2TdiBlockSize(chips, blockRows));
+    unsigned long received = block.size();
+    const int result = link.receive(block.data(), &received, ROWS_TIMEOUT);
+    if (result != 0)
+        received = 0;
+    if (received < block.size())
+        rowsMissed = true;
+    // A link that fails does so at once, and so may blocks without rows come.
+    if (result != 0 || rows == 0)
+        sleepThread(EMPTY_BLOCK_PAUSE);
+    buffers.receive([&](std::span<unsigned char> stream) {
+        storeMpx2TdiBlock(std::span(block).first(received), chips, blockRows, rowsRead, stream);
+    });
+    rowsRead += rows;
+    return 0;
+}
+
+int Mpx2DevRow::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
+{
+    const bool running = loadFlag(acquiring);
+    if (running) {
+        copyMatrixStreamToSecondBuffer();
+    } else {
+        const FrameGap gap(*this);
+        if (const int result = readMatrixFromDevice(false); result != 0)
+            return result;
+    }
+    // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
+    matrixReadEvent.set();
+    const std::size_t pixels = static_cast<std::size_t>(chipCount_) * MPX2_CHIP_PIXELS;
+    return getConvertedMatrix(matrix, std::min(size, pixels), convert, running);
+}
+
+void Mpx2DevRow::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
+{
+    decodeLanes(stream, static_cast<std::size_t>(chipCount_), 1, 0, matrix);
+}
+
+} // namespace HwLatixel

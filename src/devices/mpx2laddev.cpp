@@ -1,0 +1,379 @@
+#include "devices/mpx2laddev.h"
+
+#include "chipdata/mpx2pixelcfg.h"
+#include "devices/common/frames.h"
+#include "shared/datatype.h"
+#include "shared/inifile.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr int MPX2_CHIP_KIND = 2;
+constexpr unsigned READER_POLL_MS = 300;
+constexpr double THREAD_POLL = 0.001;        ///< seconds
+constexpr unsigned STATUS_PATIENCE_MS = 100; ///< that a status poll waits for the end of a frame
+
+constexpr ParamRow PARAMS[] = {
+    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
+    {"Firmware", ParamKind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
+    {"DeviceSerials", ParamKind::Text, "Device Serials", 0, false, dv::PARAM_READ_ONLY},
+    {"PreShutterClockCount", ParamKind::Int32, "Preshutter Clock Count", 10, false, dv::PARAM_CONFIG},
+    {"PreShutterClockDivider", ParamKind::Int32, "Preshutter Clock Divier", 2, false, dv::PARAM_CONFIG},
+    {"PreShutterDelayClockCount", ParamKind::Int32, "Preshutter Delay Clock Count", 10, false, dv::PARAM_CONFIG},
+    {"ParallelReadout", ParamKind::Bool, "Parallel Readout (Fast Readout, Experimental)", 0, false, dv::PARAM_CONFIG},
+};
+
+} // namespace
+
+Mpx2LadDev::Mpx2LadDev(IDorvet* host, std::string logFolder, FileLog* log, std::string settings,
+                       std::vector<std::string> names)
+    : LadDev(host, std::move(logFolder), log, std::move(settings), std::move(names))
+{
+    devMpxInfoRec.chipKind = MPX2_CHIP_KIND;
+    const ParamContent contents[] = {{"HwLibVer", LIBRARY_VERSION}, {"Firmware", ""}, {"DeviceSerials", ""}};
+    addParams(*params, PARAMS, contents, nullptr, 0);
+}
+
+Mpx2LadDev::~Mpx2LadDev()
+{
+    shutDown();
+}
+
+int Mpx2LadDev::initDevice()
+{
+    loadSettings();
+    const int result = bringUpMembers();
+    publishMembers();
+    return result;
+}
+
+std::unique_ptr<Mpx2Dev> Mpx2LadDev::makeMember(const std::string& name, const std::string& biasType)
+{
+    return std::make_unique<Mpx2Dev>(name, dorvet, logDirectory, settingsPath, biasType, true);
+}
+
+void Mpx2LadDev::loadSettings()
+{
+    IniFile ini(settingsPath.c_str(), "=");
+    ini.load(nullptr);
+    recoverAttemptCount = ini.getInt("Settings", "RecoverAttemptCount", 5);
+}
+
+int Mpx2LadDev::devMpx2Info(dv::_DevMpx2Info* info) const
+{
+    *info = {};
+    return 0;
+}
+
+// ---- Status ----
+
+int Mpx2LadDev::deviceStatus() const
+{
+    const ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
+    if (lock.locked())
+        lastStatus = LadDev::deviceStatus();
+    return lastStatus;
+}
+
+const char* Mpx2LadDev::deviceStatusText() const
+{
+    const ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
+    return lock.locked() ? LadDev::deviceStatusText() : statusText.get();
+}
+
+double Mpx2LadDev::adcValue(unsigned index) const
+{
+    ThreadLock lock(&devSync);
+    return LadDev::adcValue(index);
+}
+
+// ---- Configuration ----
+
+int Mpx2LadDev::resetMedipix()
+{
+    ThreadLock lock(&devSync);
+    forAll([](Mpx2Dev& member) { member.resetMedipix(); });
+    return 0;
+}
+
+int Mpx2LadDev::eraseMatrix()
+{
+    ThreadLock lock(&devSync);
+    return untilFailure([](Mpx2Dev& member) { return member.eraseMatrix(); });
+}
+
+int Mpx2LadDev::setBias(double volts)
+{
+    ThreadLock lock(&devSync);
+    return untilFailure([volts](Mpx2Dev& member) { return member.setBias(volts); });
+}
+
+int Mpx2LadDev::biasVoltageCurrentSense(double* volts, double* amperes) const
+{
+    return noBiasSense(volts, amperes);
+}
+
+int Mpx2LadDev::setTimepixClock(double* mhz)
+{
+    ThreadLock lock(&devSync);
+    preShutterClockCount = paramInt32(params, "PreShutterClockCount");
+    preShutterClockDivider = paramInt32(params, "PreShutterClockDivider");
+    preShutterDelayClockCount = paramInt32(params, "PreShutterDelayClockCount");
+    const int result = untilFailure([&](Mpx2Dev& member) {
+        member.setPreshutterParams(preShutterClockCount, preShutterClockDivider, preShutterDelayClockCount);
+        return member.setTimepixClock(mhz);
+    });
+    if (result == 0)
+        timepixClock = *mhz;
+    return result;
+}
+
+int Mpx2LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
+{
+    return setMpx2Dacs(dacs, size, chip, 0, 0, 0, 0);
+}
+
+int Mpx2LadDev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac,
+                            int extDac, unsigned ctpr)
+{
+    ThreadLock lock(&devSync);
+    return setMembersDacs(dacs, size, chip, senseChip, senseDac, extDac, ctpr);
+}
+
+int Mpx2LadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
+{
+    ThreadLock lock(&devSync);
+    std::vector<unsigned short> words(size);
+    pixelCfgToMatrixMpx2(cfg, size, timepix, words.data());
+    return writeMatrix(words.data(), words.size(), false);
+}
+
+// ---- Matrices ----
+
+int Mpx2LadDev::writeMatrix(const unsigned short* data, std::size_t size, bool convert)
+{
+    ThreadLock lock(&devSync);
+    if (checkMatrixSize(size) != 0)
+        return 1;
+    return untilFailure([&](Mpx2Dev& member, std::size_t i) {
+        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
+        return member.writeMatrix(slice.data, slice.size, convert);
+    });
+}
+
+int Mpx2LadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
+{
+    if (size < pixelCount()) {
+        matrixRead.set();
+        return checkMatrixSize(size);
+    }
+    const bool running = loadFlag(inAcquisition);
+    if (running)
+        forAll([](Mpx2Dev& member) { member.copyMatrixStreamToSecondBuffer(); });
+    // The series may overwrite the members' streams from here on, before the slow decoding starts.
+    matrixRead.set();
+    return untilFailure([&](Mpx2Dev& member, std::size_t i) {
+        if (!running) {
+            ThreadLock lock(&devSync);
+            if (const int result = member.readMatrixFromDevice(); result != 0)
+                return result;
+        }
+        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
+        member.getConvertedMatrix(slice.data, slice.size, convert, running);
+        return 0;
+    });
+}
+
+dv::IMpxFrame* Mpx2LadDev::lastData()
+{
+    return frameOf<unsigned short>(
+        *dorvet, members.chipCount(), DT_I16,
+        [this](unsigned short* pixels, std::size_t count) { return readMatrix(pixels, count, true); });
+}
+
+// ---- Series ----
+
+int Mpx2LadDev::startAcquisition(unsigned count, double time)
+{
+    setSeries(count, time);
+    if (const int result = prepareAcq(); result != 0)
+        return result;
+    startSeriesThread();
+    return 0;
+}
+
+int Mpx2LadDev::prepareAcq()
+{
+    return untilFailure([this](Mpx2Dev& member) { return member.prepareAcquisition(acqTime); });
+}
+
+int Mpx2LadDev::stopAcquisition()
+{
+    storeFlag(abortRequested, true);
+    forAll([](Mpx2Dev& member) { member.stopAcquisition(); });
+    return 0;
+}
+
+void Mpx2LadDev::nudgeSeries(bool stopBoards)
+{
+    matrixRead.set();
+    if (stopBoards)
+        forAll([](Mpx2Dev& member) { member.stopAcquisition(); });
+}
+
+void Mpx2LadDev::acqFunc()
+{
+    setBusy(true);
+    storeFlag(inAcquisition, true);
+    eventDispatcher.startThread();
+    // The first frame waits for no reader.
+    matrixRead.set();
+    unsigned index = 0;
+    while (index < acqCount) {
+        const Pass pass = takeFrame();
+        if (pass == Pass::Lost) {
+            // Nothing is taken back: the composite stays busy and in its series until the next bring-up or series.
+            if (eventFunc != nullptr)
+                eventFunc(HWEVENT_ACQ_FAILED, -1, eventUser);
+            return;
+        }
+        if (pass == Pass::Stopped)
+            break;
+        if (pass == Pass::Again)
+            continue;
+        const bool stopped = loadFlag(abortRequested);
+        announceFrame(index, stopped);
+        if (stopped)
+            break;
+        ++index;
+    }
+    eventDispatcher.stopThread();
+    setBusy(false);
+    storeFlag(inAcquisition, false);
+    sendEndEvent(loadFlag(abortRequested));
+}
+
+/// One attempt at a frame. A stop lets the frame in progress end, and it is delivered; one that comes before the first
+/// shutter has opened ends the series there.
+Mpx2LadDev::Pass Mpx2LadDev::takeFrame()
+{
+    ThreadLock lock(&devSync);
+    if (loadFlag(abortRequested))
+        return Pass::Stopped;
+    if (const Pass pass = stepAllMembers([](Mpx2Dev& member) { return member.startSingleAcquisition(); });
+        pass != Pass::Taken)
+        return pass;
+    // A member that has been told to stop before it was started exposes all the same.
+    if (loadFlag(abortRequested))
+        forAll([](Mpx2Dev& member) { member.stopAcquisition(); });
+    if (const Pass pass = stepAllMembers([](Mpx2Dev& member) { return member.waitForAcqFinish(false); });
+        pass != Pass::Taken)
+        return pass;
+    // Only the host's read of the frame before ends this; a stop doesn't.
+    while (!matrixRead.wait(READER_POLL_MS)) {
+    }
+    if (readMatrixesFromDevices() != 0) {
+        logError(1, "Reading matrix from devices failed, reattempting acq.");
+        matrixRead.set();
+        return Pass::Again;
+    }
+    matrixRead.reset();
+    return Pass::Taken;
+}
+
+/// Runs one step of a frame on all members. A member that fails is recovered, and the frame given up.
+template <typename Step>
+Mpx2LadDev::Pass Mpx2LadDev::stepAllMembers(Step step)
+{
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        if (step(members[i]) == 0)
+            continue;
+        memberFailed(i, members[i].lastError());
+        if (recoverDevice(members[i]) != 0)
+            return Pass::Lost;
+        abortAcqAllDevs();
+        return Pass::Again;
+    }
+    return Pass::Taken;
+}
+
+/// Hands a frame over: through the dispatcher's worker, so that the next one exposes meanwhile; the last one, behind
+/// which the worker is sent away, at once.
+void Mpx2LadDev::announceFrame(unsigned index, bool last)
+{
+    setBusy(false);
+    eventDispatcher.setEvent(HWEVENT_FRAME_READY, static_cast<long>(index), !last && index + 1 < acqCount);
+    setBusy(true);
+}
+
+/// Reads the streams of all members. 0, or the result of the last member that failed; those have been recovered, as far
+/// as they could be.
+int Mpx2LadDev::readMatrixesFromDevices()
+{
+    parallelReadout = paramBool(params, "ParallelReadout");
+    return parallelReadout ? readInParallel() : readInSequence();
+}
+
+int Mpx2LadDev::readInSequence()
+{
+    int failure = 0;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        const int result = members[i].readMatrixFromDevice();
+        if (result == 0)
+            continue;
+        failure = result;
+        memberFailed(i, members[i].lastError());
+        recoverDevice(members[i]);
+    }
+    return failure;
+}
+
+int Mpx2LadDev::readInParallel()
+{
+    std::vector<std::unique_ptr<ThreadObject>> reads;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        reads.push_back(std::make_unique<ThreadObject>());
+        reads.back()->dev = &members[i];
+        // Where the system has no thread to give, this one reads.
+        if (createThread(readThread, reads.back().get()) == 0)
+            readThread(reads.back().get());
+    }
+    int failure = 0;
+    for (std::size_t i = 0; i < reads.size(); ++i) {
+        while (!reads[i]->finished.load(std::memory_order_acquire))
+            sleepThread(THREAD_POLL);
+        if (reads[i]->result == 0)
+            continue;
+        failure = reads[i]->result;
+        // The text names the member behind the one that failed; the last one is named itself.
+        memberFailed(i + 1, members[i].lastError());
+        recoverDevice(members[i]);
+    }
+    return failure;
+}
+
+void Mpx2LadDev::readThread(void* object)
+{
+    auto* read = static_cast<ThreadObject*>(object);
+    read->result = read->dev->readMatrixFromDevice();
+    read->finished.store(true, std::memory_order_release);
+}
+
+int Mpx2LadDev::recoverDevice(Mpx2Dev& member)
+{
+    logError(1, "Reconnecting device %s ...", member.deviceName());
+    for (int attempt = 0; attempt < recoverAttemptCount; ++attempt) {
+        int result = member.recoverDevice();
+        if (loadFlag(inAcquisition))
+            result += member.prepareAcquisition(acqTime);
+        if (result == 0)
+            return 0;
+    }
+    return -1;
+}
+
+} // namespace HwLatixel

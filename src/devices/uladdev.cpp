@@ -1,0 +1,189 @@
+#include "devices/uladdev.h"
+
+#include "chipdata/mpx2pixelcfg.h"
+#include "devices/common/frames.h"
+#include "shared/datatype.h"
+
+#include <utility>
+
+namespace HwLatixel {
+
+namespace {
+
+constexpr int MPX2_CHIP_KIND = 2;
+
+constexpr ParamRow PARAMS[] = {{"Version", ParamKind::Text, "Version", 0, false, dv::PARAM_READ_ONLY}};
+
+} // namespace
+
+ULadDev::ULadDev(IDorvet* host, std::string logFolder, FileLog* log, std::string settings,
+                 std::vector<std::string> names)
+    : LadDev(host, std::move(logFolder), log, std::move(settings), std::move(names))
+{
+    // Nothing tells these boards' limits.
+    devMpxInfoRec = {};
+    devMpxInfoRec.chipKind = MPX2_CHIP_KIND;
+    devMpxInfoRec.reservedBlock[0] = 1;
+    tellsMemberResult = true;
+    const ParamContent contents[] = {{"Version", "Version 1.0"}};
+    addParams(*params, PARAMS, contents, nullptr, 0);
+}
+
+ULadDev::~ULadDev()
+{
+    shutDown();
+}
+
+int ULadDev::initDevice()
+{
+    return bringUpMembers();
+}
+
+std::unique_ptr<UMpx2Dev> ULadDev::makeMember(const std::string& name, const std::string&)
+{
+    return std::make_unique<UMpx2Dev>(name, dorvet, logDirectory, settingsPath);
+}
+
+int ULadDev::devMpx2Info(dv::_DevMpx2Info* info) const
+{
+    *info = {};
+    return 0;
+}
+
+int ULadDev::resetMedipix()
+{
+    forAll([](UMpx2Dev& member) { member.resetMedipix(); });
+    return 0;
+}
+
+int ULadDev::eraseMatrix()
+{
+    return untilFailure([](UMpx2Dev& member) { return member.eraseMatrix(); });
+}
+
+int ULadDev::setBias(double volts)
+{
+    return untilFailure([volts](UMpx2Dev& member) { return member.setBias(volts); });
+}
+
+int ULadDev::setTimepixClock(double* mhz)
+{
+    return untilFailure([mhz](UMpx2Dev& member) { return member.setTimepixClock(mhz); });
+}
+
+int ULadDev::biasVoltageCurrentSense(double* volts, double* amperes) const
+{
+    return noBiasSense(volts, amperes);
+}
+
+int ULadDev::analogValue(unsigned chip, double* value)
+{
+    const auto* found = members.findChip(chip);
+    return found != nullptr ? found->member->analogValue(static_cast<unsigned>(found->index), value)
+                            : logError(dv::RESULT_INVALID_INDEX, "Invalid chip index: %u", chip);
+}
+
+int ULadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
+{
+    return setMpx2Dacs(dacs, size, chip, 0, 0, 0, 0);
+}
+
+int ULadDev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac,
+                         int extDac, unsigned ctpr)
+{
+    return setMembersDacs(dacs, size, chip, senseChip, senseDac, extDac, ctpr);
+}
+
+int ULadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
+{
+    std::vector<unsigned short> words(size);
+    pixelCfgToMatrixMpx2(cfg, size, isTimepix(), words.data());
+    return writeMatrix(words.data(), words.size(), false);
+}
+
+int ULadDev::writeMatrix(const unsigned short* data, std::size_t size, bool convert)
+{
+    if (const int result = checkMatrixSize(size, dv::RESULT_INVALID_INDEX); result != 0)
+        return result;
+    return untilFailure([&](UMpx2Dev& member, std::size_t i) {
+        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
+        return member.writeMatrix(slice.data, slice.size, convert);
+    });
+}
+
+int ULadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
+{
+    if (const int result = checkMatrixSize(size, dv::RESULT_INVALID_INDEX); result != 0)
+        return result;
+    return untilFailure([&](UMpx2Dev& member, std::size_t i) {
+        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
+        return member.readMatrix(slice.data, slice.size, convert);
+    });
+}
+
+dv::IMpxFrame* ULadDev::lastData()
+{
+    return frameOf<unsigned short>(
+        *dorvet, members.chipCount(), DT_I16,
+        [this](unsigned short* pixels, std::size_t count) { return readMatrix(pixels, count, true); });
+}
+
+// ---- Series ----
+
+int ULadDev::startAcquisition(unsigned count, double time)
+{
+    setSeries(count, time);
+    if (const int result = untilFailure([time](UMpx2Dev& member) { return member.prepareAcquisition(time); });
+        result != 0)
+        return result;
+    startSeriesThread();
+    return 0;
+}
+
+int ULadDev::stopAcquisition()
+{
+    storeFlag(abortRequested, true);
+    forAll([](UMpx2Dev& member) { member.stopAcquisition(); });
+    return 0;
+}
+
+void ULadDev::nudgeSeries(bool stopBoards)
+{
+    if (stopBoards)
+        forAll([](UMpx2Dev& member) { member.stopAcquisition(); });
+}
+
+void ULadDev::sendEvent(unsigned event, long data) const
+{
+    if (eventFunc != nullptr)
+        eventFunc(event, data, eventUser);
+}
+
+void ULadDev::acqFunc()
+{
+    for (unsigned i = 0; i < acqCount; ++i) {
+        if (!takeFrame()) {
+            // The other members are not stopped, and no end of the series is told.
+            sendEvent(HWEVENT_ACQ_FAILED, -1);
+            return;
+        }
+        // The members hold the frame until the next start: the host reads it now or never.
+        sendEvent(HWEVENT_FRAME_READY, static_cast<long>(i));
+        if (loadFlag(abortRequested))
+            break;
+    }
+    sendEvent(loadFlag(abortRequested) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
+}
+
+/// One frame on all members. A stop lets it count as taken.
+bool ULadDev::takeFrame()
+{
+    if (untilFailure([](UMpx2Dev& member) { return member.startAcquisition(); }) != 0)
+        return false;
+    return untilFailure([this](UMpx2Dev& member) {
+               // Behind the member at which a stop has come nobody is waited for.
+               return loadFlag(abortRequested) && &member != &members[0] ? 0 : member.waitForAcqFinish();
+           }) == 0;
+}
+
+} // namespace HwLatixel

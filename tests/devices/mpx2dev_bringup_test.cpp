@@ -1,0 +1,314 @@
+// Bring-up of a Medipix2 or Timepix board: the bytes on the wire, the modules and chips found, and what is left when
+// something fails.
+#include "devices/mpx2bench.h"
+
+#include "chipdata/mpx2dacs.h"
+
+using namespace support;
+
+namespace {
+
+const nlohmann::json MEDIPIX2 = {{"chip", "medipix2"}};
+
+Mpx2Wire powerCycle(unsigned levels)
+{
+    return Mpx2Wire().pins(levels).cpu({0x80, 4}, 6).pins(PWR | levels).cpu({0x80, 3}, 6);
+}
+
+/// The stream with which the identifiers are read.
+Bytes idStream(int chips)
+{
+    std::vector<unsigned short> dacs;
+    for (int chip = 0; chip < chips; ++chip)
+        dacs.insert(dacs.end(), {20, 255, 255, 255, 255, 255, 300, 255, 255, 255, 255, 255, 255, 255});
+    Bytes stream(static_cast<std::size_t>(chips) * 33);
+    dacsToStreamTPX(dacs.data(), stream.data(), chips, 0, 0, 0, 0);
+    return stream;
+}
+
+/// What a device with one chip in module 0 and two in module 2 sends.
+Mpx2Wire bringUp()
+{
+    constexpr unsigned AWAKE = ENIN | M0;
+    Mpx2Wire wire;
+    wire.cmd(2, 2, 1);
+    wire.spiExchange(2, 3, padded({0x03}, 1024)); // head of the flash
+    for (const int command : {5, 5, 3, 4, 4, 5})  // version, twice; names and values; values for the log; version
+        wire.cpu({static_cast<std::uint8_t>(command)}, command == 5 ? 100 : 4096);
+    wire += powerCycle(AWAKE | OUTEN);
+    wire.reset(AWAKE).cmd(2, 1, 3);
+    wire.reset(AWAKE).cmd(2, 1, 3);
+    wire.reset(AWAKE);
+    wire += powerCycle(AWAKE);
+    wire.reset(AWAKE);
+    wire.reset(AWAKE);
+    for (const int mask : {1, 4})
+        wire.mux(mask)
+            .stream(Bytes(14, 0xFF))
+            .alive(AWAKE | OUTEN)
+            .stream(Bytes(14))
+            .pins(PWR | AWAKE | OUTEN)
+            .alive(AWAKE);
+    wire.reset(AWAKE);
+    wire.mux(1).dacs(idStream(1)).mux(4).dacs(idStream(2));
+    wire.cmd(0, 5, 0x13, 0, 0, 0, 5);
+    return wire;
+}
+
+} // namespace
+
+TEST(Mpx2BringUp, SendsItsStepsInOrder)
+{
+    Mpx2Bench bench(mpx2Board({1, 0, 2}));
+    ASSERT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench.wire(), bringUp().lines());
+    bench.board([](sim::Mpx2Board& board) {
+        EXPECT_EQ(board.chip(2, 1).dac(0), 20U);
+        EXPECT_EQ(board.chip(2, 1).dac(6), 300U);
+    });
+    bench->closeDevice();
+    EXPECT_EQ(bench.wire(), Mpx2Wire().pins(ENIN | M0).cpu({0x80, 4}, 6).lines());
+    bench.expectNoViolations();
+}
+
+TEST(Mpx2BringUp, FindsChipsAndTellsTheHost)
+{
+    for (const bool timepix : {true, false}) {
+        SCOPED_TRACE(timepix);
+        Mpx2Bench bench(mpx2Board({2, 0, 1}, timepix ? nlohmann::json() : MEDIPIX2));
+        // A second bring-up of the same object finds the same, also where the chips are no Timepix.
+        for (int round = 0; round < 3; ++round) {
+            ASSERT_EQ(bench->initDevice(), 0);
+            EXPECT_EQ(bench->isTimepix(), timepix);
+            EXPECT_EQ(bench->dacCount(), timepix ? 14 : 15);
+            dv::StrList ids;
+            EXPECT_EQ(bench->chipIDList(&ids), 0);
+            EXPECT_EQ(ids.vect(), (std::vector<std::string>{"C00-W0100", "C00-W0101", "C02-W0100"}));
+            if (round == 1)
+                bench->closeDevice();
+        }
+        EXPECT_TRUE(bench.errors.empty());
+        dv::_DevMpxInfo info;
+        bench->devMpxInfo(&info);
+        EXPECT_EQ(info.chipTotal, 3U);
+        EXPECT_EQ(info.pixelTotal, 3U * 65536);
+        EXPECT_EQ(info.acqModeMask, 7U);
+        EXPECT_EQ(info.biasMax, 90.0);
+        EXPECT_NE(bench.log().find("Module 2, ChipID 0 is: C02-W0100\n"), std::string::npos);
+        EXPECT_NE(bench.log().find("Param[Table] = <BIGDATA>"), std::string::npos);
+        std::string names;
+        for (auto* param : bench->parameters()->params())
+            names += std::string(" ") + param->name();
+        EXPECT_EQ(names, " HwLibVer Firmware DebugLog PreShutterClockCount PreShutterClockDivider "
+                         "PreShutterDelayClockCount TriggerStg TriggerWaitForReady TriggerMaster TriggerOutLevel "
+                         "TempCpu *Fan");
+        bench.expectNoViolations();
+        // The big table comes with its first read, and not through a closed link.
+        bench->closeDevice();
+        EXPECT_EQ(bench->inDeviceConfigParameters()->get("Table")->getInt32(), 0);
+        ASSERT_EQ(bench->initDevice(), 0);
+        EXPECT_EQ(bench->inDeviceConfigParameters()->get("Table")->getInt32(), 1);
+    }
+}
+
+TEST(Mpx2BringUp, SettingsChooseTheModules)
+{
+    struct Case {
+        const char* settings;
+        bool ownSection;
+        std::vector<std::string> ids;
+    };
+    const Case cases[] = {
+        {"", false, {"C00-W0100", "C01-W0100"}},
+        {"[Settings]\nModule0=1\nModule1=0\n", false, {"C00-W0100"}},
+        {"[Settings]\nModule0=0\n[7]\nModule1=0\n", true, {"C00-W0100"}},
+        {"[Settings]\nModule0=0\n[7]\nModule1=0\n", false, {"C01-W0100"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.settings);
+        Mpx2Bench bench(mpx2Board({1, 1}), c.settings, c.ownSection);
+        ASSERT_EQ(bench->initDevice(), 0);
+        EXPECT_EQ(bench->chipIDs(), c.ids);
+        EXPECT_EQ(bench.log().find("The settings file ") != std::string::npos, std::string(c.settings).empty());
+    }
+    // A module that is silent and forced has no chip, and still counts in the sizes of a parallel readout.
+    for (const bool parallel : {true, false}) {
+        Mpx2Bench bench(mpx2Board({2}),
+                        std::string("[Settings]\nModule3=1\nReadParallel=") + (parallel ? "1\n" : "0\n"));
+        ASSERT_EQ(bench->initDevice(), 0);
+        ASSERT_EQ(bench->chipCount(), 2);
+        std::vector<unsigned short> matrix(bench.pixels());
+        EXPECT_EQ(bench->readMatrix(matrix.data(), matrix.size(), true), parallel ? -1 : 0);
+        if (parallel) {
+            EXPECT_STREQ(bench->lastError(), "Reading matrix failed - not enough data received (114730 < 229451)");
+        }
+    }
+}
+
+TEST(Mpx2BringUp, BoardsWithoutAWorkingChipRefuseWithWords)
+{
+    struct Case {
+        std::vector<int> modules;
+        const char* settings;
+        nlohmann::json fault;
+        const char* words;
+        unsigned chipTotal;
+    };
+    const Case cases[] = {
+        {{}, "", nullptr, "No modules detected.", 1},
+        {{1}, "", {{"kind", "module_silent"}, {"module", 0}}, "No modules detected.", 1},
+        {{1}, "Module0=0\n", nullptr, "No modules detected.", 1},
+        {{}, "Module2=1\n", nullptr, "No chip connected", 1},
+        {{3}, "Module0=1\n", {{"kind", "stuck_line"}, {"module", 0}, {"level", 1}}, "No chip connected", 1},
+        {{1}, "", {{"kind", "chip_missing"}, {"module", 0}, {"position", 0}}, "No chip connected", 1},
+        {{2},
+         "",
+         {{"kind", "error"}, {"on", "read"}, {"times", 1}, {"when", {{"after_written", "55 07 01 00 00 00 00 42"}}}},
+         "Invalid Chip IDs count (0 = 2)",
+         2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.words) + c.settings);
+        Mpx2Bench bench(mpx2Board(c.modules), std::string("[Settings]\nDebugLog=1\n") + c.settings);
+        if (!c.fault.is_null())
+            sim::addFault(0, c.fault);
+        ASSERT_EQ(bench->initDevice(), 0);
+        EXPECT_TRUE(bench->isConnected());
+        EXPECT_EQ(bench->chipCount(), 0);
+        EXPECT_STREQ(bench->lastError(), c.words);
+        dv::_DevMpxInfo info;
+        bench->devMpxInfo(&info);
+        EXPECT_EQ(info.chipTotal, c.chipTotal);
+
+        bench.wire();
+        const std::vector<unsigned short> words(65536);
+        const unsigned char cfg = 0;
+        for (const int result :
+             {bench->setDacs(words.data(), 14, -1), bench->writeMatrix(words.data(), words.size(), true),
+              bench->setPixelCfg(&cfg, 1), bench->eraseMatrix(), bench->setInterfaceDac(0, 1.0), bench->setTimer(1.0),
+              -bench->prepareAcquisition(0.1), bench->stopAcquisition()})
+            EXPECT_EQ(result, 1);
+        EXPECT_STREQ(bench->lastError(), "Device not connected or no chip");
+        EXPECT_TRUE(bench.wire().empty());
+        EXPECT_TRUE(bench.frame().empty());
+        EXPECT_EQ(bench->setBias(20), 0) << "bias needs no chip";
+    }
+    // One chip of three that is missing shortens its module.
+    Mpx2Bench bench(mpx2Board({3, 1}));
+    sim::addFault(0, {{"kind", "chip_missing"}, {"module", 0}, {"position", 1}});
+    ASSERT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench->chipIDs(), (std::vector<std::string>{"C00-W0100", "C00-W0102", "C01-W0100"}));
+}
+
+TEST(Mpx2BringUp, FirmwareThatIsUnknownIsToldAndTakenAllTheSame)
+{
+    for (const auto& [text, tries, told] : {std::tuple{"Firmware 1.5 TLA (2014)", 1, false},
+                                            {"Firmware 2.0 TLA", 1, true},
+                                            {"Bootloader", 1, true},
+                                            {"", 3, true}}) {
+        SCOPED_TRACE(text);
+        Mpx2Bench bench(mpx2Board({1}, {{"firmware", text}}));
+        ASSERT_EQ(bench->initDevice(), 0);
+        EXPECT_EQ(bench.sent("55 02 02 01"), tries);
+        EXPECT_EQ(bench->firmware(), text);
+        EXPECT_EQ(bench->chipCount(), 1);
+        const auto messages = bench.host.messages();
+        ASSERT_EQ(messages.size(), told ? 1U : 0U);
+        if (!told)
+            continue;
+        EXPECT_EQ(messages[0].title, "Latixel Firmware");
+        EXPECT_EQ(messages[0].text, std::string("The Latixel device has incompatible firmware: ") + text +
+                                        ".\nPlease use Firmware 1.7 TLA (18.10.2016).");
+        EXPECT_EQ(messages[0].kind, 3);
+        EXPECT_NE(bench.log().find(std::string("[ERR]: Incompatible firmware (") + text + ")."), std::string::npos);
+    }
+}
+
+TEST(Mpx2BringUp, LinkThatDoesNotOpenOrDiesOnTheWay)
+{
+    Mpx2Bench bench(mpx2Board({1}));
+    sim::unplug(0);
+    EXPECT_EQ(bench->initDevice(), -1);
+    EXPECT_FALSE(bench->isConnected());
+    EXPECT_NE(bench.log().find("[ERR]: Cannot open device Latixel Latixel TLWA sn: 7 A, error=-1 ("),
+              std::string::npos);
+    sim::plug(0);
+    // Behind the firmware text; in the count of chips; a board that sends noise, or stops sending.
+    const std::vector<nlohmann::json> faults = {
+        {{"kind", "unplug"}, {"when", {{"after_reads", 1}}}},
+        {{"kind", "error"}, {"result", -4}, {"when", {{"after_written", "55 07 01 00 00 00 00 0E"}}}},
+        {{"kind", "garbage"}, {"times", 1000}, {"seed", 4}},
+        {{"kind", "silence"}, {"when", {{"after_written", "55 02 01 03"}}}},
+    };
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.dump());
+        sim::addFault(0, fault);
+        EXPECT_EQ(bench->initDevice(), 0);
+        EXPECT_LE(bench->chipCount(), 50);
+        std::vector<unsigned short> matrix(bench.pixels());
+        bench->readMatrix(matrix.data(), matrix.size(), true);
+        sim::clearFaults(0);
+        sim::plug(0);
+    }
+    EXPECT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench->chipCount(), 1);
+}
+
+TEST(Mpx2BringUp, ClosedDeviceAnswersWithoutALink)
+{
+    Mpx2Bench bench(mpx2Board({2}));
+    ASSERT_EQ(bench->initDevice(), 0);
+    bench->closeDevice();
+    double volts = 10;
+    unsigned char raw[6] = {2, 1};
+    std::vector<unsigned short> words(2 * 65536);
+    for (const int result :
+         {bench->setBias(50), bench->getADC(3, words.data(), true), bench->setTimepixClock(&volts),
+          bench->readMatrix(words.data(), words.size(), true), bench->writeMatrix(words.data(), words.size(), true),
+          bench->sendRawData(raw, 6, 0, 2, 0), -bench->recoverDevice(), bench->startSingleAcquisition(),
+          bench->waitForAcqFinish(true), bench->doSingleAcquisition()})
+        EXPECT_EQ(result, 1);
+    EXPECT_LT(bench->receiveRawData(raw, 6, 0, 0, 0), 0);
+    EXPECT_EQ(bench->analogValue(0, &volts), 0);
+    EXPECT_EQ(volts, 0.0);
+    bench->biasVoltageCurrentSense(&volts, nullptr);
+    EXPECT_STREQ(bench->lastError(), "Device not connected");
+    EXPECT_EQ(bench->lastData(), nullptr);
+    EXPECT_EQ(bench->deviceStatus(), 0);
+    bench->parameters()->get("*Fan")->setString("0");
+    EXPECT_EQ(bench->closeDevice(), 0);
+}
+
+TEST(Mpx2BringUp, OverheatedBoardIsToldOnceAndRefusesBias)
+{
+    Mpx2Bench bench(mpx2Board({1}));
+    ASSERT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench->deviceStatus(), 0);
+    // Another error is the log's affair alone.
+    sim::addFault(0, {{"kind", "cpu_status"}, {"text", "5 V missing"}});
+    EXPECT_EQ(bench->deviceStatus(), 2);
+    EXPECT_STREQ(bench->lastError(), "Device error: 5 V missing\n");
+    EXPECT_TRUE(bench.errors.empty());
+    EXPECT_EQ(bench->setBias(10), 0);
+
+    sim::addFault(0, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
+    EXPECT_EQ(bench->deviceStatus(), 2);
+    EXPECT_EQ(bench->deviceStatus(), 2);
+    EXPECT_STREQ(bench->deviceStatusText(), "81 degrees");
+    EXPECT_EQ(bench.errors, std::vector<std::string>{
+                                "Maximal allowed temperature exceeded ! Let the device cool down and then reconnect it "
+                                "in SW or restart SW.\nDevice error: 81 degrees\n"});
+    EXPECT_NE(bench.log().find("Device error. Dumping values:\nTempCpu = 35.5\n"), std::string::npos);
+    EXPECT_EQ(bench->setBias(20), 1);
+    EXPECT_STREQ(bench->lastError(), "Device allowed temperature exceeded, chips turned off.");
+    // The rest goes on.
+    EXPECT_EQ(bench->startAcquisition(1, 0.01), 0);
+    EXPECT_TRUE(bench.events->waitFor({HWEVENT_FRAME_READY}));
+    EXPECT_EQ(bench->stopAcquisition(), 0);
+    EXPECT_TRUE(bench.events->waitForEnd());
+    sim::clearFaults(0);
+    EXPECT_EQ(bench->deviceStatus(), 0);
+    EXPECT_EQ(bench->setBias(20), 1) << "until the device is connected anew";
+    ASSERT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench->setBias(20), 0);
+}
