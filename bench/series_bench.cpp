@@ -2,6 +2,7 @@
 // exposures so short that link, decoding and hand-over are what is measured. Each stands beside a copy of the bytes
 // that its frames take on the wire.
 #include "bench/streambench.h"
+#include "chipdata/mpx2matrix.h"
 #include "chipdata/mpx3matrix.h"
 #include "plugin/latixel.h"
 #include "refhost/host.h"
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -29,27 +31,41 @@ constexpr double TDI_EXPOSURE = 2e-3; // seconds of 256 rows
 
 enum class Mode { Normal, Continuous, Tdi };
 
-nlohmann::json bench(int channels)
+/// What is measured: a series on a board.
+struct Run { // NOLINT(bugprone-exception-escape): moving JSON checks itself, and would throw only if it were broken
+    nlohmann::json board;
+    std::function<void(refhost::Device&)> configure;
+    unsigned frames = FRAMES;
+    double exposure = EXPOSURE;
+    std::size_t frameBytes = 0; ///< on the wire
+};
+
+nlohmann::json bench(const nlohmann::json& board)
 {
-    nlohmann::json chips = nlohmann::json::array();
-    for (int c = 0; c < channels; ++c)
-        chips.push_back({"A0" + std::to_string(c) + "-W0001"});
-    const nlohmann::json board = {{"kind", "mpx3"},
-                                  {"description", "Latixel Latixel M3WA sn: 1 A"},
-                                  {"channels", chips},
-                                  {"link", {{"rate_mb_s", 0}}}};
     return {{"boards", {board}}, {"scene", {{"kind", "gradient"}, {"flux", 1e6}, {"noise", false}}}};
+}
+
+/// Identifiers of `chips` chips on each of `rows` channels or modules.
+nlohmann::json chipGrid(int rows, int chips)
+{
+    nlohmann::json grid = nlohmann::json::array();
+    for (int row = 0; row < rows; ++row) {
+        grid.push_back(nlohmann::json::array());
+        for (int chip = 0; chip < chips; ++chip)
+            grid.back().push_back(std::string(1, static_cast<char>('A' + chip)) + "0" + std::to_string(row) + "-W0001");
+    }
+    return grid;
 }
 
 /// A virtual board with the plug-in on it, brought up. Folder and board go with the object.
 class Detector {
 public:
-    explicit Detector(int channels)
+    explicit Detector(const nlohmann::json& board)
         : folder(std::filesystem::temp_directory_path() / ("latixel_bench_" + std::to_string(getpid())))
     {
         std::filesystem::create_directories(folder);
         std::ofstream(folder / "latixel.ini") << "[Settings]\n";
-        sim::loadBench(bench(channels));
+        sim::loadBench(bench(board));
         host = std::make_unique<refhost::Host>(folder, folder);
         plugin = std::make_unique<refhost::Plugin>(*host, &library);
         plugin->open();
@@ -66,12 +82,6 @@ public:
 
     refhost::Device& device() { return *plugin->devices().front(); }
 
-    void configure(Mode mode, unsigned char depth)
-    {
-        device().setConfig({depth, 0, 0, 0, 1, static_cast<unsigned char>(mode == Mode::Continuous), 0, 0, 1, 0, 0});
-        device().setAcqMode(mode == Mode::Tdi ? unsigned{dv::ACQMODE_TDI} : 0U);
-    }
-
 private:
     std::filesystem::path folder;
     HwLatixel::HwLib library;
@@ -79,23 +89,13 @@ private:
     std::unique_ptr<refhost::Plugin> plugin;
 };
 
-std::size_t frameBytes(int channels, Mode mode, unsigned char depth)
+void series(benchmark::State& state, const Run& run)
 {
-    OMR omr;
-    omr.CountL = depth;
-    if (mode != Mode::Tdi)
-        return mpx3ReadSize(omr, false, channels, depth == 3);
-    omr.RowBlockSel = 1;
-    return mpx3TdiRecordSize(omr, false, channels, depth == 3) * MPX3_SIDE;
-}
-
-void series(benchmark::State& state, int channels, Mode mode, unsigned char depth)
-{
-    Detector detector(channels);
-    detector.configure(mode, depth);
+    Detector detector(run.board);
+    run.configure(detector.device());
     refhost::SeriesRequest request;
-    request.frames = mode == Mode::Tdi ? TDI_FRAMES : FRAMES;
-    request.seconds = mode == Mode::Tdi ? TDI_EXPOSURE : EXPOSURE;
+    request.frames = run.frames;
+    request.seconds = run.exposure;
     double seconds = 0;
     unsigned frames = 0;
     for (auto _ : state) {
@@ -112,30 +112,72 @@ void series(benchmark::State& state, int channels, Mode mode, unsigned char dept
         seconds += last;
         frames += result.frames;
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(frames * frameBytes(channels, mode, depth)));
+    state.SetBytesProcessed(static_cast<std::int64_t>(frames * run.frameBytes));
     state.counters["frames_per_second"] = frames / seconds;
 }
 
-void addShape(const std::string& what, int channels, Mode mode, unsigned char depth)
+void addRun(const std::string& shape, const Run& run)
 {
-    const std::string shape = what + "/" + std::to_string(channels) + "ch";
-    streambench::add("series/" + shape, series, channels, mode, depth)
-        ->UseManualTime()
-        ->Iterations(3)
+    streambench::add("series/" + shape, series, run)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+    streambench::add("memcpy/" + shape, streambench::copyBytes, run.frames * run.frameBytes)
         ->Unit(benchmark::kMillisecond);
-    const unsigned frames = mode == Mode::Tdi ? TDI_FRAMES : FRAMES;
-    streambench::add("memcpy/" + shape, streambench::copyBytes, frames * frameBytes(channels, mode, depth))
-        ->Unit(benchmark::kMillisecond);
+}
+
+std::size_t mpx3FrameBytes(int channels, Mode mode, unsigned char depth)
+{
+    OMR omr;
+    omr.CountL = depth;
+    if (mode != Mode::Tdi)
+        return mpx3ReadSize(omr, false, channels, depth == 3);
+    omr.RowBlockSel = 1;
+    return mpx3TdiRecordSize(omr, false, channels, depth == 3) * MPX3_SIDE;
+}
+
+void addMpx3(const std::string& what, int channels, Mode mode, unsigned char depth)
+{
+    Run run;
+    run.board = {{"kind", "mpx3"},
+                 {"description", "Latixel Latixel M3WA sn: 1 A"},
+                 {"channels", chipGrid(channels, 1)},
+                 {"link", {{"rate_mb_s", 0}}}};
+    run.configure = [mode, depth](refhost::Device& device) {
+        device.setConfig({depth, 0, 0, 0, 1, static_cast<unsigned char>(mode == Mode::Continuous), 0, 0, 1, 0, 0});
+        device.setAcqMode(mode == Mode::Tdi ? unsigned{dv::ACQMODE_TDI} : 0U);
+    };
+    if (mode == Mode::Tdi) {
+        run.frames = TDI_FRAMES;
+        run.exposure = TDI_EXPOSURE;
+    }
+    run.frameBytes = mpx3FrameBytes(channels, mode, depth);
+    addRun(what + "/" + std::to_string(channels) + "ch", run);
+}
+
+/// All modules are read at once, which is the way without a settings file too.
+void addTimepix(int modules, int chips)
+{
+    Run run;
+    run.board = {{"kind", "mpx2"},
+                 {"description", "Latixel Latixel TLWA sn: 1 A"},
+                 {"modules", chipGrid(modules, chips)},
+                 {"link", {{"rate_mb_s", 0}}}};
+    run.configure = [](refhost::Device& device) { device.setAcqMode(0); };
+    run.frameBytes = mpx2ParallelReadout(static_cast<std::size_t>(modules) * static_cast<std::size_t>(chips),
+                                         static_cast<std::size_t>(modules))
+                         .bytes;
+    addRun("timepix/" + std::to_string(modules) + "x" + std::to_string(chips) + "ch", run);
 }
 
 void addAll()
 {
     for (const int channels : {1, 4, 5}) {
-        addShape("normal-12bit", channels, Mode::Normal, 2);
-        addShape("normal-24bit", channels, Mode::Normal, 3);
-        addShape("continuous-12bit", channels, Mode::Continuous, 2);
+        addMpx3("normal-12bit", channels, Mode::Normal, 2);
+        addMpx3("normal-24bit", channels, Mode::Normal, 3);
+        addMpx3("continuous-12bit", channels, Mode::Continuous, 2);
     }
-    addShape("tdi-12bit", 5, Mode::Tdi, 2);
+    addMpx3("tdi-12bit", 5, Mode::Tdi, 2);
+    addTimepix(1, 1);
+    addTimepix(2, 2);
+    addTimepix(5, 1);
 }
 
 } // namespace

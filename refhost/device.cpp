@@ -3,6 +3,7 @@
 
 #include "refhost/error.h"
 
+#include <cmath>
 #include <cstdio>
 #include <mutex>
 
@@ -237,6 +238,20 @@ void Device::setConfig(const dv::_Mpx3Config& config)
         throw Error(name() + " has no Medipix3 chips, which this configuration is for");
     require("set the configuration", [&] { return mpx3Dev->setConfig(config); });
     lastConfig = config;
+}
+
+double Device::setTimepixClock(double mhz)
+{
+    if (!isTimepix())
+        throw Error(name() + " has no Timepix chips, which this clock is for");
+    if (!(mhz > 0) || !std::isfinite(mhz))
+        throw Error("the Timepix clock must be above 0 MHz");
+    double made = mhz;
+    require("set the Timepix clock", [&] { return mpx2Dev->setTimepixClock(&made); });
+    if (!(made > 0) || !std::isfinite(made))
+        throw Error(name() + " cannot make a Timepix clock of " + std::to_string(mhz) + " MHz");
+    lastClock = made;
+    return made;
 }
 
 void Device::setAcqMode(unsigned mode)

@@ -51,6 +51,8 @@ public:
     /// 1 for Medipix2, Timepix and their composites, 2 for Medipix3 and its composite.
     int type() const { return dev->deviceType(); }
     bool isMpx3() const { return mpx3Dev != nullptr; }
+    /// False for Medipix2 chips. A device that found no chips tells true too: it begins with that.
+    bool isTimepix() const { return mpx2Dev != nullptr && mpx2Dev->isTimepix(); }
     unsigned chipCount() const;
     std::vector<std::string> chipIDs() const;
     dv::_DevInfo info() const;
@@ -83,6 +85,11 @@ public:
     void setConfig(const dv::_Mpx3Config& config);
     /// The last configuration set here, if any.
     std::optional<dv::_Mpx3Config> config() const { return lastConfig; }
+    /// Sets the clock that Timepix pixels measure times with. Returns the one that the board can make of it, in MHz
+    /// too. Throws where there are no Timepix chips.
+    double setTimepixClock(double mhz);
+    /// MHz of the Timepix clock: the last one set here, or the one that devices begin with.
+    double timepixClock() const { return lastClock; }
     /// A sum of dv::AcqMode bits. Throws when the device does not offer one of them.
     void setAcqMode(unsigned mode);
     unsigned acqMode() const { return lastMode; }
@@ -130,6 +137,7 @@ private:
     std::shared_ptr<Tap> tap;
     std::optional<dv::_Mpx3Config> lastConfig; // set by setConfig, from one thread at a time
     unsigned lastMode = 0;                     // set by setAcqMode, likewise
+    double lastClock = 10;                     // set by setTimepixClock, likewise
 };
 
 } // namespace refhost

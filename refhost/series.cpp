@@ -19,7 +19,8 @@ double secondsBetween(Clock::time_point from, Clock::time_point to)
     return std::chrono::duration<double>(to - from).count();
 }
 
-constexpr double longestExposure = 1e7; // seconds; more than any device offers
+constexpr double longestExposure = 1e7;                // seconds; more than any device offers
+constexpr auto longestFetch = std::chrono::seconds(1); // for which a stop waits: one that hangs may need the stop
 
 constexpr unsigned triggerModes =
     dv::ACQMODE_EXT_TRIGGER_START | dv::ACQMODE_EXT_TRIGGER_STOP | dv::ACQMODE_SOFT_TRIGGER;
@@ -32,13 +33,15 @@ struct Series::State {
         : device(seriesDevice),
           request(seriesRequest),
           sink(std::move(frameSink)),
-          triggered((seriesDevice.acqMode() & triggerModes) != 0)
+          triggered((seriesDevice.acqMode() & triggerModes) != 0),
+          readsAnewAfterStop(!seriesDevice.isMpx3())
     {
     }
 
     bool isRunning() const;
     void onEvent(const Event& event);
     void onFrame(long index);
+    void onFetched();
     bool deliver(SeriesFrame frame);
     void onLastEvent(SeriesEnd how);
     void end(SeriesEnd how); // needs `mutex`
@@ -49,6 +52,8 @@ struct Series::State {
     const SeriesRequest request;
     const FrameSink sink;
     const bool triggered;
+    /// Medipix2 and Timepix devices answer `lastData` after a stop with a new readout, of the exposure that was cut.
+    const bool readsAnewAfterStop;
 
     mutable std::mutex mutex; // guards everything below
     std::condition_variable changed;
@@ -58,6 +63,7 @@ struct Series::State {
     Clock::time_point lastSign = begin; // last event or end of the sink's work
     std::optional<Clock::time_point> failedAt;
     bool stopAsked = false;
+    bool inFetch = false;
     bool inSink = false;
     // A wait may be told before the frame that came before it, so the two are counted against each other.
     unsigned triggerWaits = 0;
@@ -99,6 +105,7 @@ void Series::State::onFrame(long index)
     const auto now = Clock::now();
     double arrival = 0;
     bool inOrder = false;
+    bool fetches = false;
     {
         const std::lock_guard lock(mutex);
         arrival = secondsBetween(begin, now);
@@ -111,17 +118,26 @@ void Series::State::onFrame(long index)
             outcome.lost += static_cast<unsigned>(index - nextIndex);
             nextIndex = index + 1;
         }
+        // A frame out of order is fetched too: the device waits for that before it goes on.
+        inFetch = fetches = !(stopAsked && readsAnewAfterStop);
         inSink = true;
     }
-    SeriesFrame taken{index, arrival, 0, device.lastData()};
+    SeriesFrame taken{index, arrival, 0, fetches ? device.lastData() : nullptr};
     taken.exposure = device.lastAcqTime();
-    // A frame out of order is fetched too: the device waits for that before it goes on.
-    const bool arrived = inOrder && deliver(std::move(taken));
+    onFetched();
+    const bool arrived = inOrder && fetches && deliver(std::move(taken));
     const std::lock_guard lock(mutex);
-    if (inOrder)
+    if (inOrder && fetches)
         ++(arrived ? outcome.frames : outcome.lost);
     inSink = false;
     lastSign = Clock::now();
+    changed.notify_all();
+}
+
+void Series::State::onFetched()
+{
+    const std::lock_guard lock(mutex);
+    inFetch = false;
     changed.notify_all();
 }
 
@@ -176,7 +192,9 @@ Clock::time_point Series::State::watch(Clock::time_point now)
         limit +=
             std::chrono::milliseconds(static_cast<long long>(std::clamp(request.seconds, 0.0, longestExposure) * 1000));
     if (now >= lastSign + limit) {
-        outcome.error = "no sign of life for " + std::to_string(limit.count() / 1000) + " s";
+        const std::string words = device.errorLine(); // a device that tries for ever tells there what fails
+        outcome.error = "no sign of life for " + std::to_string(limit.count() / 1000) + " s" +
+                        (words.empty() ? "" : " (" + words + ")");
         end(SeriesEnd::Silent);
     }
     return lastSign + limit;
@@ -225,10 +243,12 @@ void Series::start()
 void Series::stop()
 {
     {
-        const std::lock_guard lock(state->mutex);
+        std::unique_lock lock(state->mutex);
         if (!state->started || state->outcome.end != SeriesEnd::Running)
             return;
         state->stopAsked = true;
+        if (state->readsAnewAfterStop)
+            state->changed.wait_for(lock, longestFetch, [this] { return !state->inFetch; });
     }
     device.stopAcquisition();
     // The silence that counts from here on is that after the stop.

@@ -74,7 +74,8 @@ public:
     /// before they are ready for the next series. A device that refuses shows in `wait`.
     void start();
     /// Asks the device to end the series; returns before it has ended. May be called more than once. With frames
-    /// under way it takes as long as the device needs to cut the exposure.
+    /// under way it takes as long as the device needs to cut the exposure. A frame of Medipix2 or Timepix chips that
+    /// was not fetched by then is dropped, and counts as neither taken nor lost.
     void stop();
     /// Gives a software trigger. One that comes before the device waits counts for its next wait, two do not.
     void trigger();

@@ -55,6 +55,18 @@ void checkBias(const refhost::Device& device, double volts)
                                                fixed(limits.biasMax, 1) + " V for " + printable(device.name()));
 }
 
+/// The options that the device's chips have no use for are refused, so that nobody waits for their effect.
+void checkChips(const refhost::Device& device, const AcquireOptions& options, const std::string& mpx3Only)
+{
+    if (!device.isMpx3() && !mpx3Only.empty())
+        throw Failure(ExitCode::Arguments, printable(device.name()) + " has no Medipix3 chips: leave out " + mpx3Only);
+    if (options.mode == "tdi" && (device.mpxInfo().acqModeMask & dv::ACQMODE_TDI) == 0)
+        throw Failure(ExitCode::Arguments,
+                      printable(device.name()) + " has no time delay integration: leave out --mode tdi");
+    if (options.clock && !device.isTimepix())
+        throw Failure(ExitCode::Arguments, printable(device.name()) + " has no Timepix chips: leave out --clock");
+}
+
 /// Chip values that the user gave, read before the device is touched.
 struct ChipValues {
     std::vector<unsigned short> dacs;
@@ -77,6 +89,8 @@ void configure(refhost::Device& device, const AcquireOptions& options, const Acq
                                        device.chipCount(), options.pixelConfig));
     if (options.bias)
         device.setBias(*options.bias);
+    if (options.clock)
+        std::cout << "Timepix clock: " << clockText(device.setTimepixClock(*options.clock)) << std::endl;
 }
 
 std::string noteOf(const refhost::SeriesProgress& progress, const AcquireOptions& options, bool stopping)
@@ -208,7 +222,7 @@ ExitCode codeFor(const Outcome& outcome, const AcquireOptions& options)
     std::_Exit(static_cast<int>(code));
 }
 
-ExitCode acquire(const GlobalOptions& global, const AcquireOptions& options, bool chipOptions)
+ExitCode acquire(const GlobalOptions& global, const AcquireOptions& options, const std::string& mpx3Only)
 {
     const AcquirePlan plan = makePlan(options);
     ChipValues values;
@@ -220,10 +234,7 @@ ExitCode acquire(const GlobalOptions& global, const AcquireOptions& options, boo
 
     Session session(global);
     refhost::Device& device = session.deviceWithChips(options.device);
-    if (!device.isMpx3() && (chipOptions || options.mode == "crw"))
-        throw Failure(ExitCode::Arguments, printable(device.name()) +
-                                               " has no Medipix3 chips: leave out --depth, --counter, --mode crw, "
-                                               "blocks, --gain, --polarity and --csm");
+    checkChips(device, options, mpx3Only);
     configure(device, options, plan, values);
     const Outcome outcome = takeFrames(device, *sink, options, plan);
     tell(outcome, *sink, options);
@@ -256,10 +267,12 @@ void addAcquireCommand(CLI::App& app, const GlobalOptions& global, Run& run)
         "  latixel acquire --mode crw --depth 12 -n 1000 -t 0.01 -o fast.h5 --compression 0\n"
         "  latixel acquire --bias 80 --dacs chips.txt --pixel-config mask.bin -o dark.tif\n"
         "  latixel acquire --trigger soft -n 5 -t 2 -o steps.h5\n"
+        "  latixel acquire --clock 20 --pixel-config times.bin -n 10 -t 0.001 -o times.h5\n"
         "  latixel --simulate acquire --layout 2x2 --colormap inferno -o look.png\n");
     command->callback([&global, &run, options, command] {
-        const bool chipOptions = chipOptionGiven(*command);
-        run = [&global, options, chipOptions] { return acquire(global, *options, chipOptions); };
+        run = [&global, options, mpx3Only = mpx3Options(*command, *options)] {
+            return acquire(global, *options, mpx3Only);
+        };
     });
 }
 

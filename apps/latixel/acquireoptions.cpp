@@ -14,6 +14,8 @@ namespace {
 constexpr unsigned mostFrames = 1u << 24;
 constexpr unsigned mostTdiFrames = 1u << 16;
 constexpr double longestExposure = 86400; // seconds
+constexpr double slowestClock = 1e-6;     // MHz
+constexpr double fastestClock = 50;       // MHz; the board divides this one by a whole number
 
 /// The check without its own words in the help: the option's text says what it takes.
 CLI::Validator quiet(CLI::Validator validator)
@@ -77,6 +79,11 @@ void addDetector(CLI::App& command, AcquireOptions& o)
     command.add_flag("--csm", o.chargeSumming, "Charge summing mode")->group(group);
     command.add_option("--bias", o.bias, "Bias of the sensor in volts; left as it is without this option")
         ->type_name("VOLTS")
+        ->group(group);
+    command
+        .add_option("--clock", o.clock,
+                    "Clock of Timepix pixels that measure times, in MHz; the board makes 50 divided by a whole number")
+        ->type_name("MHZ")
         ->group(group);
     command
         .add_option("--dacs", o.dacs, "Text file of DAC values: those of one chip for all, or of every chip in turn")
@@ -190,18 +197,24 @@ void addAcquireOptions(CLI::App& command, AcquireOptions& options)
     addOutput(command, options);
 }
 
-bool chipOptionGiven(const CLI::App& command)
+std::string mpx3Options(const CLI::App& command, const AcquireOptions& options)
 {
+    std::string given;
+    const auto add = [&given](const std::string& what) { given += (given.empty() ? "" : ", ") + what; };
     for (const char* name : {"--depth", "--counter", "--row-block", "--column-block", "--gain", "--polarity", "--csm"})
         if (command.count(name) > 0)
-            return true;
-    return false;
+            add(name);
+    if (options.mode == "crw")
+        add("--mode crw");
+    return given;
 }
 
 AcquirePlan makePlan(const AcquireOptions& o)
 {
     if (!(o.seconds > 0))
         throw Failure(ExitCode::Arguments, "--time must be above 0 seconds");
+    if (o.clock && !(*o.clock >= slowestClock && *o.clock <= fastestClock))
+        throw Failure(ExitCode::Arguments, "--clock must lie from 0.000001 to 50 MHz");
     if (o.mode == "crw" && (o.depth == 24 || o.counter == "both"))
         throw Failure(ExitCode::Arguments, "--mode crw reads one counter while the other counts: take --depth 12 or "
                                            "less and --counter 0 or 1");

@@ -25,6 +25,7 @@ struct AcquireOptions {
     std::string polarity = "positive";
     bool chargeSumming = false;
     std::optional<double> bias;
+    std::optional<double> clock; ///< MHz
     std::string dacs;
     std::string pixelConfig;
     std::string output;
@@ -48,8 +49,9 @@ struct AcquirePlan {
 /// Adds the options to a subcommand; `options` must outlive it.
 void addAcquireOptions(CLI::App& command, AcquireOptions& options);
 
-/// Whether an option was typed that means something to Medipix3 chips alone.
-bool chipOptionGiven(const CLI::App& command);
+/// The options that were typed and mean something to Medipix3 chips alone, such as "--depth, --mode crw"; empty if
+/// there were none.
+std::string mpx3Options(const CLI::App& command, const AcquireOptions& options);
 
 /// Throws Failure for options that do not go together.
 AcquirePlan makePlan(const AcquireOptions& options);

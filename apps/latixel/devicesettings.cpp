@@ -4,6 +4,9 @@
 #include "apps/latixel/session.h"
 #include "apps/latixel/text.h"
 
+#include <iterator>
+#include <sstream>
+
 namespace tool {
 namespace {
 
@@ -41,6 +44,8 @@ SettingGroup configuration(const refhost::Device& device)
     };
     add("acq_mode", "sum of 1 external trigger starts, 2 external trigger stops, 4 software trigger, 32 TDI",
         device.acqMode());
+    if (device.isTimepix())
+        add("timepix_clock", "clock of pixels that measure times, in MHz", device.timepixClock());
     if (!device.config())
         return group;
     const dv::_Mpx3Config config = *device.config();
@@ -79,6 +84,30 @@ std::string pluginVersion(const refhost::Device& device)
 std::string firmware(const refhost::Device& device)
 {
     return printable(paramText(device, "Firmware"));
+}
+
+std::string chipKind(const refhost::Device& device)
+{
+    if (device.isMpx3())
+        return "Medipix3";
+    if (device.chipCount() == 0)
+        return "Medipix2/Timepix";
+    return device.isTimepix() ? "Timepix" : "Medipix2";
+}
+
+std::vector<std::string> memberSerials(const refhost::Device& device)
+{
+    std::istringstream text(printable(paramText(device, "DeviceSerials")));
+    return {std::istream_iterator<std::string>(text), {}};
+}
+
+std::string clockText(double mhz)
+{
+    std::string number = fixed(mhz, 6);
+    number.erase(number.find_last_not_of('0') + 1);
+    if (number.back() == '.')
+        number.pop_back();
+    return number + " MHz";
 }
 
 bool isAtHand(refhost::Param& flashParam)

@@ -31,7 +31,9 @@ ExitCode info(const GlobalOptions& global, const std::string& which)
     Table table;
     table.row({"Name", printable(device.name())});
     table.row({"Serial", std::to_string(device.info().serialNumber)});
-    table.row({"Kind", device.isMpx3() ? "Medipix3" : "Medipix2/Timepix"});
+    for (const std::string& serial : memberSerials(device))
+        table.row({"  board", serial});
+    table.row({"Kind", chipKind(device)});
     table.row({"Firmware", firmware(device)});
     table.row({"Plug-in", pluginVersion(device)});
     table.row({"Connected", device.isConnected() ? "yes" : "no"});
@@ -43,6 +45,8 @@ ExitCode info(const GlobalOptions& global, const std::string& which)
         table.row({"  chip " + std::to_string(number++), printable(id)});
     table.row({"Bias", fixed(facts.biasMin, 1) + " V to " + fixed(facts.biasMax, 1) + " V"});
     table.row({"Frame time", fixed(facts.acqTimeMin * 1e9, 0) + " ns to " + fixed(facts.acqTimeMax, 0) + " s"});
+    if (device.isTimepix() && device.chipCount() > 0)
+        table.row({"Clock", clockText(device.timepixClock()) + ", or what --clock sets for a series"});
     table.row({"Modes", modes(facts.acqModeMask)});
     table.row({"Parameters", std::to_string(device.params().size()) + " of its own, " +
                                  std::to_string(device.flashParams().size()) + " in its flash"});

@@ -1,5 +1,6 @@
 // latixel list: the devices that are there.
 #include "apps/latixel/commands.h"
+#include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
 
 #include <iostream>
@@ -16,8 +17,10 @@ ExitCode list(const GlobalOptions& global)
     for (const auto& device : session.devices()) {
         const std::string status = printable(device->statusText());
         table.row({std::to_string(number++), printable(device->name()), std::to_string(device->chipCount()),
-                   device->isMpx3() ? "Medipix3" : "Medipix2/Timepix", std::to_string(device->info().serialNumber),
+                   chipKind(*device), std::to_string(device->info().serialNumber),
                    status.empty() ? (device->isConnected() ? "ready" : "not connected") : status});
+        for (const std::string& serial : memberSerials(*device))
+            table.row({"", "  board", "", "", serial, ""});
     }
     table.print(std::cout);
     return ExitCode::Success;

@@ -27,8 +27,10 @@ ExitCode sense(const GlobalOptions& global, const std::string& which)
     const auto bias = device.bias();
     table.row({"Bias voltage", fixed(bias.volts, 2) + " V"});
     table.row({"Bias current", current(bias.current) + "  (unit of the board's calibration)"});
-    if (refhost::Param* temperature = device.findParam("Temperature"); temperature != nullptr)
-        table.row({"Temperature", fixed(temperature->getFloat(), 1) + " C"});
+    // The first is a sensor on Medipix3 boards, the second one that the CPU of a Timepix board reads.
+    for (const char* name : {"Temperature", "TempDet"})
+        if (refhost::Param* temperature = device.findParam(name); temperature != nullptr)
+            table.row({"Temperature", fixed(temperature->getFloat(), 1) + " C"});
     for (unsigned index = 0; index < device.adcCount(); ++index) {
         const std::string board =
             device.adcCount() > channelsPerBoard ? "board " + std::to_string(index / channelsPerBoard) + " " : "";

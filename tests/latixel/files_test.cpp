@@ -63,6 +63,30 @@ refhost::MetaData rowTimes(double first)
     return block;
 }
 
+/// The counts of an open TIFF file's present page.
+template <typename Item>
+std::vector<Item> readPage(TIFF* tiff)
+{
+    std::vector<Item> raster(std::size_t{width} * height);
+    tmsize_t filled = 0;
+    for (tstrip_t strip = 0; strip < TIFFNumberOfStrips(tiff); ++strip)
+        filled += TIFFReadEncodedStrip(tiff, strip, reinterpret_cast<char*>(raster.data()) + filled, -1);
+    EXPECT_EQ(filled, static_cast<tmsize_t>(raster.size() * sizeof(Item)));
+    return raster;
+}
+
+std::vector<tool::Colour> readPng(const std::filesystem::path& path)
+{
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    EXPECT_NE(png_image_begin_read_from_file(&image, path.c_str()), 0);
+    EXPECT_EQ(image.width, width);
+    image.format = PNG_FORMAT_RGB;
+    std::vector<tool::Colour> pixels(PNG_IMAGE_SIZE(image) / 3);
+    EXPECT_NE(png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr), 0);
+    return pixels;
+}
+
 template <typename Item>
 std::vector<Item> readAll(hid_t file, const char* path, hid_t type, std::vector<hsize_t>* shape = nullptr)
 {
@@ -153,17 +177,12 @@ TEST(Tiff, HoldsOnePageForEachPicture)
             const auto told = nlohmann::json::parse(description);
             EXPECT_EQ(told["frame"], page / 2);
             EXPECT_EQ(told.contains("series"), page == 0);
-            std::vector<std::uint32_t> raster(std::size_t{width} * height);
-            tmsize_t filled = 0;
-            for (tstrip_t strip = 0; strip < TIFFNumberOfStrips(tiff.get()); ++strip)
-                filled += TIFFReadEncodedStrip(tiff.get(), strip, reinterpret_cast<char*>(raster.data()) + filled, -1);
-            ASSERT_EQ(filled, width * height * bits / 8);
-            const auto* narrow = reinterpret_cast<const std::uint16_t*>(raster.data());
-            for (std::size_t pixel = 0; pixel < raster.size(); pixel += 997) {
-                const std::uint32_t expected = countAt(static_cast<long>(page / 2), page % 2, pixel);
-                ASSERT_EQ(bits == 32 ? raster[pixel] : narrow[pixel],
-                          bits == 32 ? expected : std::min(expected, 0xFFFFu));
-            }
+            const auto expect = [&](const auto& raster, std::uint32_t highest) {
+                for (std::size_t pixel = 0; pixel < raster.size(); pixel += 997)
+                    ASSERT_EQ(raster[pixel], std::min(countAt(static_cast<long>(page / 2), page % 2, pixel), highest));
+            };
+            bits == 32 ? expect(readPage<std::uint32_t>(tiff.get()), 0xFFFFFFFF)
+                       : expect(readPage<std::uint16_t>(tiff.get()), 0xFFFF);
         }
         EXPECT_EQ(TIFFSetDirectory(tiff.get(), 4), 0);
     }
@@ -181,13 +200,7 @@ TEST(Png, ShowsCountsInColoursAndBadPixelsInTheirOwn)
     sink->write(frameOf(0));
     EXPECT_THAT(folder.names(), ElementsAre("look_0000.png"));
 
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    ASSERT_NE(png_image_begin_read_from_file(&image, (folder / "look_0000.png").c_str()), 0);
-    EXPECT_EQ(image.width, width);
-    image.format = PNG_FORMAT_RGB;
-    std::vector<tool::Colour> pixels(PNG_IMAGE_SIZE(image) / 3);
-    ASSERT_NE(png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr), 0);
+    const auto pixels = readPng(folder / "look_0000.png");
     const auto& colours = tool::colormap(options.colours).colours;
     EXPECT_EQ(pixels[5], colours[tool::Colormap::badIndex]);
     EXPECT_EQ(pixels[100], colours[100]);
@@ -199,6 +212,48 @@ TEST(Png, ShowsCountsInColoursAndBadPixelsInTheirOwn)
     EXPECT_EQ(name(0, 0, 1, 1), "a/b.png");
     EXPECT_EQ(name(0, 1, 1, 2), "a/b_c1.png");
     EXPECT_EQ(name(7, 0, 20000, 1), "a/b_00007.png");
+}
+
+TEST(Output, ShortFramesKeepTheirCountsInEveryFormat)
+{
+    const support::Folder folder;
+    refhost::Host host("", "");
+    const std::uint16_t counts[] = {0, 1, 11810, 11811}; // the last one stands for no count
+    const auto frame = support::frame<std::uint16_t>(
+        host, 2, [&](unsigned chip, unsigned x, unsigned y) { return counts[(chip + x + y) % 4]; });
+    const auto record = [&] {
+        const tool::PictureMaker maker(2, tool::Layout::sideBySide(2), tool::Counting::Short);
+        return tool::FrameRecord{0, 0, 0, maker.make(*frame), {}};
+    };
+    auto info = seriesOf(1);
+    info.bitsPerPixel = 16;
+    for (const char* name : {"run.h5", "run.tif", "run.png"}) {
+        tool::OutputOptions options;
+        options.path = folder / name;
+        options.format = *tool::formatOf(options.path);
+        options.range = tool::ContrastRange{0, 11810};
+        const auto sink = tool::makeSink(options);
+        sink->begin(info);
+        sink->write(record());
+        sink->finish({});
+    }
+    const tool::h5::Handle file(H5Fopen((folder / "run.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    const tool::h5::Handle data(H5Dopen2(file, "/entry/data/data", H5P_DEFAULT), H5Dclose);
+    const tool::h5::Handle type(H5Dget_type(data), H5Tclose);
+    EXPECT_GT(H5Tequal(type, H5T_STD_U16LE), 0);
+    const auto inHdf5 = readAll<std::uint16_t>(file, "/entry/data/data", H5T_NATIVE_UINT16);
+    const std::unique_ptr<TIFF, decltype(&TIFFClose)> tiff(TIFFOpen((folder / "run.tif").c_str(), "r"), TIFFClose);
+    const auto inTiff = readPage<std::uint16_t>(tiff.get());
+    const auto inPng = readPng(folder / "run.png");
+    const auto& colours = tool::colormap(tool::ColormapName::Viridis).colours;
+    const std::uint16_t stored[] = {0, 1, 11810, 0xFFFF};
+    const tool::Colour shown[] = {colours[0], colours[0], colours[254], colours[tool::Colormap::badIndex]};
+    for (std::size_t pixel = 0; pixel < inHdf5.size(); pixel += 101) {
+        const std::size_t which = (pixel % width / 256 + pixel % width % 256 + pixel / width) % 4;
+        ASSERT_EQ(inHdf5[pixel], stored[which]) << pixel;
+        ASSERT_EQ(inTiff[pixel], stored[which]) << pixel;
+        ASSERT_EQ(inPng[pixel], shown[which]) << pixel;
+    }
 }
 
 TEST(Output, NothingIsLeftOfWhatWasNotFinished)

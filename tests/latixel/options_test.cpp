@@ -53,13 +53,30 @@ TEST(AcquireOptions, BecomeTheDevicesWords)
 
 TEST(AcquireOptions, ThatCannotBeMeantAreRefused)
 {
-    for (const char* line : {"", "-o a.xyz", "-o a.h5 -t 0", "-o a.h5 -t nan", "-o a.h5 --mode crw --counter both",
-                             "-o a.h5 --mode crw --depth 24", "-o a.h5 --mode tdi --trigger soft",
-                             "-o a.h5 --mode tdi -n 70000", "-o a.png --range 5:5", "-o a.h5 --layout 2by2"})
+    for (const char* line :
+         {"", "-o a.xyz", "-o a.h5 -t 0", "-o a.h5 -t nan", "-o a.h5 --mode crw --counter both",
+          "-o a.h5 --mode crw --depth 24", "-o a.h5 --mode tdi --trigger soft", "-o a.h5 --mode tdi -n 70000",
+          "-o a.h5 --clock 0", "-o a.h5 --clock -10", "-o a.h5 --clock nan", "-o a.h5 --clock inf",
+          "-o a.h5 --clock 50.1", "-o a.h5 --clock 1e-9", "-o a.png --range 5:5", "-o a.h5 --layout 2by2"})
         EXPECT_EQ(codeOf([&] { planOf(line); }), ExitCode::Arguments) << line;
-    for (const char* line : {"-n 0", "-n -1", "-n 1.5", "-n 20000000", "-t 1e9", "--depth 8", "--counter 2",
-                             "--row-block 9", "--compression 10", "--mode fast", "--bias high", "stray"})
+    for (const char* line :
+         {"-n 0", "-n -1", "-n 1.5", "-n 20000000", "-t 1e9", "--depth 8", "--counter 2", "--row-block 9",
+          "--compression 10", "--mode fast", "--bias high", "--clock fast", "stray"})
         EXPECT_THROW(planOf(std::string("-o a.h5 ") + line), CLI::ParseError) << line;
+}
+
+TEST(AcquireOptions, OfMedipix3ChipsAreToldByName)
+{
+    const auto named = [](std::string line) {
+        CLI::App app;
+        tool::AcquireOptions options;
+        tool::addAcquireOptions(app, options);
+        app.parse(line);
+        return tool::mpx3Options(app, options);
+    };
+    EXPECT_EQ(named("--mode normal --clock 10 --bias 5 --trigger stop -n 2"), "");
+    EXPECT_EQ(named("--csm --mode crw --depth 12"), "--depth, --csm, --mode crw");
+    EXPECT_EQ(named("--mode tdi"), "") << "row boards have it as well";
 }
 
 TEST(ValueFiles, AreReadWithCommentsAndRefusedWithTheLine)

@@ -177,6 +177,63 @@ TEST_F(ToolTest, TakesFramesInEveryMode)
     EXPECT_GT(open, 30u * 40u) << "80 counts a pixel in the open beam";
 }
 
+/// The numbers of a dataset in an HDF5 file.
+std::vector<double> numbersIn(const std::string& file, const char* path)
+{
+    const tool::h5::Handle opened(H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    const tool::h5::Handle dataset(H5Dopen2(opened, path, H5P_DEFAULT), H5Dclose);
+    const tool::h5::Handle space(H5Dget_space(dataset), H5Sclose);
+    std::vector<double> values(static_cast<std::size_t>(H5Sget_simple_extent_npoints(space)));
+    tool::h5::check(H5Dread(dataset, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data()));
+    return values;
+}
+
+TEST_F(ToolTest, TakesFramesOfTimepixAndMedipix2Boards)
+{
+    std::ofstream(folder / "dacs.txt") << "20 255 255 255 255 255 200 255 255 255 255 255 255 255";
+    std::ofstream(folder / "times.bin", std::ios::binary) << std::string(65536, '\x42'); // time over threshold
+    std::ofstream(folder / "quad.txt") << "20 255 255 255 255 255 200 8 300 8 255 255 255 255 255";
+    auto info = start({"--simulate", "mpx2-quad", "info"});
+    auto modules = start({"--simulate", "timepix-modules", "-v", "acquire", "--clock", "7", "-n", "3", "-t", "0.05",
+                          "-o", file("m.h5"), "--dacs", file("dacs.txt"), "--pixel-config", file("times.bin")});
+    auto soft = start({"--simulate", "timepix-cpu", "-v", "acquire", "--trigger", "soft", "-n", "2", "-t", "0.05",
+                       "--bias", "60", "-o", file("s.h5")},
+                      "\n\n");
+    auto quad = start(
+        {"--simulate", "mpx2-quad", "-v", "acquire", "-t", "0.1", "--dacs", file("quad.txt"), "-o", file("q.tif")});
+    auto interrupted =
+        start({"--simulate", "timepix-single", "-v", "acquire", "-n", "1000", "-t", "0.05", "-o", file("i.h5")}, {},
+              " frames/s,");
+    const Ended told = info.get();
+    EXPECT_THAT(told.out, AllOf(HasSubstr("Medipix2\n"), HasSubstr("chip 3    F04-W0034"), Not(HasSubstr("Clock"))));
+    const Ended clocked = modules.get();
+    EXPECT_THAT(clocked.out, HasSubstr("Timepix clock: 7.142857 MHz\n"));
+    for (const Ended& ended : {clocked, soft.get(), quad.get()}) {
+        EXPECT_EQ(ended.code, 0) << ended.err;
+        EXPECT_THAT(ended.err, Not(HasSubstr("complaint"))) << ended.err;
+    }
+    const Ended stopped = interrupted.get();
+    EXPECT_EQ(stopped.code, static_cast<int>(ExitCode::Incomplete)) << stopped.err;
+    EXPECT_THAT(stopped.err, AllOf(Not(HasSubstr("complaint")), Not(HasSubstr("were lost"))));
+    EXPECT_THAT(shapeOf(file("m.h5"), "/entry/data/data"), ElementsAre(3, 256, 1024));
+    EXPECT_THAT(numbersIn(file("m.h5"), "/entry/instrument/detector/configuration/timepix_clock"),
+                ElementsAre(testing::DoubleNear(50.0 / 7, 1e-9)));
+    const auto times = numbersIn(file("m.h5"), "/entry/data/data");
+    EXPECT_NEAR(*std::max_element(times.begin(), times.end()), 150 * 2.5 * 50 / 7, 1000)
+        << "150 hits, each 2.5 us long";
+    EXPECT_THAT(shapeOf(file("s.h5"), "/entry/instrument/detector/frame_metadata/BiasVoltageSense"), ElementsAre(2));
+    EXPECT_THAT(numbersIn(file("s.h5"), "/entry/instrument/detector/bias/voltage"),
+                ElementsAre(testing::DoubleNear(60, 3)));
+    EXPECT_GT(shapeOf(file("i.h5"), "/entry/data/data")[0], 0u);
+
+    const std::unique_ptr<TIFF, decltype(&TIFFClose)> tiff(TIFFOpen(file("q.tif").c_str(), "r"), TIFFClose);
+    ASSERT_NE(tiff, nullptr);
+    std::vector<std::uint16_t> row(1024);
+    ASSERT_EQ(TIFFReadScanline(tiff.get(), row.data(), 3), 1);
+    const auto open = std::accumulate(row.begin() + 60, row.begin() + 90, 0u);
+    EXPECT_NEAR(open, 30 * 400, 30 * 20) << "400 counts a pixel in the open beam";
+}
+
 TEST_F(ToolTest, AnInterruptedSeriesKeepsItsFrames)
 {
     auto interrupted =
@@ -220,6 +277,19 @@ TEST_F(ToolTest, FailuresAreOneLineAndACode)
         {{"--simulate", "acquire", "-o", file("none/x.h5")}, ExitCode::Output, "cannot write"},
         {{"--simulate", "acquire", "--bias", "500", "-o", file("x.h5")}, ExitCode::Arguments, "110.0 V"},
         {{"--simulate", "acquire", "--dacs", file("dacs.txt"), "-o", file("x.h5")}, ExitCode::Arguments, "108 for 4"},
+        {{"--simulate", "acquire", "--clock", "10", "-o", file("x.h5")}, ExitCode::Arguments, "no Timepix chips"},
+        {{"--simulate", "mpx2-quad", "acquire", "--clock", "10", "-o", file("x.h5")},
+         ExitCode::Arguments,
+         "no Timepix chips: leave out --clock"},
+        {{"--simulate", "timepix-single", "acquire", "--mode", "crw", "--gain", "2", "-o", file("x.h5")},
+         ExitCode::Arguments,
+         "no Medipix3 chips: leave out --gain, --mode crw"},
+        {{"--simulate", "timepix-single", "acquire", "--mode", "tdi", "-o", file("x.h5")},
+         ExitCode::Arguments,
+         "leave out --mode tdi"},
+        {{"--simulate", "mpx2-quad", "acquire", "--dacs", file("dacs.txt"), "-o", file("x.h5")},
+         ExitCode::Arguments,
+         "60 for 4"},
         {{"--simulate", "acquire", "--layout", "1x1", "-o", file("x.h5")}, ExitCode::Arguments, "4 chips"},
     };
     std::vector<std::future<Ended>> started;

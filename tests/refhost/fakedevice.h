@@ -7,21 +7,24 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <type_traits>
 
-class FakeDevice final : public dv::IHwDevMpx3 {
+/// What the families have in common: `Interface` is dv::IHwDevMpx2 or dv::IHwDevMpx3.
+template <class Interface>
+class FakeMpx : public Interface {
 public:
-    explicit FakeDevice(IDorvet* dorvet, std::string deviceName = "Fake A sn: 1 WA")
+    explicit FakeMpx(IDorvet* dorvet, std::string deviceName)
         : host(dorvet),
           params(dorvet->createParamMgr()),
           name(std::move(deviceName))
     {
     }
-    virtual ~FakeDevice() { join(); }
+    virtual ~FakeMpx() { join(); }
 
     /// What the acquisition thread does; `startAcquisition` returns `startResult`.
-    std::function<void(FakeDevice&)> script;
+    std::function<void(FakeMpx&)> script;
     int startResult = 0;
-    int kind = 2;
+    int kind = std::is_same_v<Interface, dv::IHwDevMpx3> ? 2 : 1;
     unsigned frameChips = 1; ///< chips in the frames, to tell a wrong size
     bool noFrames = false;
     std::atomic<bool> stopped{false};
@@ -65,8 +68,8 @@ public:
     {
         if (noFrames)
             return nullptr;
-        dv::IMpxFrame* frame = host->frameFactory()->createFrame(256 * frameChips, 256, 5);
-        static_cast<unsigned*>(frame->dataPointer(0))[0] = ++frameNumber;
+        dv::IMpxFrame* frame = host->frameFactory()->createFrame(256 * frameChips, 256, kind == 1 ? 2 : 5);
+        static_cast<unsigned char*>(frame->dataPointer(0))[0] = ++frameNumber;
         return frame;
     }
     dv::IParamMgr* parameters() const override { return params; }
@@ -145,14 +148,7 @@ public:
     int saveConfigurationToDevice(dv::ISettingsBin*) override { return -1026; }
     int chipsLayout(unsigned*, unsigned*, unsigned*, unsigned*) const override { return -1026; }
     bool isTriggerMaster() const override { return true; }
-    int devMpx3Info(dv::_DevMpx3Info*) const override { return 0; }
-    int readMatrix(unsigned*, std::size_t, bool) override { return 0; }
-    int writeMatrix(const unsigned*, std::size_t, bool) override { return 0; }
     int setPixelCfg(const unsigned char*, std::size_t) override { return 0; }
-    int sendTestPulses(unsigned, double, const unsigned char*) override { return 0; }
-    int senseDac(unsigned, unsigned) override { return 0; }
-    int setExtDac(unsigned, int, double) override { return 0; }
-    int setConfig(dv::_Mpx3Config) override { return 0; }
 
 private:
     IDorvet* host;
@@ -162,8 +158,42 @@ private:
     void* eventUser = nullptr;
     dv::LogMsgFunc logFunc = nullptr;
     void* logUser = nullptr;
-    unsigned frameNumber = 0;
+    unsigned char frameNumber = 0;
     std::thread thread;
+};
+
+class FakeDevice final : public FakeMpx<dv::IHwDevMpx3> {
+public:
+    explicit FakeDevice(IDorvet* dorvet, const std::string& called = "Fake A sn: 1 WA") : FakeMpx(dorvet, called) {}
+
+    int devMpx3Info(dv::_DevMpx3Info*) const override { return 0; }
+    int readMatrix(unsigned*, std::size_t, bool) override { return 0; }
+    int writeMatrix(const unsigned*, std::size_t, bool) override { return 0; }
+    int sendTestPulses(unsigned, double, const unsigned char*) override { return 0; }
+    int senseDac(unsigned, unsigned) override { return 0; }
+    int setExtDac(unsigned, int, double) override { return 0; }
+    int setConfig(dv::_Mpx3Config) override { return 0; }
+};
+
+class FakeTimepix final : public FakeMpx<dv::IHwDevMpx2> {
+public:
+    explicit FakeTimepix(IDorvet* dorvet) : FakeMpx(dorvet, "Fake T sn: 2 WA") {}
+
+    bool timepix = true;
+    double clockMade = 0; ///< what `setTimepixClock` answers with
+
+    int devMpx2Info(dv::_DevMpx2Info*) const override { return 0; }
+    int setMpx2Dacs(const unsigned short*, std::size_t, int, int, int, int, unsigned) override { return 0; }
+    int setExtDacValue(double) override { return 0; }
+    int readMatrix(unsigned short*, std::size_t, bool) override { return 0; }
+    int writeMatrix(const unsigned short*, std::size_t, bool) override { return 0; }
+    int sendTestPulses(unsigned, double, double) override { return 0; }
+    int setTimepixClock(double* mhz) override
+    {
+        *mhz = clockMade;
+        return 0;
+    }
+    bool isTimepix() const override { return timepix; }
 };
 
 /// A library object over devices that the test made.
