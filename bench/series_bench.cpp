@@ -1,6 +1,6 @@
 // Whole series on free-running virtual boards: frames per second from `startAcquisition` to the last `lastData`, with
 // exposures so short that link, decoding and hand-over are what is measured. Each stands beside a copy of the bytes
-// that its frames take on the wire.
+// that its frames take on the wire. Composites show how the cost of a frame grows with the members.
 #include "bench/streambench.h"
 #include "chipdata/mpx2matrix.h"
 #include "chipdata/mpx3matrix.h"
@@ -31,18 +31,18 @@ constexpr double TDI_EXPOSURE = 2e-3; // seconds of 256 rows
 
 enum class Mode { Normal, Continuous, Tdi };
 
-/// What is measured: a series on a board.
+/// What is measured: a series on a board, or on a composite of several.
 struct Run { // NOLINT(bugprone-exception-escape): moving JSON checks itself, and would throw only if it were broken
-    nlohmann::json board;
+    nlohmann::json boards = nlohmann::json::array();
     std::function<void(refhost::Device&)> configure;
     unsigned frames = FRAMES;
     double exposure = EXPOSURE;
     std::size_t frameBytes = 0; ///< on the wire
 };
 
-nlohmann::json bench(const nlohmann::json& board)
+nlohmann::json bench(const nlohmann::json& boards)
 {
-    return {{"boards", {board}}, {"scene", {{"kind", "gradient"}, {"flux", 1e6}, {"noise", false}}}};
+    return {{"boards", boards}, {"scene", {{"kind", "gradient"}, {"flux", 1e6}, {"noise", false}}}};
 }
 
 /// Identifiers of `chips` chips on each of `rows` channels or modules.
@@ -57,15 +57,15 @@ nlohmann::json chipGrid(int rows, int chips)
     return grid;
 }
 
-/// A virtual board with the plug-in on it, brought up. Folder and board go with the object.
+/// Virtual boards with the plug-in on them, brought up. Folder and boards go with the object.
 class Detector {
 public:
-    explicit Detector(const nlohmann::json& board)
+    explicit Detector(const nlohmann::json& boards)
         : folder(std::filesystem::temp_directory_path() / ("latixel_bench_" + std::to_string(getpid())))
     {
         std::filesystem::create_directories(folder);
         std::ofstream(folder / "latixel.ini") << "[Settings]\n";
-        sim::loadBench(bench(board));
+        sim::loadBench(bench(boards));
         host = std::make_unique<refhost::Host>(folder, folder);
         plugin = std::make_unique<refhost::Plugin>(*host, &library);
         plugin->open();
@@ -91,7 +91,7 @@ private:
 
 void series(benchmark::State& state, const Run& run)
 {
-    Detector detector(run.board);
+    Detector detector(run.boards);
     run.configure(detector.device());
     refhost::SeriesRequest request;
     request.frames = run.frames;
@@ -133,13 +133,26 @@ std::size_t mpx3FrameBytes(int channels, Mode mode, unsigned char depth)
     return mpx3TdiRecordSize(omr, false, channels, depth == 3) * MPX3_SIDE;
 }
 
+nlohmann::json mpx3Board(const std::string& description, int channels)
+{
+    return {{"kind", "mpx3"},
+            {"description", description},
+            {"channels", chipGrid(channels, 1)},
+            {"link", {{"rate_mb_s", 0}}}};
+}
+
+nlohmann::json timepixBoard(const std::string& description, int modules, int chips)
+{
+    return {{"kind", "mpx2"},
+            {"description", description},
+            {"modules", chipGrid(modules, chips)},
+            {"link", {{"rate_mb_s", 0}}}};
+}
+
 void addMpx3(const std::string& what, int channels, Mode mode, unsigned char depth)
 {
     Run run;
-    run.board = {{"kind", "mpx3"},
-                 {"description", "Latixel Latixel M3WA sn: 1 A"},
-                 {"channels", chipGrid(channels, 1)},
-                 {"link", {{"rate_mb_s", 0}}}};
+    run.boards.push_back(mpx3Board("Latixel Latixel M3WA sn: 1 A", channels));
     run.configure = [mode, depth](refhost::Device& device) {
         device.setConfig({depth, 0, 0, 0, 1, static_cast<unsigned char>(mode == Mode::Continuous), 0, 0, 1, 0, 0});
         device.setAcqMode(mode == Mode::Tdi ? unsigned{dv::ACQMODE_TDI} : 0U);
@@ -156,15 +169,44 @@ void addMpx3(const std::string& what, int channels, Mode mode, unsigned char dep
 void addTimepix(int modules, int chips)
 {
     Run run;
-    run.board = {{"kind", "mpx2"},
-                 {"description", "Latixel Latixel TLWA sn: 1 A"},
-                 {"modules", chipGrid(modules, chips)},
-                 {"link", {{"rate_mb_s", 0}}}};
+    run.boards.push_back(timepixBoard("Latixel Latixel TLWA sn: 1 A", modules, chips));
     run.configure = [](refhost::Device& device) { device.setAcqMode(0); };
     run.frameBytes = mpx2ParallelReadout(static_cast<std::size_t>(modules) * static_cast<std::size_t>(chips),
                                          static_cast<std::size_t>(modules))
                          .bytes;
     addRun("timepix/" + std::to_string(modules) + "x" + std::to_string(chips) + "ch", run);
+}
+
+std::string memberName(const char* type, int number)
+{
+    return "Latixel Latixel " + std::string(type) + " " + std::to_string(number) + " sn: " + std::to_string(number) +
+           " A";
+}
+
+/// A composite of so many boards with a chip each.
+void addTimepixComposite(int members, bool parallel)
+{
+    Run run;
+    for (int i = 0; i < members; ++i)
+        run.boards.push_back(timepixBoard(memberName("TLWA", i), 1, 1));
+    run.configure = [parallel](refhost::Device& device) { device.findParam("ParallelReadout")->setBool(parallel); };
+    run.frameBytes = static_cast<std::size_t>(members) * mpx2ParallelReadout(1, 1).bytes;
+    addRun(std::string("timepix-") + (parallel ? "parallel" : "sequence") + "/" + std::to_string(members) + "boards",
+           run);
+}
+
+/// The members of a Medipix3 composite always read at the same time.
+void addMpx3Composite(int members)
+{
+    Run run;
+    for (int i = 0; i < members; ++i)
+        run.boards.push_back(mpx3Board(memberName("M3WA", i), 1));
+    run.configure = [](refhost::Device& device) {
+        device.setConfig({2, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0});
+        device.setAcqMode(0);
+    };
+    run.frameBytes = static_cast<std::size_t>(members) * mpx3FrameBytes(1, Mode::Normal, 2);
+    addRun("mpx3-composite/" + std::to_string(members) + "boards", run);
 }
 
 void addAll()
@@ -178,6 +220,11 @@ void addAll()
     addTimepix(1, 1);
     addTimepix(2, 2);
     addTimepix(5, 1);
+    for (const int members : {1, 2, 4, 8}) {
+        addTimepixComposite(members, false);
+        addTimepixComposite(members, true);
+        addMpx3Composite(members);
+    }
 }
 
 } // namespace
