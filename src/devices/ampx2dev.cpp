@@ -144,15 +144,7 @@ int AMpx2Dev::openBoard()
     devLog->setLogLevel(DBG);
     report.attachLog(devLog.get());
     loadSettings(settingsPath.c_str());
-    std::string openError;
-    const int result = link.open(deviceNameText, devLog.get(), &openError);
-    if (result == 0)
-        return 0;
-    report.line(ERR, "Cannot open device %s, error=%d (%s)", deviceNameText.c_str(), result, openError.c_str());
-    link.drop();
-    report.attachLog(nullptr);
-    devLog.reset();
-    return result;
+    return link.open(deviceNameText, devLog);
 }
 
 /// Everything that the board tells before its chips have power.

@@ -1,8 +1,5 @@
 #include "devices/mpx2laddev.h"
 
-#include "chipdata/mpx2pixelcfg.h"
-#include "devices/common/frames.h"
-#include "shared/datatype.h"
 #include "shared/inifile.h"
 
 #include <algorithm>
@@ -12,7 +9,6 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr int MPX2_CHIP_KIND = 2;
 constexpr unsigned READER_POLL_MS = 300;
 constexpr double THREAD_POLL = 0.001;        ///< seconds
 constexpr unsigned STATUS_PATIENCE_MS = 100; ///< that a status poll waits for the end of a frame
@@ -31,9 +27,9 @@ constexpr ParamRow PARAMS[] = {
 
 Mpx2LadDev::Mpx2LadDev(IDorvet* host, std::string logFolder, FileLog* log, std::string settings,
                        std::vector<std::string> names)
-    : LadDev(host, std::move(logFolder), log, std::move(settings), std::move(names))
+    : Mpx2Lad(host, std::move(logFolder), log, std::move(settings), std::move(names))
 {
-    devMpxInfoRec.chipKind = MPX2_CHIP_KIND;
+    devMpxInfoRec.chipKind = CHIP_KIND;
     const ParamContent contents[] = {{"HwLibVer", LIBRARY_VERSION}, {"Firmware", ""}, {"DeviceSerials", ""}};
     addParams(*params, PARAMS, contents, nullptr, 0);
 }
@@ -63,12 +59,6 @@ void Mpx2LadDev::loadSettings()
     recoverAttemptCount = ini.getInt("Settings", "RecoverAttemptCount", 5);
 }
 
-int Mpx2LadDev::devMpx2Info(dv::_DevMpx2Info* info) const
-{
-    *info = {};
-    return 0;
-}
-
 // ---- Status ----
 
 int Mpx2LadDev::deviceStatus() const
@@ -96,25 +86,19 @@ double Mpx2LadDev::adcValue(unsigned index) const
 int Mpx2LadDev::resetMedipix()
 {
     ThreadLock lock(&devSync);
-    forAll([](Mpx2Dev& member) { member.resetMedipix(); });
-    return 0;
+    return Mpx2Lad::resetMedipix();
 }
 
 int Mpx2LadDev::eraseMatrix()
 {
     ThreadLock lock(&devSync);
-    return untilFailure([](Mpx2Dev& member) { return member.eraseMatrix(); });
+    return Mpx2Lad::eraseMatrix();
 }
 
 int Mpx2LadDev::setBias(double volts)
 {
     ThreadLock lock(&devSync);
-    return untilFailure([volts](Mpx2Dev& member) { return member.setBias(volts); });
-}
-
-int Mpx2LadDev::biasVoltageCurrentSense(double* volts, double* amperes) const
-{
-    return noBiasSense(volts, amperes);
+    return Mpx2Lad::setBias(volts);
 }
 
 int Mpx2LadDev::setTimepixClock(double* mhz)
@@ -132,24 +116,17 @@ int Mpx2LadDev::setTimepixClock(double* mhz)
     return result;
 }
 
-int Mpx2LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
-{
-    return setMpx2Dacs(dacs, size, chip, 0, 0, 0, 0);
-}
-
 int Mpx2LadDev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac,
                             int extDac, unsigned ctpr)
 {
     ThreadLock lock(&devSync);
-    return setMembersDacs(dacs, size, chip, senseChip, senseDac, extDac, ctpr);
+    return Mpx2Lad::setMpx2Dacs(dacs, size, chip, senseChip, senseDac, extDac, ctpr);
 }
 
 int Mpx2LadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 {
     ThreadLock lock(&devSync);
-    std::vector<unsigned short> words(size);
-    pixelCfgToMatrixMpx2(cfg, size, timepix, words.data());
-    return writeMatrix(words.data(), words.size(), false);
+    return Mpx2Lad::setPixelCfg(cfg, size);
 }
 
 // ---- Matrices ----
@@ -157,12 +134,7 @@ int Mpx2LadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 int Mpx2LadDev::writeMatrix(const unsigned short* data, std::size_t size, bool convert)
 {
     ThreadLock lock(&devSync);
-    if (checkMatrixSize(size) != 0)
-        return 1;
-    return untilFailure([&](Mpx2Dev& member, std::size_t i) {
-        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
-        return member.writeMatrix(slice.data, slice.size, convert);
-    });
+    return Mpx2Lad::writeMatrix(data, size, convert);
 }
 
 int Mpx2LadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
@@ -188,13 +160,6 @@ int Mpx2LadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
     });
 }
 
-dv::IMpxFrame* Mpx2LadDev::lastData()
-{
-    return frameOf<unsigned short>(
-        *dorvet, members.chipCount(), DT_I16,
-        [this](unsigned short* pixels, std::size_t count) { return readMatrix(pixels, count, true); });
-}
-
 // ---- Series ----
 
 int Mpx2LadDev::startAcquisition(unsigned count, double time)
@@ -211,18 +176,10 @@ int Mpx2LadDev::prepareAcq()
     return untilFailure([this](Mpx2Dev& member) { return member.prepareAcquisition(acqTime); });
 }
 
-int Mpx2LadDev::stopAcquisition()
-{
-    storeFlag(abortRequested, true);
-    forAll([](Mpx2Dev& member) { member.stopAcquisition(); });
-    return 0;
-}
-
 void Mpx2LadDev::nudgeSeries(bool stopBoards)
 {
     matrixRead.set();
-    if (stopBoards)
-        forAll([](Mpx2Dev& member) { member.stopAcquisition(); });
+    Mpx2Lad::nudgeSeries(stopBoards);
 }
 
 void Mpx2LadDev::acqFunc()

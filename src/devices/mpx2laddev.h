@@ -1,7 +1,7 @@
 // Several Medipix2 or Timepix boards as one detector.
 #pragma once
 
-#include "devices/common/laddev.h"
+#include "devices/common/mpx2lad.h"
 #include "devices/mpx2dev.h"
 
 #include <atomic>
@@ -24,7 +24,7 @@ struct ThreadObject {
 /// A series has a detached thread, which holds `devSync` for the whole of a frame, so that configuration calls wait for
 /// its end. The host's read of a frame copies the members' streams and decodes the copies, while the next frame is
 /// exposed.
-class Mpx2LadDev : public LadDev<dv::IHwDevMpx2, Mpx2Dev> {
+class Mpx2LadDev : public Mpx2Lad<Mpx2Dev> {
 public:
     /// `log` is the library's log, not owned. Touches no hardware before `initDevice`.
     Mpx2LadDev(IDorvet* dorvet, std::string logDirectory, FileLog* log, std::string settingsPath,
@@ -34,46 +34,26 @@ public:
     /// Brings all members up, which takes some seconds for each. -1 without a chip.
     int initDevice() override;
 
-    int deviceType() const override { return 1; }
-    int devMpx2Info(dv::_DevMpx2Info* info) const override;
-    /// Always true: the composite takes its chips for Timepix chips.
-    bool isTimepix() const override { return timepix; }
-    virtual int enableDataCompression(bool) { return dv::RESULT_NOT_SUPPORTED; }
-    virtual bool isDataCompressionEnabled() const { return false; }
-    virtual bool supportsDataCompression() const { return false; }
-
-    // Status. An exchange with a member would take the end of its frame off the link, and so waits for it.
-    /// That of before where a frame takes longer than 100 ms: a poll must not hang.
+    /// As `LadDev`, unless a frame is under way: after 100 ms of waiting the last status comes back.
     int deviceStatus() const override;
     const char* deviceStatusText() const override;
-    double adcValue(unsigned index) const override;
 
-    // Configuration, for which a frame in progress is waited for. Members are called in their order, up to the first
-    // that fails.
+    // These wait for the end of a frame, whose answers they would take else
+    double adcValue(unsigned index) const override;
     int resetMedipix() override;
     int eraseMatrix() override;
-    int setAcqMode(unsigned) override { return 0; }
     int setBias(double volts) override;
-    /// A composite of this family senses no bias.
-    int biasVoltageCurrentSense(double* volts, double* amperes) const override;
-    int setDacs(const unsigned short* dacs, std::size_t size, int chip) override;
-    /// The members' number of DACs for each chip. For a single chip the result is 0, whatever its member said.
-    /// `senseChip` 0 is the first chip of whichever member is called.
     int setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac, int extDac,
                     unsigned ctpr) override;
     int setPixelCfg(const unsigned char* cfg, std::size_t size) override;
-    int setExtDacValue(double) override { return 0; }
-    int sendTestPulses(unsigned, double, double) override { return 0; }
+    int writeMatrix(const unsigned short* data, std::size_t size, bool convert) override;
     /// Sends the pre-shutter clocks of the parameters to the members as well.
     int setTimepixClock(double* mhz) override;
 
-    // Matrices and series
-    int writeMatrix(const unsigned short* data, std::size_t size, bool convert) override;
+    // Matrices and series. A stop waits for nothing; a series that waits for the reader of the frame before goes on
+    // waiting.
     int readMatrix(unsigned short* data, std::size_t size, bool convert) override;
     int startAcquisition(unsigned count, double time) override;
-    /// Waits for nothing. A series that waits for the reader of the frame before goes on waiting.
-    int stopAcquisition() override;
-    dv::IMpxFrame* lastData() override;
     void acqFunc() override;
 
 protected:
@@ -97,7 +77,6 @@ private:
     int recoverDevice(Mpx2Dev& member);
 
     Event matrixRead{false, false, "matrixRead"}; ///< the streams have been taken over; the next may be read
-    bool timepix = true;
     bool parallelReadout = false;  ///< of the parameter "ParallelReadout", as last looked at; the series' thread
     int preShutterClockCount = 10; ///< of the parameters, as last looked at; the host's thread
     int preShutterClockDivider = 2;

@@ -104,17 +104,11 @@ int Mpx3Dev::initDevice()
 
 int Mpx3Dev::openLink()
 {
-    std::string openError;
-    const int result = link.open(deviceNameText, devLog.get(), &openError);
+    if (const int result = link.open(deviceNameText, devLog); result != 0)
+        return result;
     link.usb()->clearBuffers();
     link.usb()->setBitMode(FtdiBitModeFifo);
-    if (result == 0)
-        return 0;
-    report.line(ERR, "Cannot open device %s, error=%d (%s)", deviceNameText.c_str(), result, openError.c_str());
-    link.drop();
-    report.attachLog(nullptr);
-    devLog.reset();
-    return result;
+    return 0;
 }
 
 int Mpx3Dev::closeDevice()

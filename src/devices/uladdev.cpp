@@ -1,16 +1,10 @@
 #include "devices/uladdev.h"
 
-#include "chipdata/mpx2pixelcfg.h"
-#include "devices/common/frames.h"
-#include "shared/datatype.h"
-
 #include <utility>
 
 namespace HwLatixel {
 
 namespace {
-
-constexpr int MPX2_CHIP_KIND = 2;
 
 constexpr ParamRow PARAMS[] = {{"Version", ParamKind::Text, "Version", 0, false, dv::PARAM_READ_ONLY}};
 
@@ -18,13 +12,14 @@ constexpr ParamRow PARAMS[] = {{"Version", ParamKind::Text, "Version", 0, false,
 
 ULadDev::ULadDev(IDorvet* host, std::string logFolder, FileLog* log, std::string settings,
                  std::vector<std::string> names)
-    : LadDev(host, std::move(logFolder), log, std::move(settings), std::move(names))
+    : Mpx2Lad(host, std::move(logFolder), log, std::move(settings), std::move(names))
 {
     // Nothing tells these boards' limits.
     devMpxInfoRec = {};
-    devMpxInfoRec.chipKind = MPX2_CHIP_KIND;
+    devMpxInfoRec.chipKind = CHIP_KIND;
     devMpxInfoRec.reservedBlock[0] = 1;
     tellsMemberResult = true;
+    wrongArgumentCode = dv::RESULT_INVALID_INDEX;
     const ParamContent contents[] = {{"Version", "Version 1.0"}};
     addParams(*params, PARAMS, contents, nullptr, 0);
 }
@@ -44,88 +39,19 @@ std::unique_ptr<UMpx2Dev> ULadDev::makeMember(const std::string& name, const std
     return std::make_unique<UMpx2Dev>(name, dorvet, logDirectory, settingsPath);
 }
 
-int ULadDev::devMpx2Info(dv::_DevMpx2Info* info) const
-{
-    *info = {};
-    return 0;
-}
-
-int ULadDev::resetMedipix()
-{
-    forAll([](UMpx2Dev& member) { member.resetMedipix(); });
-    return 0;
-}
-
-int ULadDev::eraseMatrix()
-{
-    return untilFailure([](UMpx2Dev& member) { return member.eraseMatrix(); });
-}
-
-int ULadDev::setBias(double volts)
-{
-    return untilFailure([volts](UMpx2Dev& member) { return member.setBias(volts); });
-}
-
 int ULadDev::setTimepixClock(double* mhz)
 {
     return untilFailure([mhz](UMpx2Dev& member) { return member.setTimepixClock(mhz); });
 }
 
-int ULadDev::biasVoltageCurrentSense(double* volts, double* amperes) const
-{
-    return noBiasSense(volts, amperes);
-}
-
-int ULadDev::analogValue(unsigned chip, double* value)
-{
-    const auto* found = members.findChip(chip);
-    return found != nullptr ? found->member->analogValue(static_cast<unsigned>(found->index), value)
-                            : logError(dv::RESULT_INVALID_INDEX, "Invalid chip index: %u", chip);
-}
-
-int ULadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
-{
-    return setMpx2Dacs(dacs, size, chip, 0, 0, 0, 0);
-}
-
-int ULadDev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac,
-                         int extDac, unsigned ctpr)
-{
-    return setMembersDacs(dacs, size, chip, senseChip, senseDac, extDac, ctpr);
-}
-
-int ULadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
-{
-    std::vector<unsigned short> words(size);
-    pixelCfgToMatrixMpx2(cfg, size, isTimepix(), words.data());
-    return writeMatrix(words.data(), words.size(), false);
-}
-
-int ULadDev::writeMatrix(const unsigned short* data, std::size_t size, bool convert)
-{
-    if (const int result = checkMatrixSize(size, dv::RESULT_INVALID_INDEX); result != 0)
-        return result;
-    return untilFailure([&](UMpx2Dev& member, std::size_t i) {
-        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
-        return member.writeMatrix(slice.data, slice.size, convert);
-    });
-}
-
 int ULadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
 {
-    if (const int result = checkMatrixSize(size, dv::RESULT_INVALID_INDEX); result != 0)
+    if (const int result = checkMatrixSize(size); result != 0)
         return result;
     return untilFailure([&](UMpx2Dev& member, std::size_t i) {
         const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
         return member.readMatrix(slice.data, slice.size, convert);
     });
-}
-
-dv::IMpxFrame* ULadDev::lastData()
-{
-    return frameOf<unsigned short>(
-        *dorvet, members.chipCount(), DT_I16,
-        [this](unsigned short* pixels, std::size_t count) { return readMatrix(pixels, count, true); });
 }
 
 // ---- Series ----
@@ -138,19 +64,6 @@ int ULadDev::startAcquisition(unsigned count, double time)
         return result;
     startSeriesThread();
     return 0;
-}
-
-int ULadDev::stopAcquisition()
-{
-    storeFlag(abortRequested, true);
-    forAll([](UMpx2Dev& member) { member.stopAcquisition(); });
-    return 0;
-}
-
-void ULadDev::nudgeSeries(bool stopBoards)
-{
-    if (stopBoards)
-        forAll([](UMpx2Dev& member) { member.stopAcquisition(); });
 }
 
 void ULadDev::sendEvent(unsigned event, long data) const

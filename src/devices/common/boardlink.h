@@ -21,14 +21,20 @@ class BoardLink {
 public:
     explicit BoardLink(DeviceReport& deviceReport) : report(deviceReport) {}
 
-    /// Makes link and manager and opens the board of that name. Returns the link's result; `error` takes its words.
-    int open(const std::string& name, FileLog* log, std::string* error)
+    /// Makes link and manager and opens the board of that name, with `log` for the manager. Returns the link's result;
+    /// where that is not 0 it is told, and link and log are given up again.
+    int open(const std::string& name, std::unique_ptr<FileLog>& log)
     {
         mgr.reset();
         ftdi = std::make_unique<FtdiDev>(name, false);
-        mgr = std::make_unique<Manager>(ftdi.get(), log);
+        mgr = std::make_unique<Manager>(ftdi.get(), log.get());
         const int result = ftdi->openDevice(true, 0);
-        *error = ftdi->getLastError();
+        if (result == 0)
+            return 0;
+        report.line(ERR, "Cannot open device %s, error=%d (%s)", name.c_str(), result, ftdi->getLastError());
+        drop();
+        report.attachLog(nullptr);
+        log.reset();
         return result;
     }
     /// Gives both up, the manager first. A link that is still open is closed.

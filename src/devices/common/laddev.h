@@ -106,7 +106,7 @@ public:
         ThreadLock lock(&devSync);
         const auto* found = members.findChip(chip);
         return found != nullptr ? found->member->analogValue(static_cast<unsigned>(found->index), value)
-                                : logError(1, "Invalid chip index: %u", chip);
+                                : logError(wrongArgumentCode, "Invalid chip index: %u", chip);
     }
     /// As requested, not as measured.
     double lastAcqTime() const override { return acqTime; }
@@ -219,42 +219,13 @@ protected:
                        perChip);
     }
     std::size_t pixelCount() const { return static_cast<std::size_t>(members.chipCount()) * LAD_CHIP_PIXELS; }
-    int checkMatrixSize(std::size_t size, int code = 1) const
+    int checkMatrixSize(std::size_t size) const
     {
         if (size >= pixelCount())
             return 0;
-        return logError(code, "Invalid size for matrix (%lu < %lu)", static_cast<unsigned long>(size),
+        return logError(wrongArgumentCode, "Invalid size for matrix (%lu < %lu)", static_cast<unsigned long>(size),
                         static_cast<unsigned long>(pixelCount()));
     }
-    /// The answer of composites of Medipix2 and Timepix boards, which sense no bias.
-    static int noBiasSense(double* volts, double* amperes)
-    {
-        if (volts != nullptr)
-            *volts = 0.0;
-        if (amperes != nullptr)
-            *amperes = 0.0;
-        return dv::RESULT_NOT_SUPPORTED;
-    }
-    /// Sets the DACs of all members, or of the one with `chip`, from an array over all chips. For a single chip the
-    /// result is 0, whatever its member said. `senseChip` 0 is the first chip of whichever member is called.
-    int setMembersDacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac, int extDac,
-                       unsigned ctpr)
-    {
-        const auto* sensed = members.findChip(static_cast<unsigned>(senseChip));
-        const int memberSense = senseChip == 0 || sensed == nullptr ? 0 : sensed->index;
-        const auto call = [&](Member& member, std::size_t i, int memberChip) {
-            const auto slice = memberSlice(dacs, size, i, static_cast<std::size_t>(member.dacCount()));
-            return member.setMpx2Dacs(slice.data, slice.size, memberChip, memberSense, senseDac, extDac, ctpr);
-        };
-        if (chip < 0)
-            return untilFailure([&](Member& member, std::size_t i) { return call(member, i, -1); });
-        const auto* found = members.findChip(static_cast<unsigned>(chip));
-        for (std::size_t i = 0; i < members.size() && found != nullptr; ++i)
-            if (found->member == &members[i])
-                call(members[i], i, found->index);
-        return 0;
-    }
-
     void setBusy(bool value)
     {
         if (loadFlag(busy) == value)
@@ -326,9 +297,10 @@ protected:
     std::atomic<unsigned> acqCount{0};
     std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
     std::atomic<double> acqTimeRequested{0.0}; ///< the same
-    bool tellsMemberResult = false;            ///< what a failed broadcast returns; set by the constructor
-    int recoverAttemptCount = 5;               ///< setting "RecoverAttemptCount"
-    dv::EventFunc eventFunc = nullptr;         ///< set by the host before a series
+    int wrongArgumentCode = 1; ///< for a chip that is not there and a matrix that is too small; set by the constructor
+    bool tellsMemberResult = false;    ///< what a failed broadcast returns; set by the constructor
+    int recoverAttemptCount = 5;       ///< setting "RecoverAttemptCount"
+    dv::EventFunc eventFunc = nullptr; ///< set by the host before a series
     void* eventUser = nullptr;
     mutable LastError statusText;
     SeriesThreads series;
