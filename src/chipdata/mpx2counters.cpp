@@ -58,3 +58,8 @@ int convertCountsMpx2(unsigned short* matrix, unsigned long size, bool pseudoToC
     }
     return errors;
 }
+
+const unsigned short* mpx2CountTable()
+{
+    return TABLES.pseudoToCount.data();
+}

@@ -130,3 +130,8 @@ int convertCountsMpx3(unsigned int* matrix, unsigned long size, unsigned char de
         matrix, size, limit, [](unsigned pixel) { return pixel >> 16; },
         [values](unsigned pixel) { return (pixel & 0xFFFF) | unsigned{values[pixel >> 16]} << 16; });
 }
+
+const unsigned short* mpx3CountTable(unsigned char depth)
+{
+    return depth == 6 ? table6bit(true).values : table12bit(true, true).values;
+}
