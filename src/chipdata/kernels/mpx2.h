@@ -77,7 +77,7 @@ KERNEL_INLINE void decodeStretch(const unsigned char* from, std::size_t planeStr
     Bytes blocks[WORD_BLOCKS];
     loadPlanes<PLANES>(from, planeStride, planes);
     planesToWords<COUNTED>(planes, words);
-    gatherBlocks(words, blocks);
+    gatherWords(words, blocks);
     for (unsigned i = 0; i < LANE; ++i) {
         storeBlock<HOW>(pixels + places[i], laneOf<0>(blocks[i]), counts);
         if constexpr (LANES > 1)

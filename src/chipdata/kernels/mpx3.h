@@ -14,32 +14,49 @@ constexpr unsigned COUNTER_PLANES = 12;
 constexpr unsigned ANY_PLANES = WORD_PLANES; // a kernel for as many planes as the rows have
 constexpr std::size_t ROW_BYTES = COUNTER_PLANES * PLANE_BYTES;
 
-/// Stores four pixels.
-template <Store how>
-KERNEL_INLINE void storePixels(std::uint32_t* to, ByteLane pixels)
+/// Stores a part of a block.
+template <Store how, class V>
+KERNEL_INLINE void storePixels(std::uint32_t* to, V pixels)
 {
     if constexpr (how == Store::Or)
-        pixels |= load<ByteLane>(to);
+        pixels |= load<V>(to);
     store(to, pixels);
 }
 
-/// Stores the blocks of both lanes, from their words and what stands above those. `shift` moves the pixels up.
+/// Stores a block of words in bits `shift` up.
 template <Store how, bool shifted>
-KERNEL_INLINE void storeBlocks(std::uint32_t* pixels, const std::ptrdiff_t* places, Bytes low, Bytes high,
-                               unsigned shift)
+KERNEL_INLINE void storeWords(std::uint32_t* to, ByteLane words, unsigned shift)
 {
-    Bytes left = unpackLow<Words>(low, high);
-    Bytes right = unpackHigh<Words>(low, high);
+#ifdef __AVX2__
+    Longs pixels = (Longs)_mm256_cvtepu16_epi32((__m128i)words);
+    if constexpr (shifted)
+        pixels <<= shift;
+    storePixels<how>(to, pixels);
+#else
+    LongLane left = (LongLane)unpackLow<Words>(words, Bytes{});
+    LongLane right = (LongLane)unpackHigh<Words>(words, Bytes{});
     if constexpr (shifted) {
-        left = (Bytes)((Longs)left << shift);
-        right = (Bytes)((Longs)right << shift);
+        left <<= shift;
+        right <<= shift;
     }
-    storePixels<how>(pixels + places[0], laneOf<0>(left));
-    storePixels<how>(pixels + places[0] + BLOCK / 2, laneOf<0>(right));
-    if constexpr (LANES > 1) {
-        storePixels<how>(pixels + places[LANE], laneOf<LANES - 1>(left));
-        storePixels<how>(pixels + places[LANE] + BLOCK / 2, laneOf<LANES - 1>(right));
-    }
+    storePixels<how>(to, left);
+    storePixels<how>(to + BLOCK / 2, right);
+#endif
+}
+
+/// The same for a block of bytes.
+template <Store how, bool shifted>
+KERNEL_INLINE void storeBytes(std::uint32_t* to, const unsigned char* bytes, unsigned shift)
+{
+#ifdef __AVX2__
+    Longs pixels = (Longs)_mm256_cvtepu8_epi32(_mm_loadl_epi64((const __m128i*)bytes));
+    if constexpr (shifted)
+        pixels <<= shift;
+    storePixels<how>(to, pixels);
+#else
+    const Quads block = {load<std::uint64_t>(bytes)};
+    storeWords<how, shifted>(to, unpackLow<Bytes>((Bytes)block, Bytes{}), shift);
+#endif
 }
 
 /// Stores the counts of a block of states, and if there are high ones theirs from bit `position` up.
@@ -57,6 +74,19 @@ KERNEL_INLINE void storeCounts(std::uint32_t* to, ByteLane low, ByteLane high, c
     }
 }
 
+/// Calls `visit` for the block in each lane of vectors that have one block in a lane. Pixels are written from the left
+/// as far as the places tell, since a processor joins stores to the same line of its cache only if they follow each
+/// other.
+template <class Visit>
+KERNEL_INLINE void forEachBlock(Visit visit)
+{
+    if constexpr (LANES > 1)
+        for (unsigned i = WORD_BLOCKS; i-- > 0;)
+            visit.template operator()<LANES - 1>(i);
+    for (unsigned i = WORD_BLOCKS; i-- > 0;)
+        visit.template operator()<0>(i);
+}
+
 /// The words of a counter of `planes` planes, block by block.
 template <unsigned planes>
 KERNEL_INLINE void wordsOfPlanes(Bytes* plane, Bytes* blocks)
@@ -70,7 +100,7 @@ KERNEL_INLINE void wordsOfPlanes(Bytes* plane, Bytes* blocks)
             plane[BYTE_PLANES + k] = Bytes{};
     Bytes words[WORD_BLOCKS];
     joinBytes(plane, plane + BYTE_PLANES, words);
-    gatherBlocks(words, blocks);
+    gatherWords(words, blocks);
 }
 
 /// A stretch of one counter: where it comes from and goes to.
@@ -81,6 +111,29 @@ struct Stretch {
     std::uint32_t* pixels;
     const std::ptrdiff_t* places;
 };
+
+/// Decodes one vector of each plane of a counter that fits into bytes.
+template <unsigned planes, Store how, bool shifted>
+KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
+{
+    Bytes plane[BYTE_PLANES];
+    Bytes pairs[BYTE_PLANES]; // of blocks
+    loadPlanes<planes>(at.low, at.planeStride, plane);
+    transposeBits<planes>(plane);
+    gatherPixels<Bytes, Words, Longs>(plane, pairs);
+    unsigned char pixels[BYTE_PLANES][WIDTH];
+    for (unsigned i = 0; i < BYTE_PLANES; ++i)
+        store(pixels[i], pairs[i]);
+    forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
+        const unsigned char* from = &pixels[i / 2][lane * LANE + i % 2 * BLOCK];
+        std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
+        if constexpr (how == Store::Count)
+            for (unsigned k = 0; k < BLOCK; ++k)
+                to[k] = rows.counts[from[k]];
+        else
+            storeBytes<how, shifted>(to, from, rows.position);
+    });
+}
 
 /// Decodes one vector of each plane of one counter.
 template <unsigned planes, Store how, bool shifted>
@@ -94,16 +147,13 @@ KERNEL_INLINE void decodeOne(const Stretch& at, const Mpx3Rows& rows)
     else
         loadPlanes<planes>(at.low, at.planeStride, plane);
     wordsOfPlanes<planes>(plane, blocks);
-    for (unsigned i = 0; i < WORD_BLOCKS; ++i) {
-        if constexpr (how == Store::Count) {
-            storeCounts<false>(at.pixels + at.places[i], laneOf<0>(blocks[i]), ByteLane{}, rows.counts, 0);
-            if constexpr (LANES > 1)
-                storeCounts<false>(at.pixels + at.places[i + LANE], laneOf<LANES - 1>(blocks[i]), ByteLane{},
-                                   rows.counts, 0);
-        } else {
-            storeBlocks<how, shifted>(at.pixels, at.places + i, blocks[i], Bytes{}, rows.position);
-        }
-    }
+    forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
+        std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
+        if constexpr (how == Store::Count)
+            storeCounts<false>(to, laneOf<lane>(blocks[i]), ByteLane{}, rows.counts, 0);
+        else
+            storeWords<how, shifted>(to, laneOf<lane>(blocks[i]), rows.position);
+    });
 }
 
 /// Decodes one vector of each plane of both counters. The planes of a 24-bit count are put together as such, unless the
@@ -121,16 +171,15 @@ KERNEL_INLINE void decodeBoth(const Stretch& at, const Mpx3Rows& rows)
     loadPlanes<COUNTER_PLANES>(at.high, at.planeStride, plane + HIGH_PLACE);
     wordsOfPlanes<HIGH_PLANES>(plane + WORD_PLANES, high);
     wordsOfPlanes<LOW_PLANES>(plane, low);
-    for (unsigned i = 0; i < WORD_BLOCKS; ++i) {
+    forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
+        std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
         if constexpr (how == Store::Count) {
-            storeCounts<true>(at.pixels + at.places[i], laneOf<0>(low[i]), laneOf<0>(high[i]), rows.counts, position);
-            if constexpr (LANES > 1)
-                storeCounts<true>(at.pixels + at.places[i + LANE], laneOf<LANES - 1>(low[i]),
-                                  laneOf<LANES - 1>(high[i]), rows.counts, position);
+            storeCounts<true>(to, laneOf<lane>(low[i]), laneOf<lane>(high[i]), rows.counts, position);
         } else {
-            storeBlocks<how, false>(at.pixels, at.places + i, low[i], high[i], 0);
+            storePixels<how>(to, laneOf<lane>(unpackLow<Words>(low[i], high[i])));
+            storePixels<how>(to + BLOCK / 2, laneOf<lane>(unpackHigh<Words>(low[i], high[i])));
         }
-    }
+    });
 }
 
 /// Walks the rows: whole vectors of their planes, and what is left of a plane through a copy, so that nothing behind it
@@ -170,7 +219,12 @@ KERNEL_INLINE void walk(const Mpx3Rows& rows, Decode decode)
 template <unsigned planes, Store how, bool shifted>
 void walkOne(const Mpx3Rows& rows)
 {
-    walk(rows, [&rows](const Stretch& at) { decodeOne<planes, how, shifted>(at, rows); });
+    walk(rows, [&rows](const Stretch& at) {
+        if constexpr (planes <= BYTE_PLANES)
+            decodeBytes<planes, how, shifted>(at, rows);
+        else
+            decodeOne<planes, how, shifted>(at, rows);
+    });
 }
 
 template <Store how, unsigned position>

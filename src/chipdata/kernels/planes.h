@@ -59,32 +59,38 @@ KERNEL_INLINE void joinBytes(const Bytes* low, const Bytes* high, Bytes* words)
     }
 }
 
-/// Puts the pixels of a block side by side: lane l of blocks[i] becomes block 16 * l + i.
-KERNEL_INLINE void gatherBlocks(const Bytes* words, Bytes* blocks)
+/// Puts the pixels of a block side by side: takes elements of the type of `Pixel` from eight vectors, one for each pixel
+/// k, and puts the eight with the same place together. `Pair` and `Four` are of two and of four such elements. The
+/// vectors that come out have the blocks of each lane in ascending order, one or two of them in a lane.
+template <class Pixel, class Pair, class Four>
+KERNEL_INLINE void gatherPixels(const Bytes* k, Bytes* out)
 {
-    for (unsigned half = 0; half < WORD_BLOCKS; half += BLOCK) {
-        const Bytes* k = words + half;
-        Bytes pairs[8];
-        for (unsigned i = 0; i < 4; ++i) {
-            pairs[i] = unpackLow<Words>(k[2 * i], k[2 * i + 1]);
-            pairs[i + 4] = unpackHigh<Words>(k[2 * i], k[2 * i + 1]);
-        }
-        Bytes fours[8];
-        for (unsigned i = 0; i < 8; i += 2) {
-            fours[i] = unpackLow<Longs>(pairs[i], pairs[i + 1]);
-            fours[i + 1] = unpackHigh<Longs>(pairs[i], pairs[i + 1]);
-        }
-        // Pixels 0 to 3 of a block are in one of these, 4 to 7 in the one two further on.
-        for (unsigned h = 0; h < 8; h += 4)
-            for (unsigned q = 0; q < 2; ++q) {
-                Bytes* block = blocks + half + h + 2 * q;
-                block[0] = unpackLow<Quads>(fours[h + q], fours[h + q + 2]);
-                block[1] = unpackHigh<Quads>(fours[h + q], fours[h + q + 2]);
-            }
+    Bytes pairs[8];
+    for (unsigned i = 0; i < 4; ++i) {
+        pairs[i] = unpackLow<Pixel>(k[2 * i], k[2 * i + 1]);
+        pairs[i + 4] = unpackHigh<Pixel>(k[2 * i], k[2 * i + 1]);
     }
+    Bytes fours[8];
+    for (unsigned i = 0; i < 8; i += 2) {
+        fours[i] = unpackLow<Pair>(pairs[i], pairs[i + 1]);
+        fours[i + 1] = unpackHigh<Pair>(pairs[i], pairs[i + 1]);
+    }
+    // Pixels 0 to 3 of a block are in one of these, 4 to 7 in the one two further on.
+    for (unsigned h = 0; h < 8; h += 4)
+        for (unsigned q = 0; q < 2; ++q) {
+            out[h + 2 * q] = unpackLow<Four>(fours[h + q], fours[h + q + 2]);
+            out[h + 2 * q + 1] = unpackHigh<Four>(fours[h + q], fours[h + q + 2]);
+        }
 }
 
-/// Cuts blocks, laid out as gatherBlocks leaves them, into the low and the high bytes of pixel k of every block. That
+/// gatherPixels for words as joinBytes makes them: lane l of blocks[i] becomes block 16 * l + i.
+KERNEL_INLINE void gatherWords(const Bytes* words, Bytes* blocks)
+{
+    gatherPixels<Words, Longs, Quads>(words, blocks);
+    gatherPixels<Words, Longs, Quads>(words + BLOCK, blocks + BLOCK);
+}
+
+/// Cuts blocks, laid out as gatherWords leaves them, into the low and the high bytes of pixel k of every block. That
 /// is sixteen by sixteen bytes transposed in each lane, byte h of pixel k going to vector 2 * k + h; each of the four
 /// rounds takes one bit of the vectors' numbers into those of the bytes.
 KERNEL_INLINE void scatterBlocks(const Bytes* blocks, Bytes* low, Bytes* high)

@@ -16,6 +16,7 @@
 #endif
 
 #define KERNEL_INLINE [[gnu::always_inline]] inline
+#define KERNEL_LAMBDA __attribute__((always_inline)) // behind the parameters
 
 namespace {
 
