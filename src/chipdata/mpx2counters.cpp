@@ -1,18 +1,15 @@
 // The Medipix2 counter code, see mpx2counters.h.
 #include "chipdata/mpx2counters.h"
 
+#include "chipdata/registers.h"
+
 #include <algorithm>
 #include <array>
 
 namespace {
 
-constexpr unsigned STATES = 1U << 14;
+constexpr unsigned STATES = MPX2_REGISTER.states;
 constexpr unsigned FIRST_STATE = STATES - 1; // of a cleared counter
-
-constexpr unsigned nextState(unsigned state)
-{
-    return ((state >> 13) ^ (state & 1)) | (state * 2 & (STATES - 2));
-}
 
 /// What each value is converted to. The last entry stands for all values that have more than 14 bits.
 using Table = std::array<unsigned short, STATES + 1>;
@@ -30,7 +27,7 @@ constexpr Tables TABLES = [] {
     tables.countToPseudo.fill(MPX2_UNKNOWN_COUNT);
     tables.closed = true;
     unsigned state = FIRST_STATE;
-    for (unsigned count = 0; count < MPX2_COUNTS; ++count, state = nextState(state)) {
+    for (unsigned count = 0; count < MPX2_COUNTS; ++count, state = MPX2_REGISTER.next(state)) {
         tables.closed = tables.closed && (state == FIRST_STATE) == (count == 0);
         tables.pseudoToCount[state] = static_cast<unsigned short>(count);
         tables.countToPseudo[count] = static_cast<unsigned short>(state);

@@ -10,7 +10,9 @@
 // are just 127 * 31 * 3 without one.
 #pragma once
 
+#ifdef __AVX2__
 #include "chipdata/kernels/planes.h"
+#include "chipdata/kernels/sums.h"
 
 namespace {
 namespace mpx2 {
@@ -23,22 +25,6 @@ constexpr unsigned PART_SUMS[STATE_BITS] = {0x010D, 0x021A, 0x0434, 0x0868, 0x10
                                             0x084B, 0x1096, 0x1509, 0x212C, 0x2A12,                 //
                                             0x16DB, 0x2DB6};
 constexpr unsigned PART_A = 0, PART_B = 7, PART_C = 12; // first sums of the parts
-
-/// The sums of a state, from its bits, bit 0 first. A bit is a number, or a plane with the bit of many pixels.
-template <class Bit>
-KERNEL_INLINE constexpr void sumParts(const Bit* state, Bit* sums)
-{
-#pragma GCC unroll 14
-    for (unsigned sum = 0; sum < STATE_BITS; ++sum) {
-        sums[sum] = Bit{};
-#pragma GCC unroll 14
-        for (unsigned i = 0; i < STATE_BITS; ++i)
-            if (PART_SUMS[sum] >> i & 1)
-                sums[sum] = sums[sum] ^ state[STATE_BITS - 1 - i];
-    }
-}
-
-#ifdef __AVX2__
 
 // A count n below 11811 = 93 * 127 is 93 * p + 127 * q modulo 11811 with one p below 127 and one q below 93. p comes
 // from part A alone. q is 3 * v + 31 * u modulo 93, where v comes from part B and u from part C.
@@ -63,24 +49,12 @@ struct PartTables {
     std::uint8_t manyU[16]; ///< 31 * u
 };
 
-constexpr unsigned nextState(unsigned state)
-{
-    return (state << 1 & ((1U << STATE_BITS) - 1)) | ((state >> 13 ^ state) & 1);
-}
-
 constexpr PartTables PART_TABLES = [] {
     PartTables tables{};
     tables.p[0] = UNKNOWN_P;
-    unsigned state = (1U << STATE_BITS) - 1; // of a cleared counter
-    for (unsigned n = 0; n < P_COUNTS; ++n, state = nextState(state)) {
-        unsigned bits[STATE_BITS]{};
-        for (unsigned i = 0; i < STATE_BITS; ++i)
-            bits[i] = state >> i & 1;
-        unsigned sums[STATE_BITS]{};
-        sumParts(bits, sums);
-        unsigned parts = 0;
-        for (unsigned i = 0; i < STATE_BITS; ++i)
-            parts |= sums[i] << i;
+    unsigned state = MPX2_REGISTER.states - 1; // of a cleared counter
+    for (unsigned n = 0; n < P_COUNTS; ++n, state = MPX2_REGISTER.next(state)) {
+        const unsigned parts = sumsOfState(PART_SUMS, state);
         const unsigned q = divided(n, P_COUNTS, Q_COUNTS);
         tables.p[parts & 0x7F] = static_cast<std::uint8_t>(divided(n, Q_COUNTS, P_COUNTS));
         tables.threeV[parts >> PART_B & 0x1F] = static_cast<std::uint8_t>(U_COUNTS * divided(q, U_COUNTS, V_COUNTS));
@@ -100,7 +74,7 @@ constexpr ByteTable<1> U_TABLE(PART_TABLES.manyU);
 KERNEL_INLINE void splitStates(Bytes* planes)
 {
     Bytes sums[STATE_BITS];
-    sumParts(planes, sums);
+    sumPlanes(PART_SUMS, planes, sums);
     const Bytes* a = sums + PART_A;
     const Bytes* b = sums + PART_B;
     const Bytes* c = sums + PART_C;
@@ -132,7 +106,6 @@ KERNEL_INLINE void countsOfParts(Bytes partA, Bytes partsBC, Bytes& lower, Bytes
     upper = (Bytes)smaller<Words>(high, high - static_cast<std::uint16_t>(COUNTS));
 }
 
-#endif
-
 } // namespace mpx2
 } // namespace
+#endif

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "chipdata/kernels/kernels.h"
+#include "chipdata/kernels/mpx3counter.h"
 #include "chipdata/kernels/planes.h"
 
 namespace {
@@ -103,6 +104,28 @@ KERNEL_INLINE void wordsOfPlanes(Bytes* plane, Bytes* blocks)
     gatherWords(words, blocks);
 }
 
+#ifdef __AVX2__
+constexpr bool COUNTS_FROM_PLANES = true;
+#else
+constexpr bool COUNTS_FROM_PLANES = false;
+#endif
+
+/// wordsOfPlanes from the planes of 12-bit states to the words of counts.
+KERNEL_INLINE void countsOfPlanes([[maybe_unused]] Bytes* plane, [[maybe_unused]] Bytes* blocks)
+{
+#ifdef __AVX2__
+    Bytes parts[2 * BYTE_PLANES];
+    Bytes words[WORD_BLOCKS];
+    splitStates(plane, parts);
+    transposeBits<PART_BITS>(parts);
+    transposeBits<PART_BITS>(parts + BYTE_PLANES);
+#pragma GCC unroll 8
+    for (unsigned k = 0; k < BLOCK; ++k)
+        countsOfParts(parts[k], parts[k + BYTE_PLANES], words[k], words[k + BLOCK]);
+    gatherWords(words, blocks);
+#endif
+}
+
 /// A stretch of one counter: where it comes from and goes to.
 struct Stretch {
     const unsigned char* low;
@@ -120,6 +143,13 @@ KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
     Bytes pairs[BYTE_PLANES]; // of blocks
     loadPlanes<planes>(at.low, at.planeStride, plane);
     transposeBits<planes>(plane);
+    constexpr bool COUNTED = how == Store::Count && planes == 6 && COUNTS_FROM_PLANES;
+    constexpr Store HOW = COUNTED ? Store::Replace : how;
+#ifdef __AVX2__
+    if constexpr (COUNTED)
+        for (unsigned k = 0; k < BLOCK; ++k)
+            plane[k] = lookup(SIX_BIT_COUNTS, plane[k]);
+#endif
     gatherPixels<Bytes, Words, Longs>(plane, pairs);
     unsigned char pixels[BYTE_PLANES][WIDTH];
     for (unsigned i = 0; i < BYTE_PLANES; ++i)
@@ -127,11 +157,11 @@ KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
     forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
         const unsigned char* from = &pixels[i / 2][lane * LANE + i % 2 * BLOCK];
         std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
-        if constexpr (how == Store::Count)
+        if constexpr (HOW == Store::Count)
             for (unsigned k = 0; k < BLOCK; ++k)
                 to[k] = rows.counts[from[k]];
         else
-            storeBytes<how, shifted>(to, from, rows.position);
+            storeBytes<HOW, shifted>(to, from, rows.position);
     });
 }
 
@@ -139,6 +169,8 @@ KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
 template <unsigned planes, Store how, bool shifted>
 KERNEL_INLINE void decodeOne(const Stretch& at, const Mpx3Rows& rows)
 {
+    constexpr bool COUNTED = how == Store::Count && planes == COUNTER_PLANES && COUNTS_FROM_PLANES;
+    constexpr Store HOW = COUNTED ? Store::Replace : how;
     Bytes plane[WORD_PLANES];
     Bytes blocks[WORD_BLOCKS];
     if constexpr (planes == ANY_PLANES)
@@ -146,14 +178,27 @@ KERNEL_INLINE void decodeOne(const Stretch& at, const Mpx3Rows& rows)
             plane[p] = p < rows.planes ? load<Bytes>(at.low + (rows.planes - 1 - p) * at.planeStride) : Bytes{};
     else
         loadPlanes<planes>(at.low, at.planeStride, plane);
-    wordsOfPlanes<planes>(plane, blocks);
+    if constexpr (COUNTED)
+        countsOfPlanes(plane, blocks);
+    else
+        wordsOfPlanes<planes>(plane, blocks);
     forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
         std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
-        if constexpr (how == Store::Count)
+        if constexpr (HOW == Store::Count)
             storeCounts<false>(to, laneOf<lane>(blocks[i]), ByteLane{}, rows.counts, 0);
         else
-            storeWords<how, shifted>(to, laneOf<lane>(blocks[i]), rows.position);
+            storeWords<HOW, shifted>(to, laneOf<lane>(blocks[i]), rows.position);
     });
+}
+
+/// Two words, or their half-vectors, put together to pixels: the high one from bit `position` up.
+template <unsigned position>
+KERNEL_INLINE Bytes joinWords(Bytes joined)
+{
+    if constexpr (position == WORD_PLANES)
+        return joined;
+    const Longs pixels = (Longs)joined;
+    return (Bytes)((pixels & 0xFFFF) | (pixels >> WORD_PLANES << position));
 }
 
 /// Decodes one vector of each plane of both counters. The planes of a 24-bit count are put together as such, unless the
@@ -164,20 +209,28 @@ KERNEL_INLINE void decodeBoth(const Stretch& at, const Mpx3Rows& rows)
     constexpr unsigned HIGH_PLACE = how == Store::Count ? WORD_PLANES : position;
     constexpr unsigned LOW_PLANES = HIGH_PLACE < WORD_PLANES ? WORD_PLANES : COUNTER_PLANES;
     constexpr unsigned HIGH_PLANES = HIGH_PLACE + COUNTER_PLANES - WORD_PLANES;
+    constexpr bool COUNTED = how == Store::Count && COUNTS_FROM_PLANES;
     Bytes plane[2 * WORD_PLANES];
     Bytes low[WORD_BLOCKS];
     Bytes high[WORD_BLOCKS];
     loadPlanes<COUNTER_PLANES>(at.low, at.planeStride, plane);
     loadPlanes<COUNTER_PLANES>(at.high, at.planeStride, plane + HIGH_PLACE);
-    wordsOfPlanes<HIGH_PLANES>(plane + WORD_PLANES, high);
-    wordsOfPlanes<LOW_PLANES>(plane, low);
+    if constexpr (COUNTED) {
+        countsOfPlanes(plane + WORD_PLANES, high);
+        countsOfPlanes(plane, low);
+    } else {
+        wordsOfPlanes<HIGH_PLANES>(plane + WORD_PLANES, high);
+        wordsOfPlanes<LOW_PLANES>(plane, low);
+    }
     forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
         std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
-        if constexpr (how == Store::Count) {
+        if constexpr (how == Store::Count && !COUNTED) {
             storeCounts<true>(to, laneOf<lane>(low[i]), laneOf<lane>(high[i]), rows.counts, position);
         } else {
-            storePixels<how>(to, laneOf<lane>(unpackLow<Words>(low[i], high[i])));
-            storePixels<how>(to + BLOCK / 2, laneOf<lane>(unpackHigh<Words>(low[i], high[i])));
+            constexpr unsigned SHIFT = COUNTED ? position : WORD_PLANES;
+            storePixels<Store::Replace>(to, laneOf<lane>(joinWords<SHIFT>(unpackLow<Words>(low[i], high[i]))));
+            storePixels<Store::Replace>(to + BLOCK / 2,
+                                        laneOf<lane>(joinWords<SHIFT>(unpackHigh<Words>(low[i], high[i]))));
         }
     });
 }
