@@ -1,6 +1,6 @@
-// The matrix kernels beside what they are measured against, in one process on one core: a copy of as many bytes as go in
-// and come out, the form that goes bit by bit, and the form with tables. The forms of a path run in turn, round after
-// round, and the medians count, so that what else the machine does meets all of them alike.
+// The matrix kernels beside what they are measured against, in one process on one core: a copy of as many bytes as go
+// in and come out, the form that goes bit by bit, and the form with tables. The forms of a path run in turn, round
+// after round, and the medians count, so that what else the machine does meets all of them alike.
 //
 // decode_bench [--benchmark_filter=TEXT] [--benchmark_out=FILE]: the paths whose names contain TEXT; prints a table, or
 // writes the results to FILE as JSON.

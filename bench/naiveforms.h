@@ -54,8 +54,8 @@ inline void decodeMpx3(const unsigned char* stream, std::size_t channels, int pl
                 for (std::size_t byte = 0; byte < PLANE; ++byte, cursor += channels)
                     for (std::size_t bit = 0; bit < 8; ++bit)
                         if (*cursor & BYTE_MASK[bit])
-                            matrix[channel * CHIP + row * SIDE + SIDE - 1 - (8 * byte + bit)] |=
-                                1U << (plane + position);
+                            matrix[channel * CHIP + row * SIDE + SIDE - 1 - (8 * byte + bit)] |= 1U
+                                                                                                 << (plane + position);
     }
 }
 

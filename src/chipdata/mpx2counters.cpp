@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstring>
+#include <span>
 
 namespace {
 
@@ -42,18 +45,38 @@ static_assert(TABLES.pseudoToCount[FIRST_STATE] == 0 && TABLES.countToPseudo[1] 
 // An entry of 0 would be an unknown value: no count but 0, and no state at all, may be 0.
 static_assert(TABLES.pseudoToCount[0] == MPX2_UNKNOWN_COUNT);
 
+/// Converts values of any size, and returns the number of those out of range.
+int convertChecked(const Table& table, std::span<unsigned short> values)
+{
+    int errors = 0;
+    for (unsigned short& value : values) {
+        errors += value >= STATES;
+        value = table[std::min<unsigned>(value, STATES)];
+    }
+    return errors;
+}
+
 } // namespace
 
 int convertCountsMpx2(unsigned short* matrix, unsigned long size, bool pseudoToCount)
 {
     const Table& table = pseudoToCount ? TABLES.pseudoToCount : TABLES.countToPseudo;
+    // One test for four values that are all in range, which those of a chip are.
+    constexpr unsigned long GROUP = 4;
+    constexpr std::uint64_t TOO_HIGH = 0xC000C000C000C000;
+    const unsigned long whole = size / GROUP * GROUP;
     int errors = 0;
-    for (unsigned long i = 0; i < size; ++i) {
-        const unsigned value = matrix[i];
-        matrix[i] = table[std::min(value, STATES)];
-        errors += value >= STATES;
+    for (unsigned long i = 0; i < whole; i += GROUP) {
+        std::uint64_t group;
+        std::memcpy(&group, matrix + i, sizeof(group));
+        if ((group & TOO_HIGH) != 0) {
+            errors += convertChecked(table, {matrix + i, GROUP});
+            continue;
+        }
+        for (unsigned long k = i; k < i + GROUP; ++k)
+            matrix[k] = table[matrix[k]];
     }
-    return errors;
+    return errors + convertChecked(table, {matrix + whole, size - whole});
 }
 
 const unsigned short* mpx2CountTable()

@@ -41,8 +41,8 @@ std::span<T> behind(std::span<T> buffer, std::size_t offset)
     return buffer.subspan(std::min(offset, buffer.size()));
 }
 
-/// Interleaved streams that are decoded at the same time, a chip of each. Alone a stream is one that is interleaved with
-/// no other.
+/// Interleaved streams that are decoded at the same time, a chip of each. Alone a stream is one that is interleaved
+/// with no other.
 struct Streams {
     std::size_t count;
     std::size_t step; ///< pixels from the chip of one stream to that of the next in the matrix

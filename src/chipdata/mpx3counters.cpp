@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <mutex>
+#include <span>
 
 namespace {
 
@@ -69,13 +70,14 @@ template <class Counter, class Convert>
 int replace(unsigned int* matrix, unsigned long size, unsigned limit, Counter counter, Convert convert)
 {
     int failed = 0;
-    for (unsigned long i = 0; i < size; ++i) {
-        const unsigned pixel = matrix[i];
-        const bool ok = counter(pixel) < limit;
-        // A pixel that failed takes entry 0, so that no lookup leaves the table and nothing branches.
-        const unsigned converted = convert(ok ? pixel : 0U);
-        matrix[i] = ok ? converted : MPX3_FAILED_PIXEL;
-        failed += !ok;
+    for (unsigned& pixel : std::span(matrix, size)) {
+        // Failing pixels are rare enough for a branch, which waits for nothing.
+        if (counter(pixel) < limit) {
+            pixel = convert(pixel);
+        } else {
+            pixel = MPX3_FAILED_PIXEL;
+            ++failed;
+        }
     }
     return failed;
 }

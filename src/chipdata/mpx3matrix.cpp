@@ -64,7 +64,8 @@ Stream behind(Stream stream, std::size_t offset)
     return stream.subspan(std::min(offset, stream.size()));
 }
 
-/// The first pixel of the block in each byte of row 0. The first byte of a plane has the rightmost block of its columns.
+/// The first pixel of the block in each byte of row 0. The first byte of a plane has the rightmost block of its
+/// columns.
 std::vector<std::ptrdiff_t> rowBlocks(const ChannelMap& map, const RowShape& row)
 {
     std::vector<std::ptrdiff_t> first(row.planeBytes() * map.count());

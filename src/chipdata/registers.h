@@ -5,9 +5,10 @@
 
 /// A shift register whose new bit 0 is the parity of the tapped bits of its state.
 struct ShiftRegister {
-    unsigned states;     ///< 2 to the number of its bits
+    unsigned states; ///< 2 to the number of its bits
     unsigned taps;
-    unsigned insertZero; ///< bits that must all be 0 for the new bit to flip, which takes the state 0 into the cycle; or 0
+    unsigned
+        insertZero; ///< bits that must all be 0 for the new bit to flip, which takes the state 0 into the cycle; or 0
 
     constexpr unsigned next(unsigned state) const
     {
@@ -17,6 +18,6 @@ struct ShiftRegister {
     }
 };
 
-constexpr ShiftRegister MPX2_REGISTER{1U << 14, 0x2001, 0};         ///< begins with all bits set
-constexpr ShiftRegister MPX3_6BIT_REGISTER{1U << 6, 0x21, 0x1F};    ///< begins with 0
+constexpr ShiftRegister MPX2_REGISTER{1U << 14, 0x2001, 0};          ///< begins with all bits set
+constexpr ShiftRegister MPX3_6BIT_REGISTER{1U << 6, 0x21, 0x1F};     ///< begins with 0
 constexpr ShiftRegister MPX3_12BIT_REGISTER{1U << 12, 0x829, 0x7FF}; ///< begins with 0

@@ -209,9 +209,9 @@ TEST_P(Mpx3Matrix, OverwritesWhatStoodInTheMatrix)
             const std::size_t whole = static_cast<std::size_t>(channels * (shape.twoChips ? 2 : 1) * CHIP);
             const bool odd = channels == 3; // not all that is wanted: the ends of everything
             for (const bool convert : {false, true})
-                for (const auto& [received, pixels] : {std::pair{full, whole + (odd ? 300 : 0)},
-                                                       std::pair{odd ? full / 2 + 99 : full, whole},
-                                                       std::pair{full, odd ? whole - 300 : whole}}) {
+                for (const auto& [received, pixels] :
+                     {std::pair{full, whole + (odd ? 300 : 0)}, std::pair{odd ? full / 2 + 99 : full, whole},
+                      std::pair{full, odd ? whole - 300 : whole}}) {
                     const std::size_t convertSize = odd && convert ? whole / 2 + 5 : pixels;
                     Pixels expected(pixels, 0);
                     convertMpx3MatrixStream(shape, stream, received, expected, convertSize, counters, convert);

@@ -1,8 +1,8 @@
 // Kernels: the loops that turn bit planes into pixels and back, once for each instruction set.
 //
-// They know nothing of the ends of buffers: a caller gives them whole rows that lie in its buffers as a whole. They work
-// on blocks of eight pixels, which share the bytes of a stream: a byte of a plane has one bit of each, the highest for
-// the rightmost pixel.
+// They know nothing of the ends of buffers: a caller gives them whole rows that lie in its buffers as a whole. They
+// work on blocks of eight pixels, which share the bytes of a stream: a byte of a plane has one bit of each, the highest
+// for the rightmost pixel.
 #pragma once
 
 #include <cstddef>
@@ -20,25 +20,25 @@ enum class Store {
 
 /// Rows of Medipix2 streams, interleaved byte by byte: 14 planes of 32 bytes for each stream.
 struct Mpx2Rows {
-    const unsigned char* source;   ///< first byte of the first row of the first stream
-    std::uint16_t* matrix;         ///< what `blocks` counts from; 256 pixels further on for each row
-    std::size_t streams;           ///< streams that are interleaved
+    const unsigned char* source; ///< first byte of the first row of the first stream
+    std::uint16_t* matrix;       ///< what `blocks` counts from; 256 pixels further on for each row
+    std::size_t streams;         ///< streams that are interleaved
     std::size_t rows;
-    const std::ptrdiff_t* blocks;  ///< first pixel of the block of each of a plane's 32 * `streams` bytes
-    const std::uint16_t* counts;   ///< for Store::Count: the counts of all 14-bit states
+    const std::ptrdiff_t* blocks; ///< first pixel of the block of each of a plane's 32 * `streams` bytes
+    const std::uint16_t* counts;  ///< for Store::Count: the counts of all 14-bit states
     Store store;
 };
 
 /// Rows of one or both counters of interleaved Medipix3 channels.
 struct Mpx3Rows {
-    const unsigned char* source;  ///< first byte of the first row; of the low counter if there are two
-    const unsigned char* second;  ///< the same for the high counter; null if there is one counter alone
-    std::uint32_t* matrix;        ///< what `blocks` counts from; 256 pixels further on for each row
+    const unsigned char* source; ///< first byte of the first row; of the low counter if there are two
+    const unsigned char* second; ///< the same for the high counter; null if there is one counter alone
+    std::uint32_t* matrix;       ///< what `blocks` counts from; 256 pixels further on for each row
     std::size_t rows;
-    std::size_t planeSize;        ///< bytes of a plane of all channels
-    unsigned planes;              ///< of a counter, 1 to 16; 12 if there are two counters
-    unsigned position;            ///< bit of a pixel that takes the lowest plane, 0 unless for Store::Or; if there are two
-                                  ///< counters that of the high one, 12 or 16, and the low one begins at 0
+    std::size_t planeSize; ///< bytes of a plane of all channels
+    unsigned planes;       ///< of a counter, 1 to 16; 12 if there are two counters
+    unsigned position;     ///< bit of a pixel that takes the lowest plane, 0 unless for Store::Or; if there are two
+                           ///< counters that of the high one, 12 or 16, and the low one begins at 0
     const std::ptrdiff_t* blocks; ///< first pixel of the block of each of a plane's bytes
     const std::uint16_t* counts;  ///< for Store::Count: the counts of all states, 1 << `planes` of them
     Store store;

@@ -2,12 +2,12 @@
 //
 // The counter's new bit is the sum of its last bit and the one 13 places before: its bits in the order of time are a
 // sequence s over the two numbers 0 and 1 with s[t + 14] = s[t + 13] + s[t]. That rule's polynomial x^14 + x^13 + 1 is
-// the product of three, A = x^7 + x^5 + x^2 + x + 1, B = x^5 + x^2 + 1 and C = x^2 + x + 1. Sums of bits that a multiple
-// of the polynomial B * C tells of follow the rule A alone, and so for the other two. A state of 14 bits thereby splits
-// into states of 7, 5 and 2 bits that run independently, with the periods 127, 31 and 3 and a fixed point at 0. Each has
-// few enough states to look its count up, and by the Chinese remainder theorem the three counts tell the one below
-// 127 * 31 * 3 = 11811. A state with a part that is 0 is not on the counter's cycle, and no other is off it, as there
-// are just 127 * 31 * 3 without one.
+// the product of three, A = x^7 + x^5 + x^2 + x + 1, B = x^5 + x^2 + 1 and C = x^2 + x + 1. Sums of bits that a
+// multiple of the polynomial B * C tells of follow the rule A alone, and so for the other two. A state of 14 bits
+// thereby splits into states of 7, 5 and 2 bits that run independently, with the periods 127, 31 and 3 and a fixed
+// point at 0. Each has few enough states to look its count up, and by the Chinese remainder theorem the three counts
+// tell the one below 127 * 31 * 3 = 11811. A state with a part that is 0 is not on the counter's cycle, and no other is
+// off it, as there are just 127 * 31 * 3 without one.
 #pragma once
 
 #ifdef __AVX2__
@@ -69,8 +69,8 @@ constexpr ByteTable<1> V_HIGH_TABLE(PART_TABLES.threeV + LANE);
 constexpr ByteTable<1> U_TABLE(PART_TABLES.manyU);
 
 /// Splits the planes of 14-bit states into those of two bytes of parts: part A in bits 0 to 6 of the low byte; of the
-/// high byte part B in bits 0 to 3 and 7, so that a look-up sees its top bit, and part C in bits 4 and 5. Unknown states
-/// become 0.
+/// high byte part B in bits 0 to 3 and 7, so that a look-up sees its top bit, and part C in bits 4 and 5. Unknown
+/// states become 0.
 KERNEL_INLINE void splitStates(Bytes* planes)
 {
     Bytes sums[STATE_BITS];

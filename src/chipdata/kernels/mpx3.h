@@ -235,37 +235,47 @@ KERNEL_INLINE void decodeBoth(const Stretch& at, const Mpx3Rows& rows)
     });
 }
 
-/// Walks the rows: whole vectors of their planes, and what is left of a plane through a copy, so that nothing behind it
-/// is read and no pixel written that it doesn't have.
+/// Decodes what is left of a row's planes behind `whole` bytes through copies, so that nothing behind the planes is
+/// read and no pixel written that they don't have.
+template <class Decode>
+KERNEL_INLINE void decodeRest(const Mpx3Rows& rows, const Stretch& row, std::size_t whole, Decode decode)
+{
+    constexpr std::size_t BLOCK_SIZE = BLOCK * sizeof(std::uint32_t);
+    const std::size_t rest = rows.planeSize - whole;
+    unsigned char low[WORD_PLANES][WIDTH] = {};
+    unsigned char high[WORD_PLANES][WIDTH] = {};
+    std::uint32_t pixels[WIDTH * BLOCK];
+    std::ptrdiff_t places[WIDTH];
+    for (unsigned p = 0; p < rows.planes; ++p) {
+        __builtin_memcpy(low[p], row.low + p * rows.planeSize + whole, rest);
+        if (row.high)
+            __builtin_memcpy(high[p], row.high + p * rows.planeSize + whole, rest);
+    }
+    for (std::size_t i = 0; i < WIDTH; ++i)
+        places[i] = static_cast<std::ptrdiff_t>(i * BLOCK);
+    for (std::size_t i = 0; i < rest; ++i)
+        __builtin_memcpy(pixels + places[i], row.pixels + row.places[whole + i], BLOCK_SIZE);
+    decode(Stretch{low[0], high[0], WIDTH, pixels, places});
+    for (std::size_t i = 0; i < rest; ++i)
+        __builtin_memcpy(row.pixels + row.places[whole + i], pixels + places[i], BLOCK_SIZE);
+}
+
+/// Walks the rows and the vectors of their planes.
 template <class Decode>
 KERNEL_INLINE void walk(const Mpx3Rows& rows, Decode decode)
 {
     const std::size_t whole = rows.planeSize / WIDTH * WIDTH;
-    const std::size_t rest = rows.planeSize - whole;
     const std::size_t rowSize = rows.planes * rows.planeSize;
+    Stretch row{rows.source, rows.second, rows.planeSize, rows.matrix, rows.blocks};
     for (std::size_t r = 0; r < rows.rows; ++r) {
-        const unsigned char* low = rows.source + r * rowSize;
-        const unsigned char* high = rows.second ? rows.second + r * rowSize : nullptr;
-        std::uint32_t* pixels = rows.matrix + static_cast<std::ptrdiff_t>(r) * SIDE;
         for (std::size_t first = 0; first < whole; first += WIDTH)
-            decode(Stretch{low + first, high ? high + first : nullptr, rows.planeSize, pixels, rows.blocks + first});
-        if (rest == 0)
-            continue;
-        unsigned char bytes[2][WORD_PLANES][WIDTH] = {};
-        std::uint32_t copy[WIDTH * BLOCK];
-        std::ptrdiff_t places[WIDTH];
-        for (unsigned p = 0; p < rows.planes; ++p) {
-            __builtin_memcpy(bytes[0][p], low + p * rows.planeSize + whole, rest);
-            if (high)
-                __builtin_memcpy(bytes[1][p], high + p * rows.planeSize + whole, rest);
-        }
-        for (std::size_t i = 0; i < WIDTH; ++i)
-            places[i] = static_cast<std::ptrdiff_t>(i * BLOCK);
-        for (std::size_t i = 0; i < rest; ++i)
-            __builtin_memcpy(copy + i * BLOCK, pixels + rows.blocks[whole + i], BLOCK * sizeof(std::uint32_t));
-        decode(Stretch{bytes[0][0], bytes[1][0], WIDTH, copy, places});
-        for (std::size_t i = 0; i < rest; ++i)
-            __builtin_memcpy(pixels + rows.blocks[whole + i], copy + i * BLOCK, BLOCK * sizeof(std::uint32_t));
+            decode(Stretch{row.low + first, row.high ? row.high + first : nullptr, row.planeStride, row.pixels,
+                           row.places + first});
+        if (whole < rows.planeSize)
+            decodeRest(rows, row, whole, decode);
+        row.low += rowSize;
+        row.high += row.high ? rowSize : 0;
+        row.pixels += SIDE;
     }
 }
 

@@ -1,10 +1,10 @@
 // The Medipix3 counter code in vectors.
 //
 // Its zero aside, the 12-bit counter steps through the 4095 other states as powers of a number of the field of 4096
-// elements: count c is the power c - 1. The field has one of 64 elements within it, whose 63 powers are the steps of 65,
-// and is a plane over it: a state is a pair (a, b) of elements of the small field, and a step of 65 multiplies both by
-// the same one. So the quotient a / b tells the count modulo 65, and b, or a, how many times 65 are in it. Logarithms in
-// the small field have 63 values, few enough to be looked up, and turn the quotient into a difference.
+// elements: count c is the power c - 1. The field has one of 64 elements within it, whose 63 powers are the steps of
+// 65, and is a plane over it: a state is a pair (a, b) of elements of the small field, and a step of 65 multiplies both
+// by the same one. So the quotient a / b tells the count modulo 65, and b, or a, how many times 65 are in it.
+// Logarithms in the small field have 63 values, few enough to be looked up, and turn the quotient into a difference.
 //
 // The pairs are chosen so that b is 0 for the counts 65, 130 and so on up to 4095; then a alone tells which. As it is 0
 // for the state 0 alone, that one needs no case of its own.

@@ -59,9 +59,9 @@ KERNEL_INLINE void joinBytes(const Bytes* low, const Bytes* high, Bytes* words)
     }
 }
 
-/// Puts the pixels of a block side by side: takes elements of the type of `Pixel` from eight vectors, one for each pixel
-/// k, and puts the eight with the same place together. `Pair` and `Four` are of two and of four such elements. The
-/// vectors that come out have the blocks of each lane in ascending order, one or two of them in a lane.
+/// Puts the pixels of a block side by side: takes elements of the type of `Pixel` from eight vectors, one for each
+/// pixel k, and puts the eight with the same place together. `Pair` and `Four` are of two and of four such elements.
+/// The vectors that come out have the blocks of each lane in ascending order, one or two of them in a lane.
 template <class Pixel, class Pair, class Four>
 KERNEL_INLINE void gatherPixels(const Bytes* k, Bytes* out)
 {

@@ -96,13 +96,13 @@ KERNEL_INLINE ByteLane laneOf(Bytes v)
 }
 
 /// A vector from the 16 bytes at each of the addresses `low` and `high`; a vector of one lane takes `low` alone.
-template <class Half = QuadLane>
 KERNEL_INLINE Bytes loadLanes(const void* low, [[maybe_unused]] const void* high)
 {
-    if constexpr (LANES == 1)
-        return load<Bytes>(low);
-    else
-        return (Bytes)__builtin_shufflevector(load<Half>(low), load<Half>(high), 0, 1, 2, 3);
+#ifdef __AVX2__
+    return (Bytes)_mm256_loadu2_m128i((const __m128i*)high, (const __m128i*)low);
+#else
+    return load<Bytes>(low);
+#endif
 }
 
 #ifdef __AVX2__
