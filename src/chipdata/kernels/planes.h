@@ -17,22 +17,23 @@ constexpr std::ptrdiff_t SIDE = 256;    // pixels of a row
 constexpr std::size_t PLANE_BYTES = 32; // bytes of a row's plane
 
 /// One round: swaps the bits off the diagonal in blocks of `distance` by `distance` bits. The shifts move bits between
-/// neighbouring bytes, too; the mask drops those. Of each 2 * `distance` planes only the first `count` are there.
+/// neighbouring bytes, too; the mask drops those. Of the planes only the first `count` are there, the others are 0.
 template <unsigned distance, unsigned count>
 KERNEL_INLINE void swapBits(Bytes* planes)
 {
     constexpr unsigned MASK = distance == 4 ? 0x0F0F : distance == 2 ? 0x3333 : 0x5555;
     const Words mask = Words{} + static_cast<std::uint16_t>(MASK);
 #pragma GCC unroll 8
-    for (unsigned i = 0; i < BYTE_PLANES; ++i) {
-        const unsigned place = i % (2 * distance);
+    for (unsigned i = 0; i < count; ++i) {
+        if (i & distance)
+            continue;
         const Words upper = (Words)planes[i];
-        if (place < distance && place + distance < count) {
+        if (i + distance < count) {
             const Words lower = (Words)planes[i + distance];
             const Words moved = ((upper >> distance) ^ lower) & mask;
             planes[i + distance] = (Bytes)(lower ^ moved);
             planes[i] = (Bytes)(upper ^ (moved << distance));
-        } else if (place < distance && place < count) {
+        } else {
             planes[i + distance] = (Bytes)((upper >> distance) & mask);
             planes[i] = (Bytes)(upper & mask);
         }
@@ -40,13 +41,16 @@ KERNEL_INLINE void swapBits(Bytes* planes)
 }
 
 /// Plane p becomes bit p of the pixels' bytes: bit k of byte j of vector p goes to bit p of byte j of vector k, for
-/// eight vectors of which only the first `count` are there. With all it is its own inverse.
+/// eight vectors of which only the first `count` are there. With all it is its own inverse. The order of the rounds
+/// makes no difference but this: near ones first, planes that are not there come into being as late as they can.
 template <unsigned count = BYTE_PLANES>
 KERNEL_INLINE void transposeBits(Bytes* planes)
 {
-    swapBits<4, count>(planes);
-    swapBits<2, (count < 4 ? count : 4)>(planes);
-    swapBits<1, (count < 2 ? count : 2)>(planes);
+    constexpr unsigned AFTER_ONE = (count + 1) / 2 * 2;
+    constexpr unsigned AFTER_TWO = (count + 3) / 4 * 4;
+    swapBits<1, count>(planes);
+    swapBits<2, AFTER_ONE>(planes);
+    swapBits<4, AFTER_TWO>(planes);
 }
 
 /// Puts the low and high bytes of the pixels together, in vectors as transposeBits makes them: words[k] are pixel k of
