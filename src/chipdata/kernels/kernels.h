@@ -35,7 +35,7 @@ struct Mpx3Rows {
     const unsigned char* second; ///< the same for the high counter; null if there is one counter alone
     std::uint32_t* matrix;       ///< what `blocks` counts from; 256 pixels further on for each row
     std::size_t rows;
-    std::size_t planeSize; ///< bytes of a plane of all channels
+    std::size_t planeSize; ///< bytes of a plane of all channels, a multiple of 4
     unsigned planes;       ///< of a counter, 1 to 16; 12 if there are two counters
     unsigned position;     ///< bit of a pixel that takes the lowest plane, 0 unless for Store::Or; if there are two
                            ///< counters that of the high one, 12 or 16, and the low one begins at 0

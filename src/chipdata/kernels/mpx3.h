@@ -235,48 +235,82 @@ KERNEL_INLINE void decodeBoth(const Stretch& at, const Mpx3Rows& rows)
     });
 }
 
-/// Decodes what is left of a row's planes behind `whole` bytes through copies, so that nothing behind the planes is
-/// read and no pixel written that they don't have.
-template <class Decode>
-KERNEL_INLINE void decodeRest(const Mpx3Rows& rows, const Stretch& row, std::size_t whole, Decode decode)
-{
-    constexpr std::size_t BLOCK_SIZE = BLOCK * sizeof(std::uint32_t);
-    const std::size_t rest = rows.planeSize - whole;
-    unsigned char low[WORD_PLANES][WIDTH] = {};
-    unsigned char high[WORD_PLANES][WIDTH] = {};
-    std::uint32_t pixels[WIDTH * BLOCK];
-    std::ptrdiff_t places[WIDTH];
-    for (unsigned p = 0; p < rows.planes; ++p) {
-        __builtin_memcpy(low[p], row.low + p * rows.planeSize + whole, rest);
-        if (row.high)
-            __builtin_memcpy(high[p], row.high + p * rows.planeSize + whole, rest);
+/// Bytes of a plane that no whole vector takes, of as many rows as one vector has room for: side by side, plane by
+/// plane. The room behind them repeats the first byte with its place, so that writing its pixels again changes nothing.
+class Rests {
+public:
+    explicit Rests(const Mpx3Rows& from)
+        : rows(from),
+          whole(from.planeSize / WIDTH * WIDTH),
+          rest(from.planeSize - whole),
+          together(rest > 0 ? WIDTH / rest : 0)
+    {
     }
-    for (std::size_t i = 0; i < WIDTH; ++i)
-        places[i] = static_cast<std::ptrdiff_t>(i * BLOCK);
-    for (std::size_t i = 0; i < rest; ++i)
-        __builtin_memcpy(pixels + places[i], row.pixels + row.places[whole + i], BLOCK_SIZE);
-    decode(Stretch{low[0], high[0], WIDTH, pixels, places});
-    for (std::size_t i = 0; i < rest; ++i)
-        __builtin_memcpy(row.pixels + row.places[whole + i], pixels + places[i], BLOCK_SIZE);
-}
 
-/// Walks the rows and the vectors of their planes.
+    /// Decodes those of all rows.
+    template <class Decode>
+    KERNEL_INLINE void decodeAll(Decode decode)
+    {
+        for (std::size_t r = 0; together > 0 && r < rows.rows; r += together) {
+            const std::size_t count = rows.rows - r < together ? rows.rows - r : together;
+            if (r == 0 || count < together)
+                findPlaces(count);
+            copyPlanes(rows.source, r, count, low);
+            if (rows.second)
+                copyPlanes(rows.second, r, count, high);
+            decode(Stretch{low[0], high[0], WIDTH, rows.matrix + static_cast<std::ptrdiff_t>(r) * SIDE, places});
+        }
+    }
+
+private:
+    const Mpx3Rows& rows;
+    std::size_t whole;
+    std::size_t rest;
+    std::size_t together; ///< rows whose rests share a vector
+    unsigned char low[WORD_PLANES][WIDTH];
+    unsigned char high[WORD_PLANES][WIDTH];
+    std::ptrdiff_t places[WIDTH];
+
+    void findPlaces(std::size_t count)
+    {
+        for (std::size_t i = 0; i < WIDTH; ++i)
+            places[i] = i < count * rest ? rows.blocks[whole + i % rest] + static_cast<std::ptrdiff_t>(i / rest) * SIDE
+                                         : rows.blocks[whole];
+    }
+
+    void copyPlanes(const unsigned char* source, std::size_t firstRow, std::size_t count,
+                    unsigned char (&to)[WORD_PLANES][WIDTH])
+    {
+        constexpr std::size_t STEP = 4; // the least that a channel's plane has
+        for (std::size_t p = 0; p < rows.planes; ++p) {
+            for (std::size_t r = 0; r < count; ++r) {
+                const unsigned char* from = source + ((firstRow + r) * rows.planes + p) * rows.planeSize + whole;
+                for (std::size_t i = 0; i < rest; i += STEP)
+                    __builtin_memcpy(to[p] + r * rest + i, from + i, STEP);
+            }
+            for (std::size_t i = count * rest; i < WIDTH; ++i)
+                to[p][i] = to[p][0];
+        }
+    }
+};
+
+/// Walks the rows: the whole vectors of their planes, and then what is left of them.
 template <class Decode>
 KERNEL_INLINE void walk(const Mpx3Rows& rows, Decode decode)
 {
-    const std::size_t whole = rows.planeSize / WIDTH * WIDTH;
     const std::size_t rowSize = rows.planes * rows.planeSize;
     Stretch row{rows.source, rows.second, rows.planeSize, rows.matrix, rows.blocks};
     for (std::size_t r = 0; r < rows.rows; ++r) {
-        for (std::size_t first = 0; first < whole; first += WIDTH)
+        for (std::size_t end = WIDTH; end <= rows.planeSize; end += WIDTH) {
+            const std::size_t first = end - WIDTH;
             decode(Stretch{row.low + first, row.high ? row.high + first : nullptr, row.planeStride, row.pixels,
                            row.places + first});
-        if (whole < rows.planeSize)
-            decodeRest(rows, row, whole, decode);
+        }
         row.low += rowSize;
         row.high += row.high ? rowSize : 0;
         row.pixels += SIDE;
     }
+    Rests(rows).decodeAll(decode);
 }
 
 template <unsigned planes, Store how, bool shifted>

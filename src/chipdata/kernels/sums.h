@@ -6,16 +6,20 @@
 #include "chipdata/kernels/vector.h"
 #include "chipdata/registers.h"
 
+#include <bit>
+
 namespace {
 
 /// The sums of one state, sum i as bit i.
 template <std::size_t bits>
 constexpr unsigned sumsOfState(const unsigned (&masks)[bits], unsigned state)
 {
+    unsigned inTime = 0; // oldest bit first
+    for (std::size_t i = 0; i < bits; ++i)
+        inTime |= (state >> (bits - 1 - i) & 1U) << i;
     unsigned sums = 0;
     for (std::size_t sum = 0; sum < bits; ++sum)
-        for (std::size_t i = 0; i < bits; ++i)
-            sums ^= (masks[sum] >> i & state >> (bits - 1 - i) & 1U) << sum;
+        sums |= (static_cast<unsigned>(std::popcount(masks[sum] & inTime)) & 1U) << sum;
     return sums;
 }
 
