@@ -91,7 +91,7 @@ public:
     /// Decodes `rows` rows, as far as the stream holds them, from row number `firstRow` of the matrix on.
     void decode(Stream stream, std::ptrdiff_t firstRow, std::ptrdiff_t rows)
     {
-        if (row.planes == 0 || map.count() == 0)
+        if (rowSize() == 0)
             return;
         const std::ptrdiff_t end = firstRow + rows;
         for (std::ptrdiff_t r = firstRow; r < end && !stream.empty();) {
@@ -125,10 +125,11 @@ private:
     {
         const PixelRange first = pixelsOf(0, r);
         const PixelRange last = pixelsOf(map.channels - 1, r);
-        if (!first.isIn(matrix) || !last.isIn(matrix))
+        const std::size_t size = rowSize();
+        if (size == 0 || !first.isIn(matrix) || !last.isIn(matrix))
             return 0;
         const std::size_t room = (matrix.size() - static_cast<std::size_t>(std::max(first.end, last.end))) / SIDE + 1;
-        return std::min(room, stream.size() / rowSize());
+        return std::min(room, stream.size() / size);
     }
 
     void decodeWhole(const unsigned char* stream, std::ptrdiff_t r, std::size_t rows)

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr unsigned BLOCK = 8;           // pixels that share the bytes of a stream
+constexpr std::size_t BLOCK = 8;        // pixels that share the bytes of a stream
 constexpr unsigned BYTE_PLANES = 8;     // planes in a byte of a pixel
 constexpr unsigned WORD_PLANES = 16;    // planes in a word
 constexpr unsigned WORD_BLOCKS = 16;    // vectors of words that the blocks of a vector of bytes fill
@@ -70,18 +70,18 @@ template <class Pixel, class Pair, class Four>
 KERNEL_INLINE void gatherPixels(const Bytes* k, Bytes* out)
 {
     Bytes pairs[8];
-    for (unsigned i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < 4; ++i) {
         pairs[i] = unpackLow<Pixel>(k[2 * i], k[2 * i + 1]);
         pairs[i + 4] = unpackHigh<Pixel>(k[2 * i], k[2 * i + 1]);
     }
     Bytes fours[8];
-    for (unsigned i = 0; i < 8; i += 2) {
+    for (std::size_t i = 0; i < 8; i += 2) {
         fours[i] = unpackLow<Pair>(pairs[i], pairs[i + 1]);
         fours[i + 1] = unpackHigh<Pair>(pairs[i], pairs[i + 1]);
     }
     // Pixels 0 to 3 of a block are in one of these, 4 to 7 in the one two further on.
-    for (unsigned h = 0; h < 8; h += 4)
-        for (unsigned q = 0; q < 2; ++q) {
+    for (std::size_t h = 0; h < 8; h += 4)
+        for (std::size_t q = 0; q < 2; ++q) {
             out[h + 2 * q] = unpackLow<Four>(fours[h + q], fours[h + q + 2]);
             out[h + 2 * q + 1] = unpackHigh<Four>(fours[h + q], fours[h + q + 2]);
         }
@@ -101,18 +101,18 @@ KERNEL_INLINE void scatterBlocks(const Bytes* blocks, Bytes* low, Bytes* high)
 {
     Bytes from[WORD_BLOCKS];
     Bytes to[WORD_BLOCKS];
-    for (unsigned i = 0; i < WORD_BLOCKS; ++i)
+    for (std::size_t i = 0; i < WORD_BLOCKS; ++i)
         from[i] = blocks[i];
 #pragma GCC unroll 4
     for (unsigned round = 0; round < 4; ++round) {
-        for (unsigned i = 0; i < WORD_BLOCKS / 2; ++i) {
+        for (std::size_t i = 0; i < WORD_BLOCKS / 2; ++i) {
             to[2 * i] = unpackLow<Bytes>(from[i], from[i + WORD_BLOCKS / 2]);
             to[2 * i + 1] = unpackHigh<Bytes>(from[i], from[i + WORD_BLOCKS / 2]);
         }
-        for (unsigned i = 0; i < WORD_BLOCKS; ++i)
+        for (std::size_t i = 0; i < WORD_BLOCKS; ++i)
             from[i] = to[i];
     }
-    for (unsigned k = 0; k < BLOCK; ++k) {
+    for (std::size_t k = 0; k < BLOCK; ++k) {
         low[k] = from[2 * k];
         high[k] = from[2 * k + 1];
     }
