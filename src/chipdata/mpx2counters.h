@@ -14,3 +14,6 @@ constexpr unsigned short MPX2_UNKNOWN_COUNT = MPX2_COUNTS;
 /// 16383, which the counter doesn't reach, passes as 0 for that reason. Returns the number of errors. Safe to call from
 /// several threads on different matrices.
 int convertCountsMpx2(unsigned short* matrix, unsigned long size, bool pseudoToCount);
+
+/// The counts of all 16384 states as convertCountsMpx2 gives them, for who converts while decoding.
+const unsigned short* mpx2CountTable();

@@ -1,11 +1,12 @@
 // Medipix2 and Timepix matrix streams, see mpx2matrix.h.
 #include "chipdata/mpx2matrix.h"
 
+#include "chipdata/kernels/kernels.h"
+#include "chipdata/mpx2counters.h"
+
 #include <algorithm>
 #include <array>
-#include <bit>
-
-#include "chipdata/bitplanes.h"
+#include <vector>
 
 namespace {
 
@@ -13,13 +14,10 @@ using Stream = std::span<const unsigned char>;
 using Matrix = std::span<unsigned short>;
 
 constexpr std::size_t SIDE = MPX2_SIDE;
-constexpr std::size_t GROUPS = SIDE / 8; // groups of eight pixels in a row, each in one byte of a plane
-constexpr unsigned LOW_PLANES = 8;       // in the low bytes of the pixels
-constexpr unsigned HIGH_PLANES = MPX2_PLANES - LOW_PLANES;
-constexpr std::size_t LOW_OFFSET = HIGH_PLANES * MPX2_PLANE_SIZE; // of the low planes in a row
+constexpr std::size_t BLOCK = 8; // pixels in a byte of a plane
 constexpr unsigned char SERIAL_LEAD = 0xFF;
 
-static_assert(GROUPS == MPX2_PLANE_SIZE && MPX2_PLANES * MPX2_PLANE_SIZE == MPX2_ROW_SIZE);
+static_assert(SIDE / BLOCK == MPX2_PLANE_SIZE && MPX2_PLANES * MPX2_PLANE_SIZE == MPX2_ROW_SIZE);
 static_assert(SIDE * SIDE == MPX2_CHIP_PIXELS && SIDE * MPX2_ROW_SIZE == MPX2_PARALLEL_SIZE);
 static_assert(MPX2_SERIAL_SIZE == MPX2_PARALLEL_SIZE + MPX2_PLANE_SIZE && MPX2_STREAM_STRIDE == MPX2_SERIAL_SIZE + 1);
 
@@ -36,124 +34,95 @@ constexpr std::uint32_t readoutBits(std::size_t chips)
 }
 static_assert(readoutBits(1) == 917766 && readoutBits(5) == 5 * 917768 - 2);
 
-/// Which byte of a plane holds which eight pixels. Bit i of the byte is pixel i of the group, from the left.
-struct Layout {
-    std::array<unsigned char, GROUPS> byteOfGroup;
-    /// Groups take every eighth of 64 pixels, group g from pixel g % 8 of them on. Else they take eight in a row.
-    bool transposed;
-};
-
-constexpr Layout SERIAL = [] {
-    Layout layout{};
-    for (std::size_t group = 0; group < GROUPS; ++group)
-        layout.byteOfGroup[group] = static_cast<unsigned char>(GROUPS - 1 - group);
-    return layout;
-}();
-
-constexpr Layout PARALLEL = [] {
-    Layout layout{};
-    layout.transposed = true;
-    for (std::size_t group = 0; group < GROUPS; ++group)
-        layout.byteOfGroup[group] = static_cast<unsigned char>(group / 8 + 28 - 4 * (group % 8));
-    return layout;
-}();
-
-/// A row's pixels, cut into bytes: byte i of word g is pixel 8 * g + i.
-using RowBytes = std::array<std::uint64_t, GROUPS>;
-
-struct RowBits {
-    RowBytes low;
-    RowBytes high;
-};
-
-void transpose(RowBytes& bytes)
-{
-    for (std::size_t first = 0; first < GROUPS; first += 8)
-        bitplanes::transpose(&bytes[first]);
-}
-
-template <const Layout& layout>
-void gatherRow(const unsigned char* row, RowBits& bits)
-{
-    for (std::size_t group = 0; group < GROUPS; ++group) {
-        const unsigned char* byte = row + layout.byteOfGroup[group];
-        bits.high[group] = bitplanes::gather<HIGH_PLANES>(byte, MPX2_PLANE_SIZE);
-        bits.low[group] = bitplanes::gather<LOW_PLANES>(byte + LOW_OFFSET, MPX2_PLANE_SIZE);
-    }
-    if constexpr (layout.transposed) {
-        transpose(bits.high);
-        transpose(bits.low);
-    }
-}
-
-template <const Layout& layout>
-void scatterRow(RowBits& bits, unsigned char* row)
-{
-    if constexpr (layout.transposed) {
-        transpose(bits.high);
-        transpose(bits.low);
-    }
-    for (std::size_t group = 0; group < GROUPS; ++group) {
-        unsigned char* byte = row + layout.byteOfGroup[group];
-        bitplanes::scatter<HIGH_PLANES>(bits.high[group], byte, MPX2_PLANE_SIZE);
-        bitplanes::scatter<LOW_PLANES>(bits.low[group], byte + LOW_OFFSET, MPX2_PLANE_SIZE);
-    }
-}
-
-/// Writes a row to the first pixels of the matrix, or adds it to them, as far as there are any.
-template <bool add>
-void storeRow(const RowBits& bits, Matrix matrix)
-{
-    using Bytes = std::array<unsigned char, SIDE>;
-    const auto low = std::bit_cast<Bytes>(bits.low);
-    const auto high = std::bit_cast<Bytes>(bits.high);
-    const std::size_t count = std::min(matrix.size(), SIDE);
-    for (std::size_t i = 0; i < count; ++i) {
-        const unsigned before = add ? matrix[i] : 0U;
-        matrix[i] = static_cast<unsigned short>(before + (low[i] | unsigned{high[i]} << 8));
-    }
-}
-
-void cutRow(const unsigned short* row, RowBits& bits)
-{
-    std::array<unsigned char, SIDE> low;
-    std::array<unsigned char, SIDE> high;
-    for (std::size_t i = 0; i < SIDE; ++i) {
-        low[i] = static_cast<unsigned char>(row[i]);
-        high[i] = static_cast<unsigned char>(row[i] >> 8);
-    }
-    bits = {std::bit_cast<RowBytes>(low), std::bit_cast<RowBytes>(high)};
-}
-
-/// Decodes a chip's rows, as far as the matrix reaches.
-template <const Layout& layout, bool add>
-void decodeChip(const unsigned char* stream, Matrix matrix)
-{
-    for (std::size_t first = 0; first < std::min<std::size_t>(matrix.size(), MPX2_CHIP_PIXELS); first += SIDE) {
-        RowBits bits;
-        gatherRow<layout>(stream, bits);
-        storeRow<add>(bits, matrix.subspan(first));
-        stream += MPX2_ROW_SIZE;
-    }
-}
-
-/// Encodes a chip's rows, as many as fit into `out`.
-template <const Layout& layout>
-void encodeChip(const unsigned short* matrix, std::span<unsigned char> out)
-{
-    const std::size_t rows = std::min(out.size() / MPX2_ROW_SIZE, SIDE);
-    for (std::size_t row = 0; row < rows; ++row) {
-        RowBits bits;
-        cutRow(matrix + row * SIDE, bits);
-        scatterRow<layout>(bits, out.data() + row * MPX2_ROW_SIZE);
-    }
-}
-
 /// The part of a buffer behind its first `offset` elements, empty if it is shorter.
 template <class T>
 std::span<T> behind(std::span<T> buffer, std::size_t offset)
 {
     return buffer.subspan(std::min(offset, buffer.size()));
+}
+
+/// Interleaved streams that are decoded at the same time, a chip of each. Alone a stream is one that is interleaved
+/// with no other.
+struct Streams {
+    std::size_t count;
+    std::size_t step; ///< pixels from the chip of one stream to that of the next in the matrix
+
+    std::size_t rowSize() const { return MPX2_ROW_SIZE * count; }
+    /// Pixels to the last stream's chip.
+    std::size_t last() const { return (count - 1) * step; }
+
+    /// The first pixel of the block in each byte of a plane. A stream sends a row from the right.
+    std::vector<std::ptrdiff_t> blocks() const
+    {
+        std::vector<std::ptrdiff_t> first(MPX2_PLANE_SIZE * count);
+        for (std::size_t i = 0; i < first.size(); ++i)
+            first[i] = static_cast<std::ptrdiff_t>(i % count * step + SIDE - BLOCK * (1 + i / count));
+        return first;
+    }
+};
+
+void decodeRows(const unsigned char* source, Streams streams, std::size_t rows, unsigned short* matrix,
+                kernels::Store store)
+{
+    const std::vector<std::ptrdiff_t> blocks = streams.blocks();
+    kernels::active().decodeMpx2({source, matrix, streams.count, rows, blocks.data(), mpx2CountTable(), store});
+}
+
+/// Decodes a row that the source or the matrix doesn't have as a whole. Bytes that are missing count as 0.
+void decodeCutRow(Stream source, Streams streams, Matrix matrix, kernels::Store store)
+{
+    std::vector<unsigned char> bytes(streams.rowSize());
+    std::vector<unsigned short> pixels(streams.count * SIDE);
+    std::copy_n(source.begin(), std::min(source.size(), bytes.size()), bytes.begin());
+    const bool add = store == kernels::Store::Add;
+    decodeRows(bytes.data(), {streams.count, SIDE}, 1, pixels.data(), add ? kernels::Store::Replace : store);
+    for (std::size_t stream = 0; stream < streams.count; ++stream) {
+        const Matrix row = behind(matrix, stream * streams.step);
+        for (std::size_t x = 0; x < std::min(row.size(), SIDE); ++x)
+            row[x] = static_cast<unsigned short>((add ? row[x] : 0U) + pixels[stream * SIDE + x]);
+    }
+}
+
+/// Decodes a chip of each stream, as far as the matrix reaches.
+void decodeChips(Stream source, Streams streams, Matrix matrix, kernels::Store store)
+{
+    const std::size_t came = source.size() / streams.rowSize();
+    const std::size_t room = behind(matrix, streams.last()).size() / SIDE;
+    const std::size_t whole = std::min({SIDE, came, room});
+    if (whole > 0)
+        decodeRows(source.data(), streams, whole, matrix.data(), store);
+    for (std::size_t row = whole; row < SIDE && row * SIDE < matrix.size(); ++row)
+        decodeCutRow(behind(source, row * streams.rowSize()), streams, behind(matrix, row * SIDE), store);
+}
+
+/// Decodes a chip in parallel form, as far as the matrix reaches.
+void decodeParallelChip(const unsigned char* stream, Matrix matrix)
+{
+    const std::size_t whole = std::min(matrix.size() / SIDE, SIDE);
+    kernels::active().decodeMpx2Parallel(stream, whole, matrix.data());
+    if (whole == SIDE)
+        return;
+    std::array<unsigned short, SIDE> row;
+    kernels::active().decodeMpx2Parallel(stream + whole * MPX2_ROW_SIZE, 1, row.data());
+    std::copy_n(row.begin(), matrix.size() % SIDE, matrix.data() + whole * SIDE);
+}
+
+/// Decodes a readout of interleaved streams of `chips` chips each, the data of which begin `lead` bytes into a stream.
+void decodeInterleaved(Stream source, std::size_t streams, std::size_t chips, std::size_t lead, Matrix matrix,
+                       bool convert)
+{
+    const kernels::Store store = convert ? kernels::Store::Count : kernels::Store::Replace;
+    for (std::size_t chip = 0; streams > 0 && chip < chips; ++chip)
+        decodeChips(behind(source, streams * (lead + chip * MPX2_SERIAL_SIZE)), {streams, chips * MPX2_CHIP_PIXELS},
+                    behind(matrix, chip * MPX2_CHIP_PIXELS), store);
+    const Matrix rest = behind(matrix, streams * chips * MPX2_CHIP_PIXELS);
+    std::fill(rest.begin(), rest.end(), convert ? MPX2_UNKNOWN_COUNT : static_cast<unsigned short>(0));
+}
+
+/// Rows of a chip that fit into `out`.
+std::size_t fittingRows(std::span<unsigned char> out)
+{
+    return std::min(out.size() / MPX2_ROW_SIZE, SIDE);
 }
 
 /// Every `stride`-th byte of `source`. Inlined with a constant stride it is vectorized.
@@ -174,17 +143,17 @@ void copyInto(Stream from, std::span<unsigned char> to)
 
 void deserializeSingleMpx2Fast(const unsigned char* stream, unsigned short* matrix)
 {
-    decodeChip<SERIAL, true>(stream, {matrix, MPX2_CHIP_PIXELS});
+    decodeRows(stream, {1, 0}, SIDE, matrix, kernels::Store::Add);
 }
 
 void deserializeSingleMpx2(const unsigned char* stream, unsigned short* matrix)
 {
-    decodeChip<SERIAL, false>(stream, {matrix, MPX2_CHIP_PIXELS});
+    decodeRows(stream, {1, 0}, SIDE, matrix, kernels::Store::Replace);
 }
 
 void deserializeSingleMpx2Parallel(const unsigned char* stream, unsigned short* matrix)
 {
-    decodeChip<PARALLEL, false>(stream, {matrix, MPX2_CHIP_PIXELS});
+    decodeParallelChip(stream, {matrix, MPX2_CHIP_PIXELS});
 }
 
 int deserializeMpx2(const unsigned char* stream, unsigned long size, unsigned short* matrix, unsigned long matrixSize,
@@ -192,22 +161,38 @@ int deserializeMpx2(const unsigned char* stream, unsigned long size, unsigned sh
 {
     // With the lead bytes the chips end at chips * MPX2_STREAM_STRIDE, so that they always lie within `size`.
     const std::size_t chips = size / MPX2_STREAM_STRIDE;
-    const auto decode = serial ? decodeChip<SERIAL, true> : decodeChip<PARALLEL, false>;
     const unsigned char* data = stream + (serial ? chips : 0);
-    for (std::size_t chip = 0; chip < chips; ++chip)
-        decode(data + chip * MPX2_SERIAL_SIZE, behind(Matrix(matrix, matrixSize), chip * MPX2_CHIP_PIXELS));
+    for (std::size_t chip = 0; chip < chips; ++chip, data += MPX2_SERIAL_SIZE) {
+        const Matrix pixels = behind(Matrix(matrix, matrixSize), chip * MPX2_CHIP_PIXELS);
+        if (serial)
+            decodeChips({data, MPX2_PARALLEL_SIZE}, {1, 0}, pixels, kernels::Store::Add);
+        else
+            decodeParallelChip(data, pixels);
+    }
     return static_cast<int>(chips);
+}
+
+void decodeMpx2Modules(std::span<const unsigned char> source, std::size_t modules, std::size_t chips,
+                       std::span<unsigned short> matrix, bool convert)
+{
+    decodeInterleaved(source, modules, chips, chips + 1, matrix, convert);
+}
+
+void decodeMpx2RowDevice(std::span<const unsigned char> source, std::size_t chips, std::span<unsigned short> matrix,
+                         bool convert)
+{
+    decodeInterleaved(source, chips, 1, 1, matrix, convert);
 }
 
 void serializeSingleMpx2(const unsigned short* matrix, unsigned char* out)
 {
-    encodeChip<SERIAL>(matrix, {out, MPX2_PARALLEL_SIZE});
+    kernels::active().encodeMpx2(matrix, SIDE, out);
     std::fill_n(out + MPX2_PARALLEL_SIZE, MPX2_SERIAL_SIZE - MPX2_PARALLEL_SIZE, static_cast<unsigned char>(0));
 }
 
 void serializeSingleMpx2Parallel(const unsigned short* matrix, unsigned char* out)
 {
-    encodeChip<PARALLEL>(matrix, {out, MPX2_PARALLEL_SIZE});
+    kernels::active().encodeMpx2Parallel(matrix, SIDE, out);
 }
 
 void serializeMpx2(const unsigned short* matrix, unsigned long size, unsigned char* out, unsigned long outSize,
@@ -215,17 +200,20 @@ void serializeMpx2(const unsigned short* matrix, unsigned long size, unsigned ch
 {
     const std::size_t chips = size / MPX2_CHIP_PIXELS;
     const std::size_t stride = serial ? MPX2_SERIAL_SIZE : MPX2_PARALLEL_SIZE;
-    const auto encode = serial ? encodeChip<SERIAL> : encodeChip<PARALLEL>;
+    const auto encode = serial ? kernels::active().encodeMpx2 : kernels::active().encodeMpx2Parallel;
     std::span<unsigned char> rest(out, outSize);
-    std::fill(rest.begin(), rest.end(), static_cast<unsigned char>(0));
     if (serial && !rest.empty()) {
         rest.front() = SERIAL_LEAD;
         rest = rest.subspan(1);
     }
     for (std::size_t chip = 0; chip < chips; ++chip) {
-        encode(matrix + chip * MPX2_CHIP_PIXELS, rest);
+        const std::size_t rows = fittingRows(rest);
+        encode(matrix + chip * MPX2_CHIP_PIXELS, rows, rest.data());
+        const auto unused = behind(rest.first(std::min(stride, rest.size())), rows * MPX2_ROW_SIZE);
+        std::fill(unused.begin(), unused.end(), static_cast<unsigned char>(0));
         rest = behind(rest, stride);
     }
+    std::fill(rest.begin(), rest.end(), static_cast<unsigned char>(0));
 }
 
 void deinterleaveMpx2(std::span<const unsigned char> source, std::size_t modules, std::size_t module,

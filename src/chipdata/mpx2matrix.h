@@ -42,6 +42,21 @@ void deserializeSingleMpx2Parallel(const unsigned char* stream, unsigned short* 
 int deserializeMpx2(const unsigned char* stream, unsigned long size, unsigned short* matrix, unsigned long matrixSize,
                     bool serial);
 
+/// Decodes a readout of `modules` interleaved modules of `chips` chips each straight into the host's matrix, with
+/// `convert` as counts. Neither the matrix needs clearing nor the modules taking apart: the result is that of clearing
+/// `matrix`, for each module deinterleaveMpx2 and deserializeMpx2 of what stands behind the module's first byte to
+/// MPX2_CHIP_PIXELS * `chips` words of its own, and convertCountsMpx2 on all words.
+///
+/// `source` begins with the modules' first bytes; bytes that it doesn't have count as 0. What would lie behind the end
+/// of `matrix` is dropped. Words that no chip covers become 0, as counts MPX2_UNKNOWN_COUNT. A readout of one module
+/// alone is decoded with `modules` 1.
+void decodeMpx2Modules(std::span<const unsigned char> source, std::size_t modules, std::size_t chips,
+                       std::span<unsigned short> matrix, bool convert);
+
+/// The same for a row device, whose `chips` chips are interleaved byte by byte with one lead byte each.
+void decodeMpx2RowDevice(std::span<const unsigned char> source, std::size_t chips, std::span<unsigned short> matrix,
+                         bool convert);
+
 /// Encodes the MPX2_CHIP_PIXELS words of a chip at `matrix` in serial form, MPX2_SERIAL_SIZE bytes at `out`, of which
 /// the last 32 are zeros.
 void serializeSingleMpx2(const unsigned short* matrix, unsigned char* out);

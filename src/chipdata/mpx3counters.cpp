@@ -1,49 +1,35 @@
 // The Medipix3 counter code, see mpx3counters.h.
 #include "chipdata/mpx3counters.h"
 
+#include "chipdata/registers.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <bit>
 #include <mutex>
+#include <span>
 
 namespace {
 
-/// A shift register of `bits` bits whose new bit is the parity of the tapped bits; `insertZero` are the bits that must
-/// all be 0 for the new bit to flip, which takes the all-zero state into the cycle.
-struct ShiftRegister {
-    unsigned states;
-    unsigned taps;
-    unsigned insertZero;
-
-    constexpr unsigned next(unsigned state) const
-    {
-        const unsigned parity = static_cast<unsigned>(std::popcount(state & taps)) & 1U;
-        const unsigned flip = (state & insertZero) == 0;
-        return (state << 1 | (parity ^ flip)) & (states - 1);
+void fillTables(const ShiftRegister& counter, unsigned short* count2Pseudo, unsigned short* pseudo2Count)
+{
+    for (unsigned count = 0, state = 0; count < counter.states; ++count, state = counter.next(state)) {
+        count2Pseudo[count] = static_cast<unsigned short>(state);
+        pseudo2Count[state] = static_cast<unsigned short>(count);
     }
+}
 
-    constexpr void fill(unsigned short* count2Pseudo, unsigned short* pseudo2Count) const
-    {
-        for (unsigned count = 0, state = 0; count < states; ++count, state = next(state)) {
-            count2Pseudo[count] = static_cast<unsigned short>(state);
-            pseudo2Count[state] = static_cast<unsigned short>(count);
-        }
-    }
+/// True if the cycle from state 0 visits all states once.
+constexpr bool fullCycle(const ShiftRegister& counter)
+{
+    unsigned length = 1;
+    for (unsigned state = counter.next(0); state != 0 && length <= counter.states; state = counter.next(state))
+        ++length;
+    return length == counter.states;
+}
 
-    /// True if the cycle from state 0 visits all states once.
-    constexpr bool fullCycle() const
-    {
-        unsigned length = 1;
-        for (unsigned state = next(0); state != 0 && length <= states; state = next(state))
-            ++length;
-        return length == states;
-    }
-};
-
-constexpr ShiftRegister REGISTER_6BIT{MPX3_6BIT_STATES, 0x21, 0x1F};
-constexpr ShiftRegister REGISTER_12BIT{MPX3_12BIT_STATES, 0x829, 0x7FF};
-static_assert(REGISTER_6BIT.fullCycle() && REGISTER_12BIT.fullCycle());
+static_assert(fullCycle(MPX3_6BIT_REGISTER) && fullCycle(MPX3_12BIT_REGISTER));
+static_assert(MPX3_6BIT_REGISTER.states == MPX3_6BIT_STATES && MPX3_12BIT_REGISTER.states == MPX3_12BIT_STATES);
 
 // Zero until first generated, and read only by who has seen the flag behind them.
 std::array<unsigned short, MPX3_6BIT_STATES> count2Pseudo6bit;
@@ -84,13 +70,14 @@ template <class Counter, class Convert>
 int replace(unsigned int* matrix, unsigned long size, unsigned limit, Counter counter, Convert convert)
 {
     int failed = 0;
-    for (unsigned long i = 0; i < size; ++i) {
-        const unsigned pixel = matrix[i];
-        const bool ok = counter(pixel) < limit;
-        // A pixel that failed takes entry 0, so that no lookup leaves the table and nothing branches.
-        const unsigned converted = convert(ok ? pixel : 0U);
-        matrix[i] = ok ? converted : MPX3_FAILED_PIXEL;
-        failed += !ok;
+    for (unsigned& pixel : std::span(matrix, size)) {
+        // Failing pixels are rare enough for a branch, which waits for nothing.
+        if (counter(pixel) < limit) {
+            pixel = convert(pixel);
+        } else {
+            pixel = MPX3_FAILED_PIXEL;
+            ++failed;
+        }
     }
     return failed;
 }
@@ -99,12 +86,12 @@ int replace(unsigned int* matrix, unsigned long size, unsigned limit, Counter co
 
 void generate6BitMpx3RxTable(unsigned short* count2Pseudo, unsigned short* pseudo2Count)
 {
-    REGISTER_6BIT.fill(count2Pseudo, pseudo2Count);
+    fillTables(MPX3_6BIT_REGISTER, count2Pseudo, pseudo2Count);
 }
 
 void generate12BitMpx3RxTable(unsigned short* count2Pseudo, unsigned short* pseudo2Count)
 {
-    REGISTER_12BIT.fill(count2Pseudo, pseudo2Count);
+    fillTables(MPX3_12BIT_REGISTER, count2Pseudo, pseudo2Count);
 }
 
 int convertCountsMpx3(unsigned int* matrix, unsigned long size, unsigned char depth, bool lowCounter,
@@ -129,4 +116,9 @@ int convertCountsMpx3(unsigned int* matrix, unsigned long size, unsigned char de
     return replace(
         matrix, size, limit, [](unsigned pixel) { return pixel >> 16; },
         [values](unsigned pixel) { return (pixel & 0xFFFF) | unsigned{values[pixel >> 16]} << 16; });
+}
+
+const unsigned short* mpx3CountTable(unsigned char depth)
+{
+    return depth == 6 ? table6bit(true).values : table12bit(true, true).values;
 }

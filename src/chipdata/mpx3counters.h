@@ -28,3 +28,6 @@ void generate12BitMpx3RxTable(unsigned short* count2Pseudo, unsigned short* pseu
 /// now.
 int convertCountsMpx3(unsigned int* matrix, unsigned long size, unsigned char depth, bool lowCounter,
                       bool pseudoToCount);
+
+/// The counts of all states of a counter of `depth` 6 or 12, for who converts while decoding: 1 << `depth` entries.
+const unsigned short* mpx3CountTable(unsigned char depth);

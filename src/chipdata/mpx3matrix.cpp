@@ -1,14 +1,13 @@
 // Medipix3 matrix streams, see mpx3matrix.h.
 #include "chipdata/mpx3matrix.h"
 
-#include "chipdata/bitplanes.h"
+#include "chipdata/kernels/kernels.h"
 #include "chipdata/mpx3counters.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstring>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -20,7 +19,8 @@ constexpr unsigned MAX_PLANES = 16;            // of one counter, so that the hi
 constexpr unsigned HIGH_POSITION = 16;         // of the high counter in a word
 constexpr unsigned LONG_COUNT_BITS = 24;       // depth of a count that travels in two halves
 constexpr unsigned PLANES = MPX3_COUNTER_BITS; // of a whole counter
-constexpr std::size_t PLANE_BYTES = SIDE / 8;
+constexpr unsigned BLOCK = 8;                  // pixels in a byte of a plane
+constexpr std::size_t PLANE_BYTES = SIDE / BLOCK;
 
 constexpr std::size_t PACKET_SIZE = 9;    // end-of-frame packet
 constexpr std::size_t LEAD_SIZE = 3;      // bytes of a channel before its data
@@ -38,7 +38,7 @@ struct RowShape {
     std::ptrdiff_t shift; ///< columns between the right edge and the first column on the wire
     unsigned position;    ///< bit of a word that takes the lowest plane
 
-    std::size_t planeBytes() const { return columns / 8; }
+    std::size_t planeBytes() const { return columns / BLOCK; }
     std::size_t bytes() const { return planes * planeBytes(); }
 };
 
@@ -58,104 +58,114 @@ struct ChannelMap {
     }
 };
 
-/// A row's counters, cut into bytes: bits 0 to 7 and bits 8 to 15 of each pixel.
-struct RowBits {
-    std::array<unsigned char, SIDE> low;
-    std::array<unsigned char, SIDE> high;
-};
-
-/// Gathers a row of `planes` planes from every `interleave`-th byte at `stream`.
-template <unsigned planes>
-void gatherRow(const unsigned char* stream, std::size_t interleave, const RowShape& row, RowBits& bits)
-{
-    constexpr unsigned LOW = std::min(planes, 8U);
-    constexpr unsigned HIGH = planes - LOW;
-    const std::size_t groups = row.planeBytes();
-    const std::size_t planeStride = groups * interleave;
-    for (std::size_t group = 0; group < groups; ++group, stream += interleave) {
-        const std::size_t left = (groups - 1 - group) * 8;
-        if constexpr (HIGH > 0) {
-            const std::uint64_t high = bitplanes::gather<HIGH>(stream, planeStride);
-            std::memcpy(&bits.high[left], &high, sizeof(high));
-        }
-        const std::uint64_t low = bitplanes::gather<LOW>(stream + HIGH * planeStride, planeStride);
-        std::memcpy(&bits.low[left], &low, sizeof(low));
-    }
-}
-
-/// Ors a row into the matrix from pixel `first` on, as far as it lies in the matrix.
-template <unsigned planes>
-void orRow(const RowBits& bits, const RowShape& row, std::ptrdiff_t first, Matrix matrix)
-{
-    const auto size = static_cast<std::ptrdiff_t>(matrix.size());
-    const std::ptrdiff_t begin = std::max<std::ptrdiff_t>(0, -first);
-    const std::ptrdiff_t end = std::min<std::ptrdiff_t>(row.columns, size - first);
-    if (end <= begin)
-        return;
-    // Without the promise that they don't overlap the loop is not vectorized.
-    unsigned int* __restrict pixels = matrix.data() + (first + begin);
-    const unsigned char* __restrict low = bits.low.data() + begin;
-    const unsigned char* __restrict high = bits.high.data() + begin;
-    const unsigned position = row.position;
-    for (std::ptrdiff_t i = 0; i < end - begin; ++i) {
-        unsigned count = low[i];
-        if constexpr (planes > 8)
-            count |= unsigned{high[i]} << 8;
-        pixels[i] |= count << position;
-    }
-}
-
-/// Decodes one channel's row from every `interleave`-th byte of `stream`, as many as there are, to pixel `first`.
-template <unsigned planes>
-void decodeRow(Stream stream, std::size_t interleave, const RowShape& row, std::ptrdiff_t first, Matrix matrix)
-{
-    RowBits bits;
-    if ((row.bytes() - 1) * interleave < stream.size()) {
-        gatherRow<planes>(stream.data(), interleave, row, bits);
-    } else {
-        std::array<unsigned char, MAX_PLANES * PLANE_BYTES> came{};
-        for (std::size_t i = 0; i * interleave < stream.size(); ++i)
-            came[i] = stream[i * interleave];
-        gatherRow<planes>(came.data(), 1, row, bits);
-    }
-    orRow<planes>(bits, row, first, matrix);
-}
-
-template <unsigned... index>
-constexpr auto rowDecoders(std::integer_sequence<unsigned, index...>)
-{
-    return std::array{decodeRow<index + 1>...};
-}
-
-/// decodeRow for 1 to MAX_PLANES planes, so that the loops over the planes have a constant length.
-constexpr auto ROW_DECODERS = rowDecoders(std::make_integer_sequence<unsigned, MAX_PLANES>{});
-
 /// The stream without its first `offset` bytes.
 Stream behind(Stream stream, std::size_t offset)
 {
     return stream.subspan(std::min(offset, stream.size()));
 }
 
-/// Decodes row number `r` of all channels.
-void decodeChannels(Stream stream, const ChannelMap& map, const RowShape& row, std::ptrdiff_t r, Matrix matrix)
+/// The first pixel of the block in each byte of row 0. The first byte of a plane has the rightmost block of its
+/// columns.
+std::vector<std::ptrdiff_t> rowBlocks(const ChannelMap& map, const RowShape& row)
 {
-    if (row.planes == 0)
-        return;
-    const auto decode = ROW_DECODERS[row.planes - 1];
-    const std::ptrdiff_t left = (r + 1) * SIDE - row.columns - row.shift;
-    const std::size_t channels = std::min(map.count(), stream.size());
-    for (std::size_t c = 0; c < channels; ++c)
-        decode(stream.subspan(c), map.count(), row, map.firstPixel(static_cast<std::ptrdiff_t>(c)) + left, matrix);
+    std::vector<std::ptrdiff_t> first(row.planeBytes() * map.count());
+    for (std::size_t i = 0; i < first.size(); ++i)
+        first[i] = map.firstPixel(static_cast<std::ptrdiff_t>(i % map.count())) + SIDE - row.shift -
+                   static_cast<std::ptrdiff_t>(BLOCK * (1 + i / map.count()));
+    return first;
 }
 
-/// Decodes `rows` rows of one counter. The rows are outermost, since all channels of a row share their cache lines.
-void decodeFrame(Stream stream, const ChannelMap& map, const RowShape& row, unsigned rows, Matrix matrix)
-{
-    for (unsigned r = 0; r < rows && !stream.empty(); ++r) {
-        decodeChannels(stream, map, row, r, matrix);
-        stream = behind(stream, row.bytes() * map.count());
+/// The pixels that a row of a channel covers.
+struct PixelRange {
+    std::ptrdiff_t first;
+    std::ptrdiff_t end;
+
+    bool isIn(Matrix matrix) const { return first >= 0 && end <= static_cast<std::ptrdiff_t>(matrix.size()); }
+};
+
+/// Decodes rows of all channels of one shape, or-ing their bits into a matrix.
+class RowDecoder {
+public:
+    RowDecoder(const ChannelMap& channels, const RowShape& shape, Matrix to) : map(channels), row(shape), matrix(to) {}
+
+    /// Decodes `rows` rows, as far as the stream holds them, from row number `firstRow` of the matrix on.
+    void decode(Stream stream, std::ptrdiff_t firstRow, std::ptrdiff_t rows)
+    {
+        if (rowSize() == 0)
+            return;
+        const std::ptrdiff_t end = firstRow + rows;
+        for (std::ptrdiff_t r = firstRow; r < end && !stream.empty();) {
+            const std::size_t whole = std::min(wholeRows(stream, r), static_cast<std::size_t>(end - r));
+            if (whole > 0)
+                decodeWhole(stream.data(), r, whole);
+            else
+                decodeCut(stream, r);
+            const std::size_t done = std::max<std::size_t>(whole, 1);
+            stream = behind(stream, done * rowSize());
+            r += static_cast<std::ptrdiff_t>(done);
+        }
     }
-}
+
+private:
+    ChannelMap map;
+    RowShape row;
+    Matrix matrix;
+    std::vector<std::ptrdiff_t> blocks; ///< first pixel of each block of row 0, made when it is first needed
+
+    std::size_t rowSize() const { return row.bytes() * map.count(); }
+
+    PixelRange pixelsOf(std::ptrdiff_t channel, std::ptrdiff_t r) const
+    {
+        const std::ptrdiff_t end = map.firstPixel(channel) + (r + 1) * SIDE - row.shift;
+        return {end - static_cast<std::ptrdiff_t>(row.columns), end};
+    }
+
+    /// Rows from number `r` on that the stream holds and that lie in the matrix, all channels of them.
+    std::size_t wholeRows(Stream stream, std::ptrdiff_t r) const
+    {
+        const PixelRange first = pixelsOf(0, r);
+        const PixelRange last = pixelsOf(map.channels - 1, r);
+        const std::size_t size = rowSize();
+        if (size == 0 || !first.isIn(matrix) || !last.isIn(matrix))
+            return 0;
+        const std::size_t room = (matrix.size() - static_cast<std::size_t>(std::max(first.end, last.end))) / SIDE + 1;
+        return std::min(room, stream.size() / size);
+    }
+
+    void decodeWhole(const unsigned char* stream, std::ptrdiff_t r, std::size_t rows)
+    {
+        if (blocks.empty())
+            blocks = rowBlocks(map, row);
+        kernels::active().decodeMpx3({stream, nullptr, matrix.data() + r * SIDE, rows, row.planeBytes() * map.count(),
+                                      row.planes, row.position, blocks.data(), nullptr, kernels::Store::Or});
+    }
+
+    /// Decodes a row of which the stream holds, or the matrix has room for, a part alone.
+    void decodeCut(Stream stream, std::ptrdiff_t r) const
+    {
+        for (std::size_t c = 0; c < std::min(map.count(), stream.size()); ++c) {
+            std::array<unsigned char, MAX_PLANES * PLANE_BYTES> came{};
+            for (std::size_t i = 0; i < row.bytes() && c + i * map.count() < stream.size(); ++i)
+                came[i] = stream[c + i * map.count()];
+            std::array<unsigned int, SIDE> pixels{};
+            decodeAlone(came.data(), pixels.data());
+            const PixelRange to = pixelsOf(static_cast<std::ptrdiff_t>(c), r);
+            for (std::ptrdiff_t x = 0; x < to.end - to.first; ++x)
+                if (PixelRange{to.first + x, to.first + x + 1}.isIn(matrix))
+                    matrix[static_cast<std::size_t>(to.first + x)] |= pixels[static_cast<std::size_t>(x)];
+        }
+    }
+
+    /// Decodes one channel's row to a place of its own.
+    void decodeAlone(const unsigned char* stream, unsigned int* pixels) const
+    {
+        std::array<std::ptrdiff_t, PLANE_BYTES> places{};
+        for (std::size_t i = 0; i < row.planeBytes(); ++i)
+            places[i] = static_cast<std::ptrdiff_t>(row.columns - BLOCK * (1 + i));
+        kernels::active().decodeMpx3({stream, nullptr, pixels, 1, row.planeBytes(), row.planes, row.position,
+                                      places.data(), nullptr, kernels::Store::Or});
+    }
+};
 
 /// Columns that a column block readout leaves out on the right. Only the chip cuts `columnBlock` to its 3 bits: a
 /// higher one with `ps` 3 gives a negative number, which moves the row towards the next.
@@ -220,57 +230,126 @@ TdiShape tdiShape(unsigned long depth, unsigned char columnBlockSel, unsigned ch
 
 void decodeTdi(Stream stream, const ChannelMap& map, const TdiShape& tdi, Matrix matrix)
 {
+    RowDecoder first(map, tdi.first, matrix);
+    RowDecoder second(map, tdi.second, matrix);
     for (unsigned record = 0; record < tdi.records() && !stream.empty(); ++record) {
-        const RowShape& row = tdi.isSecond(record) ? tdi.second : tdi.first;
-        decodeChannels(behind(stream, tdi.lead(record)), map, row, tdi.paired ? record / 2 : record, matrix);
+        RowDecoder& decoder = tdi.isSecond(record) ? second : first;
+        decoder.decode(behind(stream, tdi.lead(record)), tdi.paired ? record / 2 : record, 1);
         stream = behind(stream, tdi.size(record));
     }
+}
+
+int chipsPerChannel(const Mpx3StreamShape& shape)
+{
+    return shape.twoChips ? 2 : 1;
+}
+
+/// A counter's data of the channels' chips number `chip`. If both counters were read the low one is in the second half
+/// of the stream.
+Stream chipData(const Mpx3StreamShape& shape, Stream stream, int chip, bool inSecondHalf)
+{
+    const std::size_t channels = ChannelMap{shape.channels}.count();
+    const std::size_t lead = (shape.twoChips ? LEAD_SIZE + 1 : LEAD_SIZE) * channels;
+    const std::size_t chipSize = (mpx3ReadBits(shape.omr, shape.twoChips) / 8 + 1) * channels;
+    const Stream counter = behind(stream, inSecondHalf ? stream.size() / 2 : 0);
+    return behind(counter, lead + static_cast<std::size_t>(chip) * chipSize);
 }
 
 /// Decodes what came of a frame: the high counter first if both were read, and of two chips the one that sends first.
 void decodeReceived(const Mpx3StreamShape& shape, Stream stream, Matrix matrix, bool bothCounters)
 {
     const OMR& omr = shape.omr;
-    const int chipsPerChannel = shape.twoChips ? 2 : 1;
-    const std::size_t channels = ChannelMap{shape.channels}.count();
-    const std::size_t chipLead = (shape.twoChips ? LEAD_SIZE + 1 : LEAD_SIZE) * channels;
-    const std::size_t chipSize = (mpx3ReadBits(omr, shape.twoChips) / 8 + 1) * channels;
-
     for (const bool lowCounter : {false, true}) {
         if (!lowCounter && !bothCounters)
             continue;
         const RowShape row = rowShape(omr.bitsCount(), omr.ColumnBlockSel, omr.ColumnBlock, omr.PS, lowCounter);
-        const Stream counter = behind(stream, lowCounter && bothCounters ? stream.size() / 2 : 0);
-        for (int chip = 0; chip < chipsPerChannel; ++chip)
-            decodeFrame(behind(counter, chipLead + static_cast<std::size_t>(chip) * chipSize),
-                        {shape.channels, chipsPerChannel, chip}, row, omr.rowNumber(), matrix);
+        for (int chip = 0; chip < chipsPerChannel(shape); ++chip)
+            RowDecoder({shape.channels, chipsPerChannel(shape), chip}, row, matrix)
+                .decode(chipData(shape, stream, chip, lowCounter && bothCounters), 0, omr.rowNumber());
     }
 }
 
-/// Cuts one counter of a row into bytes; pixels that the row doesn't have are 0.
-void cutRow(std::span<const unsigned int> row, unsigned position, RowBits& bits)
-{
-    if (row.size() < SIDE)
-        bits = {};
-    for (std::size_t i = 0; i < std::min<std::size_t>(row.size(), SIDE); ++i) {
-        bits.low[i] = static_cast<unsigned char>(row[i] >> position);
-        bits.high[i] = static_cast<unsigned char>(row[i] >> (position + 8));
+/// A whole frame that is decoded in one pass, with its counts.
+struct WholeFrame {
+    const Mpx3StreamShape& shape;
+    Stream stream;
+    Matrix matrix;
+    bool bothCounters;
+    bool convert;
+
+    unsigned depth() const { return shape.omr.bitsCount(); }
+    std::size_t pixels() const
+    {
+        return ChannelMap{shape.channels}.count() * static_cast<std::size_t>(chipsPerChannel(shape)) * MPX3_CHIP_PIXELS;
     }
+    RowShape row() const { return rowShape(depth(), 0, 0, 0, true); }
+    std::size_t dataSize() const { return SIDE * row().bytes() * ChannelMap{shape.channels}.count(); }
+
+    /// True if all chips' rows and columns were read, came, and have room. Both counters together have 12 bits each.
+    bool isWhole() const
+    {
+        const OMR& omr = shape.omr;
+        if (shape.channels < 1 || omr.rowNumber() != SIDE || omr.colNumber() != SIDE || matrix.size() < pixels() ||
+            (shape.tdi && !shape.twoChips) || (bothCounters && depth() < PLANES))
+            return false;
+        const int last = chipsPerChannel(shape) - 1;
+        return chipData(shape, stream, last, bothCounters).size() >= dataSize() &&
+               chipData(shape, stream, last, false).size() >= dataSize();
+    }
+
+    void decode() const
+    {
+        for (int chip = 0; chip < chipsPerChannel(shape); ++chip)
+            decodeChips(chip);
+        const Matrix rest = matrix.subspan(pixels());
+        std::fill(rest.begin(), rest.end(), 0U);
+    }
+
+private:
+    /// Decodes the channels' chips number `chip`.
+    void decodeChips(int chip) const
+    {
+        const ChannelMap map{shape.channels, chipsPerChannel(shape), chip};
+        const std::vector<std::ptrdiff_t> blocks = rowBlocks(map, row());
+        const bool isCounts = convert && depth() > 1; // one bit counts as it is
+        kernels::Mpx3Rows rows{};
+        rows.source = chipData(shape, stream, chip, bothCounters).data();
+        rows.second = bothCounters ? chipData(shape, stream, chip, false).data() : nullptr;
+        rows.matrix = matrix.data();
+        rows.rows = SIDE;
+        rows.planeSize = PLANE_BYTES * map.count();
+        rows.planes = row().planes;
+        rows.position = !bothCounters ? 0 : depth() == LONG_COUNT_BITS ? PLANES : HIGH_POSITION;
+        rows.blocks = blocks.data();
+        rows.counts = isCounts ? mpx3CountTable(static_cast<unsigned char>(rows.planes)) : nullptr;
+        rows.store = isCounts ? kernels::Store::Count : kernels::Store::Replace;
+        kernels::active().decodeMpx3(rows);
+    }
+};
+
+/// Encodes a row that the matrix doesn't have as a whole, or `out` no room for: whole planes of it, the rest as zeros.
+void encodeCutRow(std::span<const unsigned int> row, bool lowCounter, std::span<unsigned char> out)
+{
+    std::array<unsigned int, SIDE> pixels{};
+    std::array<unsigned char, PLANES * PLANE_BYTES> planes;
+    std::copy_n(row.begin(), std::min<std::size_t>(row.size(), SIDE), pixels.begin());
+    kernels::active().encodeMpx3(pixels.data(), 1, !lowCounter, planes.data());
+    std::copy_n(planes.begin(), std::min(planes.size(), out.size() / PLANE_BYTES * PLANE_BYTES), out.begin());
 }
 
-/// Encodes a row in its 12 planes.
-void encodeRow(const RowBits& bits, unsigned char* out)
+/// Encodes rows, as many as `out` has room for, and planes of one row more. Returns the bytes behind them.
+std::span<unsigned char> encodeRows(std::span<const unsigned int> pixels, std::size_t rows, bool lowCounter,
+                                    std::span<unsigned char> out)
 {
-    constexpr unsigned HIGH = PLANES - 8;
-    for (std::size_t group = 0; group < PLANE_BYTES; ++group) {
-        const std::size_t left = SIDE - 8 - group * 8;
-        std::uint64_t high;
-        std::uint64_t low;
-        std::memcpy(&high, &bits.high[left], sizeof(high));
-        std::memcpy(&low, &bits.low[left], sizeof(low));
-        bitplanes::scatter<HIGH>(high, out + group, PLANE_BYTES);
-        bitplanes::scatter<8>(low, out + HIGH * PLANE_BYTES + group, PLANE_BYTES);
+    constexpr std::size_t ROW_SIZE = PLANES * PLANE_BYTES;
+    const std::size_t whole = std::min({rows, pixels.size() / SIDE, out.size() / ROW_SIZE});
+    kernels::active().encodeMpx3(pixels.data(), whole, !lowCounter, out.data());
+    out = out.subspan(whole * ROW_SIZE);
+    for (std::size_t r = whole; r < rows && !out.empty(); ++r) {
+        encodeCutRow(pixels.subspan(std::min(r * SIDE, pixels.size())), lowCounter, out);
+        out = out.subspan(std::min(ROW_SIZE, out.size()));
     }
+    return out;
 }
 
 constexpr std::array<unsigned char, 3> WRITE_HEADER = {0x00, 0xA0, 0x00};
@@ -320,7 +399,7 @@ int deserializeMpx3MultiChannel(const unsigned char* stream, unsigned int* matri
     omr.RowBlock = rowBlock;
     const unsigned rows = omr.rowNumber();
     const ChannelMap map{chips, chipStride, chipOffset};
-    decodeFrame({stream, rows * row.bytes() * map.count()}, map, row, rows, {matrix, map.matrixSize()});
+    RowDecoder(map, row, {matrix, map.matrixSize()}).decode({stream, rows * row.bytes() * map.count()}, 0, rows);
     return 0;
 }
 
@@ -375,26 +454,31 @@ void convertMpx3MatrixStream(const Mpx3StreamShape& shape, std::span<const unsig
     convertCountsMpx3(matrix.data(), pixels, omr.bitsCount(), true, true);
 }
 
+void decodeMpx3MatrixStream(const Mpx3StreamShape& shape, std::span<const unsigned char> stream, std::size_t received,
+                            std::span<unsigned int> matrix, std::size_t convertSize, int counters, bool convert)
+{
+    const Stream came = stream.first(std::min(received, stream.size()));
+    const WholeFrame frame{shape, came, matrix, counters > 1, convert};
+    if (frame.isWhole() && (!convert || convertSize >= frame.pixels()))
+        return frame.decode();
+    std::fill(matrix.begin(), matrix.end(), 0U);
+    convertMpx3MatrixStream(shape, stream, received, matrix, convertSize, counters, convert);
+}
+
 unsigned long serializeMpx3(const unsigned int* matrix, unsigned long size, unsigned char* out, unsigned long outSize,
                             bool lowCounter, bool swapHalves)
 {
     const std::span pixels(matrix, std::min<std::size_t>(size, MPX3_CHIP_PIXELS));
-    const unsigned position = lowCounter ? 0 : HIGH_POSITION;
-    const unsigned firstRow = swapHalves ? SIDE / 2 : 0;
-    unsigned long written = 0;
-    for (unsigned i = 0; i < SIDE; ++i) {
-        const std::size_t begin = std::size_t{(i + firstRow) % SIDE} * SIDE;
-        RowBits bits;
-        std::array<unsigned char, PLANES * PLANE_BYTES> planes;
-        cutRow(pixels.subspan(std::min(begin, pixels.size())), position, bits);
-        encodeRow(bits, planes.data());
-        const std::size_t fitting = std::min(planes.size(), (outSize - written) / PLANE_BYTES * PLANE_BYTES);
-        std::copy_n(planes.begin(), fitting, out + written);
-        written += fitting;
-        if (fitting < planes.size())
-            return outSize;
+    const std::size_t half = pixels.size() < MPX3_CHIP_PIXELS / 2 ? pixels.size() : MPX3_CHIP_PIXELS / 2;
+    const std::size_t wanted = std::min<std::size_t>(outSize, MPX3_MATRIX_STREAM_SIZE);
+    std::span<unsigned char> rest(out, wanted);
+    if (swapHalves) {
+        rest = encodeRows(pixels.subspan(half), SIDE / 2, lowCounter, rest);
+        encodeRows(pixels.first(half), SIDE / 2, lowCounter, rest);
+    } else {
+        encodeRows(pixels, SIDE, lowCounter, rest);
     }
-    return written;
+    return wanted;
 }
 
 std::size_t fillMpx3WritePayload(const unsigned int* matrix, unsigned long size, bool twoChips, bool lowCounter,

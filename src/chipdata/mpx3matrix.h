@@ -91,6 +91,12 @@ int deserializeMpx3Tdi(const unsigned char* stream, unsigned int* matrix, unsign
 void convertMpx3MatrixStream(const Mpx3StreamShape& shape, std::span<const unsigned char> stream, std::size_t received,
                              std::span<unsigned int> matrix, std::size_t convertSize, int counters, bool convert);
 
+/// The same without the clearing: gives what convertMpx3MatrixStream gives in a matrix that was cleared, whatever stood
+/// in it. A frame of all rows and columns that came as a whole is decoded in one pass, both counters and their counts
+/// included.
+void decodeMpx3MatrixStream(const Mpx3StreamShape& shape, std::span<const unsigned char> stream, std::size_t received,
+                            std::span<unsigned int> matrix, std::size_t convertSize, int counters, bool convert);
+
 /// Encodes one counter of a chip's matrix in 12 planes, MPX3_MATRIX_STREAM_SIZE bytes for all 256 rows: bits 0 to 11 of
 /// the words with `lowCounter`, else bits 16 to 27. `swapHalves` sends rows 128 to 255 before rows 0 to 127. `size` is
 /// the length of `matrix` in pixels; rows behind it are sent as zeros, what lies behind the first chip is not sent.

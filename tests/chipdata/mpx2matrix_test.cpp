@@ -1,4 +1,6 @@
 // Medipix2 matrix streams, against slow oracles that walk the bit numbering.
+#include "chipdata/kernelsets.h"
+#include "chipdata/mpx2counters.h"
 #include "chipdata/mpx2matrix.h"
 
 #include <gtest/gtest.h>
@@ -46,14 +48,37 @@ void oracleDecode(const Bytes& stream, std::size_t offset, Pixels& matrix, std::
 
 Bytes encoded(const Pixels& matrix, std::size_t outSize, bool serial)
 {
-    Bytes out(outSize, 0xEE);
-    serializeMpx2(matrix.data(), matrix.size(), out.data(), out.size(), serial);
-    return out;
+    Guarded out(Bytes(outSize, 0xEE));
+    serializeMpx2(matrix.data(), matrix.size(), out.values().data(), outSize, serial);
+    const Bytes bytes(out.values().begin(), out.values().end());
+    EXPECT_TRUE(out.is(bytes));
+    return bytes;
 }
+
+/// A readout of interleaved streams, taken apart, decoded and converted one after the other.
+Pixels oracleReadout(const Bytes& source, std::size_t streams, std::size_t chips, std::size_t lead, std::size_t pixels,
+                     bool convert)
+{
+    Pixels matrix(pixels, 0);
+    for (std::size_t stream = 0; stream < streams; ++stream) {
+        Bytes own(chips * MPX2_STREAM_STRIDE + 1, 0);
+        for (std::size_t i = 0; i < own.size() && streams * i + stream < source.size(); ++i)
+            own[i] = source[streams * i + stream];
+        for (std::size_t chip = 0; chip < chips; ++chip)
+            oracleDecode(own, lead + chip * 114720, matrix, (stream * chips + chip) * CHIP, true, false);
+    }
+    if (convert)
+        convertCountsMpx2(matrix.data(), matrix.size(), true);
+    return matrix;
+}
+
+using Mpx2Matrix = KernelSets;
 
 } // namespace
 
-TEST(Mpx2Matrix, DecodesAsFarAsStreamAndMatrixGo)
+RUN_WITH_ALL_KERNELS(Mpx2Matrix);
+
+TEST_P(Mpx2Matrix, DecodesAsFarAsStreamAndMatrixGo)
 {
     constexpr std::size_t STRIDE = MPX2_STREAM_STRIDE;
     struct Case {
@@ -64,27 +89,66 @@ TEST(Mpx2Matrix, DecodesAsFarAsStreamAndMatrixGo)
     for (const Case& c : cases)
         for (const bool serial : {true, false}) {
             const Bytes stream = randomValues<unsigned char>(c.size);
-            Pixels matrix = randomValues<unsigned short>(c.pixels); // so that additions carry
-            Pixels expected = matrix;
+            Pixels expected = randomValues<unsigned short>(c.pixels); // so that additions carry
+            Guarded matrix(expected);
             for (std::size_t chip = 0; chip < c.chips; ++chip)
                 oracleDecode(stream, (serial ? c.chips : 0) + chip * 114720, expected, chip * CHIP, serial, serial);
-            EXPECT_EQ(deserializeMpx2(stream.data(), c.size, matrix.data(), c.pixels, serial),
+            EXPECT_EQ(deserializeMpx2(stream.data(), c.size, matrix.values().data(), c.pixels, serial),
                       static_cast<int>(c.chips));
-            EXPECT_TRUE(matrix == expected) << c.size << " bytes, " << c.pixels << " pixels, serial " << serial;
+            EXPECT_TRUE(matrix.is(expected)) << c.size << " bytes, " << c.pixels << " pixels, serial " << serial;
         }
     const Bytes stream = randomValues<unsigned char>(MPX2_PARALLEL_SIZE);
     const auto singles = {deserializeSingleMpx2Fast, deserializeSingleMpx2, deserializeSingleMpx2Parallel};
     for (const auto single : singles) {
-        Pixels matrix = randomValues<unsigned short>(CHIP);
-        Pixels expected = matrix;
+        Pixels expected = randomValues<unsigned short>(CHIP);
+        Guarded matrix(expected);
         oracleDecode(stream, 0, expected, 0, single != deserializeSingleMpx2Parallel,
                      single == deserializeSingleMpx2Fast);
-        single(stream.data(), matrix.data());
-        EXPECT_TRUE(matrix == expected);
+        single(stream.data(), matrix.values().data());
+        EXPECT_TRUE(matrix.is(expected));
     }
 }
 
-TEST(Mpx2Matrix, EncodesWhatDecodingReads)
+TEST_P(Mpx2Matrix, DecodesInterleavedReadouts)
+{
+    for (const bool convert : {false, true})
+        for (const std::size_t streams : {0U, 1U, 2U, 3U, 5U, 7U})
+            for (const std::size_t chips : {1U, 2U}) {
+                const std::size_t whole = streams * chips * CHIP;
+                const Bytes source = randomValues<unsigned char>(mpx2ParallelReadout(streams * chips, streams).bytes);
+                // A source and a matrix that end within a row, and a matrix that has more than the chips.
+                for (const std::size_t cut : {std::size_t{0}, source.size() / 3})
+                    for (const std::size_t pixels : {whole, whole + 100, whole / 2 + 77}) {
+                        const Bytes came(source.begin(), source.end() - static_cast<std::ptrdiff_t>(cut));
+                        Guarded matrix(randomValues<unsigned short>(pixels));
+                        decodeMpx2Modules(came, streams, chips, matrix.values(), convert);
+                        EXPECT_TRUE(matrix.is(oracleReadout(came, streams, chips, chips + 1, pixels, convert)))
+                            << streams << " of " << chips << " chips, cut " << cut << ", pixels " << pixels;
+                    }
+                Guarded matrix(randomValues<unsigned short>(whole));
+                decodeMpx2RowDevice(source, streams * chips, matrix.values(), convert);
+                EXPECT_TRUE(matrix.is(oracleReadout(source, streams * chips, 1, 1, whole, convert)));
+            }
+}
+
+TEST_P(Mpx2Matrix, CountsEveryStateInEveryPlace)
+{
+    // Each state in as many pixels of a row as there are turns.
+    for (const std::size_t turn : {0U, 1U, 5U}) {
+        Pixels states(CHIP);
+        for (std::size_t i = 0; i < CHIP; ++i)
+            states[i] = static_cast<unsigned short>((i + turn * (i / 16384)) % 16384);
+        const Bytes stream = encoded(states, MPX2_STREAM_STRIDE, true);
+        Bytes source(1, 0);
+        source.insert(source.end(), stream.begin(), stream.end());
+        Guarded matrix(Pixels(CHIP, 0xEEEE));
+        decodeMpx2Modules(source, 1, 1, matrix.values(), true);
+        convertCountsMpx2(states.data(), states.size(), true);
+        EXPECT_TRUE(matrix.is(states));
+    }
+}
+
+TEST_P(Mpx2Matrix, EncodesWhatDecodingReads)
 {
     constexpr std::size_t CHIPS = 2;
     const Pixels matrix = randomValues<unsigned short>(CHIPS * CHIP + 100); // what is no whole chip isn't sent
@@ -116,7 +180,7 @@ TEST(Mpx2Matrix, EncodesWhatDecodingReads)
     }
 }
 
-TEST(Mpx2Matrix, TakesModulesApart)
+TEST(Mpx2Readout, TakesModulesApart)
 {
     const Bytes source = randomValues<unsigned char>(1003);
     for (const std::size_t modules : {0U, 1U, 2U, 3U, 4U, 5U, 7U, 2000U})
@@ -131,7 +195,7 @@ TEST(Mpx2Matrix, TakesModulesApart)
         }
 }
 
-TEST(Mpx2Matrix, ReadoutSizes)
+TEST(Mpx2Readout, ReadoutSizes)
 {
     EXPECT_EQ(mpx2ModuleReadout(3).bytes, 344170U);
     EXPECT_EQ(mpx2ModuleReadout(3).bits, 2753302U);
@@ -149,7 +213,7 @@ TEST(Mpx2Matrix, ReadoutSizes)
     EXPECT_EQ(mpx2TdiBlockSize(2, 4), 3610U);
 }
 
-TEST(Mpx2Matrix, TailTellsOfMoreData)
+TEST(Mpx2Readout, TailTellsOfMoreData)
 {
     Bytes data(20, 0xAA);
     EXPECT_TRUE(mpx2TailOutOfStep(data));
@@ -163,7 +227,7 @@ TEST(Mpx2Matrix, TailTellsOfMoreData)
     EXPECT_FALSE(mpx2TailOutOfStep(data));
 }
 
-TEST(Mpx2Matrix, RowsOfRowDevices)
+TEST(Mpx2Readout, RowsOfRowDevices)
 {
     const Bytes row = randomValues<unsigned char>(MPX2_SINGLE_ROW_READOUT.bytes);
     for (const std::size_t size : {449U, 500U, 1400U}) {
