@@ -204,7 +204,9 @@ protected:
     virtual std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() = 0;
     virtual void loadSettings(const char* path) = 0;
     virtual int readStream() = 0;
-    virtual void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const = 0;
+    /// Decodes a stream into all words of the matrix, with `convert` as counts.
+    virtual void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
+                              bool convert) const = 0;
     /// Adds to a frame of `lastData` what the device knows of it.
     virtual void describeFrame(dv::IMpxFrame& frame) = 0;
     /// What the shutter timer is set to for frames of `seconds`.
@@ -251,8 +253,6 @@ protected:
     int exchangeDacs(unsigned char* block, unsigned char* answer, std::size_t size, double timeout);
     int writeChips(const unsigned short* matrix, std::size_t size, bool convert);
     void sendReadout(const Mpx2Readout& readout);
-    static void decodeLanes(std::span<const unsigned char> stream, std::size_t lanes, std::size_t chipsOfLane,
-                            std::size_t skip, std::span<unsigned short> matrix);
 
     // Series (ampx2dev_series.cpp)
     static constexpr double PACKET_GRACE = 2.0;        ///< seconds that the end-of-frame packet may come late

@@ -148,29 +148,13 @@ void AMpx2Dev::sendReadout(const Mpx2Readout& readout)
     link.send(tpx::TpxCmd::Readout, CmdArgs::word(readout.bits), cmdflag::OUTPUT);
 }
 
-/// Takes a stream apart in which `lanes` groups of chips are interleaved byte by byte. A group's chips begin `skip`
-/// bytes late.
-void AMpx2Dev::decodeLanes(std::span<const unsigned char> stream, std::size_t lanes, std::size_t chipsOfLane,
-                           std::size_t skip, std::span<unsigned short> matrix)
-{
-    const std::size_t bytes = chipsOfLane * MPX2_STREAM_STRIDE;
-    std::vector<unsigned char> lane(bytes + skip);
-    for (std::size_t i = 0; i < lanes; ++i) {
-        deinterleaveMpx2(stream, lanes, i, std::span(lane).first(bytes));
-        deserializeMpx2(lane.data() + skip, bytes, matrix.data(), matrix.size(), true);
-        matrix = matrix.subspan(std::min(chipsOfLane * MPX2_CHIP_PIXELS, matrix.size()));
-    }
-}
-
 int AMpx2Dev::getConvertedMatrix(unsigned short* matrix, std::size_t size, bool convert, bool fromCopy)
 {
     if (matrix == nullptr)
         return logError(1, "Read matrix: matrix cannot be NULL.");
-    const std::span<unsigned short> words(matrix, size);
-    std::ranges::fill(words, static_cast<unsigned short>(0));
-    buffers.read(fromCopy, [&](std::span<const unsigned char> stream) { decodeStream(stream, words); });
-    if (convert)
-        convertCountsMpx2(matrix, size, true);
+    buffers.read(fromCopy, [&](std::span<const unsigned char> stream) {
+        decodeStream(stream, {matrix, size}, convert);
+    });
     return 0;
 }
 

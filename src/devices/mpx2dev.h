@@ -95,7 +95,8 @@ protected:
     void initCpu() override;
     void senseBias(bool volts, bool amperes) const override;
     int readStream() override { return readMatrixFromDevice(); }
-    void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const override;
+    void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
+                      bool convert) const override;
     void describeFrame(dv::IMpxFrame& frame) override { addMetaDataToFrame(&frame); }
     void onReadParamCpu() override;
     void onWriteParamCpu(dv::IParam* param) override;
@@ -118,7 +119,7 @@ private:
     int readModule(const Mpx2Readout& readout, std::span<unsigned char> stream);
     int readAllModules(std::span<unsigned char> stream);
     void drainTail(double timeout, int maxReads) const;
-    void decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const;
+    void decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix, bool convert) const;
     int reportReadout(int shortCode, unsigned long received, unsigned long expected, int result) const;
 
     Buffer<unsigned short> matrixBackup{0, false}; ///< the last matrix written to the chips; acqSync and devSync

@@ -132,29 +132,29 @@ int Mpx2Dev::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
     return 0;
 }
 
-void Mpx2Dev::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
+void Mpx2Dev::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix, bool convert) const
 {
     if (!readParallel) {
-        decodeModules(stream, matrix);
+        decodeModules(stream, matrix, convert);
         return;
     }
     const auto modules = static_cast<std::size_t>(activeModuleCount);
-    decodeLanes(stream, modules, mpx2ChipsPerModule(static_cast<std::size_t>(chipCount_), modules), 1, matrix);
+    decodeMpx2Modules(stream, modules, mpx2ChipsPerModule(static_cast<std::size_t>(chipCount_), modules), matrix,
+                      convert);
 }
 
-void Mpx2Dev::decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
+void Mpx2Dev::decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix, bool convert) const
 {
     for (const auto& group : chipGroups()) {
-        if (group.chips == 0)
-            continue;
         const auto chips = static_cast<std::size_t>(group.chips);
-        const std::size_t stride = mpx2ModuleStride(chips);
-        if (stream.size() <= stride)
-            return;
-        deserializeMpx2(stream.data() + 1, stride, matrix.data(), matrix.size(), true);
-        stream = stream.subspan(stride);
-        matrix = matrix.subspan(std::min(chips * MPX2_CHIP_PIXELS, matrix.size()));
+        const auto own = matrix.first(std::min(chips * MPX2_CHIP_PIXELS, matrix.size()));
+        decodeMpx2Modules(stream, 1, chips, own, convert);
+        matrix = matrix.subspan(own.size());
+        if (group.chips > 0)
+            stream = stream.subspan(std::min(mpx2ModuleStride(chips), stream.size()));
     }
+    // Of what is left there is no chip.
+    decodeMpx2Modules({}, 1, 0, matrix, convert);
 }
 
 } // namespace HwLatixel

@@ -96,7 +96,8 @@ protected:
     std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() override;
     int requireChips() const override;
     int readStream() override { return readMatrixFromDevice(false); }
-    void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const override;
+    void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
+                      bool convert) const override;
     void describeFrame(dv::IMpxFrame& frame) override;
     double shutterTime(double seconds) const override;
     int prepareReadout() override { return setReadoutBitCount(); }

@@ -211,9 +211,10 @@ int Mpx2DevRow::readMatrix(unsigned short* matrix, std::size_t size, bool conver
     return getConvertedMatrix(matrix, std::min(size, pixels), convert, running);
 }
 
-void Mpx2DevRow::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix) const
+void Mpx2DevRow::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
+                              bool convert) const
 {
-    decodeLanes(stream, static_cast<std::size_t>(chipCount_), 1, 0, matrix);
+    decodeMpx2RowDevice(stream, static_cast<std::size_t>(chipCount_), matrix, convert);
 }
 
 } // namespace HwLatixel

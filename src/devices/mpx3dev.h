@@ -181,6 +181,7 @@ private:
     unsigned long matrixStreamSize(int channels) const;
     void convertMatrixStream(const Buffer<unsigned char>& stream, unsigned long received, std::span<unsigned> matrix,
                              std::size_t convertSize, int counters, int channel, bool convert) const;
+    Mpx3StreamShape streamShape(int channel) const;
     unsigned long long getReadBitsSize() const { return mpx3ReadBits(omrValue, twoChips); }
     CmdArgs streamParams() const;
     int setMatrixStreamParams();

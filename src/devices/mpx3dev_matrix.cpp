@@ -142,13 +142,13 @@ int Mpx3Dev::readMatrix(unsigned* data, std::size_t size, unsigned char counter,
 {
     if (!loadFlag(acquiring))
         return readMatrixFromDevice(data, size, counter, convert);
-    std::memcpy(streamCopy.data(), streamBuffer.data(), streamBuffer.size());
     const unsigned long received = readBytes;
+    // A TDI frame is decoded from the records of all rows, of which the count tells the last one.
+    std::memcpy(streamCopy.data(), streamBuffer.data(), tdiMode ? streamBuffer.size() : received);
     // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
     matrixReadEvent.set();
-    const std::span<unsigned> matrix(data, data != nullptr ? size : 0);
-    std::ranges::fill(matrix, 0U);
-    convertMatrixStream(streamCopy, received, matrix, size, counter, ALL_CHANNELS, convert);
+    decodeMpx3MatrixStream(streamShape(ALL_CHANNELS), {streamCopy.data(), streamCopy.size()}, received,
+                           {data, data != nullptr ? size : 0}, size, counter, convert);
     return 0;
 }
 
@@ -215,12 +215,18 @@ void Mpx3Dev::convertMatrixStream(const Buffer<unsigned char>& stream, unsigned 
                                   std::span<unsigned> matrix, std::size_t convertSize, int counters, int channel,
                                   bool convert) const
 {
+    convertMpx3MatrixStream(streamShape(channel), {stream.data(), stream.size()}, received, matrix, convertSize,
+                            counters, convert);
+}
+
+Mpx3StreamShape Mpx3Dev::streamShape(int channel) const
+{
     Mpx3StreamShape shape;
     shape.omr = omrValue;
     shape.channels = channel == ALL_CHANNELS ? channelCount : 1;
     shape.twoChips = twoChips;
     shape.tdi = tdiMode && loadFlag(acquiring);
-    convertMpx3MatrixStream(shape, {stream.data(), stream.size()}, received, matrix, convertSize, counters, convert);
+    return shape;
 }
 
 } // namespace HwLatixel

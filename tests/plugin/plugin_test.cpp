@@ -109,10 +109,9 @@ TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
     attach({"Latixel Latixel M3WA 9 sn: 8 A", "Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A",
             "Latixel Latixel M3WA 10 sn: 3 A", "Latixel Latixel TLWA 2 sn: 4 A", "Latixel Latixel TLWA sn: 5 A",
             "Latixel Latixel TLWA 1 sn: 7 A", "Latixel Latixel TLWA 3a sn: 9 A", "Other Thing sn: 6"});
-    EXPECT_EQ(open(),
-              (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A",
-                                        "Latixel Latixel TLWA sn: 5 A", "Latixel Latixel TLWA 3a sn: 9 A", "Latixel",
-                                        "Latixel"}))
+    EXPECT_EQ(open(), (std::vector<std::string>{"Latixel Latixel M3WA sn: 1 A", "Latixel Latixel TRWA 2 sn: 2 A",
+                                                "Latixel Latixel TLWA sn: 5 A", "Latixel Latixel TLWA 3a sn: 9 A",
+                                                "Latixel", "Latixel"}))
         << "single devices as they are on the bus, then the composites";
     const auto& devices = plugin->devices();
     ASSERT_EQ(devices.size(), 6U);
