@@ -43,11 +43,11 @@ public:
     /// Runs inside HWEVENT_WAIT_TRIGGER.
     std::function<void()> onWaitTrigger;
 
-    /// Waits until an event of one of the kinds has come; false after ten seconds.
+    /// Waits until an event of one of the kinds has come; false after a minute.
     bool waitFor(std::initializer_list<unsigned> kinds)
     {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] {
+        return changed.wait_for(lock, std::chrono::seconds(60), [&] {
             return std::ranges::any_of(events,
                                        [&](const Seen& seen) { return std::ranges::count(kinds, seen.event) > 0; });
         });
