@@ -99,6 +99,8 @@ protected:
     virtual int logError(int code, const char* format, ...) const __attribute__((format(printf, 3, 4)));
 
 private:
+    static constexpr double TICKS_PER_MHZ = 1e6; ///< of the shutter timer, in one second
+
     int requireChips() const;
     int command(unsigned char code, unsigned char p0, unsigned char p1, unsigned char p2, char* ack = nullptr) const;
     int transfer(unsigned char code, std::span<unsigned char> out, std::span<unsigned char> in) const;
