@@ -49,9 +49,14 @@ protected:
         const auto base = folder.path / ("run" + std::to_string(runs++));
         std::ofstream(base.string() + ".in") << input;
         words.insert(words.begin(), LATIXEL_TOOL);
+        const Words channels = {base.string() + ".in", base.string() + ".out", base.string() + ".err"};
+        const Words home = environment();
+        const auto arguments = pointers(words);
+        const auto variables = pointers(home);
+        // Other threads of this test may hold the allocator's lock: the child must ask for no memory.
         const pid_t child = fork();
         if (child == 0)
-            become(words, base.string());
+            become(arguments, variables, channels);
         return std::async(std::launch::async, [child, base, interruptOn] { return end(child, base, interruptOn); });
     }
 
@@ -73,19 +78,33 @@ protected:
     support::Folder folder;
 
 private:
-    [[noreturn]] void become(const Words& words, const std::string& base) const
+    /// This program's environment, with the test's folder as home.
+    Words environment() const
     {
-        std::vector<char*> arguments;
+        Words variables = {"HOME=" + folder.path.string()};
+        for (char** variable = environ; *variable != nullptr; ++variable) {
+            const std::string text = *variable;
+            if (!text.starts_with("HOME=") && !text.starts_with("XDG_CONFIG_HOME=") &&
+                !text.starts_with("XDG_STATE_HOME="))
+                variables.push_back(text);
+        }
+        return variables;
+    }
+    static std::vector<char*> pointers(const Words& words)
+    {
+        std::vector<char*> list;
         for (const std::string& word : words)
-            arguments.push_back(const_cast<char*>(word.c_str()));
-        arguments.push_back(nullptr);
-        setenv("HOME", folder.path.c_str(), 1);
-        unsetenv("XDG_CONFIG_HOME");
-        unsetenv("XDG_STATE_HOME");
-        dup2(open((base + ".in").c_str(), O_RDONLY), STDIN_FILENO);
-        dup2(open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        dup2(open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        execv(arguments[0], arguments.data());
+            list.push_back(const_cast<char*>(word.c_str()));
+        list.push_back(nullptr);
+        return list;
+    }
+    [[noreturn]] static void become(const std::vector<char*>& arguments, const std::vector<char*>& variables,
+                                    const Words& channels)
+    {
+        dup2(open(channels[0].c_str(), O_RDONLY), STDIN_FILENO);
+        dup2(open(channels[1].c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+        dup2(open(channels[2].c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+        execve(arguments[0], arguments.data(), variables.data());
         _exit(127);
     }
 
