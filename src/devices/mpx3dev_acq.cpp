@@ -32,6 +32,7 @@ int Mpx3Dev::setAcqMode(unsigned mode)
 
 int Mpx3Dev::prepareAcquisition(unsigned count, double time, bool allowBurst)
 {
+    ThreadLock lock(&devSync);
     storeFlag(stopRequested, false);
     lastAcqTimeValue = time;
     acqTime = time;

@@ -11,8 +11,9 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr double CPU_PARAM_INTERVAL = 0.5; ///< seconds between two refreshes by reads of CPU parameters
-constexpr double CPU_SENSE_INTERVAL = 1.0; ///< seconds between two refreshes by readSenseValuesFromCpu
+constexpr unsigned STATUS_PATIENCE_MS = 100; ///< a poll must not hang behind a stop
+constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes by reads of CPU parameters
+constexpr double CPU_SENSE_INTERVAL = 1.0;   ///< seconds between two refreshes by readSenseValuesFromCpu
 
 // The board's temperature sensor, on an ADC channel of its own: 0 to full scale are -50 to 450 degrees Celsius.
 constexpr unsigned char TEMPERATURE_ADC_CHANNEL = 1;
@@ -109,8 +110,10 @@ void Mpx3Dev::setDebugLog(bool on)
 
 int Mpx3Dev::deviceStatus() const
 {
+    // The preparation of a series must not take the CPU's answer off the link, nor this what the chips send.
+    ThreadLockTimeout quiet(&devSync, STATUS_PATIENCE_MS);
     ThreadLock lock(&cpuSync);
-    if (ibCpu == nullptr || loadFlag(acquiring))
+    if (!quiet.locked() || ibCpu == nullptr || loadFlag(acquiring) || series.active())
         return lastCpuStatus;
     if (skipPeriodicLog)
         report.setLevel(MSG);
@@ -125,8 +128,9 @@ int Mpx3Dev::deviceStatus() const
 
 const char* Mpx3Dev::deviceStatusText() const
 {
+    ThreadLockTimeout quiet(&devSync, STATUS_PATIENCE_MS);
     ThreadLock lock(&cpuSync);
-    if (ibCpu != nullptr && !loadFlag(acquiring)) {
+    if (quiet.locked() && ibCpu != nullptr && !loadFlag(acquiring) && !series.active()) {
         if (skipPeriodicLog)
             report.setLevel(MSG);
         statusText = ibCpu->getStatusText();

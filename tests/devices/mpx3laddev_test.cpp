@@ -159,7 +159,7 @@ TEST(Mpx3LadBringUp, MemberThatDoesNotComeUpIsLeftOut)
         EXPECT_EQ(lad->setDacs(dacs.data(), dacs.size(), -1), 1);
         EXPECT_EQ(lad->lastError(), Lad::failure(lad.names[1], "Cannot set DACs (chan=0, chip=0): too few values"));
         lad.events->onFrame = [&](long) { expectBlocks(lad.frame(), 2, 1, 20); };
-        ASSERT_EQ(lad->startAcquisition(2, 0.02), 0);
+        ASSERT_EQ(lad->startAcquisition(2, 0.02), 0) << lad->lastError();
         ASSERT_TRUE(lad.events->waitForEnd());
         EXPECT_EQ(lad.events->seen(), readyEvents(2, FINISHED));
     }
@@ -510,7 +510,7 @@ TEST(Mpx3LadStress, EightMembersUnderAllThatAHostDoes)
         lad.events->clear();
         lad->parameters()->get("Synced")->setBool(dice(2) == 0);
         const bool endless = dice(2) == 0;
-        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), dice(20) / 1000.0), 0);
+        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), dice(20) / 1000.0), 0) << lad->lastError();
         if (endless) {
             std::this_thread::sleep_for(std::chrono::milliseconds(dice(300)));
             EXPECT_EQ(lad->stopAcquisition(), 0);
@@ -542,7 +542,7 @@ TEST(Mpx3LadStress, EightMembersUnderAllThatAHostDoes)
     std::vector<Lad::Pixels> frames;
     lad.events->onFrame = [&](long) { frames.push_back(lad.frame()); };
     lad.events->clear();
-    ASSERT_EQ(lad->startAcquisition(2, 0.02), 0);
+    ASSERT_EQ(lad->startAcquisition(2, 0.02), 0) << lad->lastError();
     ASSERT_TRUE(lad.events->waitForEnd());
     EXPECT_EQ(lad.events->seen(), readyEvents(2, FINISHED));
     ASSERT_EQ(frames.size(), 2U);

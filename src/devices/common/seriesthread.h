@@ -21,6 +21,8 @@ public:
         return false;
     }
     void left() { --running; }
+    /// Whether there is a thread that has not left.
+    bool active() const { return running > 0; }
 
     /// Waits until no thread is left, at most `limit` seconds. Meanwhile calls `nudge` again and again, with true once
     /// a second: it gives the series whatever it waits for, and with true tells the board to stop.
