@@ -62,8 +62,6 @@ struct Mpx2BoardKind {
 /// The acquisition thread holds no `devSync` while a frame is exposed, so that `stopAcquisition` gets through at once.
 class AMpx2Dev : public DevDefaults<dv::IHwDevMpx2> {
 public:
-    static constexpr int ALL_CHIPS = -1;
-
     // Life cycle (ampx2dev.cpp)
     /// Ends a running series, powers the chips down and closes link and log. Not to be called from an event callback.
     int closeDevice() override;

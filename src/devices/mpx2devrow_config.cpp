@@ -1,6 +1,7 @@
 // What a row board's CPU tells, bias and pixel configuration of its chips, and their matrix on its way to the host.
 #include "devices/mpx2devrow.h"
 
+#include "board/adcscale.h"
 #include "chipdata/mpx2pixelcfg.h"
 #include "link/tpxcmds.h"
 
@@ -20,11 +21,6 @@ constexpr unsigned char STREAM_FILL = 0xFF;
 
 /// More rows have more bits than the board can be told.
 constexpr unsigned long MAX_BLOCK_ROWS = (1UL << 24) / (8 * MPX2_ROW_STREAM_STRIDE);
-
-constexpr unsigned char TEMPERATURE_ADC_CHANNEL = 1;
-constexpr double ADC_CODES = 4096.0;
-constexpr double TEMPERATURE_SPAN = 500.0;   ///< degrees Celsius over all codes
-constexpr double TEMPERATURE_OFFSET = -50.0; ///< at code 0
 
 } // namespace
 
@@ -70,7 +66,7 @@ void Mpx2DevRow::onReadParamCpu()
 void Mpx2DevRow::onReadParam(dv::IParam* param)
 {
     if (std::string_view(param->name()) == "Temperature")
-        param->setDouble(readAdcCode(TEMPERATURE_ADC_CHANNEL) / ADC_CODES * TEMPERATURE_SPAN + TEMPERATURE_OFFSET);
+        param->setDouble(adcCelsius(readAdcCode(TEMPERATURE_ADC_CHANNEL)));
 }
 
 // ---- Configuration ----

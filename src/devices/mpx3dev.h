@@ -56,8 +56,8 @@ public:
     int chipCount() const { return chipCountValue; }
     std::string firmware() const { return firmwareText; }
     /// Asks the board's CPU. Trips the temperature protection: from then on DACs, matrices, timer and series are
-    /// refused until the next `initDevice`. While a series runs, and without a CPU, the last value comes back without a
-    /// transfer.
+    /// refused until the next `initDevice`. While a series runs or is prepared, where the device is busy for 100 ms,
+    /// and without a CPU, the last value comes back without a transfer.
     int deviceStatus() const override;
     const char* deviceStatusText() const override;
     /// Refreshes the CPU's values in `parameters`, at most once a second.

@@ -15,11 +15,6 @@ constexpr unsigned STATUS_PATIENCE_MS = 100; ///< a poll must not hang behind a 
 constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes by reads of CPU parameters
 constexpr double CPU_SENSE_INTERVAL = 1.0;   ///< seconds between two refreshes by readSenseValuesFromCpu
 
-// The board's temperature sensor, on an ADC channel of its own: 0 to full scale are -50 to 450 degrees Celsius.
-constexpr unsigned char TEMPERATURE_ADC_CHANNEL = 1;
-constexpr double TEMPERATURE_RANGE = 500.0;
-constexpr double TEMPERATURE_OFFSET = 50.0;
-
 constexpr ParamRow PARAMS[] = {
     {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
     {"Firmware", ParamKind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
@@ -65,8 +60,7 @@ void Mpx3Dev::onReadParam(dv::IParam* param)
 {
     if (std::string_view(param->name()) != "Temperature")
         return;
-    const unsigned short code = readSenseCode(TEMPERATURE_ADC_CHANNEL);
-    param->setDouble(code / ADC_STEPS * TEMPERATURE_RANGE - TEMPERATURE_OFFSET);
+    param->setDouble(adcCelsius(readSenseCode(TEMPERATURE_ADC_CHANNEL)));
 }
 
 void Mpx3Dev::onWriteParam(dv::IParam* param)

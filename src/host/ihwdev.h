@@ -40,7 +40,8 @@ public:
     virtual int setEventFunc(EventFunc func, void* user) = 0;
     /// A new frame with the last matrix, owned by the caller, or null on failure.
     virtual IMpxFrame* lastData() = 0;
-    /// The device's parameters; null before `initDevice` and after `closeDevice`.
+    /// The device's parameters. A Medipix3 device has none, and gives null, before `initDevice` and after
+    /// `closeDevice`.
     virtual IParamMgr* parameters() const = 0;
     /// The parameters stored in the device's flash.
     virtual IParamMgr* inDeviceConfigParameters() const = 0;
