@@ -1,9 +1,11 @@
 // The matrix kernels beside what they are measured against, in one process on one core: a copy of as many bytes as go
-// in and come out, the form that goes bit by bit, and the form with tables. The forms of a path run in turn, round
-// after round, and the medians count, so that what else the machine does meets all of them alike.
+// in and come out, the form that goes bit by bit, and the form with tables. The forms of a path run in turn, and all
+// paths round after round; the medians count, of the ratios within a round too. So what else the machine does meets all
+// forms alike, and a disturbance that lasts for seconds meets but a few rounds of each path.
 //
 // decode_bench [--benchmark_filter=REGEX] [--benchmark_out=FILE]: the paths whose names match; prints their results
-// line by line, or writes them to FILE as JSON.
+// line by line, or writes them to FILE as JSON. For each form: microseconds, the ratio to the copy, and how many times as
+// fast as bit by bit it is.
 #include "bench/naiveforms.h"
 #include "bench/streambench.h"
 #include "bench/tableforms.h"
@@ -263,20 +265,23 @@ double median(std::vector<double> values)
     return values[values.size() / 2];
 }
 
-nlohmann::ordered_json measure(const Path& path)
+using Form = std::pair<std::string, std::function<void()>>;
+
+constexpr std::size_t COPY = 0; // places in formsOf
+constexpr std::size_t NAIVE = 1;
+
+/// A path's forms by name, beside a copy from `from` to `to`.
+std::vector<Form> formsOf(const Path& path, const std::vector<unsigned char>& from, std::vector<unsigned char>& to)
 {
-    constexpr int ROUNDS = 9;
-    const std::vector<unsigned char> from = randomBytes(path.bytes);
-    std::vector<unsigned char> to(path.bytes);
     const auto with = [&path](kernels::InstructionSet set) {
         return [&path, set] {
             kernels::use(set);
             path.kernels();
         };
     };
-    std::vector<std::pair<std::string, std::function<void()>>> forms = {
+    std::vector<Form> forms = {
         {"memcpy",
-         [&] {
+         [&from, &to] {
              std::memcpy(to.data(), from.data(), to.size());
              seen(to);
          }},
@@ -286,14 +291,71 @@ nlohmann::ordered_json measure(const Path& path)
     };
     if (kernels::supported(kernels::InstructionSet::Avx2))
         forms.emplace_back("avx2", with(kernels::InstructionSet::Avx2));
-    std::vector<std::vector<double>> times(forms.size());
-    for (int round = 0; round < ROUNDS; ++round)
-        for (std::size_t i = 0; i < forms.size(); ++i)
-            times[i].push_back(timeOf(forms[i].second));
-    nlohmann::ordered_json result = {{"name", path.name}, {"bytes", path.bytes}};
-    for (std::size_t i = 0; i < forms.size(); ++i)
-        result["us"][forms[i].first] = median(times[i]);
-    return result;
+    return forms;
+}
+
+/// What was measured of a path.
+class Results {
+public:
+    explicit Results(const Path& path) : name(path.name), bytes(path.bytes) {}
+
+    /// Runs all forms of the path once more.
+    void addRound(const Path& path)
+    {
+        const std::vector<unsigned char> from = randomBytes(path.bytes);
+        std::vector<unsigned char> to(path.bytes);
+        const std::vector<Form> forms = formsOf(path, from, to);
+        times.resize(forms.size());
+        for (std::size_t i = 0; i < forms.size(); ++i) {
+            times[i].form = forms[i].first;
+            times[i].us.push_back(timeOf(forms[i].second));
+        }
+    }
+
+    nlohmann::ordered_json json() const
+    {
+        nlohmann::ordered_json result = {{"name", name}, {"bytes", bytes}};
+        for (const Times& form : times)
+            result["forms"][form.form] = {{"us", median(form.us)},
+                                          {"ratio", medianRatio(form.us, times[COPY].us)},
+                                          {"speedup", medianRatio(times[NAIVE].us, form.us)}};
+        return result;
+    }
+
+private:
+    struct Times {
+        std::string form;
+        std::vector<double> us; ///< of each round
+    };
+
+    std::string name;
+    std::size_t bytes;
+    std::vector<Times> times;
+
+    /// The median of the ratios of times of the same rounds.
+    static double medianRatio(std::vector<double> times, const std::vector<double>& to)
+    {
+        std::transform(times.begin(), times.end(), to.begin(), times.begin(), std::divides<>());
+        return median(std::move(times));
+    }
+};
+
+/// Measures the paths whose names match.
+std::vector<Results> measure(const std::regex& filter)
+{
+    constexpr int ROUNDS = 9;
+    std::vector<Results> results;
+    for (int round = 0; round < ROUNDS; ++round) {
+        std::size_t next = 0;
+        forEachPath([&](const Path& path) {
+            if (!std::regex_search(path.name, filter))
+                return;
+            if (round == 0)
+                results.emplace_back(path);
+            results[next++].addRound(path);
+        });
+    }
+    return results;
 }
 
 /// Keeps the program on the core that it runs on.
@@ -320,15 +382,13 @@ int main(int argc, char** argv)
     const std::regex filter(argument(argc, argv, "--benchmark_filter="));
     const std::string out = argument(argc, argv, "--benchmark_out=");
     pin();
-    nlohmann::ordered_json results = nlohmann::ordered_json::array();
-    forEachPath([&](const Path& path) {
-        if (!std::regex_search(path.name, filter))
-            return;
-        results.push_back(measure(path));
+    nlohmann::ordered_json paths = nlohmann::ordered_json::array();
+    for (const Results& path : measure(filter)) {
+        paths.push_back(path.json());
         if (out.empty())
-            std::printf("%s\n", results.back().dump().c_str());
-    });
+            std::printf("%s\n", paths.back().dump().c_str());
+    }
     if (!out.empty())
-        std::ofstream(out) << nlohmann::ordered_json{{"paths", results}}.dump(2) << "\n";
+        std::ofstream(out) << nlohmann::ordered_json{{"paths", paths}}.dump(2) << "\n";
     return 0;
 }

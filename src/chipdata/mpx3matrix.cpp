@@ -136,8 +136,9 @@ private:
     {
         if (blocks.empty())
             blocks = rowBlocks(map, row);
-        kernels::active().decodeMpx3({stream, nullptr, matrix.data() + r * SIDE, rows, row.planeBytes() * map.count(),
-                                      row.planes, row.position, blocks.data(), nullptr, kernels::Store::Or});
+        kernels::active().decodeMpx3({stream, nullptr, matrix.data() + r * SIDE, map.count(), rows,
+                                      row.planeBytes() * map.count(), row.planes, row.position, blocks.data(), nullptr,
+                                      kernels::Store::Or});
     }
 
     /// Decodes a row of which the stream holds, or the matrix has room for, a part alone.
@@ -162,7 +163,7 @@ private:
         std::array<std::ptrdiff_t, PLANE_BYTES> places{};
         for (std::size_t i = 0; i < row.planeBytes(); ++i)
             places[i] = static_cast<std::ptrdiff_t>(row.columns - BLOCK * (1 + i));
-        kernels::active().decodeMpx3({stream, nullptr, pixels, 1, row.planeBytes(), row.planes, row.position,
+        kernels::active().decodeMpx3({stream, nullptr, pixels, 1, 1, row.planeBytes(), row.planes, row.position,
                                       places.data(), nullptr, kernels::Store::Or});
     }
 };
@@ -316,6 +317,7 @@ private:
         rows.source = chipData(shape, stream, chip, bothCounters).data();
         rows.second = bothCounters ? chipData(shape, stream, chip, false).data() : nullptr;
         rows.matrix = matrix.data();
+        rows.channels = map.count();
         rows.rows = SIDE;
         rows.planeSize = PLANE_BYTES * map.count();
         rows.planes = row().planes;

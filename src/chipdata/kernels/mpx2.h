@@ -65,10 +65,10 @@ KERNEL_INLINE void storeBlock(std::uint16_t* to, ByteLane block, const std::uint
     }
 }
 
-/// Decodes one vector of each plane. `blocks` has the places of its blocks.
-template <Store how>
-KERNEL_INLINE void decodeStretch(const unsigned char* from, std::size_t planeStride, std::uint16_t* pixels,
-                                 const std::ptrdiff_t* places, const std::uint16_t* counts)
+/// Decodes one vector of each plane. Pixels are written from the left as far as the places tell, since a processor
+/// joins stores to the same line of its cache only if they follow each other.
+template <Store how, class To>
+KERNEL_INLINE void decodeStretch(const unsigned char* from, std::size_t planeStride, To to, const std::uint16_t* counts)
 {
     constexpr bool COUNTED = how == Store::Count && COUNTS_FROM_PLANES;
     constexpr Store HOW = COUNTED ? Store::Replace : how;
@@ -78,22 +78,30 @@ KERNEL_INLINE void decodeStretch(const unsigned char* from, std::size_t planeStr
     loadPlanes<PLANES>(from, planeStride, planes);
     planesToWords<COUNTED>(planes, words);
     gatherWords(words, blocks);
-    for (unsigned i = 0; i < LANE; ++i) {
-        storeBlock<HOW>(pixels + places[i], laneOf<0>(blocks[i]), counts);
-        if constexpr (LANES > 1)
-            storeBlock<HOW>(pixels + places[i + LANE], laneOf<LANES - 1>(blocks[i]), counts);
-    }
+    if constexpr (LANES > 1)
+        for (unsigned i = LANE; i-- > 0;)
+            storeBlock<HOW>(to[i + LANE], laneOf<LANES - 1>(blocks[i]), counts);
+    for (unsigned i = LANE; i-- > 0;)
+        storeBlock<HOW>(to[i], laneOf<0>(blocks[i]), counts);
+}
+
+template <Store how, class To>
+KERNEL_INLINE void decodeRowsTo(To to, const kernels::Mpx2Rows& rows)
+{
+    const std::size_t planeStride = PLANE_BYTES * rows.streams;
+    for (std::size_t r = 0; r < rows.rows; ++r)
+        for (std::size_t first = 0; first < planeStride; first += WIDTH)
+            decodeStretch<how>(rows.source + r * PLANES * planeStride + first, planeStride, to.below(r).behind(first),
+                               rows.counts);
 }
 
 template <Store how>
 void decodeRows(const kernels::Mpx2Rows& rows)
 {
-    const std::size_t planeStride = PLANE_BYTES * rows.streams;
-    const unsigned char* row = rows.source;
-    std::uint16_t* pixels = rows.matrix;
-    for (std::size_t r = 0; r < rows.rows; ++r, row += PLANES * planeStride, pixels += SIDE)
-        for (std::size_t first = 0; first < planeStride; first += WIDTH)
-            decodeStretch<how>(row + first, planeStride, pixels, rows.blocks + first, rows.counts);
+    if (rows.streams == 1)
+        decodeRowsTo<how>(BlockRun<std::uint16_t>{rows.matrix + rows.blocks[0]}, rows);
+    else
+        decodeRowsTo<how>(AnyBlocks<std::uint16_t>{rows.matrix, rows.blocks}, rows);
 }
 
 void decode(const kernels::Mpx2Rows& rows)

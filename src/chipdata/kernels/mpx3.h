@@ -24,28 +24,33 @@ KERNEL_INLINE void storePixels(std::uint32_t* to, V pixels)
     store(to, pixels);
 }
 
-/// Stores a block of words in bits `shift` up.
-template <Store how, bool shifted>
-KERNEL_INLINE void storeWords(std::uint32_t* to, ByteLane words, unsigned shift)
+/// Stores vectors of pixels with the words of two blocks, lane by lane: `low` below `high`, with `finish` done to each
+/// vector before. Of four vectors those that are side by side go one after the other.
+template <Store how, class To, class Finish>
+KERNEL_INLINE void storeWords(const Bytes* low, const Bytes* high, To to, Finish finish)
 {
-#ifdef __AVX2__
-    Longs pixels = (Longs)_mm256_cvtepu16_epi32((__m128i)words);
-    if constexpr (shifted)
-        pixels <<= shift;
-    storePixels<how>(to, pixels);
-#else
-    LongLane left = (LongLane)unpackLow<Words>(words, Bytes{});
-    LongLane right = (LongLane)unpackHigh<Words>(words, Bytes{});
-    if constexpr (shifted) {
-        left <<= shift;
-        right <<= shift;
+    constexpr std::size_t HALF = BLOCK / 2;
+    for (std::size_t i = WORD_BLOCKS; i > 0; i -= 2) {
+        Longs pixels[2][2]; // of blocks i - 1 and i - 2: those of both lanes, or both halves
+        for (std::size_t b = 0; b < 2; ++b) {
+            const Bytes lowWords = lanesApart(low[i - 1 - b]);
+            const Bytes highWords = high ? lanesApart(high[i - 1 - b]) : Bytes{};
+            pixels[b][0] = finish((Longs)unpackLow<Words>(lowWords, highWords));
+            pixels[b][1] = finish((Longs)unpackHigh<Words>(lowWords, highWords));
+        }
+        if constexpr (LANES > 1) {
+            for (std::size_t lane = LANES; lane-- > 0;)
+                for (std::size_t b = 0; b < 2; ++b)
+                    storePixels<how>(to[i - 1 - b + lane * LANE], pixels[b][lane]);
+        } else {
+            for (std::size_t b = 0; b < 2; ++b)
+                for (std::size_t half = 0; half < 2; ++half)
+                    storePixels<how>(to[i - 1 - b] + half * HALF, pixels[b][half]);
+        }
     }
-    storePixels<how>(to, left);
-    storePixels<how>(to + BLOCK / 2, right);
-#endif
 }
 
-/// The same for a block of bytes.
+/// Stores a block of bytes in bits `shift` up.
 template <Store how, bool shifted>
 KERNEL_INLINE void storeBytes(std::uint32_t* to, const unsigned char* bytes, unsigned shift)
 {
@@ -56,7 +61,15 @@ KERNEL_INLINE void storeBytes(std::uint32_t* to, const unsigned char* bytes, uns
     storePixels<how>(to, pixels);
 #else
     const Quads block = {load<std::uint64_t>(bytes)};
-    storeWords<how, shifted>(to, unpackLow<Bytes>((Bytes)block, Bytes{}), shift);
+    const Bytes words = unpackLow<Bytes>((Bytes)block, Bytes{});
+    Longs left = (Longs)unpackLow<Words>(words, Bytes{});
+    Longs right = (Longs)unpackHigh<Words>(words, Bytes{});
+    if constexpr (shifted) {
+        left <<= shift;
+        right <<= shift;
+    }
+    storePixels<how>(to, left);
+    storePixels<how>(to + BLOCK / 2, right);
 #endif
 }
 
@@ -126,18 +139,36 @@ KERNEL_INLINE void countsOfPlanes([[maybe_unused]] Bytes* plane, [[maybe_unused]
 #endif
 }
 
-/// A stretch of one counter: where it comes from and goes to.
+/// A stretch of the planes, one vector of each: where it comes from and goes to.
+template <class To>
 struct Stretch {
     const unsigned char* low;
     const unsigned char* high;
     std::size_t planeStride;
-    std::uint32_t* pixels;
-    const std::ptrdiff_t* places;
+    To to;
 };
 
+/// Decodes one vector of a single plane.
+template <Store how, bool shifted, class To>
+KERNEL_INLINE void decodeBits(const Stretch<To>& at, const Mpx3Rows& rows)
+{
+    constexpr std::size_t TOGETHER = 4; // blocks that are in each element of a vector
+    for (std::size_t end = WIDTH; end > 0; end -= TOGETHER) {
+        const Longs bits = Longs{} + load<std::uint32_t>(at.low + end - TOGETHER);
+#pragma GCC unroll 8
+        for (unsigned part = TOGETHER * BLOCK; part > 0; part -= COUNT<Longs>) {
+            const unsigned bit = part - COUNT<Longs>;
+            Longs pixels = testBits(bits, bit);
+            if constexpr (shifted)
+                pixels <<= rows.position;
+            storePixels<how>(at.to[end - TOGETHER + bit / BLOCK] + bit % BLOCK, pixels);
+        }
+    }
+}
+
 /// Decodes one vector of each plane of a counter that fits into bytes.
-template <unsigned planes, Store how, bool shifted>
-KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
+template <unsigned planes, Store how, bool shifted, class To>
+KERNEL_INLINE void decodeBytes(const Stretch<To>& at, const Mpx3Rows& rows)
 {
     Bytes plane[BYTE_PLANES];
     Bytes pairs[BYTE_PLANES]; // of blocks
@@ -156,7 +187,7 @@ KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
         store(pixels[i], pairs[i]);
     forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
         const unsigned char* from = &pixels[i / 2][lane * LANE + i % 2 * BLOCK];
-        std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
+        std::uint32_t* to = at.to[i + lane * LANE];
         if constexpr (HOW == Store::Count)
             for (unsigned k = 0; k < BLOCK; ++k)
                 to[k] = rows.counts[from[k]];
@@ -166,8 +197,8 @@ KERNEL_INLINE void decodeBytes(const Stretch& at, const Mpx3Rows& rows)
 }
 
 /// Decodes one vector of each plane of one counter.
-template <unsigned planes, Store how, bool shifted>
-KERNEL_INLINE void decodeOne(const Stretch& at, const Mpx3Rows& rows)
+template <unsigned planes, Store how, bool shifted, class To>
+KERNEL_INLINE void decodeOne(const Stretch<To>& at, const Mpx3Rows& rows)
 {
     constexpr bool COUNTED = how == Store::Count && planes == COUNTER_PLANES && COUNTS_FROM_PLANES;
     constexpr Store HOW = COUNTED ? Store::Replace : how;
@@ -182,29 +213,20 @@ KERNEL_INLINE void decodeOne(const Stretch& at, const Mpx3Rows& rows)
         countsOfPlanes(plane, blocks);
     else
         wordsOfPlanes<planes>(plane, blocks);
-    forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
-        std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
-        if constexpr (HOW == Store::Count)
-            storeCounts<false>(to, laneOf<lane>(blocks[i]), ByteLane{}, rows.counts, 0);
-        else
-            storeWords<HOW, shifted>(to, laneOf<lane>(blocks[i]), rows.position);
-    });
-}
-
-/// Two words, or their half-vectors, put together to pixels: the high one from bit `position` up.
-template <unsigned position>
-KERNEL_INLINE Bytes joinWords(Bytes joined)
-{
-    if constexpr (position == WORD_PLANES)
-        return joined;
-    const Longs pixels = (Longs)joined;
-    return (Bytes)((pixels & 0xFFFF) | (pixels >> WORD_PLANES << position));
+    if constexpr (HOW == Store::Count)
+        forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
+            storeCounts<false>(at.to[i + lane * LANE], laneOf<lane>(blocks[i]), ByteLane{}, rows.counts, 0);
+        });
+    else
+        storeWords<HOW>(blocks, nullptr, at.to, [&](Longs pixels) KERNEL_LAMBDA {
+            return shifted ? pixels << rows.position : pixels;
+        });
 }
 
 /// Decodes one vector of each plane of both counters. The planes of a 24-bit count are put together as such, unless the
 /// halves are states, each of which has a count of its own.
-template <Store how, unsigned position>
-KERNEL_INLINE void decodeBoth(const Stretch& at, const Mpx3Rows& rows)
+template <Store how, unsigned position, class To>
+KERNEL_INLINE void decodeBoth(const Stretch<To>& at, const Mpx3Rows& rows)
 {
     constexpr unsigned HIGH_PLACE = how == Store::Count ? WORD_PLANES : position;
     constexpr unsigned LOW_PLANES = HIGH_PLACE < WORD_PLANES ? WORD_PLANES : COUNTER_PLANES;
@@ -222,17 +244,15 @@ KERNEL_INLINE void decodeBoth(const Stretch& at, const Mpx3Rows& rows)
         wordsOfPlanes<HIGH_PLANES>(plane + WORD_PLANES, high);
         wordsOfPlanes<LOW_PLANES>(plane, low);
     }
-    forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
-        std::uint32_t* to = at.pixels + at.places[i + lane * LANE];
-        if constexpr (how == Store::Count && !COUNTED) {
-            storeCounts<true>(to, laneOf<lane>(low[i]), laneOf<lane>(high[i]), rows.counts, position);
-        } else {
-            constexpr unsigned SHIFT = COUNTED ? position : WORD_PLANES;
-            storePixels<Store::Replace>(to, laneOf<lane>(joinWords<SHIFT>(unpackLow<Words>(low[i], high[i]))));
-            storePixels<Store::Replace>(to + BLOCK / 2,
-                                        laneOf<lane>(joinWords<SHIFT>(unpackHigh<Words>(low[i], high[i]))));
-        }
-    });
+    if constexpr (how == Store::Count && !COUNTED)
+        forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
+            storeCounts<true>(at.to[i + lane * LANE], laneOf<lane>(low[i]), laneOf<lane>(high[i]), rows.counts, position);
+        });
+    else
+        storeWords<Store::Replace>(low, high, at.to, [](Longs pixels) KERNEL_LAMBDA {
+            // High counts go from their half down to their place; the halves of values are in place already.
+            return COUNTED && position < WORD_PLANES ? (pixels & 0xFFFF) | (pixels >> WORD_PLANES << position) : pixels;
+        });
 }
 
 /// Bytes of a plane that no whole vector takes, of as many rows as one vector has room for: side by side, plane by
@@ -258,11 +278,13 @@ public:
             copyPlanes(rows.source, r, count, low);
             if (rows.second)
                 copyPlanes(rows.second, r, count, high);
-            decode(Stretch{low[0], high[0], WIDTH, rows.matrix + static_cast<std::ptrdiff_t>(r) * SIDE, places});
+            decode(Stretch<To>{low[0], high[0], WIDTH, To{rows.matrix, places}.below(r)});
         }
     }
 
 private:
+    using To = AnyBlocks<std::uint32_t>;
+
     const Mpx3Rows& rows;
     std::size_t whole;
     std::size_t rest;
@@ -294,30 +316,38 @@ private:
     }
 };
 
+/// Decodes the whole vectors of the rows' planes.
+template <class To, class Decode>
+KERNEL_INLINE void decodeWhole(To to, const Mpx3Rows& rows, Decode decode)
+{
+    const std::size_t rowSize = rows.planes * rows.planeSize;
+    for (std::size_t r = 0; r < rows.rows; ++r)
+        for (std::size_t end = WIDTH; end <= rows.planeSize; end += WIDTH) {
+            const std::size_t first = end - WIDTH;
+            const std::size_t from = r * rowSize + first;
+            decode(Stretch<To>{rows.source + from, rows.second ? rows.second + from : nullptr, rows.planeSize,
+                               to.below(r).behind(first)});
+        }
+}
+
 /// Walks the rows: the whole vectors of their planes, and then what is left of them.
 template <class Decode>
 KERNEL_INLINE void walk(const Mpx3Rows& rows, Decode decode)
 {
-    const std::size_t rowSize = rows.planes * rows.planeSize;
-    Stretch row{rows.source, rows.second, rows.planeSize, rows.matrix, rows.blocks};
-    for (std::size_t r = 0; r < rows.rows; ++r) {
-        for (std::size_t end = WIDTH; end <= rows.planeSize; end += WIDTH) {
-            const std::size_t first = end - WIDTH;
-            decode(Stretch{row.low + first, row.high ? row.high + first : nullptr, row.planeStride, row.pixels,
-                           row.places + first});
-        }
-        row.low += rowSize;
-        row.high += row.high ? rowSize : 0;
-        row.pixels += SIDE;
-    }
+    if (rows.channels == 1)
+        decodeWhole(BlockRun<std::uint32_t>{rows.matrix + rows.blocks[0]}, rows, decode);
+    else
+        decodeWhole(AnyBlocks<std::uint32_t>{rows.matrix, rows.blocks}, rows, decode);
     Rests(rows).decodeAll(decode);
 }
 
 template <unsigned planes, Store how, bool shifted>
 void walkOne(const Mpx3Rows& rows)
 {
-    walk(rows, [&rows](const Stretch& at) {
-        if constexpr (planes <= BYTE_PLANES)
+    walk(rows, [&rows](const auto& at) {
+        if constexpr (planes == 1)
+            decodeBits<how, shifted>(at, rows);
+        else if constexpr (planes <= BYTE_PLANES)
             decodeBytes<planes, how, shifted>(at, rows);
         else
             decodeOne<planes, how, shifted>(at, rows);
@@ -327,14 +357,14 @@ void walkOne(const Mpx3Rows& rows)
 template <Store how, unsigned position>
 void walkBoth(const Mpx3Rows& rows)
 {
-    walk(rows, [&rows](const Stretch& at) { decodeBoth<how, position>(at, rows); });
+    walk(rows, [&rows](const auto& at) { decodeBoth<how, position>(at, rows); });
 }
 
 template <unsigned planes>
 void decodePlanes(const Mpx3Rows& rows)
 {
     if (rows.store == Store::Count)
-        walkOne<planes, Store::Count, false>(rows);
+        walkOne<(planes == 1 ? ANY_PLANES : planes), Store::Count, false>(rows);
     else if (rows.store == Store::Or && rows.position == 0)
         walkOne<planes, Store::Or, false>(rows);
     else if (rows.store == Store::Or)
@@ -363,19 +393,29 @@ void decode(const Mpx3Rows& rows)
     }
 }
 
-/// One counter of the block at `pixels`, as words; `step` pixels further on that of the second lane.
-KERNEL_INLINE Bytes loadBlock(const std::uint32_t* pixels, std::ptrdiff_t step, bool high)
+/// One counter of the block at `pixels`, as words of pixels 0, 4, 1, 5, 2, 6, 3 and 7; `step` pixels further on that of
+/// the second lane.
+template <bool high>
+KERNEL_INLINE Bytes loadBlock(const std::uint32_t* pixels, std::ptrdiff_t step)
 {
-    Words left = (Words)loadLanes(pixels, pixels + step);
-    Words right = (Words)loadLanes(pixels + BLOCK / 2, pixels + BLOCK / 2 + step);
-    if (high) {
-        left = (Words)((Longs)left >> WORD_PLANES);
-        right = (Words)((Longs)right >> WORD_PLANES);
-    }
-    return (Bytes)evenWords(left, right);
+    const Longs left = (Longs)loadLanes(pixels, pixels + step);
+    const Longs right = (Longs)loadLanes(pixels + BLOCK / 2, pixels + BLOCK / 2 + step);
+    if constexpr (high)
+        return alternateWords((Bytes)(left >> WORD_PLANES), (Bytes)right);
+    else
+        return alternateWords((Bytes)left, (Bytes)(right << WORD_PLANES));
 }
 
-void encode(const std::uint32_t* matrix, std::size_t rows, bool high, unsigned char* out)
+/// Puts bytes of the pixels into the order of the pixels again.
+KERNEL_INLINE void sortPixels(Bytes* k)
+{
+    const Bytes from[BLOCK] = {k[0], k[1], k[2], k[3], k[4], k[5], k[6], k[7]};
+    for (unsigned i = 0; i < BLOCK; ++i)
+        k[i / 2 + i % 2 * (BLOCK / 2)] = from[i];
+}
+
+template <bool high>
+void encodeCounter(const std::uint32_t* matrix, std::size_t rows, unsigned char* out)
 {
     constexpr std::ptrdiff_t LANE_STEP = -static_cast<std::ptrdiff_t>((LANES - 1) * LANE * BLOCK);
     for (std::size_t r = 0; r < rows; ++r, matrix += SIDE, out += ROW_BYTES)
@@ -383,12 +423,19 @@ void encode(const std::uint32_t* matrix, std::size_t rows, bool high, unsigned c
             Bytes blocks[WORD_BLOCKS];
             Bytes planes[WORD_PLANES];
             for (unsigned i = 0; i < WORD_BLOCKS; ++i)
-                blocks[i] = loadBlock(matrix + SIDE - BLOCK * (1 + first + i), LANE_STEP, high);
+                blocks[i] = loadBlock<high>(matrix + SIDE - BLOCK * (1 + first + i), LANE_STEP);
             scatterBlocks(blocks, planes, planes + BYTE_PLANES);
+            sortPixels(planes);
+            sortPixels(planes + BYTE_PLANES);
             transposeBits(planes);
             transposeBits(planes + BYTE_PLANES);
             storePlanes<COUNTER_PLANES>(planes, out + first, PLANE_BYTES);
         }
+}
+
+void encode(const std::uint32_t* matrix, std::size_t rows, bool high, unsigned char* out)
+{
+    (high ? encodeCounter<true> : encodeCounter<false>)(matrix, rows, out);
 }
 
 } // namespace mpx3

@@ -16,6 +16,27 @@ constexpr unsigned WORD_BLOCKS = 16;    // vectors of words that the blocks of a
 constexpr std::ptrdiff_t SIDE = 256;    // pixels of a row
 constexpr std::size_t PLANE_BYTES = 32; // bytes of a row's plane
 
+/// Where blocks of eight pixels go: block i is that of byte i of a plane.
+template <class Pixel>
+struct AnyBlocks {
+    Pixel* pixels;
+    const std::ptrdiff_t* places; ///< first pixels of the blocks, counted from `pixels`
+
+    KERNEL_INLINE Pixel* operator[](std::size_t i) const { return pixels + places[i]; }
+    KERNEL_INLINE AnyBlocks behind(std::size_t blocks) const { return {pixels, places + blocks}; }
+    KERNEL_INLINE AnyBlocks below(std::size_t rows) const { return {pixels + static_cast<std::ptrdiff_t>(rows) * SIDE, places}; }
+};
+
+/// The same for blocks of which each is just left of the one before.
+template <class Pixel>
+struct BlockRun {
+    Pixel* first;
+
+    KERNEL_INLINE Pixel* operator[](std::size_t i) const { return first - static_cast<std::ptrdiff_t>(BLOCK * i); }
+    KERNEL_INLINE BlockRun behind(std::size_t blocks) const { return {(*this)[blocks]}; }
+    KERNEL_INLINE BlockRun below(std::size_t rows) const { return {first + static_cast<std::ptrdiff_t>(rows) * SIDE}; }
+};
+
 /// One round: swaps the bits off the diagonal in blocks of `distance` by `distance` bits. The shifts move bits between
 /// neighbouring bytes, too; the mask drops those. Of the planes only the first `count` are there, the others are 0.
 template <unsigned distance, unsigned count>

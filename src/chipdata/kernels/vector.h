@@ -52,7 +52,7 @@ KERNEL_INLINE void store(void* to, V value)
 }
 
 template <class V>
-constexpr std::size_t COUNT = sizeof(V) / sizeof(V{}[0]);
+constexpr unsigned COUNT = sizeof(V) / sizeof(V{}[0]);
 
 /// Element `i` of unpack<high>: the elements of a lane's half are taken from the two vectors in turn.
 template <class V, bool high>
@@ -92,6 +92,30 @@ KERNEL_INLINE ByteLane laneOf(Bytes v)
     return (ByteLane)_mm256_extracti128_si256((__m256i)v, lane);
 #else
     return v;
+#endif
+}
+
+/// A vector's quarters so ordered that unpackLow takes from what was lane 0, and unpackHigh from what was lane 1. Of a
+/// vector of one lane they take its halves as it is.
+KERNEL_INLINE Bytes lanesApart(Bytes v)
+{
+#ifdef __AVX2__
+    return (Bytes)__builtin_shufflevector((Quads)v, (Quads)v, 0, 2, 1, 3);
+#else
+    return v;
+#endif
+}
+
+/// Element i is bit `first` + i of the vector's element i.
+KERNEL_INLINE Longs testBits(Longs v, unsigned first)
+{
+#ifdef __AVX2__
+    constexpr Longs PLACES = {0, 1, 2, 3, 4, 5, 6, 7};
+    return (v >> (PLACES + first)) & 1;
+#else
+    constexpr Longs PLACES = {1, 2, 4, 8};
+    const Longs masks = PLACES << first;
+    return (Longs)((v & masks) == masks) & 1;
 #endif
 }
 
@@ -167,19 +191,13 @@ KERNEL_INLINE Bytes evenBytes(Bytes a, Bytes b)
 #endif
 }
 
-/// The same for 16-bit words.
-KERNEL_INLINE Words evenWords(Words a, Words b)
+/// The even 16-bit words of one vector, the odd ones of another.
+KERNEL_INLINE Bytes alternateWords(Bytes even, Bytes odd)
 {
 #ifdef __AVX2__
-    const Longs mask = Longs{} + 0xFFFFU;
-    return (Words)_mm256_packus_epi32((__m256i)((Longs)a & mask), (__m256i)((Longs)b & mask));
-#elif defined(__SSE2__)
-    // The one instruction saturates signed numbers; after these shifts there is nothing to saturate.
-    const __m128i first = _mm_srai_epi32(_mm_slli_epi32((__m128i)a, 16), 16);
-    const __m128i second = _mm_srai_epi32(_mm_slli_epi32((__m128i)b, 16), 16);
-    return (Words)_mm_packs_epi32(first, second);
+    return (Bytes)_mm256_blend_epi16((__m256i)even, (__m256i)odd, 0xAA);
 #else
-    return __builtin_shufflevector(a, b, 0, 2, 4, 6, 8, 10, 12, 14);
+    return (Bytes)(((Longs)even & 0xFFFFU) | ((Longs)odd & 0xFFFF0000U));
 #endif
 }
 
