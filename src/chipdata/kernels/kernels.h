@@ -24,8 +24,8 @@ struct Mpx2Rows {
     std::uint16_t* matrix;       ///< what `blocks` counts from; 256 pixels further on for each row
     std::size_t streams;         ///< streams that are interleaved
     std::size_t rows;
-    const std::ptrdiff_t* blocks; ///< first pixel of the block of each of a plane's 32 * `streams` bytes; of one stream
-                                  ///< alone each block is just left of the one before
+    const std::ptrdiff_t* blocks; ///< first pixel of the block of each of a plane's 32 * `streams` bytes; each of a
+                                  ///< stream's is just left of the one before
     const std::uint16_t* counts;  ///< for Store::Count: the counts of all 14-bit states
     Store store;
 };
@@ -41,8 +41,8 @@ struct Mpx3Rows {
     unsigned planes;       ///< of a counter, 1 to 16; 12 if there are two counters
     unsigned position;     ///< bit of a pixel that takes the lowest plane, 0 unless for Store::Or; if there are two
                            ///< counters that of the high one, 12 or 16, and the low one begins at 0
-    const std::ptrdiff_t* blocks; ///< first pixel of the block of each of a plane's bytes; of one channel alone each
-                                  ///< block is just left of the one before
+    const std::ptrdiff_t* blocks; ///< first pixel of the block of each of a plane's bytes; each of a channel's is just
+                                  ///< left of the one before
     const std::uint16_t* counts;  ///< for Store::Count: the counts of all states, 1 << `planes` of them
     Store store;
 };

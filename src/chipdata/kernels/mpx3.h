@@ -148,24 +148,6 @@ struct Stretch {
     To to;
 };
 
-/// Decodes one vector of a single plane.
-template <Store how, bool shifted, class To>
-KERNEL_INLINE void decodeBits(const Stretch<To>& at, const Mpx3Rows& rows)
-{
-    constexpr std::size_t TOGETHER = 4; // blocks that are in each element of a vector
-    for (std::size_t end = WIDTH; end > 0; end -= TOGETHER) {
-        const Longs bits = Longs{} + load<std::uint32_t>(at.low + end - TOGETHER);
-#pragma GCC unroll 8
-        for (unsigned part = TOGETHER * BLOCK; part > 0; part -= COUNT<Longs>) {
-            const unsigned bit = part - COUNT<Longs>;
-            Longs pixels = testBits(bits, bit);
-            if constexpr (shifted)
-                pixels <<= rows.position;
-            storePixels<how>(at.to[end - TOGETHER + bit / BLOCK] + bit % BLOCK, pixels);
-        }
-    }
-}
-
 /// Decodes one vector of each plane of a counter that fits into bytes.
 template <unsigned planes, Store how, bool shifted, class To>
 KERNEL_INLINE void decodeBytes(const Stretch<To>& at, const Mpx3Rows& rows)
@@ -341,13 +323,46 @@ KERNEL_INLINE void walk(const Mpx3Rows& rows, Decode decode)
     Rests(rows).decodeAll(decode);
 }
 
+/// Stores eight pixels, those of the bits of each element of `bits` from `first` on, in bits `shift` up.
+template <Store how, bool shifted>
+KERNEL_INLINE void storeBits(std::uint32_t* to, Longs bits, unsigned first, unsigned shift)
+{
+    const auto storePart = [&](unsigned part) KERNEL_LAMBDA {
+        const Longs pixels = testBits(bits, first + part);
+        storePixels<how>(to + part, shifted ? pixels << shift : pixels);
+    };
+    storePart(0);
+    if constexpr (COUNT<Longs> < BLOCK)
+        storePart(COUNT<Longs>);
+}
+
+/// Decodes rows of a single plane, channel after channel, so many blocks at a time: four where their bytes are side by
+/// side, one where channels are interleaved.
+template <Store how, bool shifted, unsigned together>
+void walkBits(const Mpx3Rows& rows)
+{
+    using Together = std::conditional_t<together == 4, std::uint32_t, std::uint8_t>;
+    const std::size_t channels = rows.channels;
+    const std::size_t blocks = rows.planeSize / channels;
+    for (std::size_t r = 0; r < rows.rows; ++r)
+        for (std::size_t channel = 0; channel < channels; ++channel) {
+            const unsigned char* from = rows.source + r * rows.planeSize + channel;
+            const auto row = BlockRun<std::uint32_t>{rows.matrix + rows.blocks[channel]}.below(r);
+            for (std::size_t end = blocks; end > 0; end -= together) {
+                const auto to = row.behind(end - together);
+                const Longs bits = Longs{} + load<Together>(from + (end - together) * channels);
+#pragma GCC unroll 4
+                for (unsigned block = together; block > 0; --block)
+                    storeBits<how, shifted>(to[block - 1], bits, (block - 1) * BYTE_PLANES, rows.position);
+            }
+        }
+}
+
 template <unsigned planes, Store how, bool shifted>
 void walkOne(const Mpx3Rows& rows)
 {
     walk(rows, [&rows](const auto& at) {
-        if constexpr (planes == 1)
-            decodeBits<how, shifted>(at, rows);
-        else if constexpr (planes <= BYTE_PLANES)
+        if constexpr (planes <= BYTE_PLANES)
             decodeBytes<planes, how, shifted>(at, rows);
         else
             decodeOne<planes, how, shifted>(at, rows);
@@ -360,17 +375,26 @@ void walkBoth(const Mpx3Rows& rows)
     walk(rows, [&rows](const auto& at) { decodeBoth<how, position>(at, rows); });
 }
 
+template <unsigned planes, Store how, bool shifted>
+void walkPlanes(const Mpx3Rows& rows)
+{
+    if constexpr (planes == 1 && how != Store::Count)
+        (rows.channels == 1 ? walkBits<how, shifted, 4> : walkBits<how, shifted, 1>)(rows);
+    else
+        walkOne<planes, how, shifted>(rows);
+}
+
 template <unsigned planes>
 void decodePlanes(const Mpx3Rows& rows)
 {
     if (rows.store == Store::Count)
-        walkOne<(planes == 1 ? ANY_PLANES : planes), Store::Count, false>(rows);
+        walkPlanes<planes, Store::Count, false>(rows);
     else if (rows.store == Store::Or && rows.position == 0)
-        walkOne<planes, Store::Or, false>(rows);
+        walkPlanes<planes, Store::Or, false>(rows);
     else if (rows.store == Store::Or)
-        walkOne<planes, Store::Or, true>(rows);
+        walkPlanes<planes, Store::Or, true>(rows);
     else
-        walkOne<planes, Store::Replace, false>(rows);
+        walkPlanes<planes, Store::Replace, false>(rows);
 }
 
 void decode(const Mpx3Rows& rows)
