@@ -115,27 +115,32 @@ KERNEL_INLINE void gatherWords(const Bytes* words, Bytes* blocks)
     gatherPixels<Words, Longs, Quads>(words + BLOCK, blocks + BLOCK);
 }
 
+/// Two rounds of scatterBlocks for four vectors, of which each is `step` behind the one before.
+KERNEL_INLINE void scatterFour(const Bytes* from, unsigned step, Bytes* to)
+{
+    const Bytes even[2] = {unpackLow<Bytes>(from[0], from[2 * step]), unpackLow<Bytes>(from[step], from[3 * step])};
+    const Bytes odd[2] = {unpackHigh<Bytes>(from[0], from[2 * step]), unpackHigh<Bytes>(from[step], from[3 * step])};
+    to[0] = unpackLow<Bytes>(even[0], even[1]);
+    to[1] = unpackHigh<Bytes>(even[0], even[1]);
+    to[2] = unpackLow<Bytes>(odd[0], odd[1]);
+    to[3] = unpackHigh<Bytes>(odd[0], odd[1]);
+}
+
 /// Cuts blocks, laid out as gatherWords leaves them, into the low and the high bytes of pixel k of every block. That
-/// is sixteen by sixteen bytes transposed in each lane, byte h of pixel k going to vector 2 * k + h; each of the four
-/// rounds takes one bit of the vectors' numbers into those of the bytes.
+/// is sixteen by sixteen bytes transposed in each lane, byte h of pixel k going to vector 2 * k + h. Each of four rounds
+/// takes one bit of the vectors' numbers into those of the bytes; two at a time need no more than four of the vectors.
 KERNEL_INLINE void scatterBlocks(const Bytes* blocks, Bytes* low, Bytes* high)
 {
-    Bytes from[WORD_BLOCKS];
-    Bytes to[WORD_BLOCKS];
-    for (std::size_t i = 0; i < WORD_BLOCKS; ++i)
-        from[i] = blocks[i];
-#pragma GCC unroll 4
-    for (unsigned round = 0; round < 4; ++round) {
-        for (std::size_t i = 0; i < WORD_BLOCKS / 2; ++i) {
-            to[2 * i] = unpackLow<Bytes>(from[i], from[i + WORD_BLOCKS / 2]);
-            to[2 * i + 1] = unpackHigh<Bytes>(from[i], from[i + WORD_BLOCKS / 2]);
-        }
-        for (std::size_t i = 0; i < WORD_BLOCKS; ++i)
-            from[i] = to[i];
-    }
-    for (std::size_t k = 0; k < BLOCK; ++k) {
-        low[k] = from[2 * k];
-        high[k] = from[2 * k + 1];
+    constexpr unsigned STEP = WORD_BLOCKS / 4;
+    Bytes half[WORD_BLOCKS]; // of the rounds done
+    Bytes done[WORD_BLOCKS];
+    for (unsigned i = 0; i < STEP; ++i)
+        scatterFour(blocks + i, STEP, half + 4 * i);
+    for (unsigned i = 0; i < STEP; ++i)
+        scatterFour(half + i, STEP, done + 4 * i);
+    for (unsigned k = 0; k < BLOCK; ++k) {
+        low[k] = done[2 * k];
+        high[k] = done[2 * k + 1];
     }
 }
 
