@@ -4,8 +4,8 @@
 // forms alike, and a disturbance that lasts for seconds meets but a few rounds of each path.
 //
 // decode_bench [--benchmark_filter=REGEX] [--benchmark_out=FILE]: the paths whose names match; prints their results
-// line by line, or writes them to FILE as JSON. For each form: microseconds, the ratio to the copy, and how many times as
-// fast as bit by bit it is.
+// line by line, or writes them to FILE as JSON. For each form: microseconds, the ratio to the copy, and how many times
+// as fast as bit by bit it is.
 #include "bench/naiveforms.h"
 #include "bench/streambench.h"
 #include "bench/tableforms.h"

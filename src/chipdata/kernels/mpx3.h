@@ -200,9 +200,8 @@ KERNEL_INLINE void decodeOne(const Stretch<To>& at, const Mpx3Rows& rows)
             storeCounts<false>(at.to[i + lane * LANE], laneOf<lane>(blocks[i]), ByteLane{}, rows.counts, 0);
         });
     else
-        storeWords<HOW>(blocks, nullptr, at.to, [&](Longs pixels) KERNEL_LAMBDA {
-            return shifted ? pixels << rows.position : pixels;
-        });
+        storeWords<HOW>(blocks, nullptr, at.to,
+                        [&](Longs pixels) KERNEL_LAMBDA { return shifted ? pixels << rows.position : pixels; });
 }
 
 /// Decodes one vector of each plane of both counters. The planes of a 24-bit count are put together as such, unless the
@@ -228,7 +227,8 @@ KERNEL_INLINE void decodeBoth(const Stretch<To>& at, const Mpx3Rows& rows)
     }
     if constexpr (how == Store::Count && !COUNTED)
         forEachBlock([&]<std::size_t lane>(unsigned i) KERNEL_LAMBDA {
-            storeCounts<true>(at.to[i + lane * LANE], laneOf<lane>(low[i]), laneOf<lane>(high[i]), rows.counts, position);
+            storeCounts<true>(at.to[i + lane * LANE], laneOf<lane>(low[i]), laneOf<lane>(high[i]), rows.counts,
+                              position);
         });
     else
         storeWords<Store::Replace>(low, high, at.to, [](Longs pixels) KERNEL_LAMBDA {

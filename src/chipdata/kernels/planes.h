@@ -24,7 +24,10 @@ struct AnyBlocks {
 
     KERNEL_INLINE Pixel* operator[](std::size_t i) const { return pixels + places[i]; }
     KERNEL_INLINE AnyBlocks behind(std::size_t blocks) const { return {pixels, places + blocks}; }
-    KERNEL_INLINE AnyBlocks below(std::size_t rows) const { return {pixels + static_cast<std::ptrdiff_t>(rows) * SIDE, places}; }
+    KERNEL_INLINE AnyBlocks below(std::size_t rows) const
+    {
+        return {pixels + static_cast<std::ptrdiff_t>(rows) * SIDE, places};
+    }
 };
 
 /// The same for blocks of which each is just left of the one before.
@@ -127,8 +130,9 @@ KERNEL_INLINE void scatterFour(const Bytes* from, unsigned step, Bytes* to)
 }
 
 /// Cuts blocks, laid out as gatherWords leaves them, into the low and the high bytes of pixel k of every block. That
-/// is sixteen by sixteen bytes transposed in each lane, byte h of pixel k going to vector 2 * k + h. Each of four rounds
-/// takes one bit of the vectors' numbers into those of the bytes; two at a time need no more than four of the vectors.
+/// is sixteen by sixteen bytes transposed in each lane, byte h of pixel k going to vector 2 * k + h. Each of four
+/// rounds takes one bit of the vectors' numbers into those of the bytes; two at a time need no more than four of the
+/// vectors.
 KERNEL_INLINE void scatterBlocks(const Bytes* blocks, Bytes* low, Bytes* high)
 {
     constexpr unsigned STEP = WORD_BLOCKS / 4;
