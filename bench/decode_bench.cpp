@@ -163,7 +163,7 @@ Path mpx3Decode(std::size_t channels, bool both, bool convert)
     Path path;
     path.name = "mpx3/decode" + std::string(convert ? "+convert" : "") + "/" + std::to_string(depth) + "bit/" +
                 std::to_string(channels) + "ch";
-    path.bytes = channels * ((both ? 2 : 1) * planes * MPX3_CHIP / 8 + MPX3_CHIP * sizeof(unsigned));
+    path.bytes = channels * (MPX3_CHIP * planes * (both ? 2 : 1) / 8 + MPX3_CHIP * sizeof(unsigned));
     path.naive = [=] {
         clear();
         naive::decodeMpx3(first, channels, planes, both ? 12 : 0, matrix->data());

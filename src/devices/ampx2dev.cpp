@@ -35,7 +35,7 @@ constexpr unsigned short DEF_DACS[MPX2_TPX_DAC_COUNT] = {20,  255, 255, 255, 255
 } // namespace
 
 AMpx2Dev::AMpx2Dev(const Mpx2BoardKind& boardKind, std::string name, IDorvet* host, std::string logFolder,
-                   std::string settings, std::string biasType)
+                   std::string settings, const std::string& biasType)
     : kind(boardKind),
       biasParams(biasType, false),
       devInfoRec(DEV_INFO),

@@ -194,7 +194,7 @@ protected:
     };
 
     AMpx2Dev(const Mpx2BoardKind& kind, std::string name, IDorvet* dorvet, std::string logDir, std::string settingsFile,
-             std::string biasType);
+             const std::string& biasType);
 
     // The groups of a concrete class
     virtual std::vector<ChipGroup> chipGroups() const = 0;

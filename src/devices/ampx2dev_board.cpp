@@ -28,19 +28,19 @@ constexpr unsigned long RAW_COMMAND_SIZE = 6;
 constexpr unsigned long RAW_PAYLOAD_HEAD = 2;
 
 constexpr ParamRow IDENTITY_PARAMS[] = {
-    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
-    {"Firmware", ParamKind::StoredText, "Firmware", 0, false, dv::PARAM_READ_ONLY},
+    {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"Firmware", "Firmware", ParamKind::StoredText, 0, dv::PARAM_READ_ONLY, false},
 };
 constexpr ParamRow PARAMS[] = {
-    {"DebugLog", ParamKind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
-    {"PreShutterClockCount", ParamKind::StoredInt32, "Preshutter Clock Count", 0, false, dv::PARAM_CONFIG},
-    {"PreShutterClockDivider", ParamKind::StoredInt32, "Preshutter Clock Divier", 0, false, dv::PARAM_CONFIG},
-    {"PreShutterDelayClockCount", ParamKind::StoredInt32, "Preshutter Delay Clock Count", 0, false, dv::PARAM_CONFIG},
-    {"TriggerStg", ParamKind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0,
-     false, dv::PARAM_CONFIG},
-    {"TriggerWaitForReady", ParamKind::Bool, "Wait for trigger ready", 0, false, dv::PARAM_CONFIG},
-    {"TriggerMaster", ParamKind::Bool, "Master device", 0, false, dv::PARAM_CONFIG},
-    {"TriggerOutLevel", ParamKind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
+    {"DebugLog", "Debug log file", ParamKind::Bool, 0, dv::PARAM_CONFIG, true},
+    {"PreShutterClockCount", "Preshutter Clock Count", ParamKind::StoredInt32, 0, dv::PARAM_CONFIG, false},
+    {"PreShutterClockDivider", "Preshutter Clock Divier", ParamKind::StoredInt32, 0, dv::PARAM_CONFIG, false},
+    {"PreShutterDelayClockCount", "Preshutter Delay Clock Count", ParamKind::StoredInt32, 0, dv::PARAM_CONFIG, false},
+    {"TriggerStg", "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", ParamKind::Byte, 0,
+     dv::PARAM_CONFIG, false},
+    {"TriggerWaitForReady", "Wait for trigger ready", ParamKind::Bool, 0, dv::PARAM_CONFIG, false},
+    {"TriggerMaster", "Master device", ParamKind::Bool, 0, dv::PARAM_CONFIG, false},
+    {"TriggerOutLevel", "Trigger out active level (0=log 0, 1 = log 1)", ParamKind::Byte, 0, dv::PARAM_CONFIG, false},
 };
 
 } // namespace

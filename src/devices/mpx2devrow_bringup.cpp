@@ -26,10 +26,10 @@ constexpr int FIRST_SHARED_CHANNEL = 5; ///< from here on the multiplexer does n
 constexpr const char* FIRMWARES[] = {"Firmware 1.1 TRA", "Firmware 1.2 TRA"};
 
 constexpr ParamRow SENSOR_PARAMS[] = {
-    {"Temperature", ParamKind::Double, "Temperature (deg. C)", 0, true, dv::PARAM_READ_ONLY},
+    {"Temperature", "Temperature (deg. C)", ParamKind::Double, 0, dv::PARAM_READ_ONLY, true},
 };
 constexpr ParamRow LAST_PARAMS[] = {
-    {"TdiRowCount", ParamKind::Int32, "Number of rows to read in TDI mode (1 is default)", 1, false, dv::PARAM_CONFIG},
+    {"TdiRowCount", "Number of rows to read in TDI mode (1 is default)", ParamKind::Int32, 1, dv::PARAM_CONFIG, false},
 };
 
 constexpr Mpx2BoardKind BOARD_KIND{

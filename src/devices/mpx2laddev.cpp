@@ -14,13 +14,13 @@ constexpr double THREAD_POLL = 0.001;        ///< seconds
 constexpr unsigned STATUS_PATIENCE_MS = 100; ///< that a status poll waits for the end of a frame
 
 constexpr ParamRow PARAMS[] = {
-    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
-    {"Firmware", ParamKind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
-    {"DeviceSerials", ParamKind::Text, "Device Serials", 0, false, dv::PARAM_READ_ONLY},
-    {"PreShutterClockCount", ParamKind::Int32, "Preshutter Clock Count", 10, false, dv::PARAM_CONFIG},
-    {"PreShutterClockDivider", ParamKind::Int32, "Preshutter Clock Divier", 2, false, dv::PARAM_CONFIG},
-    {"PreShutterDelayClockCount", ParamKind::Int32, "Preshutter Delay Clock Count", 10, false, dv::PARAM_CONFIG},
-    {"ParallelReadout", ParamKind::Bool, "Parallel Readout (Fast Readout, Experimental)", 0, false, dv::PARAM_CONFIG},
+    {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"Firmware", "Firmware", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"DeviceSerials", "Device Serials", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"PreShutterClockCount", "Preshutter Clock Count", ParamKind::Int32, 10, dv::PARAM_CONFIG, false},
+    {"PreShutterClockDivider", "Preshutter Clock Divier", ParamKind::Int32, 2, dv::PARAM_CONFIG, false},
+    {"PreShutterDelayClockCount", "Preshutter Delay Clock Count", ParamKind::Int32, 10, dv::PARAM_CONFIG, false},
+    {"ParallelReadout", "Parallel Readout (Fast Readout, Experimental)", ParamKind::Bool, 0, dv::PARAM_CONFIG, false},
 };
 
 } // namespace

@@ -44,7 +44,7 @@ Mpx3Dev::Mpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::st
                  bool partOfLad)
     : AMpx3Dev(std::move(name), host, std::move(logFolder), std::move(settings)),
       biasParams(variant, false),
-      biasTypeText(variant),
+      biasTypeText(std::move(variant)),
       fromLad(partOfLad)
 {
     biasParams.setDeviceType(BIAS_DEVICE_TYPE);

@@ -16,19 +16,19 @@ constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes 
 constexpr double CPU_SENSE_INTERVAL = 1.0;   ///< seconds between two refreshes by readSenseValuesFromCpu
 
 constexpr ParamRow PARAMS[] = {
-    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
-    {"Firmware", ParamKind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
-    {"Temperature", ParamKind::Double, "Temperature (deg. C)", 0, true, dv::PARAM_READ_ONLY},
-    {"DebugLog", ParamKind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
-    {"TriggerStg", ParamKind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0,
-     false, dv::PARAM_CONFIG},
-    {"TriggerWaitForReady", ParamKind::Bool, "Wait for trigger ready", 0, false, dv::PARAM_CONFIG},
-    {"TriggerMaster", ParamKind::Bool, "Master device", 0, false, dv::PARAM_CONFIG},
-    {"TriggerTdiSeries", ParamKind::Bool, "Single Trigger in TDI mode for whole acq. series", 0, false,
-     dv::PARAM_CONFIG},
-    {"TriggerOutLevel", ParamKind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
-    {"TdiRowCount", ParamKind::Int32, "Number of rows to read in TDI mode (1 is default)", 1, false, dv::PARAM_CONFIG},
-    {"BiasDischarge", ParamKind::Byte, "Discharge bias (on=1,off=0)", 0, true, dv::PARAM_LIVE},
+    {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"Firmware", "Firmware", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"Temperature", "Temperature (deg. C)", ParamKind::Double, 0, dv::PARAM_READ_ONLY, true},
+    {"DebugLog", "Debug log file", ParamKind::Bool, 0, dv::PARAM_CONFIG, true},
+    {"TriggerStg", "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", ParamKind::Byte, 0,
+     dv::PARAM_CONFIG, false},
+    {"TriggerWaitForReady", "Wait for trigger ready", ParamKind::Bool, 0, dv::PARAM_CONFIG, false},
+    {"TriggerMaster", "Master device", ParamKind::Bool, 0, dv::PARAM_CONFIG, false},
+    {"TriggerTdiSeries", "Single Trigger in TDI mode for whole acq. series", ParamKind::Bool, 0, dv::PARAM_CONFIG,
+     false},
+    {"TriggerOutLevel", "Trigger out active level (0=log 0, 1 = log 1)", ParamKind::Byte, 0, dv::PARAM_CONFIG, false},
+    {"TdiRowCount", "Number of rows to read in TDI mode (1 is default)", ParamKind::Int32, 1, dv::PARAM_CONFIG, false},
+    {"BiasDischarge", "Discharge bias (on=1,off=0)", ParamKind::Byte, 0, dv::PARAM_LIVE, true},
 };
 
 } // namespace
@@ -41,7 +41,7 @@ void Mpx3Dev::initParameters()
 
 int Mpx3Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
 {
-    auto* device = reinterpret_cast<Mpx3Dev*>(user);
+    auto* device = reinterpret_cast<Mpx3Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
     if (isRead)
         device->onReadParam(param);
     else
@@ -52,7 +52,7 @@ int Mpx3Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
 int Mpx3Dev::paramReadSetFuncCpu(dv::IParam*, bool isRead, long user)
 {
     if (isRead)
-        reinterpret_cast<Mpx3Dev*>(user)->onReadParamCpu();
+        reinterpret_cast<Mpx3Dev*>(user)->onReadParamCpu(); // NOLINT(performance-no-int-to-ptr): the host's word
     return 0;
 }
 

@@ -30,17 +30,17 @@ constexpr unsigned char FOLLOW_HIGH = 1;
 constexpr unsigned char FOLLOW_LOW = 0;
 
 constexpr ParamRow PARAMS[] = {
-    {"HwLibVer", ParamKind::Text, "Library Version", 0, false, dv::PARAM_READ_ONLY},
-    {"Firmware", ParamKind::Text, "Firmware", 0, false, dv::PARAM_READ_ONLY},
-    {"DeviceSerials", ParamKind::Text, "Device Serials", 0, false, dv::PARAM_READ_ONLY},
-    {"DebugLog", ParamKind::Bool, "Debug log file", 0, true, dv::PARAM_CONFIG},
-    {"Synced", ParamKind::Bool, "Internally synchronized acquisition", 0, false, dv::PARAM_CONFIG},
-    {"TriggerStg", ParamKind::Byte, "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", 0,
-     false, dv::PARAM_CONFIG},
-    {"TriggerTdiSeries", ParamKind::Bool, "Single Trigger in TDI mode for whole acq. series", 0, false,
-     dv::PARAM_CONFIG},
-    {"TriggerOutLevel", ParamKind::Byte, "Trigger out active level (0=log 0, 1 = log 1)", 0, false, dv::PARAM_CONFIG},
-    {"TdiRowCount", ParamKind::Int32, "Number of rows to read in TDI mode (1 is default)", 1, false, dv::PARAM_CONFIG},
+    {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"Firmware", "Firmware", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"DeviceSerials", "Device Serials", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
+    {"DebugLog", "Debug log file", ParamKind::Bool, 0, dv::PARAM_CONFIG, true},
+    {"Synced", "Internally synchronized acquisition", ParamKind::Bool, 0, dv::PARAM_CONFIG, false},
+    {"TriggerStg", "Settings of trigger (0=log 0, 1 = log 1, 2 - rising edge, 3 - falling edge)", ParamKind::Byte, 0,
+     dv::PARAM_CONFIG, false},
+    {"TriggerTdiSeries", "Single Trigger in TDI mode for whole acq. series", ParamKind::Bool, 0, dv::PARAM_CONFIG,
+     false},
+    {"TriggerOutLevel", "Trigger out active level (0=log 0, 1 = log 1)", ParamKind::Byte, 0, dv::PARAM_CONFIG, false},
+    {"TdiRowCount", "Number of rows to read in TDI mode (1 is default)", ParamKind::Int32, 1, dv::PARAM_CONFIG, false},
 };
 
 } // namespace

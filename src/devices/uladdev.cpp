@@ -6,7 +6,7 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr ParamRow PARAMS[] = {{"Version", ParamKind::Text, "Version", 0, false, dv::PARAM_READ_ONLY}};
+constexpr ParamRow PARAMS[] = {{"Version", "Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false}};
 
 } // namespace
 

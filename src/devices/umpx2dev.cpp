@@ -455,6 +455,7 @@ int UMpx2Dev::logError(int code, const char* format, ...) const
 {
     va_list args;
     va_start(args, format);
+    // The text without the NUL bytes behind it. NOLINTNEXTLINE(readability-redundant-string-cstr)
     const std::string text = str::formatv(format, args).c_str();
     va_end(args);
     if (log != nullptr)

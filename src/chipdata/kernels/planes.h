@@ -119,7 +119,7 @@ KERNEL_INLINE void gatherWords(const Bytes* words, Bytes* blocks)
 }
 
 /// Two rounds of scatterBlocks for four vectors, of which each is `step` behind the one before.
-KERNEL_INLINE void scatterFour(const Bytes* from, unsigned step, Bytes* to)
+KERNEL_INLINE void scatterFour(const Bytes* from, std::size_t step, Bytes* to)
 {
     const Bytes even[2] = {unpackLow<Bytes>(from[0], from[2 * step]), unpackLow<Bytes>(from[step], from[3 * step])};
     const Bytes odd[2] = {unpackHigh<Bytes>(from[0], from[2 * step]), unpackHigh<Bytes>(from[step], from[3 * step])};
@@ -135,14 +135,14 @@ KERNEL_INLINE void scatterFour(const Bytes* from, unsigned step, Bytes* to)
 /// vectors.
 KERNEL_INLINE void scatterBlocks(const Bytes* blocks, Bytes* low, Bytes* high)
 {
-    constexpr unsigned STEP = WORD_BLOCKS / 4;
+    constexpr std::size_t STEP = WORD_BLOCKS / 4;
     Bytes half[WORD_BLOCKS]; // of the rounds done
     Bytes done[WORD_BLOCKS];
-    for (unsigned i = 0; i < STEP; ++i)
+    for (std::size_t i = 0; i < STEP; ++i)
         scatterFour(blocks + i, STEP, half + 4 * i);
-    for (unsigned i = 0; i < STEP; ++i)
+    for (std::size_t i = 0; i < STEP; ++i)
         scatterFour(half + i, STEP, done + 4 * i);
-    for (unsigned k = 0; k < BLOCK; ++k) {
+    for (std::size_t k = 0; k < BLOCK; ++k) {
         low[k] = done[2 * k];
         high[k] = done[2 * k + 1];
     }

@@ -36,6 +36,7 @@ void DeviceReport::setLogMsgFunc(dv::LogMsgFunc func, void* user)
 int DeviceReport::errorV(int code, const char* format, va_list args)
 {
     ThreadLock lock(&sync);
+    // The text without the NUL bytes behind it. NOLINTNEXTLINE(readability-redundant-string-cstr)
     const std::string text = str::formatv(format, args).c_str();
     if (log_ != nullptr)
         log_->log(code, ERR, text);
@@ -58,6 +59,7 @@ void DeviceReport::lineV(LogLevel level, const char* format, va_list args)
 {
     ThreadLock lock(&sync);
     if (log_ != nullptr)
+        // NOLINTNEXTLINE(readability-redundant-string-cstr): as above
         log_->log(0, level, std::string(str::formatv(format, args).c_str()));
 }
 

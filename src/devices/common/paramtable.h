@@ -24,11 +24,11 @@ enum class ParamKind {
 
 struct ParamRow {
     const char* name;
-    ParamKind kind;
     const char* description;
+    ParamKind kind;
     int defaultValue; ///< of a double, bool, byte or int; the others take `ParamContent`
+    unsigned flags;   ///< a dv::ParamFlags value
     bool callback;
-    unsigned flags; ///< a dv::ParamFlags value
 };
 
 /// The content of one parameter that is a text or lies in a field of the device.
