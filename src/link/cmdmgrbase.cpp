@@ -61,7 +61,8 @@ int CmdMgrBase::logError(int code, LogLevel level, const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    const std::string text = str::formatv(format, args).c_str(); // without the buffer's rest behind the characters
+    // Without the buffer's rest behind the characters. NOLINTNEXTLINE(readability-redundant-string-cstr)
+    const std::string text = str::formatv(format, args).c_str();
     va_end(args);
     lastError.set(text);
     if (log != nullptr)
