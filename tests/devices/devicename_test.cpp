@@ -1,57 +1,41 @@
+// What a board's description tells: what it is, whether it is part of a composite, and its serial.
 #include "devices/common/devicename.h"
 
 #include <gtest/gtest.h>
 
 using namespace HwLatixel;
 
-namespace {
-
-struct Parsed {
-    bool complete;
-    std::string family = "-", type = "-", variant3 = "-", variant = "-", lad = "-";
-};
-
-Parsed parse(const std::string& name)
+TEST(DeviceName, TellsWhatTheBoardIs)
 {
-    Parsed p{};
-    p.complete = parseDeviceName(name, &p.family, &p.type, &p.variant3, &p.variant, &p.lad);
-    return p;
+    struct Case {
+        const char* name;
+        bool complete;
+        const char *family, *type, *variant3, *variant; ///< "-" where the name does not reach it
+        const char* lad;
+    };
+    const Case cases[] = {
+        {"Latixel  Latixel M3WB 1 sn: 12 A", true, "Latixel", "M3", "W", "B", "1"},
+        {"Latixel Latixel M3WA sn:", false, "-", "-", "-", "-", ""},
+        {"Latixel Fam M3W sn: 12 A", false, "Fam", "-", "-", "-", ""},
+        // The number of a composite is any numeric fourth word without a serial's mark.
+        {"a b M3WA sn: 12 A", true, "b", "M3", "W", "A", ""},
+        {"a b M3WA 12a sn: 12", true, "b", "M3", "W", "A", ""},
+        {"a b M3WA - sn: 12", true, "b", "M3", "W", "A", "-"},
+        {"a b M3WA 12sn 12", true, "b", "M3", "W", "A", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string family = "-", type = "-", variant3 = "-", variant = "-", lad = "-";
+        EXPECT_EQ(parseDeviceName(c.name, &family, &type, &variant3, &variant, &lad), c.complete);
+        EXPECT_EQ(family, c.family);
+        EXPECT_EQ(type, c.type);
+        EXPECT_EQ(variant3, c.variant3);
+        EXPECT_EQ(variant, c.variant);
+        EXPECT_EQ(lad, c.lad);
+    }
 }
 
-} // namespace
-
-TEST(DeviceName, TakesAWholeNameApart)
-{
-    const Parsed p = parse("Latixel  Latixel M3WB 1 sn: 12 A");
-    EXPECT_TRUE(p.complete);
-    EXPECT_EQ(p.family, "Latixel");
-    EXPECT_EQ(p.type, "M3");
-    EXPECT_EQ(p.variant3, "W");
-    EXPECT_EQ(p.variant, "B");
-    EXPECT_EQ(p.lad, "1");
-}
-
-TEST(DeviceName, LadNumberIsAnyNumericFourthWordWithoutSerialMark)
-{
-    EXPECT_EQ(parse("a b M3WA sn: 12 A").lad, "");
-    EXPECT_EQ(parse("a b M3WA 12a sn: 12").lad, "");
-    EXPECT_EQ(parse("a b M3WA - sn: 12").lad, "-");
-    EXPECT_EQ(parse("a b M3WA 12sn 12").lad, "");
-}
-
-TEST(DeviceName, ShortNamesKeepWhatWasNotReached)
-{
-    const Parsed words = parse("Latixel Latixel M3WA sn:");
-    EXPECT_FALSE(words.complete);
-    EXPECT_EQ(words.family, "-");
-    EXPECT_EQ(words.lad, "");
-    const Parsed type = parse("Latixel Fam M3W sn: 12 A");
-    EXPECT_FALSE(type.complete);
-    EXPECT_EQ(type.family, "Fam");
-    EXPECT_EQ(type.type, "-");
-}
-
-TEST(DeviceName, SerialLosesThePortMark)
+TEST(DeviceName, SerialLosesThePortMarkAndCannotLeaveItsFolder)
 {
     EXPECT_EQ(serialFromDeviceName("Latixel Latixel M3WA sn: 1042 A"), "1042");
     EXPECT_EQ(serialFromDeviceName("x sn: A1"), "A1");
@@ -59,9 +43,5 @@ TEST(DeviceName, SerialLosesThePortMark)
     EXPECT_EQ(serialFromDeviceName("x sn: 7 Ab"), "7 ");
     EXPECT_EQ(serialFromDeviceName("x sn:12"), "");
     EXPECT_EQ(serialFromDeviceName("x sn: "), "");
-}
-
-TEST(DeviceName, SerialCannotLeaveItsFolder)
-{
     EXPECT_EQ(asFileName("../../etc/passwd\n"), ".._.._etc_passwd_");
 }

@@ -36,10 +36,12 @@ private:
 /// A composite with its members' boards on the bus in the order in which they stand in it. Each has a flux of its own:
 /// 1000 times its position, from 1 on, in counts per second.
 template <typename LadClass, typename BoardClass, typename Pixel>
-class LadBench {
+class LadBench : public BenchBase<LadClass, BoardClass, Pixel> {
+    using Base = BenchBase<LadClass, BoardClass, Pixel>;
+
 public:
-    using Pixels = std::vector<Pixel>;
     static constexpr std::size_t CHIP = 65536;
+    using Base::folder;
 
     /// Makes the composite, which is not brought up yet, with the boards' descriptions as its names, behind those of
     /// `missing` boards.
@@ -55,100 +57,178 @@ public:
         folder.write("latixel.ini", "[Settings]\n" + settings);
         log = std::make_unique<FileLog>((folder / "lad.log").string(), true, false, false, true);
         log->setLogLevel(MSG);
-        lad = new LadClass(&host, folder.path(), log.get(), folder / "latixel.ini", names);
-        events = std::make_unique<EventLog>(*lad);
-        lad->setLogMsgFunc(&ErrorLines::keep, &errors);
+        Base::take(new LadClass(&this->host, folder.path(), log.get(), folder / "latixel.ini", names));
+        (*this)->setLogMsgFunc(&ErrorLines::keep, &errors);
     }
-    ~LadBench()
-    {
-        lad->closeDevice();
-        lad->destroy();
-        host.complainOfLeftovers();
-        EXPECT_EQ(host.complaints(), std::vector<std::string>{});
-        EXPECT_EQ(sim::openSessions(), 0);
-        EXPECT_EQ(sim::liveContexts(), 0);
-        sim::clearBus();
-    }
-    LadBench(const LadBench&) = delete;
-    LadBench& operator=(const LadBench&) = delete;
+    ~LadBench() { Base::end(); }
 
-    LadClass* operator->() const { return lad; }
-    template <typename Look>
-    void board(std::size_t index, Look look) const
-    {
-        sim::inspect<BoardClass>(index, look);
-    }
-    /// How often a command went to a board since the last `sim::clearTraffic`.
-    static long sent(std::size_t index, const std::string& frameBeginning)
-    {
-        return std::ranges::count_if(wireLines(sim::written(index)),
-                                     [&](const std::string& line) { return line.starts_with(frameBeginning); });
-    }
-    static bool soonSent(std::size_t index, const std::string& frameBeginning)
-    {
-        return soon([&] { return sent(index, frameBeginning) > 0; });
-    }
-    static void expectNoViolations()
-    {
-        for (const auto& violation : sim::violations())
-            ADD_FAILURE() << violation.what << ": " << hex(violation.bytes, 32);
-    }
     bool logged(const std::string& line) const
     {
         return folder.read("lad.log").find("[MSG]: " + line + "\n") != std::string::npos;
     }
-    std::string param(const char* name) const { return lad->parameters()->get(name)->getString(); }
-    /// The frame of `lastData`; empty where there is none.
-    Pixels frame() const
-    {
-        dv::IMpxFrame* made = lad->lastData();
-        if (made == nullptr)
-            return {};
-        const auto* pixels = static_cast<const Pixel*>(made->dataPointer(0.0));
-        Pixels copy(pixels, pixels + made->pixelCount());
-        made->destroy();
-        return copy;
-    }
+    std::string param(const char* name) const { return (*this)->parameters()->get(name)->getString(); }
     /// The text of a failure of a member, with the name that goes with it.
     static std::string failure(const std::string& name, const std::string& error)
     {
         return "Device " + name + " reported error: " + error;
     }
 
-    TempFolder folder;
-    refhost::Host host{folder.path(), folder.path()};
     std::vector<std::string> names;
     ErrorLines errors;
     std::unique_ptr<FileLog> log;
-    std::unique_ptr<EventLog> events;
-
-private:
-    LadClass* lad;
 };
 
-/// Checks that each member's block of a frame holds one value, which is a multiple of the member's flux.
-template <typename Pixel>
-void expectBlocks(const std::vector<Pixel>& frame, std::size_t members, std::size_t chipsOfMember, unsigned ofFirst)
+/// So many boards like one, each with its number, from 1 on, in its description. Their serials are 101, 102 and so on.
+inline nlohmann::json ladBoards(std::size_t members, nlohmann::json board)
 {
-    const std::size_t block = chipsOfMember * 65536;
-    ASSERT_EQ(frame.size(), members * block);
-    for (std::size_t m = 0; m < members; ++m) {
-        const auto begin = frame.begin() + static_cast<std::ptrdiff_t>(m * block);
-        const auto level = static_cast<Pixel>(ofFirst * (m + 1));
-        EXPECT_EQ(std::count(begin, begin + static_cast<std::ptrdiff_t>(block), level), static_cast<long>(block))
-            << "member " << m << " begins with " << *begin;
+    const std::string description = board["description"];
+    const std::string type = description.substr(0, description.find(" sn:"));
+    nlohmann::json list = nlohmann::json::array();
+    for (std::size_t m = 1; m <= members; ++m) {
+        const std::string number = std::to_string(m);
+        board["description"] = type + " " + number + " sn: 10" + number + " A";
+        list.push_back(board);
     }
+    return list;
 }
 
-/// Events of a series of so many frames.
-inline std::vector<Seen> readyEvents(long frames, unsigned end)
+/// Checks what composites tell of themselves whose boards come up in part or not at all. The boards are two of two
+/// chips each; `modes` are those that the composite offers.
+template <typename Lad>
+void expectOneDetector(nlohmann::json boards, int chipKind, unsigned modes)
 {
-    std::vector<Seen> events;
-    for (long i = 0; i < frames; ++i)
-        events.push_back({HWEVENT_FRAME_READY, i});
-    events.push_back({end, 0});
-    return events;
+    const std::string gone = "Latixel Latixel M3WB 0 sn: 99 A";
+    const auto serial = [](const Lad& lad) {
+        dv::_DevInfo info{};
+        lad->devInfo(&info);
+        return info.serialNumber;
+    };
+    boards[1]["firmware"] = "Firmware of the last";
+    {
+        Lad lad(boards, "", {gone});
+        ASSERT_EQ(lad->initDevice(), 0);
+        EXPECT_TRUE(lad->isConnected());
+        dv::_DevMpxInfo mpx{};
+        lad->devMpxInfo(&mpx);
+        EXPECT_EQ(mpx.chipTotal, 4U);
+        EXPECT_EQ(mpx.pixelTotal, 4U * Lad::CHIP);
+        EXPECT_EQ(mpx.chipKind, chipKind);
+        EXPECT_EQ(mpx.acqModeMask, modes);
+        EXPECT_EQ(serial(lad), 1);
+        EXPECT_EQ(lad.param("DeviceSerials"), "101 102 ");
+        EXPECT_EQ(lad.param("Firmware"), "Firmware of the last");
+        EXPECT_EQ(lad->adcCount(), 32);
+        EXPECT_NE(lad.folder.read("lad.log").find("Initialization of Latixel device " + gone + " failed: "),
+                  std::string::npos);
+        EXPECT_TRUE(lad.logged("Initialized Latixel device " + lad.names[2]));
+        // Names go by position, and so a failure of the second member carries the first one's.
+        const std::vector<unsigned short> dacs(54, 5);
+        EXPECT_EQ(lad->setDacs(dacs.data(), dacs.size(), -1), 1);
+        EXPECT_TRUE(std::string(lad->lastError()).starts_with(Lad::failure(lad.names[1], ""))) << lad->lastError();
+        EXPECT_EQ(lad.series(1, 0.02).at(0).size(), 4 * Lad::CHIP);
+        EXPECT_EQ(lad->closeDevice(), 0);
+        EXPECT_FALSE(lad->isConnected());
+        EXPECT_EQ(lad->adcCount(), 0);
+        Lad::expectNoViolations();
+    }
+    {
+        Lad lad(nlohmann::json::array({boards[0]}), "", {gone});
+        ASSERT_EQ(lad->initDevice(), 0);
+        EXPECT_EQ(serial(lad), 101) << "of the only member";
+    }
+    Lad lad(nlohmann::json::array(), "", {gone, "no name of ours"});
+    EXPECT_EQ(lad->initDevice(), -1);
+    EXPECT_FALSE(lad->isConnected());
+    EXPECT_EQ(lad->stopAcquisition(), 0);
 }
+
+/// A composite of two members of two chips each.
+template <typename Lad>
+class LadTest : public SeriesTest<Lad, 2> {
+protected:
+    using Base = SeriesTest<Lad, 2>;
+    using Base::Base;
+    using Base::bench;
+    static constexpr std::size_t CHIP = Lad::CHIP;
+
+    void set(const char* param, int value) { bench->parameters()->get(param)->setInt32(value); }
+
+    /// Checks the last error, which is a member's and carries its name.
+    void expectFailure(int result, std::size_t member, const std::string& beginning = "") const
+    {
+        EXPECT_EQ(result, 1);
+        EXPECT_TRUE(std::string(bench->lastError()).starts_with(Lad::failure(bench.names[member], beginning)))
+            << bench->lastError();
+    }
+    /// Writes counts below a limit and reads them; arrays that are too short are refused.
+    void expectMatricesComeBack(unsigned limit)
+    {
+        typename Lad::Pixels written(4 * CHIP);
+        std::mt19937 random(5);
+        std::ranges::generate(written, [&] { return static_cast<typename Lad::Pixel>(random() % limit); });
+        ASSERT_EQ(bench->writeMatrix(written.data(), written.size(), true), 0);
+        typename Lad::Pixels back(4 * CHIP);
+        ASSERT_EQ(bench->readMatrix(back.data(), back.size(), true), 0);
+        EXPECT_TRUE(back == written);
+        for (const int result : {bench->writeMatrix(written.data(), written.size() - 1, true),
+                                 bench->readMatrix(back.data(), back.size() - 1, true)}) {
+            EXPECT_EQ(result, 1);
+            EXPECT_STREQ(bench->lastError(), "Invalid size for matrix (262143 < 262144)");
+        }
+    }
+    /// ADC channels count through the members, whose first status that is not 0 counts.
+    void expectAdcAndStatus()
+    {
+        sim::clearTraffic();
+        EXPECT_GE(bench->adcValue(17), 0);
+        EXPECT_TRUE(sim::written(0).empty());
+        EXPECT_FALSE(sim::written(1).empty());
+        EXPECT_EQ(bench->adcValue(32), -1005);
+        EXPECT_STREQ(bench->lastError(), "Invalid ADC index.");
+        double volts = 0;
+        EXPECT_EQ(bench->analogValue(3, &volts), 0);
+        EXPECT_EQ(bench->analogValue(4, &volts), 1);
+        EXPECT_STREQ(bench->lastError(), "Invalid chip index: 4");
+        EXPECT_EQ(bench->deviceStatus(), 0);
+        sim::addFault(1, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
+        EXPECT_EQ(bench->deviceStatus(), 1);
+        EXPECT_EQ(bench->resetMedipix(), 0);
+    }
+    /// Starts three frames for a host that takes none: the boards expose one ahead of it, and wait.
+    void startWithoutReader()
+    {
+        bench.events->onFrame = nullptr;
+        this->start(3, 0.02);
+        sleepMs(400);
+        EXPECT_EQ(bench.events->seen(), (std::vector<Seen>{{HWEVENT_FRAME_READY, 0}}));
+        for (std::size_t m = 0; m < 2; ++m)
+            EXPECT_EQ(Lad::sent(m, Base::START), 2) << m;
+    }
+    /// A read into too small an array takes nothing, but lets the series go on.
+    void readTooLittle()
+    {
+        typename Lad::Pixel pixel = 0;
+        EXPECT_EQ(bench->readMatrix(&pixel, 1, true), 1);
+    }
+    /// Stops a series right behind its start, in an exposure, while frames come in, and twice.
+    void expectStops()
+    {
+        this->start(100, 60);
+        this->expectStop();
+        this->start(100, 60);
+        ASSERT_TRUE(this->soonStarted());
+        this->expectStop(2);
+        EXPECT_EQ(bench.events->seen(), readyEvents(1, HWEVENT_ACQ_ABORTED)) << "the frame in progress comes";
+        this->start(100000, 0.001);
+        ASSERT_TRUE(soon([&] { return bench.events->seen().size() > 5; }));
+        this->expectStop();
+        this->start(100, 0.02);
+        bench->stopAcquisition();
+        bench->stopAcquisition();
+        ASSERT_TRUE(bench.events->waitForEnd());
+        EXPECT_EQ(bench->stopAcquisition(), 0) << "and with no series at all";
+    }
+};
 
 /// A number below `limit`, at random.
 class Dice {
@@ -178,6 +258,45 @@ inline void stress(const std::function<void(Dice&)>& control, const std::vector<
     for (unsigned i = 0; i < steps.size(); ++i)
         threads.emplace_back(loop, steps[i], i + 1);
     loop(control, 1000);
+}
+
+/// Lets a composite of eight members of one chip each take series, some of which are stopped, while other threads do
+/// all else that a host does. `prepare` runs before each series, `writes` at any time. The composite works afterwards.
+template <typename Lad>
+void stressSeries(Lad& lad, const std::function<void(Dice&)>& prepare, const std::function<void(Dice&)>& writes)
+{
+    std::atomic<long> taken = 0;
+    lad.events->onFrame = [&](long) { taken += lad.frame().empty() ? 0 : 1; };
+    const auto control = [&](Dice& dice) {
+        lad.events->clear();
+        prepare(dice);
+        const bool endless = dice(2) == 0;
+        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), dice(20) / 1000.0), 0) << lad->lastError();
+        if (endless) {
+            sleepMs(static_cast<int>(dice(300)));
+            EXPECT_EQ(lad->stopAcquisition(), 0);
+        }
+        ASSERT_TRUE(lad.events->waitForEnd());
+    };
+    const auto polls = [&](Dice&) {
+        lad->deviceStatus();
+        lad->deviceStatusText();
+        double volts = 0;
+        lad->biasVoltageCurrentSense(&volts, nullptr);
+        EXPECT_TRUE(lad->isConnected());
+        lad->isBusy();
+        lad->lastError();
+    };
+    const auto adc = [&](Dice& dice) { lad->adcValue(dice(130)); };
+    const auto stops = [&](Dice& dice) {
+        if (dice(20) == 0)
+            lad->stopAcquisition();
+    };
+    stress(control, {polls, writes, adc, stops});
+    EXPECT_GT(taken, 0);
+    const auto frames = lad.series(2, 0.02);
+    EXPECT_EQ(lad.events->seen(), readyEvents(2, HWEVENT_ACQ_FINISHED));
+    expectBlocks(frames.at(1), 8, 1, 20);
 }
 
 } // namespace support

@@ -3,10 +3,13 @@
 
 #include "devices/devicebench.h"
 
+#include "chipdata/mpx2dacs.h"
 #include "devices/mpx2dev.h"
 #include "devices/mpx2devrow.h"
 #include "sim/mpx2board.h"
 #include "sim/rowboard.h"
+
+#include <random>
 
 namespace support {
 
@@ -41,22 +44,58 @@ inline nlohmann::json biasCpu()
         ["TempCpu", "35.5"], ["*BiasSet", "0"], ["BiasVolt", "0"], ["BiasCurr", "0"], ["TempDet", "24"]]}})");
 }
 
-class Mpx2Bench : public DeviceBench<HwLatixel::Mpx2Dev, sim::Mpx2Board, unsigned short> {
+/// Random words below `limit`, always the same ones.
+inline std::vector<unsigned short> randomWords(std::size_t size, int limit)
+{
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> word(0, limit - 1);
+    std::vector<unsigned short> words(size);
+    std::ranges::generate(words, [&] { return static_cast<unsigned short>(word(random)); });
+    return words;
+}
+
+/// What makes a board's chips Timepix or Medipix2 ones.
+inline nlohmann::json chipKind(bool timepix)
+{
+    return timepix ? nlohmann::json() : nlohmann::json{{"chip", "medipix2"}};
+}
+
+/// A device on a board of either kind.
+template <typename DeviceClass, typename BoardClass>
+class TpxBench : public DeviceBench<DeviceClass, BoardClass, unsigned short> {
+public:
+    using DeviceBench<DeviceClass, BoardClass, unsigned short>::DeviceBench;
+
+    dv::_DevMpxInfo info() const
+    {
+        dv::_DevMpxInfo info;
+        this->dev().devMpxInfo(&info);
+        return info;
+    }
+    /// The chips that the host is told.
+    std::vector<std::string> chipIds() const
+    {
+        dv::StrList ids;
+        EXPECT_EQ(this->dev().chipIDList(&ids), 0);
+        return ids.vect();
+    }
+    std::size_t pixels() const { return chipIds().size() * 65536; }
+    bool logged(const std::string& text) const { return this->log().find(text) != std::string::npos; }
+    /// Sets all DACs of Timepix chips so that each photon counts.
+    void countAll() const
+    {
+        const std::vector<unsigned short> dacs(chipIds().size() * 14, 9);
+        EXPECT_EQ(this->dev().setDacs(dacs.data(), dacs.size(), -1), 0);
+    }
+};
+
+class Mpx2Bench : public TpxBench<HwLatixel::Mpx2Dev, sim::Mpx2Board> {
 public:
     explicit Mpx2Bench(const nlohmann::json& board, const std::string& settings = "[Settings]\nDebugLog=1\n",
                        bool serialSection = false)
-        : DeviceBench(board, settings, flatScene(1000), serialSection)
+        : TpxBench(board, settings, flatScene(1000), serialSection)
     {
     }
-
-    /// Sets all DACs so that each photon counts.
-    void countAll() const
-    {
-        const std::vector<unsigned short> dacs(chips() * static_cast<std::size_t>(dev().dacCount()), 9);
-        EXPECT_EQ(dev().setDacs(dacs.data(), dacs.size(), -1), 0);
-    }
-    std::size_t chips() const { return static_cast<std::size_t>(dev().chipCount()); }
-    std::size_t pixels() const { return chips() * 65536; }
 };
 
 /// A row board with these chips, "" for a channel without one; flash and CPU as above.
@@ -70,21 +109,42 @@ inline nlohmann::json rowBoard(const std::vector<std::string>& channels, const n
     return board;
 }
 
-class RowBench : public DeviceBench<HwLatixel::Mpx2DevRow, sim::RowBoard, unsigned short> {
+class RowBench : public TpxBench<HwLatixel::Mpx2DevRow, sim::RowBoard> {
 public:
-    explicit RowBench(const nlohmann::json& board) : DeviceBench(board, "", flatScene(1000)) {}
+    explicit RowBench(const nlohmann::json& board) : TpxBench(board, "", flatScene(1000)) {}
+};
 
-    /// Number of chips that the host is told.
-    std::size_t chips() const
+/// Series on a board of either kind with two chips.
+template <typename Bench>
+class TpxSeries : public SeriesTest<Bench, 1> {
+protected:
+    using Base = SeriesTest<Bench, 1>;
+    using Base::Base;
+    using Base::bench;
+
+    void bringUp() override
     {
-        dv::StrList ids;
-        dev().chipIDList(&ids);
-        return ids.vect().size();
+        ASSERT_EQ(bench->initDevice(), 0);
+        ASSERT_EQ(bench.chipIds().size(), 2U);
+        bench.countAll();
+        this->takeFrames();
+        bench.wire();
     }
-    void countAll() const
+    /// Starts a series and waits until it exposes.
+    void startAndExpose(unsigned count, double time)
     {
-        const std::vector<unsigned short> dacs(chips() * 14, 9);
-        EXPECT_EQ(dev().setDacs(dacs.data(), dacs.size(), -1), 0);
+        this->start(count, time);
+        ASSERT_TRUE(this->soonStarted());
+    }
+    /// Loses the board in the first frame of a series, for good.
+    void loseBoard()
+    {
+        sim::addFault(0, {{"kind", "unplug"}, {"when", {{"after_written", Base::START}}}});
+        this->start(3, 0.02);
+        ASSERT_TRUE(bench.events->waitFor({Base::FAILED}));
+        sleepMs(100);
+        EXPECT_EQ(bench.events->seen(), (std::vector<Seen>{{Base::FAILED, -1}}));
+        EXPECT_STREQ(bench->lastError(), "Could not recover device");
     }
 };
 
@@ -115,6 +175,29 @@ public:
         return *this;
     }
     Mpx2Wire& reset(unsigned levels) { return pins(PWR | levels).alive(levels); }
+    Mpx2Wire& powerCycle(unsigned levels)
+    {
+        return pins(levels).cpu({0x80, 4}, 6).pins(PWR | levels).cpu({0x80, 3}, 6);
+    }
+    /// Firmware, head of the flash, version, names and values of the CPU.
+    Mpx2Wire& identify()
+    {
+        cmd(2, 2, 1);
+        spiExchange(2, 3, padded({0x03}, 1024));
+        return cpu({5}, 100).cpu({5}, 100).cpu({3}, 4096).cpu({4}, 4096).cpu({4}, 4096);
+    }
+    Mpx2Wire& timer(std::uint32_t ticks) { return number(0, 5, 3, ticks).number(0, 5, 4, 0); }
+    /// The clocks around a shutter.
+    Mpx2Wire& clocks(std::uint32_t count, std::uint32_t divider, std::uint32_t delay)
+    {
+        number(0, 5, 0x10, count).number(0, 5, 0x11, divider).number(0, 5, 7, delay);
+        return number(0, 5, 0x14, 10).number(0, 5, 0x15, 100);
+    }
+    /// One opening of the shutter, until the chips rest again and the output is handed back.
+    Mpx2Wire& exposure(std::uint32_t command)
+    {
+        return alive(ENIN | ACQOVER).number(2, 5, 1, command).alive(ENIN).number(2, 1, 0, 0);
+    }
     /// A stream through the DAC chain or past it.
     Mpx2Wire& stream(const Bytes& bytes)
     {
@@ -122,6 +205,16 @@ public:
         return *this;
     }
     Mpx2Wire& dacs(const Bytes& bytes) { return alive(M0 | OUTEN).stream(bytes).alive(M0 | ENIN); }
+    /// The DACs with which the identifiers of a chain of Timepix chips are read.
+    Mpx2Wire& readIds(int chips)
+    {
+        std::vector<unsigned short> values;
+        for (int chip = 0; chip < chips; ++chip)
+            values.insert(values.end(), {20, 255, 255, 255, 255, 255, 300, 255, 255, 255, 255, 255, 255, 255});
+        Bytes bytes(static_cast<std::size_t>(chips) * 33);
+        dacsToStreamTPX(values.data(), bytes.data(), chips, 0, 0, 0, 0);
+        return dacs(bytes);
+    }
     /// The commands of a readout, behind which the chips rest.
     Mpx2Wire& readout(std::uint32_t announced, std::uint32_t bits)
     {

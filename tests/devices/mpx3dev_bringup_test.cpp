@@ -1,22 +1,17 @@
 // Bring-up of a Medipix3 board: the bytes on the wire, the chips found, and what is left when something fails.
 #include "devices/mpx3bench.h"
 
-#include <thread>
-
-using support::Mpx3Bench;
-using support::mpx3Board;
-using support::padded;
-using support::Wire;
+using namespace support;
 
 namespace {
+
+using Up = BroughtUp<Mpx3Bench>;
 
 constexpr int MPX = 1;
 constexpr int INF = 2;
 constexpr int SPI = 4;
 
-const support::Bytes FUSE_OMR = {0x30, 0x00, 0xE8, 0x20, 0x00, 0x00, 0x10, 0x00, 0x00, 0x00};
-
-Wire spiExchange(int divider, int select, const support::Bytes& payload)
+Wire spiExchange(int divider, int select, const Bytes& payload)
 {
     return Wire()
         .cmd(0, SPI, 1, 4, 0, 0, divider)
@@ -26,19 +21,19 @@ Wire spiExchange(int divider, int select, const support::Bytes& payload)
         .cmd(2, MPX, 0);
 }
 
-Wire cpu(const support::Bytes& beginning, std::size_t size)
+Wire cpu(const Bytes& beginning, std::size_t size)
 {
     return spiExchange(50, 7, padded(beginning, size));
 }
 
-/// Reads the fuses of one channel twice.
-Wire fuses(int channel)
+/// Reads them twice.
+Wire fusesOfFirstChannel()
 {
     Wire wire;
     for (int pass = 0; pass < 2; ++pass)
-        wire.cmd(0, MPX, 3, 0, 0, 0, 1 << channel)
-            .data(5, MPX, 255, padded(FUSE_OMR, 12))
-            .cmd(0, MPX, 3, 0, 0, 1 << channel, 1 << channel)
+        wire.cmd(0, MPX, 3, 0, 0, 0, 1)
+            .data(5, MPX, 255, padded({0x30, 0x00, 0xE8, 0x20, 0x00, 0x00, 0x10}, 12))
+            .cmd(0, MPX, 3, 0, 0, 1, 1)
             .data(7, MPX, 255, padded({0xA0}, 38));
     return wire;
 }
@@ -54,18 +49,16 @@ Wire bringUpOfOneChannel()
     wire += cpu({3}, 4096); // names and values
     wire += cpu({4}, 4096);
     wire += cpu({4}, 4096); // values for the log
-    wire.cmd(0, MPX, 3, 0, 0, 0, 0x1F);
-    wire.cmd(0, MPX, 1, 0, 0, 0, 6);
+    wire.cmd(0, MPX, 3, 0, 0, 0, 0x1F).cmd(0, MPX, 1, 0, 0, 0, 6);
     wire += cpu({0x80, 4}, 6);
     wire.cmd(0, MPX, 1, 0, 0, 0, 7);
     wire += cpu({0x80, 3}, 6);
     wire.cmd(0, MPX, 1, 0, 0, 0, 0x0D).cmd(0, MPX, 1, 0, 0, 0, 0x0F);
-    wire.cmd(2, MPX, 0);
-    wire += fuses(0);
-    wire.cmd(0, MPX, 3, 0, 0, 0, 0x1F);
-    wire.cmd(2, MPX, 0);
-    wire += fuses(0);
-    wire.cmd(0, MPX, 3, 0, 0, 0, 0x1F);
+    for (int pass = 0; pass < 2; ++pass) {
+        wire.cmd(2, MPX, 0);
+        wire += fusesOfFirstChannel();
+        wire.cmd(0, MPX, 3, 0, 0, 0, 0x1F);
+    }
     return wire;
 }
 
@@ -90,8 +83,7 @@ TEST(Mpx3BringUp, FindsChipsAndTellsTheHost)
 {
     nlohmann::json board = mpx3Board(4);
     board["channels"][2] = nlohmann::json::array(); // no chip there
-    Mpx3Bench bench(board);
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(board);
     EXPECT_EQ(bench->chipIDs(), (std::vector<std::string>{"C00-W0100", "C01-W0100", "C03-W0100"}));
     dv::_DevMpxInfo info;
     bench->devMpxInfo(&info);
@@ -101,7 +93,6 @@ TEST(Mpx3BringUp, FindsChipsAndTellsTheHost)
     EXPECT_EQ(info.biasMax, 150.0);
     dv::_DevInfo device;
     bench->devInfo(&device);
-    EXPECT_STREQ(device.familyName, "Latixel");
     EXPECT_EQ(device.serialNumber, 7);
     EXPECT_EQ(bench->firmware(), "Firmware 3.1 M3");
     EXPECT_TRUE(bench->isConnected());
@@ -118,20 +109,17 @@ TEST(Mpx3BringUp, FindsChipsAndTellsTheHost)
     EXPECT_NE(bench.log().find("Detected channels: 1 2 8 "), std::string::npos);
     EXPECT_EQ(bench->inDeviceConfigParameters()->get("Table")->getInt32(), 1);
     EXPECT_NEAR(bench->parameters()->get("Temperature")->getFloat(), 31.5, 0.2);
-    bench.expectNoViolations();
 }
 
 TEST(Mpx3BringUp, TwoChipsOnEachChannel)
 {
     // Channels without chips count as channels of one chip in the average that decides, so they are switched off.
-    Mpx3Bench bench(mpx3Board(2, 2), "[Settings]\nModule2=0\nModule3=0\nModule4=0\n");
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(2, 2), "[Settings]\nModule2=0\nModule3=0\nModule4=0\n");
     EXPECT_EQ(bench->chipIDs(), (std::vector<std::string>{"C00-W0100", "C00-W0101", "C01-W0100", "C01-W0101"}));
     dv::_DevMpxInfo info;
     bench->devMpxInfo(&info);
     EXPECT_EQ(info.acqModeMask, 7U) << "no TDI with two chips on a channel";
-    bench.board([](sim::Mpx3Board& board) { EXPECT_TRUE(board.twoChipsPerChannel()); });
-    bench.expectNoViolations();
+    bench.board([](auto& board) { EXPECT_TRUE(board.twoChipsPerChannel()); });
 }
 
 TEST(Mpx3BringUp, SettingsChooseTheChannels)
@@ -139,36 +127,29 @@ TEST(Mpx3BringUp, SettingsChooseTheChannels)
     // Channel 1 has no chip but is forced, channel 2 is off, channel 3 is missing in the file, channel 4 is dropped.
     nlohmann::json board = mpx3Board(4);
     board["channels"][1] = nlohmann::json::array();
-    Mpx3Bench bench(board, "[Settings]\nModule0=1\nModule1=1\nModule2=0\n");
-    ASSERT_EQ(bench->initDevice(), 0);
-    EXPECT_EQ(bench->chipCount(), 3);
-    EXPECT_EQ(bench->chipIDs()[2], "C03-W0100");
-    EXPECT_EQ(std::ranges::count(bench.errors, "Channel not working properly ! \n"), 2);
-}
-
-TEST(Mpx3BringUp, WithoutASettingsFileBadChannelsStay)
-{
-    Mpx3Bench bench(mpx3Board(1), "");
-    ASSERT_EQ(bench->initDevice(), 0);
-    EXPECT_EQ(bench->chipCount(), 5);
+    {
+        Up bench(board, "[Settings]\nModule0=1\nModule1=1\nModule2=0\n");
+        EXPECT_EQ(bench->chipCount(), 3);
+        EXPECT_EQ(bench->chipIDs()[2], "C03-W0100");
+        EXPECT_EQ(std::ranges::count(bench.errors, "Channel not working properly ! \n"), 2);
+    }
+    Up bench(mpx3Board(1), "");
+    EXPECT_EQ(bench->chipCount(), 5) << "without a file bad channels stay";
     EXPECT_EQ(bench.errors.size(), 4U);
 }
 
 TEST(Mpx3BringUp, BoardWithoutChipsRefusesWithWords)
 {
     nlohmann::json board = mpx3Board(0);
-    board["channels"] = nlohmann::json::array();
     board.erase("cpu");
     board.erase("flash");
-    Mpx3Bench bench(board);
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(board);
     EXPECT_EQ(bench->chipCount(), 0);
     EXPECT_NE(bench.log().find("No parameters in IB Flash."), std::string::npos);
     EXPECT_NE(bench.log().find("CPU is not present on IB"), std::string::npos);
     std::vector<unsigned short> dacs(27);
     std::vector<unsigned> matrix(65536);
     const std::vector<unsigned char> cfg(131072);
-    bench.wire();
     EXPECT_EQ(bench->startAcquisition(1, 0.1), 1);
     EXPECT_STREQ(bench->lastError(), "Device not connected or no chip");
     EXPECT_EQ(bench->stopAcquisition(), 1);
@@ -187,8 +168,7 @@ TEST(Mpx3BringUp, BoardWithoutChipsRefusesWithWords)
 
 TEST(Mpx3BringUp, ClosedDeviceAnswersWithoutALink)
 {
-    Mpx3Bench bench(mpx3Board(1), ONE_CHANNEL);
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(1), ONE_CHANNEL);
     bench->closeDevice();
     double volts = 1;
     EXPECT_EQ(bench->setBias(50), 1);
@@ -236,32 +216,9 @@ TEST(Mpx3BringUp, LinkThatDiesOnTheWayLeavesADeviceWithoutChips)
     }
 }
 
-TEST(Mpx3BringUp, BrokenFlashStoresAreDoneWithout)
-{
-    const std::vector<nlohmann::json> stores = {
-        {{"magic", "XXXX"}},
-        {{"version", 2}},
-        {{"total_size", 0xFFFFFFFFU}},
-        {{"record_size", 0xFFFFFFFFU}},
-        {{"record_size", 0xFFFFFFFFU}, {"total_size", 0xFFFFFFFFU}},
-        {{"total_size", 20}},
-    };
-    for (const auto& store : stores) {
-        SCOPED_TRACE(store.dump());
-        nlohmann::json board = mpx3Board(1);
-        board["flash"].update(store);
-        Mpx3Bench bench(board, ONE_CHANNEL);
-        EXPECT_EQ(bench->initDevice(), 0);
-        EXPECT_EQ(bench->chipCount(), 1);
-        for (auto* param : bench->inDeviceConfigParameters()->params())
-            param->getString();
-    }
-}
-
 TEST(Mpx3BringUp, OverheatedBoardIsToldOnceAndRefuses)
 {
-    Mpx3Bench bench(mpx3Board(1), ONE_CHANNEL + "DebugLogSkipPeriodic=1\n");
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(1), ONE_CHANNEL + "DebugLogSkipPeriodic=1\n");
     EXPECT_EQ(bench->deviceStatus(), 0);
     sim::addFault(0, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
     EXPECT_EQ(bench->deviceStatus(), 2);
@@ -288,24 +245,18 @@ TEST(Mpx3BringUp, OverheatedBoardIsToldOnceAndRefuses)
 
 TEST(Mpx3BringUp, DebugLogParameterSwitchesOnButNotOff)
 {
-    Mpx3Bench bench(mpx3Board(1), "[Settings]\nModule1=0\nModule2=0\nModule3=0\nModule4=0\n");
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(1), "[Settings]\n");
     bench->deviceStatus(); // from here on the log is at MSG
-    const auto sections = [&] {
-        const std::string log = bench.log();
-        std::size_t count = 0;
-        for (auto at = log.find("\nReset Device\n"); at != std::string::npos; at = log.find("\nReset Device\n", at + 1))
-            ++count;
-        return count;
+    const auto resetIsLogged = [&] {
+        const std::size_t end = bench.log().size();
+        bench->resetDevice();
+        return bench.log().find("\nReset Device\n", end) != std::string::npos;
     };
-    const std::size_t before = sections();
-    bench->resetDevice();
-    EXPECT_EQ(sections(), before);
+    EXPECT_FALSE(resetIsLogged());
     dv::IParam* param = bench->parameters()->get("DebugLog");
     param->setBool(true);
     param->setBool(false);
     EXPECT_NE(bench.log().find("Debug log enabled: 1\n"), std::string::npos);
     EXPECT_EQ(bench.log().find("Debug log enabled: 0\n"), std::string::npos);
-    bench->resetDevice();
-    EXPECT_EQ(sections(), before + 1);
+    EXPECT_TRUE(resetIsLogged());
 }

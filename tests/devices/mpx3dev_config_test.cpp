@@ -1,67 +1,57 @@
 // Configuration of a Medipix3 board: the bytes that reach it, matrices there and back, bias and ADC.
 #include "devices/mpx3bench.h"
 
-#include <cmath>
+#include <numeric>
 #include <random>
 
-using support::Mpx3Bench;
-using support::mpx3Board;
-using support::padded;
-using support::Wire;
+using namespace support;
 
 namespace {
+
+using Up = BroughtUp<Mpx3Bench>;
 
 constexpr int MPX = 1;
 constexpr int SPI = 4;
 constexpr int ACQ = 5;
 
 const std::string TWO_CHANNELS = "[Settings]\nDebugLog=1\nModule2=0\nModule3=0\nModule4=0\n";
-const std::string TWO_BY_TWO = TWO_CHANNELS;
 
-std::vector<unsigned> randomCounts(std::size_t size, unsigned limit)
+std::vector<unsigned> randomCounts(std::size_t size)
 {
     std::mt19937 random(7);
-    std::uniform_int_distribution<unsigned> count(0, limit - 1);
     std::vector<unsigned> counts(size);
-    std::ranges::generate(counts, [&] { return count(random); });
+    std::ranges::generate(counts, [&] { return static_cast<unsigned>(random() % 4096); });
     return counts;
+}
+
+/// Writes a matrix, and reads that of all chips.
+std::vector<unsigned> thereAndBack(const Up& bench, const std::vector<unsigned>& counts, bool convert)
+{
+    EXPECT_EQ(bench->writeMatrix(counts.data(), counts.size(), convert), 0);
+    std::vector<unsigned> back(static_cast<std::size_t>(bench->chipCount()) * 65536, 99);
+    EXPECT_EQ(bench->readMatrix(back.data(), back.size(), convert), 0);
+    return back;
 }
 
 } // namespace
 
 TEST(Mpx3Config, RegisterImageTimerAndTriggersReachTheBoard)
 {
-    Mpx3Bench bench(mpx3Board(2), TWO_CHANNELS);
-    ASSERT_EQ(bench->initDevice(), 0);
-    bench.wire();
+    Up bench(mpx3Board(2), TWO_CHANNELS);
 
     // depth 6, columns 9 (a quarter), rows 4 (eight), gain 2, CSM, colour, negative, equalization, discriminator
     EXPECT_EQ(bench->setConfig({1, 9, 4, 1, 2, 0, 1, 1, 0, 1, 1}), 0);
-    const auto lines = bench.wire();
-    ASSERT_EQ(lines.size(), 6U);
-    EXPECT_EQ(lines[0], "55 00 01 03 00 00 00 03 AA ");
-    // The fields go mirrored: CountL 1, PS 2, ColumnBlockSel, RowBlock 3, RowBlockSel, Gain 2, and M 0 or 4.
-    EXPECT_EQ(lines[1], "55 00 01 06 30 00 03 43 AA ");
-    EXPECT_EQ(lines[2], "55 00 01 05 BC 00 08 00 AA ");
-    EXPECT_EQ(lines[3], "55 00 01 08 30 00 23 43 AA ");
-    EXPECT_EQ(lines[4], "55 00 01 07 BC 00 08 00 AA ");
-    bench.board([](sim::Mpx3Board& board) {
-        const sim::Mpx3Omr& image = board.chip(0).omr();
-        const auto field = [&](sim::OmrField which) { return image.get(which); };
-        EXPECT_EQ(field(sim::OmrField::mode), 7U);
-        EXPECT_EQ(field(sim::OmrField::countL), 1U);
-        EXPECT_EQ(field(sim::OmrField::columnCount), 2U);
-        EXPECT_EQ(field(sim::OmrField::columnBlockSel), 1U);
-        EXPECT_EQ(field(sim::OmrField::columnBlock), 0U);
-        EXPECT_EQ(field(sim::OmrField::rowBlockSel), 1U);
-        EXPECT_EQ(field(sim::OmrField::rowBlock), 3U);
-        EXPECT_EQ(field(sim::OmrField::gain), 2U);
-        EXPECT_EQ(field(sim::OmrField::polarity), 0U);
-    });
+    // The fields go mirrored: CountL 1, PS 2, ColumnBlockSel, RowBlock 3, RowBlockSel, Gain 2, and M 0, 4 or 7.
+    const Wire images = Wire()
+                            .cmd(0, MPX, 3, 0, 0, 0, 3)
+                            .cmd(0, MPX, 6, 0x30, 0x00, 0x03, 0x43)
+                            .cmd(0, MPX, 5, 0xBC, 0x00, 0x08, 0x00)
+                            .cmd(0, MPX, 8, 0x30, 0x00, 0x23, 0x43)
+                            .cmd(0, MPX, 7, 0xBC, 0x00, 0x08, 0x00)
+                            .data(5, MPX, 255, padded({0x30, 0x00, 0xE3, 0x43, 0xBC, 0x00, 0x08}, 12));
+    EXPECT_EQ(bench.wire(), images.lines());
     EXPECT_EQ(bench->omr().rowNumber(), 8U);
 
-    EXPECT_EQ(bench->setTimer(0.1), 0);
-    EXPECT_EQ(bench.wire(), Wire().cmd(0, ACQ, 3, 0x00, 0x98, 0x96, 0x80).cmd(0, ACQ, 4).lines());
     EXPECT_EQ(bench->setTimer(86400.0), 0);
     bench.board([](sim::Mpx3Board& board) { EXPECT_EQ(board.timerCount(), 8640000000000ULL); });
     bench.wire();
@@ -74,21 +64,18 @@ TEST(Mpx3Config, RegisterImageTimerAndTriggersReachTheBoard)
     bench->parameters()->get("BiasDischarge")->setByte(1);
     EXPECT_EQ(bench.wire(), Wire().cmd(0, SPI, 4, 0, 0, 0, 4).lines());
 
-    support::Bytes ctpr(32);
-    for (std::size_t i = 0; i < ctpr.size(); ++i)
-        ctpr[i] = static_cast<std::uint8_t>(3 * i);
+    Bytes ctpr(32);
+    std::iota(ctpr.begin(), ctpr.end(), std::uint8_t{0x37});
     EXPECT_EQ(bench->setCTPR(ctpr.data(), ctpr.size()), 0);
     EXPECT_EQ(bench->fastClearMatrix(), 0);
     bench.board([&](sim::Mpx3Board& board) { EXPECT_TRUE(std::ranges::equal(board.chip(1).ctpr(), ctpr)); });
     EXPECT_EQ(bench->setExtDac(0, 1, 0.5), -1);
     EXPECT_STREQ(bench->lastError(), "External DAC not supported.");
-    bench.expectNoViolations();
 }
 
 TEST(Mpx3Config, BlocksOfColumnsAndRows)
 {
-    Mpx3Bench bench(mpx3Board(1), TWO_CHANNELS);
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(1), TWO_CHANNELS);
     struct Case {
         unsigned char columnBlock, ps, block;
     };
@@ -101,23 +88,19 @@ TEST(Mpx3Config, BlocksOfColumnsAndRows)
     }
     // Any configuration a host can pass reads and decodes inside its buffers.
     std::vector<unsigned> matrix(65536);
-    for (const int columns : {5, 11, 14, 200, 255})
-        for (const int rows : {1, 8, 100, 255}) {
-            bench->setConfig({static_cast<unsigned char>(rows % 5), static_cast<unsigned char>(columns),
-                              static_cast<unsigned char>(rows), static_cast<unsigned char>(rows % 4), 1, 0, 0, 0, 1, 0,
-                              0});
+    using Byte = unsigned char;
+    for (const Byte columns : std::initializer_list<Byte>{5, 11, 14, 200, 255})
+        for (const Byte rows : std::initializer_list<Byte>{1, 8, 100, 255}) {
+            bench->setConfig({Byte(rows % 5), columns, rows, Byte(rows % 4), 1, 0, 0, 0, 1, 0, 0});
             bench->readMatrix(matrix.data(), 256, true);
         }
 }
 
 TEST(Mpx3Config, DacsGoToTheirChannel)
 {
-    Mpx3Bench bench(mpx3Board(2, 2), TWO_BY_TWO);
-    ASSERT_EQ(bench->initDevice(), 0);
-    ASSERT_EQ(bench->chipCount(), 4);
+    Up bench(mpx3Board(2, 2), TWO_CHANNELS);
     std::vector<unsigned short> dacs(4 * 27);
-    for (std::size_t i = 0; i < dacs.size(); ++i)
-        dacs[i] = static_cast<unsigned short>(i + 100);
+    std::iota(dacs.begin(), dacs.end(), static_cast<unsigned short>(100));
     ASSERT_EQ(bench->setDacs(dacs.data(), dacs.size(), -1), 0);
     bench.board([&](sim::Mpx3Board& board) {
         for (std::size_t chip = 0; chip < 4; ++chip)
@@ -125,7 +108,7 @@ TEST(Mpx3Config, DacsGoToTheirChannel)
                 EXPECT_EQ(board.chip(chip / 2, chip % 2).dacs()[d], dacs[chip * 27 + d]) << chip << " " << d;
     });
     // A chip selects its whole channel, and the other channel stays.
-    bench.wire();
+    sim::clearTraffic();
     std::ranges::fill(dacs, static_cast<unsigned short>(7));
     ASSERT_EQ(bench->setDacs(dacs.data(), dacs.size(), 1), 0);
     bench.board([](sim::Mpx3Board& board) {
@@ -144,76 +127,53 @@ TEST(Mpx3Config, DacsGoToTheirChannel)
     EXPECT_TRUE(std::string(bench->lastError()).starts_with("Cannot set DACs (chan=0, chip=0): "))
         << bench->lastError();
     sim::clearFaults(0);
-    bench.expectNoViolations();
 }
 
 TEST(Mpx3Config, MatricesComeBackAsTheyWereWritten)
 {
     for (const int chips : {1, 2}) {
-        Mpx3Bench bench(mpx3Board(2, chips), TWO_BY_TWO);
-        ASSERT_EQ(bench->initDevice(), 0);
-        const std::size_t size = static_cast<std::size_t>(bench->chipCount()) * 65536;
-        ASSERT_EQ(size, 2U * 65536 * static_cast<unsigned>(chips));
-        for (const auto counter : {static_cast<unsigned char>(0), static_cast<unsigned char>(1)}) {
+        Up bench(mpx3Board(2, chips), TWO_CHANNELS);
+        const auto counts = randomCounts(2U * 65536 * static_cast<unsigned>(chips));
+        for (const int counter : {0, 1}) {
             SCOPED_TRACE(std::to_string(chips) + " chips, counter " + std::to_string(counter));
-            ASSERT_EQ(bench->setConfig({2, 0, 0, counter, 1, 0, 0, 0, 1, 0, 0}), 0);
-            const auto counts = randomCounts(size, 4096);
-            ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
-            std::vector<unsigned> back(size, 99);
-            ASSERT_EQ(bench->readMatrix(back.data(), size, true), 0);
-            if (chips == 1)
-                EXPECT_TRUE(back == counts);
+            ASSERT_EQ(bench->setConfig({2, 0, 0, static_cast<unsigned char>(counter), 1, 0, 0, 0, 1, 0, 0}), 0);
+            auto back = thereAndBack(bench, counts, true);
             // With two chips a channel only the first half is converted.
-            else
-                EXPECT_TRUE(std::equal(counts.begin(), counts.begin() + static_cast<long>(size / 2), back.begin()));
-            ASSERT_EQ(bench->readMatrix(back.data(), size, false), 0);
+            const auto converted = static_cast<long>(counts.size()) / chips;
+            EXPECT_TRUE(std::equal(counts.begin(), counts.begin() + converted, back.begin()));
+            ASSERT_EQ(bench->readMatrix(back.data(), back.size(), false), 0);
             EXPECT_TRUE(std::ranges::all_of(back, [](unsigned v) { return v == 0; })) << "reading clears the counters";
         }
-        const auto raw = randomCounts(size, 4096);
         ASSERT_EQ(bench->setConfig({2, 0, 0, 2, 1, 0, 0, 0, 1, 0, 0}), 0);
-        std::vector<unsigned> both(size);
-        for (std::size_t i = 0; i < size; ++i)
-            both[i] = raw[i] << 16 | raw[size - 1 - i];
-        ASSERT_EQ(bench->writeMatrix(both.data(), size, false), 0);
-        std::vector<unsigned> back(size);
-        ASSERT_EQ(bench->readMatrix(back.data(), size, false), 0);
-        EXPECT_TRUE(back == both);
-        bench.expectNoViolations();
+        auto both = counts;
+        for (std::size_t i = 0; i < both.size(); ++i)
+            both[i] = counts[i] << 16 | counts[counts.size() - 1 - i];
+        EXPECT_TRUE(thereAndBack(bench, both, false) == both);
     }
 }
 
 TEST(Mpx3Config, ReadingChannelByChannelGivesTheSame)
 {
-    Mpx3Bench bench(mpx3Board(2, 2), TWO_BY_TWO + "ReadParallel=0\n");
-    ASSERT_EQ(bench->initDevice(), 0);
-    const std::size_t size = 4 * 65536;
+    Up bench(mpx3Board(2, 2), TWO_CHANNELS + "ReadParallel=0\n");
     ASSERT_EQ(bench->setConfig({2, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0}), 0);
-    const auto counts = randomCounts(size, 4096);
-    ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
-    std::vector<unsigned> back(size);
-    ASSERT_EQ(bench->readMatrix(back.data(), size, true), 0);
-    for (std::size_t i = 0; i < size; i += 65536)
-        EXPECT_TRUE(std::equal(back.begin() + static_cast<long>(i), back.begin() + static_cast<long>(i) + 65536,
-                               counts.begin() + static_cast<long>(i)))
-            << i << ": " << back[i] << " " << counts[i];
+    auto counts = randomCounts(4 * 65536);
+    EXPECT_TRUE(thereAndBack(bench, counts, true) == counts);
     // A caller with less room, or none, gets what fits.
-    std::vector<unsigned> half(size / 2 + 5);
-    ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
+    std::vector<unsigned> half(counts.size() / 2 + 5);
+    ASSERT_EQ(bench->writeMatrix(counts.data(), counts.size(), true), 0);
     ASSERT_EQ(bench->readMatrix(half.data(), half.size(), true), 0);
     EXPECT_TRUE(std::equal(half.begin(), half.end(), counts.begin()));
     EXPECT_EQ(bench->readMatrix(nullptr, 0, true), 0);
     // And one who gives too little writes zeros behind it.
-    ASSERT_EQ(bench->writeMatrix(counts.data(), 70000, true), 0);
-    ASSERT_EQ(bench->readMatrix(back.data(), size, true), 0);
+    counts.resize(70000);
+    const auto back = thereAndBack(bench, counts, true);
     EXPECT_EQ(back[69999], counts[69999]);
     EXPECT_EQ(back[70000], 0U);
-    bench.expectNoViolations();
 }
 
 TEST(Mpx3Config, RefusedMatrixLeavesTheImageInWriteForm)
 {
-    Mpx3Bench bench(mpx3Board(1), TWO_CHANNELS);
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(1), TWO_CHANNELS);
     ASSERT_EQ(bench->setConfig({1, 9, 4, 2, 1, 0, 0, 0, 1, 0, 0}), 0);
     std::vector<unsigned> counts(65536, 1U << 24U);
     EXPECT_NE(bench->writeMatrix(counts.data(), counts.size(), true), 0);
@@ -224,9 +184,8 @@ TEST(Mpx3Config, RefusedMatrixLeavesTheImageInWriteForm)
     EXPECT_EQ(bench->omr().RowBlock, 7);
     bench->setConfig({1, 9, 4, 0, 1, 0, 0, 0, 1, 0, 0});
     // A transfer that fails gives the image back.
-    sim::addFault(
-        0,
-        {{"kind", "error"}, {"on", "write"}, {"times", 1}, {"when", {{"after_written", "55 05 01 FF 00 00 C0 37"}}}});
+    const nlohmann::json inTransfer = {{"after_written", "55 05 01 FF 00 00 C0 37"}};
+    sim::addFault(0, {{"kind", "error"}, {"on", "write"}, {"times", 1}, {"when", inTransfer}});
     EXPECT_NE(bench->writeMatrix(counts.data(), counts.size(), false), 0);
     EXPECT_EQ(bench->omr().CountL, 1);
     EXPECT_EQ(bench->omr().PS, 2);
@@ -234,11 +193,11 @@ TEST(Mpx3Config, RefusedMatrixLeavesTheImageInWriteForm)
 
 TEST(Mpx3Config, PixelConfigurationReachesTheLatches)
 {
-    Mpx3Bench bench(mpx3Board(2), TWO_CHANNELS);
-    ASSERT_EQ(bench->initDevice(), 0);
+    Up bench(mpx3Board(2), TWO_CHANNELS);
     std::vector<unsigned char> cfg(2 * 2 * 65536);
     std::mt19937 random(3);
     std::ranges::generate(cfg, [&] { return static_cast<unsigned char>(random()); });
+    EXPECT_EQ(bench->setPixelCfg(cfg.data(), 1), 0) << "half a pixel is none";
     ASSERT_EQ(bench->setPixelCfg(cfg.data(), cfg.size()), 0);
     bench.board([&](sim::Mpx3Board& board) {
         std::size_t wrong = 0;
@@ -255,9 +214,7 @@ TEST(Mpx3Config, PixelConfigurationReachesTheLatches)
 
 TEST(Mpx3Config, BiasAndAdc)
 {
-    Mpx3Bench bench(mpx3Board(1), TWO_CHANNELS);
-    ASSERT_EQ(bench->initDevice(), 0);
-    bench.wire();
+    Up bench(mpx3Board(1), TWO_CHANNELS);
     EXPECT_EQ(bench->setBias(100.0), 0);
     const Wire bias = Wire()
                           .cmd(0, SPI, 1, 0x10, 0, 0, 5)
@@ -267,12 +224,11 @@ TEST(Mpx3Config, BiasAndAdc)
                           .cmd(0, SPI, 2)
                           .cmd(2, MPX, 0);
     EXPECT_EQ(bench.wire(), bias.lines());
-    bench.board([](sim::Mpx3Board& board) { EXPECT_EQ(board.biasCode(), 27); });
 
     EXPECT_EQ(bench->setBias(std::nan("")), 1) << "and no code, which would be the highest voltage";
     EXPECT_TRUE(bench.wire().empty());
 
-    const double volts = bench->adcValue(13);
+    bench->adcValue(13);
     Wire adc;
     adc.cmd(0, SPI, 1, 0x20, 0, 0, 5);
     for (const int command : {0x18, 0x10, 0x10})
@@ -282,12 +238,9 @@ TEST(Mpx3Config, BiasAndAdc)
             .cmd(0, SPI, 2);
     adc.cmd(2, MPX, 0);
     EXPECT_EQ(bench.wire(), adc.lines());
-    EXPECT_GE(volts, 0.0);
-    EXPECT_LT(volts, 5.0);
 
     double sensed = 0;
-    double current = 0;
-    EXPECT_EQ(bench->biasVoltageCurrentSense(&sensed, &current), 0);
+    EXPECT_EQ(bench->biasVoltageCurrentSense(&sensed, nullptr), 0);
     EXPECT_NEAR(sensed, 100.0, 3.0);
     EXPECT_EQ(bench->biasVoltageCurrentSense(nullptr, nullptr), 0);
     double analog = -1;
@@ -299,10 +252,6 @@ TEST(Mpx3Config, BiasAndAdc)
     });
     for (const unsigned dac : {31U, 1000U, 0xFFFFFFFFU})
         EXPECT_NE(bench->senseDac(0, dac), 0);
-    const double temperature = bench->readTemperature(0);
-    EXPECT_GT(temperature, 0.0);
-    EXPECT_LT(temperature, 90.0);
-    bench.expectNoViolations();
 
     // A dead link: words, and no value out of thin air.
     sim::unplug(0);
@@ -317,9 +266,7 @@ TEST(Mpx3Config, BoardWithoutBiasLimitsRefusesSilently)
 {
     nlohmann::json board = mpx3Board(1);
     board["flash"]["parameters"][1]["value"] = 0.0;
-    Mpx3Bench bench(board, TWO_CHANNELS);
-    ASSERT_EQ(bench->initDevice(), 0);
-    bench.wire();
+    Up bench(board, TWO_CHANNELS);
     const std::string before = bench->lastError();
     EXPECT_EQ(bench->setBias(20), -1);
     EXPECT_EQ(bench->lastError(), before);

@@ -1,25 +1,24 @@
 // What was typed: options that go together, files of chip values, and where things are looked for.
 #include "apps/latixel/acquireoptions.h"
-#include "apps/latixel/exitcode.h"
 #include "apps/latixel/paths.h"
 #include "apps/latixel/valuefile.h"
 #include "tests/latixel/support.h"
 
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
-#include <cstdlib>
-#include <fstream>
+#include <cstring>
 #include <gmock/gmock.h>
 
 namespace {
 
 using support::codeOf;
+using support::failureOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using tool::ExitCode;
 
 /// The plan for a command line; throws what the parser or the plan throws.
-tool::AcquirePlan planOf(std::string line)
+tool::AcquirePlan planOf(const std::string& line)
 {
     CLI::App app;
     tool::AcquireOptions options;
@@ -65,36 +64,17 @@ TEST(AcquireOptions, ThatCannotBeMeantAreRefused)
         EXPECT_THROW(planOf(std::string("-o a.h5 ") + line), CLI::ParseError) << line;
 }
 
-TEST(AcquireOptions, OfMedipix3ChipsAreToldByName)
-{
-    const auto named = [](std::string line) {
-        CLI::App app;
-        tool::AcquireOptions options;
-        tool::addAcquireOptions(app, options);
-        app.parse(line);
-        return tool::mpx3Options(app, options);
-    };
-    EXPECT_EQ(named("--mode normal --clock 10 --bias 5 --trigger stop -n 2"), "");
-    EXPECT_EQ(named("--csm --mode crw --depth 12"), "--depth, --csm, --mode crw");
-    EXPECT_EQ(named("--mode tdi"), "") << "row boards have it as well";
-}
-
 TEST(ValueFiles, AreReadWithCommentsAndRefusedWithTheLine)
 {
-    const support::Folder folder;
-    std::ofstream(folder / "dacs.txt") << "# thresholds\n1, 2;3\n\t65535 # last\r\n";
-    EXPECT_THAT(tool::readNumbers(folder / "dacs.txt"), ElementsAre(1, 2, 3, 65535));
+    const support::TempFolder folder;
+    EXPECT_THAT(tool::readNumbers(folder.write("dacs.txt", "# thresholds\n1, 2;3\n\t65535 # last\r\n")),
+                ElementsAre(1, 2, 3, 65535));
     for (const char* bad : {"1 2\n3 x4", "1\n65536", "1\n-1", "1\n0x10", "1\n1.5"}) {
-        std::ofstream(folder / "bad.txt") << bad;
-        try {
-            tool::readNumbers(folder / "bad.txt");
-            FAIL() << bad;
-        } catch (const tool::Failure& failure) {
-            EXPECT_THAT(failure.what(), HasSubstr("line 2")) << bad;
-        }
+        const auto file = folder.write("bad.txt", bad);
+        EXPECT_THAT(failureOf([&] { tool::readNumbers(file); }).what(), HasSubstr("line 2")) << bad;
     }
     EXPECT_EQ(codeOf([&] { tool::readBytes(folder / "missing"); }), ExitCode::Arguments);
-    EXPECT_EQ(codeOf([&] { tool::readBytes(folder.path); }), ExitCode::Arguments) << "a folder";
+    EXPECT_EQ(codeOf([&] { tool::readBytes(folder.path()); }), ExitCode::Arguments) << "a folder";
 
     const std::vector<unsigned short> two{1, 2};
     EXPECT_THAT(tool::forAllChips(two, 2, 2, "f"), ElementsAre(1, 2, 1, 2));
@@ -102,46 +82,33 @@ TEST(ValueFiles, AreReadWithCommentsAndRefusedWithTheLine)
     EXPECT_EQ(codeOf([&] { tool::forAllChips(two, 3, 2, "f"); }), ExitCode::Arguments);
 }
 
-TEST(Paths, LibrariesAndBenchesAreFoundFromTheProgram)
+TEST(Paths, LibrariesAreFoundFromTheProgramUnlessAFolderIsNamed)
 {
-    const support::Folder folder;
+    const support::TempFolder folder;
     unsetenv("LATIXEL_PLUGIN_DIR");
-    unsetenv("LATIXELSIM_BENCH_DIR");
     const auto program = folder / "bin";
-    std::filesystem::create_directories(folder / "lib/latixel");
-    std::filesystem::create_directories(folder / "share/latixel/benches");
-    std::ofstream(folder / "lib/latixel/liblatixel.so") << "x";
-    std::ofstream(folder / "share/latixel/benches/quad.json") << "{}";
-    EXPECT_EQ(tool::findLibrary("liblatixel.so", program), folder / "lib/latixel/liblatixel.so");
-    EXPECT_EQ(tool::findBench("quad", program), folder / "share/latixel/benches/quad.json");
-    EXPECT_EQ(tool::findBench((folder / "share/latixel/benches/quad.json").string(), program),
-              folder / "share/latixel/benches/quad.json");
+    for (const char* name : {"lib/latixel", "own"})
+        std::filesystem::create_directories(folder / name);
+    const auto installed = folder.write("lib/latixel/liblatixel.so", "x");
+    EXPECT_EQ(tool::findLibrary("liblatixel.so", program), installed);
     EXPECT_EQ(codeOf([&] { tool::findLibrary("liblatixelsim.so", program); }), ExitCode::Plugin);
-    try {
-        tool::findBench("trio", program);
-        FAIL();
-    } catch (const tool::Failure& failure) {
-        EXPECT_THAT(failure.what(), HasSubstr(": quad"));
-    }
-
-    std::filesystem::create_directory(folder / "own");
-    std::ofstream(folder / "own/liblatixel.so") << "x";
-    setenv("LATIXEL_PLUGIN_DIR", (folder / "own").c_str(), 1);
-    EXPECT_EQ(tool::findLibrary("liblatixel.so", program), folder / "own/liblatixel.so");
+    const auto own = folder.write("own/liblatixel.so", "x");
+    setenv("LATIXEL_PLUGIN_DIR", own.parent_path().c_str(), 1);
+    EXPECT_EQ(tool::findLibrary("liblatixel.so", program), own);
     unsetenv("LATIXEL_PLUGIN_DIR");
 }
 
 TEST(Paths, FoldersForSettingsAndLogsAreMade)
 {
-    const support::Folder folder;
+    const support::TempFolder folder;
     setenv("XDG_CONFIG_HOME", (folder / "conf").c_str(), 1);
     EXPECT_EQ(tool::configFolder(""), folder / "conf/latixel");
+    unsetenv("XDG_CONFIG_HOME");
     EXPECT_TRUE(std::filesystem::is_directory(folder / "conf/latixel"));
     EXPECT_TRUE(std::filesystem::is_directory(tool::logFolder((folder / "a/b").string())));
-    std::ofstream(folder / "file") << "x";
-    EXPECT_EQ(codeOf([&] { tool::logFolder((folder / "file/below").string()); }), ExitCode::Arguments);
-    EXPECT_EQ(codeOf([&] { tool::logFolder((folder / "file").string()); }), ExitCode::Arguments);
-    unsetenv("XDG_CONFIG_HOME");
+    const auto file = folder.write("file", "x");
+    EXPECT_EQ(codeOf([&] { tool::logFolder((file / "below").string()); }), ExitCode::Arguments);
+    EXPECT_EQ(codeOf([&] { tool::logFolder(file.string()); }), ExitCode::Arguments);
 }
 
 } // namespace

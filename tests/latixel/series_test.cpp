@@ -1,13 +1,10 @@
-// What goes on while a series runs: the writer's queue, progress, and triggers from standard input.
-#include "apps/latixel/exitcode.h"
+// What goes on while a series runs: the writer's queue and progress.
 #include "apps/latixel/framewriter.h"
-#include "apps/latixel/linetrigger.h"
 #include "apps/latixel/progress.h"
 #include "tests/latixel/support.h"
 
 #include <future>
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 namespace {
 
@@ -38,28 +35,34 @@ public:
 
 class WriterTest : public testing::Test {
 protected:
-    refhost::SeriesFrame frame(long index)
+    refhost::SeriesFrame frame(long index, unsigned chips = 1)
     {
-        return {index, 0, 0, support::frame<std::uint32_t>(host, 1, [](unsigned, unsigned, unsigned) { return 1u; })};
+        return {index, 0, 0,
+                support::frame<std::uint32_t>(host, chips, [](unsigned, unsigned, unsigned) { return 1u; })};
+    }
+    /// Takes that many frames while the disk is held, and lets it go after 100 ms.
+    void run(long frames)
+    {
+        std::thread series([&] {
+            for (long i = 0; i < frames; ++i, ++pushed)
+                writer.push(frame(i));
+        });
+        std::this_thread::sleep_for(100ms);
+        EXPECT_LE(pushed, 4) << "three wait and one is with the sink";
+        EXPECT_LE(host.liveFrames(), 5u);
+        sink.gate.set_value();
+        series.join();
     }
 
     refhost::Host host{"", ""};
+    std::atomic<int> pushed{0};
     SlowSink sink;
     tool::FrameWriter writer{sink, tool::PictureMaker(1, {1, 1}, tool::Counting::Single), 3 * 256 * 256 * 4};
 };
 
 TEST_F(WriterTest, HoldsTheSeriesWhenTheQueueIsFullAndLosesNothing)
 {
-    std::atomic<int> pushed{0};
-    std::thread series([&] {
-        for (long i = 0; i < 10; ++i, ++pushed)
-            writer.push(frame(i));
-    });
-    std::this_thread::sleep_for(100ms);
-    EXPECT_LE(pushed, 4) << "three wait and one is with the sink";
-    EXPECT_LE(host.liveFrames(), 5u);
-    sink.gate.set_value();
-    series.join();
+    run(10);
     writer.finish();
     EXPECT_THAT(sink.indexes, ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
     EXPECT_EQ(writer.written(), 10u);
@@ -70,13 +73,7 @@ TEST_F(WriterTest, HoldsTheSeriesWhenTheQueueIsFullAndLosesNothing)
 TEST_F(WriterTest, AFailureReleasesTheSeriesAndIsTold)
 {
     sink.failAt = 1;
-    std::thread series([&] {
-        for (long i = 0; i < 20; ++i)
-            writer.push(frame(i));
-    });
-    std::this_thread::sleep_for(20ms);
-    sink.gate.set_value();
-    series.join();
+    run(20);
     EXPECT_EQ(support::codeOf([&] { writer.finish(); }), tool::ExitCode::Output);
     EXPECT_TRUE(writer.failed());
     EXPECT_EQ(writer.written(), 1u);
@@ -86,7 +83,7 @@ TEST_F(WriterTest, AFailureReleasesTheSeriesAndIsTold)
 TEST_F(WriterTest, AFrameOfAnotherSizeIsAFailure)
 {
     sink.gate.set_value();
-    writer.push({0, 0, 0, support::frame<std::uint32_t>(host, 2, [](unsigned, unsigned, unsigned) { return 1u; })});
+    writer.push(frame(0, 2));
     EXPECT_EQ(support::codeOf([&] { writer.finish(); }), tool::ExitCode::Device);
 }
 
@@ -101,22 +98,6 @@ TEST(Progress, TellsWhatRemainsInAnyWidth)
     EXPECT_THAT(tool::progressSentence({0, 1, 9, 2, ""}), EndsWith("waiting for the first frame"));
     EXPECT_THAT(tool::progressSentence({1, 2, 3, 4, "stopping"}), EndsWith("stopping"));
     EXPECT_THAT(tool::progressSentence({5, 0, 1, 1, ""}), HasSubstr("5/0"));
-}
-
-TEST(LineTrigger, CountsLinesWithoutWaitingAndSeesTheEnd)
-{
-    int ends[2] = {};
-    ASSERT_EQ(pipe(ends), 0);
-    tool::LineTrigger lines(ends[0]);
-    EXPECT_FALSE(lines.take());
-    EXPECT_FALSE(lines.ended());
-    ASSERT_EQ(write(ends[1], "a\n\nrest", 7), 7);
-    EXPECT_TRUE(lines.take());
-    close(ends[1]);
-    EXPECT_TRUE(lines.take());
-    EXPECT_FALSE(lines.take());
-    EXPECT_TRUE(lines.ended());
-    close(ends[0]);
 }
 
 } // namespace

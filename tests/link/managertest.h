@@ -3,15 +3,11 @@
 
 #include "link/ftdidev.h"
 #include "shared/filelog.h"
-#include "shared/str.h"
 #include "support/scriptedftdi.h"
+#include "support/tempfolder.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,19 +17,14 @@ struct ManagerTest : testing::Test {
     using Bytes = std::vector<unsigned char>;
 
     ManagerTest() { log.setLogLevel(DBG); }
-    ~ManagerTest() override { std::filesystem::remove(path); }
 
     /// What was written since the last call.
     std::string wire() { return hex(std::exchange(ftdi.written, "")); }
-    std::string logText() const
-    {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string logText() const { return folder.read("manager.log"); }
 
+    support::TempFolder folder;
     ScriptedFtdi& ftdi = ScriptedFtdi::restart();
-    std::string path = std::filesystem::temp_directory_path() / str::format("manager_%d.log", getpid());
-    FileLog log{path, true, false, false, true};
+    FileLog log{folder / "manager.log", true, false, false, true};
     FtdiDev dev{"Board", false};
     Manager mgr{&dev, &log};
     Manager silent{&dev, nullptr};

@@ -21,20 +21,13 @@
 
 namespace {
 
-std::size_t countEntries(const char* folder)
+/// Threads and open files of this program.
+std::pair<std::ptrdiff_t, std::ptrdiff_t> threadsAndFiles()
 {
-    const std::filesystem::directory_iterator entries(folder);
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
-std::size_t threads()
-{
-    return countEntries("/proc/self/task");
-}
-
-std::size_t openFiles()
-{
-    return countEntries("/proc/self/fd");
+    const auto entries = [](const char* folder) {
+        return std::ranges::distance(std::filesystem::directory_iterator(folder));
+    };
+    return {entries("/proc/self/task"), entries("/proc/self/fd")};
 }
 
 /// A board of the family that the description tells, with a chip.
@@ -200,13 +193,11 @@ TEST_F(PluginTest, HundredLivesLeaveNothingBehind)
     };
     for (int i = 0; i < 10; ++i)
         live(true);
-    const std::size_t threadsBefore = threads();
-    const std::size_t filesBefore = openFiles();
+    const auto before = threadsAndFiles();
     const std::size_t memoryBefore = mallinfo2().uordblks;
     for (int i = 0; i < 100; ++i)
         live(i % 10 == 0);
-    EXPECT_EQ(threads(), threadsBefore);
-    EXPECT_EQ(openFiles(), filesBefore);
+    EXPECT_EQ(threadsAndFiles(), before);
     EXPECT_LT(mallinfo2().uordblks, memoryBefore + 300000) << "not one frame's buffer in a hundred lives";
     EXPECT_EQ(sim::liveContexts(), 0);
     EXPECT_EQ(dlopen(LATIXEL_PLUGIN, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is unloaded";

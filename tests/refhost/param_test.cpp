@@ -1,17 +1,15 @@
-// Parameters: conversions, who calls back when, and what is held against the plug-in.
+// Parameters: conversions, and what is held against the plug-in. That callbacks refresh reads and see writes shows in
+// the tests of the devices.
 #include "refhost/error.h"
 #include "refhost/host.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <thread>
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 struct Release {
     void operator()(dv::IParamMgr* manager) const { manager->destroy(); }
@@ -24,51 +22,6 @@ protected:
     dv::IParamMgr& manager{*owned};
     refhost::Param& param(const char* name) { return *static_cast<refhost::ParamMgr&>(manager).find(name); }
 };
-
-/// Counts the calls and, on a read, writes the parameter and its neighbour as a device does that refreshes both.
-struct Hook {
-    dv::IParamMgr& manager;
-    int reads = 0;
-    int writes = 0;
-    double fresh = 0;
-
-    static int call(dv::IParam* param, bool isRead, long user)
-    {
-        auto& hook = *reinterpret_cast<Hook*>(user);
-        ++(isRead ? hook.reads : hook.writes);
-        if (isRead) {
-            param->setDouble(hook.fresh);
-            hook.manager.get("neighbour")->setDouble(hook.fresh + 1);
-        } else {
-            hook.fresh = param->getFloat();
-        }
-        return 0;
-    }
-};
-
-TEST_F(ParamTest, CallbacksRefreshReadsAndSeeWritesWithoutReentering)
-{
-    Hook hook{manager};
-    const long user = reinterpret_cast<long>(&hook);
-    manager.addDouble("value", "", 0, Hook::call, user, 0);
-    manager.addDouble("neighbour", "", 0, Hook::call, user, 0);
-
-    hook.fresh = 21.5;
-    EXPECT_EQ(param("value").getFloat(), 21.5);
-    EXPECT_EQ(hook.reads, 1);
-    EXPECT_EQ(hook.writes, 0);
-    param("neighbour").enableCallback(false);
-    EXPECT_EQ(param("neighbour").getFloat(), 22.5);
-    EXPECT_EQ(hook.reads, 1);
-
-    param("value").setDouble(3);
-    EXPECT_EQ(hook.writes, 1);
-    EXPECT_EQ(hook.fresh, 3);
-    EXPECT_EQ(hook.reads, 1) << "a read inside the write callback calls nobody";
-    param("value").writeText("4.25");
-    EXPECT_EQ(hook.fresh, 4.25);
-    EXPECT_THAT(host.complaints(), IsEmpty());
-}
 
 TEST_F(ParamTest, NumbersAndTextsConvertWithoutLosingOrOverflowing)
 {

@@ -2,12 +2,10 @@
 #include "shared/filelog.h"
 
 #include "shared/str.h"
-#include "tempfile.h"
+#include "support/tempfolder.h"
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <memory>
 #include <numeric>
 #include <thread>
 #include <vector>
@@ -32,7 +30,7 @@ protected:
     {
         std::vector<unsigned char> bytes(size);
         std::iota(bytes.begin(), bytes.end(), 0x1C);
-        FileLog target(dir.path("x.log"), true, false, false, true);
+        FileLog target(dir / "x.log", true, false, false, true);
         EXPECT_EQ(target.logBuffer(7, ERR, bytes.data(), size, "T", ascii, maxBytes, false), 7);
         std::vector<std::string> result = lines();
         result.erase(result.begin());
@@ -47,8 +45,8 @@ protected:
         return result;
     }
 
-    TempDir dir;
-    FileLog log{dir.path("x.log"), true, false, false, true};
+    support::TempFolder dir;
+    FileLog log{dir / "x.log", true, false, false, true};
 };
 
 TEST_F(FileLogTest, EveryFormOfARecordHonoursTheLevel)
@@ -76,7 +74,7 @@ TEST_F(FileLogTest, EveryFormOfARecordHonoursTheLevel)
 TEST_F(FileLogTest, ConsoleGetsWhatAnUnwritableFileLoses)
 {
     testing::internal::CaptureStdout();
-    FileLog console(dir.path("no/such/folder.log"), true, true, true, true);
+    FileLog console(dir / "no/such/folder.log", true, true, true, true);
     EXPECT_EQ(console.log(4, ERR, std::string("text")), 4);
     console.logNoTime(ERR, "more\n");
     console.logBuffer(0, ERR, "A", 1, nullptr, false, 0, true);
@@ -119,17 +117,16 @@ TEST_F(FileLogTest, LongDumpsKeepHeadAndTail)
 TEST_F(FileLogTest, KeepsTheFormerFileOnlyWhenItWouldBeTruncated)
 {
     const auto filesAfterOpening = [this](bool rotate, bool truncate) {
-        const FileLog next(dir.path("x.log"), true, false, rotate, truncate);
-        return std::distance(std::filesystem::directory_iterator(dir.folder), std::filesystem::directory_iterator());
+        const FileLog next(dir / "x.log", true, false, rotate, truncate);
+        return dir.names().size();
     };
     log.log(ERR, "former");
-    EXPECT_EQ(filesAfterOpening(true, false), 1);
+    EXPECT_EQ(filesAfterOpening(true, false), 1U);
     EXPECT_THAT(dir.read("x.log"), HasSubstr("former"));
-    EXPECT_EQ(filesAfterOpening(true, true), 2);
+    EXPECT_EQ(filesAfterOpening(true, true), 2U);
     EXPECT_TRUE(lines().empty());
-    for (const auto& entry : std::filesystem::directory_iterator(dir.folder))
-        EXPECT_THAT(entry.path().filename().string(), MatchesRegex("x\\.log(_[0-9]{8}_[0-9]{6}\\.log)?"));
-    EXPECT_EQ(filesAfterOpening(false, true), 2);
+    EXPECT_THAT(dir.names(), ElementsAre("x.log", MatchesRegex("x\\.log_[0-9]{8}_[0-9]{6}\\.log")));
+    EXPECT_EQ(filesAfterOpening(false, true), 2U);
 }
 
 TEST_F(FileLogTest, DumpsOfSeveralThreadsStayInOnePiece)

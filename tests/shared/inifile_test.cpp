@@ -1,7 +1,7 @@
 // Settings files: what is read, looked up and written.
 #include "shared/inifile.h"
 
-#include "tempfile.h"
+#include "support/tempfolder.h"
 
 #include <gmock/gmock.h>
 
@@ -18,8 +18,8 @@ protected:
         return dir.read("x.ini");
     }
 
-    TempDir dir;
-    IniFile ini{dir.path("x.ini").c_str(), "="};
+    support::TempFolder dir;
+    IniFile ini{(dir / "x.ini").c_str(), "="};
 };
 
 TEST_F(IniFileTest, ReadsSectionsAndItemsAsTheyStand)
@@ -108,7 +108,7 @@ TEST_F(IniFileTest, SetKeepsThePlaceOfAKnownItemAndRemoveMissesIt)
 TEST_F(IniFileTest, AFailedLoadLeavesNothing)
 {
     ini.set("s", "k", "v");
-    const std::string nowhere = dir.path("no/such.ini");
+    const std::string nowhere = dir / "no/such.ini";
     EXPECT_EQ(ini.save(nowhere.c_str()), -5);
     EXPECT_TRUE(ini.itemExists("s", "k"));
     EXPECT_EQ(ini.getLastError(), "Cannot open file " + nowhere);

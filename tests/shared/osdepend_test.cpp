@@ -50,13 +50,9 @@ TEST(ThreadSyncObject, IsHeldUntilTheLastUnlock)
     EXPECT_TRUE(sync.unlock());
 }
 
-TEST(ThreadSyncObject, GuardsReleaseWhatTheyHold)
+TEST(ThreadSyncObject, ManualGuardsReleaseOnce)
 {
     ThreadSyncObject sync;
-    {
-        ThreadLock guard(&sync);
-        EXPECT_FALSE(freeForOthers(sync));
-    }
     ThreadLockManual guard(&sync, true);
     EXPECT_FALSE(freeForOthers(sync));
     EXPECT_TRUE(guard.unlock());

@@ -1,41 +1,49 @@
-// The host's end of the wire, for tests of readout boards: writes frames byte by byte, at moments that the test sets,
-// and talks to what hangs behind the SPI peripheral.
+// The host's end of the wire, for tests of readout boards: writes frames byte
+// by byte, at moments that the test sets, talks to what hangs behind the SPI
+// peripheral, and decodes what comes back bit by bit, slowly and without
+// knowledge of how the board makes it.
 #pragma once
 
 #include "sim/interfaceboard.h"
 
 #include <algorithm>
+#include <bit>
 #include <gtest/gtest.h>
 #include <initializer_list>
+#include <map>
 
 namespace sim {
 
+using namespace std::chrono_literals;
 using nlohmann::json;
 
-/// A board with the host's end of its link.
+/// Entry of a board with a gradient scene without noise; keys of `more` are
+/// added.
+inline json boardEntry(const char* description, const char* linesKey, json lines, int flux, const json& more)
+{
+    json entry = {{"description", description},
+                  {linesKey, std::move(lines)},
+                  {"scene", {{"kind", "gradient"}, {"flux", flux}, {"noise", false}}}};
+    entry.update(more);
+    return entry;
+}
+
+/// A board with the host's end of its link. What the board has recorded against
+/// the host and no test has asked for fails the test at the end.
 template <typename BoardClass>
 class BoardWire {
 public:
-    explicit BoardWire(const json& entry) : board(entry, json::object()) {}
+    template <typename... Args>
+    explicit BoardWire(const Args&... args) : board(args..., json::object())
+    {
+    }
+    ~BoardWire()
+    {
+        for (const Violation& violation : board.violations())
+            ADD_FAILURE() << violation.what << ": " << testing::PrintToString(violation.bytes);
+    }
 
     void write(const Bytes& bytes) { board.receive(bytes, now); }
-    void bare(int peripheral, int command, int d0, int d1, int d2, int d3, int flags = 0)
-    {
-        Bytes frame;
-        for (const int byte : {0x55, flags, peripheral, command, d0, d1, d2, d3, 0xAA})
-            frame.push_back(static_cast<std::uint8_t>(byte));
-        write(frame);
-    }
-    void bits(int peripheral, int command, int d0, unsigned value, int flags)
-    {
-        bare(peripheral, command, d0, value >> 16U & 0xFF, value >> 8U & 0xFF, value & 0xFF, flags);
-    }
-    void payload(int peripheral, int command, const Bytes& bytes, int flags)
-    {
-        const auto size = static_cast<unsigned>(bytes.size());
-        bare(peripheral, command, 0, size >> 16U & 0xFF, size >> 8U & 0xFF, size & 0xFF, flags | 1);
-        write(bytes);
-    }
     Bytes read()
     {
         board.advance(now);
@@ -44,17 +52,24 @@ public:
         return bytes;
     }
     void wait(std::chrono::nanoseconds time) { now += time; }
+    Bytes readAfter(std::chrono::nanoseconds time)
+    {
+        wait(time);
+        return read();
+    }
+    void pulseTrigger() { board.externalTrigger(now); }
+    void fault(const json& entry) { EXPECT_TRUE(board.applyFault(entry)) << entry; }
+    /// Number of violations since this was asked last.
+    std::size_t complaints()
+    {
+        const std::size_t count = board.violations().size();
+        board.clearViolations();
+        return count;
+    }
 
     BoardClass board;
     Time now = Time{} + std::chrono::hours(1);
 };
-
-/// Text from a place on, up to a zero or the end.
-inline std::string textAt(const Bytes& bytes, std::size_t at)
-{
-    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
-    return {begin, std::find(begin, bytes.end(), 0)};
-}
 
 inline std::uint8_t reversed(std::uint8_t byte)
 {
@@ -64,53 +79,140 @@ inline std::uint8_t reversed(std::uint8_t byte)
     return turned;
 }
 
-/// One exchange with an SPI slave that answers at once.
-template <typename Wire>
-Bytes spi(Wire& wire, int mode, int divider, int select, const Bytes& sent)
+/// Number in the bytes from `first` on of a packet that stands at a place in a
+/// stream.
+inline std::uint64_t packetNumber(const Bytes& stream, std::size_t at, std::size_t first)
 {
-    wire.bits(4, 1, mode, static_cast<unsigned>(divider), 0);
-    wire.bare(4, 2, 0, 0, 0, select, 2);
-    wire.payload(4, 0, sent, 7);
-    Bytes answer = wire.read();
-    wire.bare(4, 2, 0, 0, 0, 0);
-    wire.bare(1, 0, 0, 0, 0, 0, 2);
-    return answer;
+    EXPECT_EQ(stream.at(at), 0x55);
+    EXPECT_EQ(stream.at(at + 8), 0xAA);
+    std::uint64_t value = 0;
+    for (std::size_t i = first; i < 8; ++i)
+        value = value << 8U | stream[at + i];
+    return value;
 }
 
-template <typename Wire>
-Bytes cpu(Wire& wire, std::size_t size, Bytes command)
-{
-    command.resize(size);
-    return spi(wire, 4, 50, 7, command);
-}
+/// A board with frames of nine bytes. The peripherals are 1 the chips, 2 the
+/// firmware, 4 SPI, 5 acquisition.
+template <typename BoardClass>
+class InterfaceWire : public BoardWire<BoardClass> {
+public:
+    using BoardWire<BoardClass>::BoardWire;
+    using BoardWire<BoardClass>::read;
+    using BoardWire<BoardClass>::write;
 
-template <typename Wire>
-int adc(Wire& wire, unsigned channel)
-{
-    wire.bits(4, 1, 0x20, 5, 0);
-    for (const unsigned first : {0x18U, 0x10U, 0x10U}) {
-        wire.bare(4, 2, 0, 0, 0, 1, 2);
-        wire.payload(
-            4, 0,
-            {static_cast<std::uint8_t>(first | channel >> 1U), static_cast<std::uint8_t>(0x40U | (channel & 1U) << 7U)},
-            0);
-        wire.bare(4, 3, 0, 0, 0, 0);
-        wire.bare(4, 2, 0, 0, 0, 0);
+    void bare(int peripheral, int command, int d0, int d1, int d2, int d3, int flags = 0)
+    {
+        Bytes frame;
+        for (const int byte : {0x55, flags, peripheral, command, d0, d1, d2, d3, 0xAA})
+            frame.push_back(static_cast<std::uint8_t>(byte));
+        write(frame);
     }
-    wire.bare(1, 0, 0, 0, 0, 0, 2);
-    const Bytes answer = wire.read();
-    return answer.size() == 6 ? (answer[4] & 0xF) << 8 | answer[5] : -1;
+    /// A command with one number of 32 bits.
+    void number(int peripheral, int command, std::uint32_t value, int flags = 0)
+    {
+        bare(peripheral, command, static_cast<int>(value >> 24U), value >> 16U & 0xFF, value >> 8U & 0xFF, value & 0xFF,
+             flags);
+    }
+    void payload(int peripheral, int command, const Bytes& bytes, int flags)
+    {
+        number(peripheral, command, static_cast<std::uint32_t>(bytes.size()), flags | 1);
+        write(bytes);
+    }
+    void timer(std::uint32_t ticks) { number(5, 3, ticks); }
+    void stop() { number(5, 2, 0, 2); }
+    void setTrigger(std::uint32_t word) { number(5, 5, word); }
+
+    void select(std::uint32_t slave, int flags = 0) { number(4, 2, slave, flags); }
+    void outputToChips() { number(1, 0, 0, 2); }
+    /// One exchange with an SPI slave that answers at once.
+    Bytes spi(std::uint32_t mode, std::uint32_t divider, std::uint32_t slave, const Bytes& sent)
+    {
+        number(4, 1, mode << 24U | divider);
+        select(slave, 2);
+        payload(4, 0, sent, 7);
+        Bytes answer = read();
+        select(0);
+        outputToChips();
+        return answer;
+    }
+    Bytes cpu(std::size_t size, Bytes command)
+    {
+        command.resize(size);
+        return spi(4, 50, 7, command);
+    }
+};
+
+/// Where the pixels of one counter of a chip lie in a stream, and how they are
+/// written there.
+struct StreamPlace {
+    std::size_t start = 3;
+    std::size_t stride = 1; ///< from one of the chip's bytes to the next
+    unsigned depth = 12;
+    unsigned columns = 256;
+    unsigned firstColumn = 0;
+    unsigned rows = 256;
+};
+
+/// A pixel's register in a stream.
+inline unsigned registerIn(const Bytes& stream, const StreamPlace& place, unsigned row, unsigned column)
+{
+    const unsigned fromLast = place.firstColumn + place.columns - 1 - column;
+    unsigned state = 0;
+    for (unsigned plane = 0; plane < place.depth; ++plane) {
+        const std::size_t byte = (std::size_t{row} * place.depth + plane) * (place.columns / 8) + fromLast / 8;
+        state = state << 1U | (stream.at(place.start + byte * place.stride) >> (7 - fromLast % 8) & 1U);
+    }
+    return state;
 }
 
-template <typename Wire>
-void setBias(Wire& wire, std::uint8_t code)
+/// Highest count of a counter.
+inline unsigned mostIn(unsigned depth)
 {
-    wire.bits(4, 1, 0x10, 5, 0);
-    wire.payload(4, 0, {code}, 0);
-    wire.bare(4, 2, 0, 0, 0, 4);
-    wire.bare(4, 3, 0, 0, 0, 0);
-    wire.bare(4, 2, 0, 0, 0, 0);
-    wire.bare(1, 0, 0, 0, 0, 0, 2);
+    return depth == 14 ? 11810 : (1U << depth) - 1;
+}
+
+/// Counts of all states of a counter, by stepping it from zero. 14 bits are
+/// Timepix and Medipix2, the others Medipix3.
+inline const std::vector<unsigned>& countsOfStates(unsigned depth)
+{
+    static std::map<unsigned, std::vector<unsigned>> tables;
+    std::vector<unsigned>& counts = tables[depth];
+    if (!counts.empty())
+        return counts;
+    const unsigned taps = std::map<unsigned, unsigned>{{1, 0}, {6, 0x21}, {12, 0x829}, {14, 0x2001}}.at(depth);
+    const unsigned mask = (1U << depth) - 1;
+    unsigned state = depth == 14 ? mask : 0;
+    counts.assign(mask + 1, ~0U);
+    for (unsigned count = 0; count <= mostIn(depth); ++count) {
+        counts[state] = count;
+        const bool turned = depth != 14 && (state & mask >> 1U) == 0;
+        const unsigned fedBack = static_cast<unsigned>(std::popcount(state & taps)) + (turned ? 1U : 0U);
+        state = (state << 1U | (fedBack & 1U)) & mask;
+    }
+    return counts;
+}
+
+inline unsigned countIn(const Bytes& stream, const StreamPlace& place, unsigned row, unsigned column)
+{
+    return countsOfStates(place.depth).at(registerIn(stream, place, row, column));
+}
+
+/// What the gradient scene gives a pixel, as a part of its flux.
+inline double gradient(unsigned row, unsigned column)
+{
+    return 0.1 + 0.6 * (column + 0.5) / 256 + 0.3 * (row + 0.5) / 256;
+}
+
+/// Expects the gradient scene upright in a stream, after as many photons as its
+/// flux gives, up to a full counter.
+inline void expectGradient(const Bytes& stream, const StreamPlace& place, double photons)
+{
+    const unsigned last = place.columns - 1;
+    for (const unsigned row : {0U, (place.rows - 1) / 3, place.rows - 1})
+        for (const unsigned column : {place.firstColumn, place.firstColumn + last / 2, place.firstColumn + last})
+            EXPECT_NEAR(countIn(stream, place, row, column),
+                        std::min<double>(photons * gradient(row, column), mostIn(place.depth)), 0.51)
+                << row << ", " << column;
 }
 
 } // namespace sim

@@ -1,21 +1,21 @@
 // The virtual bus through the functions of libftdi: listing, sessions, transfers, pace, and benches.
 #include "testbench.h"
 
+#include "support/tempfolder.h"
+
 #include <atomic>
 #include <cstdlib>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <random>
 #include <thread>
-#include <unistd.h>
 
 namespace simtest {
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 /// Descriptions of all chips of a product, in the order of the list.
 std::vector<std::string> listed(int vendor = 0x0403, int product = 0x6010)
@@ -64,9 +64,7 @@ TEST(ByteQueueTest, KeepsBytesInOrder)
 
 TEST_F(BusTest, ListsPluggedChipsNewestFirst)
 {
-    auto bench = echoBench({"A", "B", "C"});
-    bench["boards"][2]["product_id"] = "0x6014";
-    sim::loadBench(bench);
+    sim::loadBench(echoBench({"A", "B", "C"}, {{"product_id", "0x6014"}}));
     EXPECT_THAT(listed(), ElementsAre("A", "B"));
     EXPECT_THAT(listed(0x0403, 0x6014), ElementsAre("C"));
     EXPECT_THAT(listed(0, 0), ElementsAre("A", "B", "C"));
@@ -75,7 +73,7 @@ TEST_F(BusTest, ListsPluggedChipsNewestFirst)
     EXPECT_THAT(listed(), ElementsAre("A"));
     sim::plug(1);
     EXPECT_THAT(listed(), ElementsAre("B", "A"));
-    sim::inspect<EchoBoard>(1, [](EchoBoard& board) { EXPECT_EQ(board.powered, 2); });
+    EXPECT_EQ(kept(1, &EchoBoard::powered), 2);
 }
 
 TEST_F(BusTest, StringsAreCutToTheRoomAndEndWithZero)
@@ -229,21 +227,19 @@ TEST_F(BusTest, BoardTalksInFifoModeOnly)
     ftdi_set_bitmode(&host.ftdi, 0xFF, BITMODE_SYNCFF);
     EXPECT_EQ(host.fetch(10), Bytes{1});
     EXPECT_EQ(sim::written(0), Bytes{1});
-    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.modes, (Bytes{0x40, 0x01, 0x40})); });
+    EXPECT_EQ(kept(0, &EchoBoard::modes), (Bytes{0x40, 0x01, 0x40}));
     ASSERT_EQ(sim::violations().size(), 1U);
     EXPECT_EQ(sim::violations()[0].board, "A");
     EXPECT_EQ(sim::violations()[0].bytes, Bytes{2});
     sim::clearTraffic();
     EXPECT_TRUE(sim::written(0).empty());
     sim::pulseTrigger(0);
-    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.triggers, 1); });
+    EXPECT_EQ(kept(0, &EchoBoard::triggers), 1);
 }
 
 TEST_F(BusTest, LinkKeepsItsPace)
 {
-    auto bench = echoBench({"A"});
-    bench["boards"][0]["link"] = {{"rate_mb_s", 10}, {"latency_ms", 1}};
-    sim::loadBench(bench);
+    sim::loadBench(echoBench({"A"}, {{"link", {{"rate_mb_s", 10}, {"latency_ms", 1}}}}));
     Host host("A");
     const auto wrote = timeOf([&] { EXPECT_EQ(host.write(ramp(300000)), 300000); });
     EXPECT_GE(wrote, 29ms);
@@ -256,13 +252,8 @@ TEST_F(BusTest, PullingTheCableEndsAWaitingRead)
 {
     Host host("A");
     ftdi_set_latency_timer(&host.ftdi, 255);
-    const auto looks = [] {
-        int count = 0;
-        sim::inspect<EchoBoard>(0, [&](EchoBoard& board) { count = board.advanced; });
-        return count;
-    };
-    std::jthread hand([&, before = looks()] {
-        while (looks() == before)
+    std::jthread hand([before = kept(0, &EchoBoard::advanced)] {
+        while (kept(0, &EchoBoard::advanced) == before)
             std::this_thread::yield();
         sim::unplug(0);
     });
@@ -292,11 +283,7 @@ TEST_F(BusTest, BoardsAreDrivenFromThreadsOfTheirOwn)
 
 TEST_F(BusTest, BadBenchesAreToldAboutAndLeaveTheBusAlone)
 {
-    struct Case {
-        const char* patch; ///< merged into the second board of a good bench
-        const char* told;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {R"({"kind": "ecko"})", R"(board 2 ("B"): unknown kind "ecko" (known: )"},
         {R"({"kind": null})", R"(board 2 ("B"): "kind" is missing)"},
         {R"({"description": null})", R"(board 2: "description" is missing)"},
@@ -308,36 +295,27 @@ TEST_F(BusTest, BadBenchesAreToldAboutAndLeaveTheBusAlone)
         {R"({"link": {"latency_ms": -1}})", R"("latency_ms" must be a time)"},
         {R"({"faults": [{"kind": "flood"}]})", R"(board 2 ("B"): fault "flood": unknown kind)"},
     };
-    for (const Case& c : cases) {
-        auto bench = echoBench({"A", "B"});
-        bench["boards"][1].merge_patch(json::parse(c.patch));
-        EXPECT_THAT(thrownBy([&] { sim::loadBench(bench); }), HasSubstr(c.told)) << c.patch;
+    for (const auto& [patch, told] : cases) {
+        const json bench = echoBench({"A", "B"}, json::parse(patch));
+        EXPECT_THAT([&] { sim::loadBench(bench); }, ThrowsMessage<std::runtime_error>(HasSubstr(told))) << patch;
     }
-    EXPECT_THAT(thrownBy([] { sim::loadBench(json::array()); }), HasSubstr("\"boards\""));
+    EXPECT_THAT([] { sim::loadBench(json::array()); }, ThrowsMessage<std::runtime_error>(HasSubstr("\"boards\"")));
     EXPECT_THAT(listed(), ElementsAre("A", "B"));
-    EXPECT_THAT(thrownBy([] { sim::unplug(2); }), HasSubstr("no board 2 on a bench of 2"));
+    EXPECT_THAT([] { sim::unplug(2); }, ThrowsMessage<std::out_of_range>(HasSubstr("no board 2 on a bench of 2")));
 }
-
-/// A file that holds a bench as long as the object lives. Each process has one of its own.
-struct BenchFile {
-    explicit BenchFile(const json& bench) { std::ofstream(path) << "// Comments are allowed.\n" << bench; }
-    ~BenchFile() { std::filesystem::remove(path); }
-    BenchFile(const BenchFile&) = delete;
-    BenchFile& operator=(const BenchFile&) = delete;
-
-    const std::string path = testing::TempDir() + "latixelsim-bench-" + std::to_string(getpid()) + ".json";
-};
 
 TEST_F(BusTest, BenchesAreLoadedFromFilesThroughTheCInterface)
 {
-    const BenchFile file(echoBench({"From file"}));
-    EXPECT_EQ(latixelsimLoadBench(file.path.c_str()), 0);
+    const support::TempFolder folder;
+    const std::string path = folder / "bench.json";
+    folder.write("bench.json", "// Comments are allowed.\n" + echoBench({"From file"}).dump());
+    EXPECT_EQ(latixelsimLoadBench(path.c_str()), 0);
     EXPECT_THAT(listed(), ElementsAre("From file"));
     EXPECT_EQ(latixelsimLoadBench("no such bench"), -1);
     EXPECT_STREQ(latixelsimError(), "there is no bench \"no such bench\"");
-    std::ofstream(file.path) << "{\"boards\": [}";
-    EXPECT_EQ(latixelsimLoadBench(file.path.c_str()), -1);
-    EXPECT_THAT(latixelsimError(), HasSubstr(file.path + ": "));
+    folder.write("bench.json", "{\"boards\": [}");
+    EXPECT_EQ(latixelsimLoadBench(path.c_str()), -1);
+    EXPECT_THAT(latixelsimError(), HasSubstr(path + ": "));
     EXPECT_THAT(latixelsimError(), HasSubstr("line 1, column 13"));
     EXPECT_THAT(listed(), ElementsAre("From file"));
 }
@@ -351,7 +329,11 @@ TEST(BenchEnvironmentTest, TakesTheBenchThatTheEnvironmentNames)
         registerEcho();
         return static_cast<int>(listed().size());
     };
-    const auto chipsOfFile = [&] { return chipsOf(BenchFile(echoBench({"From environment"})).path); };
+    const auto chipsOfFile = [&] {
+        const support::TempFolder folder;
+        folder.write("bench.json", echoBench({"From environment"}).dump());
+        return chipsOf(folder / "bench.json");
+    };
     EXPECT_EXIT(std::exit(chipsOfFile()), testing::ExitedWithCode(1), "");
     EXPECT_EXIT(std::exit(chipsOf("nowhere.json")), testing::ExitedWithCode(0),
                 "latixelsim: there is no bench \"nowhere.json\"");

@@ -7,54 +7,43 @@ namespace simtest {
 namespace {
 
 using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 class FaultsTest : public BusTest {
 protected:
-    void SetUp() override
-    {
-        BusTest::SetUp();
-        auto bench = echoBench({"A"});
-        bench["boards"][0]["link"] = {{"latency_ms", 1}};
-        sim::loadBench(bench);
-        host.emplace("A");
-    }
-    void TearDown() override
-    {
-        host.reset();
-        BusTest::TearDown();
-    }
+    FaultsTest() : BusTest(echoBench({"A"}, {{"link", {{"latency_ms", 1}}}})) {}
 
     static void fault(const char* text) { sim::addFault(0, json::parse(text)); }
     /// What an answer of `size` bytes looks like to the host that asks for all of it at once.
     Bytes answer(std::size_t size)
     {
-        EXPECT_EQ(host->write(ramp(size)), static_cast<int>(size));
-        return host->fetch(static_cast<int>(size));
+        EXPECT_EQ(host.write(ramp(size)), static_cast<int>(size));
+        return host.fetch(static_cast<int>(size));
     }
 
-    std::optional<Host> host;
+    Host host{"A"};
 };
 
 TEST_F(FaultsTest, AnswersAreCutOnceAfterSomeReads)
 {
     fault(R"({"kind": "short_read", "bytes": 6, "when": {"after_reads": 2}})");
-    EXPECT_EQ(host->read(10), 0) << "a read that brings nothing does not count";
+    EXPECT_EQ(host.read(10), 0) << "a read that brings nothing does not count";
     EXPECT_EQ(answer(10), ramp(10));
     // The second read takes a part; the third meets the rest of the answer.
-    host->write(ramp(20));
-    EXPECT_EQ(host->fetch(4), ramp(4));
-    EXPECT_EQ(host->read(16), 6);
-    EXPECT_EQ(host->got.back(), 9);
-    EXPECT_EQ(host->read(16), 0);
+    host.write(ramp(20));
+    EXPECT_EQ(host.fetch(4), ramp(4));
+    EXPECT_EQ(host.read(16), 6);
+    EXPECT_EQ(host.got.back(), 9);
+    EXPECT_EQ(host.read(16), 0);
     EXPECT_EQ(answer(10), ramp(10));
 }
 
 TEST_F(FaultsTest, SilenceBeginsAtTheExactByte)
 {
     fault(R"({"kind": "silence", "times": 2, "when": {"after_bytes": 20000}})");
-    host->write(ramp(50000));
-    EXPECT_EQ(host->fetch(50000), ramp(20000));
-    EXPECT_EQ(host->read(10), 0) << "a read that finds nothing to swallow does not count";
+    host.write(ramp(50000));
+    EXPECT_EQ(host.fetch(50000), ramp(20000));
+    EXPECT_EQ(host.read(10), 0) << "a read that finds nothing to swallow does not count";
     EXPECT_EQ(answer(10), Bytes{});
     EXPECT_EQ(answer(10), ramp(10));
 }
@@ -62,12 +51,12 @@ TEST_F(FaultsTest, SilenceBeginsAtTheExactByte)
 TEST_F(FaultsTest, WrittenSequenceIsFoundAcrossWrites)
 {
     fault(R"({"kind": "silence", "when": {"after_written": "55 02 05", "occurrence": 3}})");
-    host->write({0x55, 0x02, 0x05, 0x55, 0x02});
-    EXPECT_EQ(host->fetch(5).size(), 5U);
-    host->write({0x05, 0x55});
-    EXPECT_EQ(host->fetch(2).size(), 2U);
-    host->write({0x02, 0x05, 0x01});
-    EXPECT_EQ(host->read(3), 0);
+    host.write({0x55, 0x02, 0x05, 0x55, 0x02});
+    EXPECT_EQ(host.fetch(5).size(), 5U);
+    host.write({0x05, 0x55});
+    EXPECT_EQ(host.fetch(2).size(), 2U);
+    host.write({0x02, 0x05, 0x01});
+    EXPECT_EQ(host.read(3), 0);
     EXPECT_EQ(answer(100), Bytes{});
     sim::clearFaults(0);
     EXPECT_EQ(answer(100), ramp(100));
@@ -76,35 +65,35 @@ TEST_F(FaultsTest, WrittenSequenceIsFoundAcrossWrites)
 TEST_F(FaultsTest, ErrorsBringTheirResultAndText)
 {
     fault(R"({"kind": "error", "result": -7, "text": "it hangs", "times": 2, "when": {"after_writes": 1}})");
-    EXPECT_EQ(host->read(1), 0);
-    EXPECT_EQ(host->write({1}), 1);
-    EXPECT_EQ(host->write({2}), -7);
-    EXPECT_EQ(host->error(), "it hangs");
-    EXPECT_EQ(host->read(1), -7);
-    EXPECT_EQ(host->fetch(2), Bytes{1});
+    EXPECT_EQ(host.read(1), 0);
+    EXPECT_EQ(host.write({1}), 1);
+    EXPECT_EQ(host.write({2}), -7);
+    EXPECT_EQ(host.error(), "it hangs");
+    EXPECT_EQ(host.read(1), -7);
+    EXPECT_EQ(host.fetch(2), Bytes{1});
 
     fault(R"({"kind": "error", "on": "read", "result": -9})");
     for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(host->read(1), -9);
-    EXPECT_EQ(host->error(), "usb bulk read failed");
-    EXPECT_EQ(host->write({3}), 1);
+        EXPECT_EQ(host.read(1), -9);
+    EXPECT_EQ(host.error(), "usb bulk read failed");
+    EXPECT_EQ(host.write({3}), 1);
     sim::clearFaults(0);
-    EXPECT_EQ(host->fetch(1), Bytes{3});
+    EXPECT_EQ(host.fetch(1), Bytes{3});
 }
 
 TEST_F(FaultsTest, ChipsMayRefuseToBeOpenedOrAsked)
 {
-    ftdi_usb_close(&host->ftdi);
+    ftdi_usb_close(&host.ftdi);
     fault(R"({"kind": "error", "on": "open", "times": 1})");
-    EXPECT_EQ(host->open("other"), -4);
+    EXPECT_EQ(host.open("other"), -4);
     fault(R"({"kind": "error", "on": "strings", "times": 2})");
-    EXPECT_EQ(host->open("A"), -8);
+    EXPECT_EQ(host.open("A"), -8);
     ftdi_device_list* list = nullptr;
-    ASSERT_EQ(ftdi_usb_find_all(&host->ftdi, &list, 0x0403, 0x6010), 1);
-    EXPECT_EQ(ftdi_usb_get_strings(&host->ftdi, list->dev, nullptr, 0, nullptr, 0, nullptr, 0), -8);
-    EXPECT_EQ(host->ftdi.usb_dev, nullptr);
+    ASSERT_EQ(ftdi_usb_find_all(&host.ftdi, &list, 0x0403, 0x6010), 1);
+    EXPECT_EQ(ftdi_usb_get_strings(&host.ftdi, list->dev, nullptr, 0, nullptr, 0, nullptr, 0), -8);
+    EXPECT_EQ(host.ftdi.usb_dev, nullptr);
     ftdi_list_free(&list);
-    EXPECT_EQ(host->open("A"), 0);
+    EXPECT_EQ(host.open("A"), 0);
 }
 
 TEST_F(FaultsTest, GarbageSpoilsTheToldBytesTheSameWayEachTime)
@@ -127,50 +116,46 @@ TEST_F(FaultsTest, LateAnswersComeWhole)
     const auto waited = timeOf([&] {
         fault(R"({"kind": "late", "seconds": 0.2})");
         EXPECT_EQ(answer(10), Bytes{});
-        while (host->read(10) == 0) {
+        while (host.read(10) == 0) {
         }
     });
     EXPECT_GE(waited, 200ms);
-    EXPECT_EQ(host->got, ramp(10));
+    EXPECT_EQ(host.got, ramp(10));
 }
 
 TEST_F(FaultsTest, StalledWritesMoveNothingOrAPart)
 {
     fault(R"({"kind": "stalled_write", "times": 2})");
-    EXPECT_EQ(host->write(ramp(10)), 0);
-    EXPECT_EQ(host->write(ramp(10)), 0);
+    EXPECT_EQ(host.write(ramp(10)), 0);
+    EXPECT_EQ(host.write(ramp(10)), 0);
     fault(R"({"kind": "stalled_write", "bytes": 4, "times": 1})");
-    EXPECT_EQ(host->write(ramp(10)), 4);
-    EXPECT_EQ(host->write(ramp(10)), 10);
+    EXPECT_EQ(host.write(ramp(10)), 4);
+    EXPECT_EQ(host.write(ramp(10)), 10);
     EXPECT_EQ(sim::written(0).size(), 14U);
 }
 
 TEST_F(FaultsTest, PlugIsPulledDuringATransferAndPutBack)
 {
     fault(R"({"kind": "unplug", "replug_after_s": 0.02, "when": {"after_bytes": 20000}})");
-    host->write(ramp(50000));
-    const int result = host->read(50000);
+    host.write(ramp(50000));
+    const int result = host.read(50000);
     EXPECT_TRUE(result == -4 || result == -1) << result;
-    EXPECT_EQ(host->write({1}), -1);
-    ftdi_usb_close(&host->ftdi);
-    while (host->open("A") != 0) {
+    EXPECT_EQ(host.write({1}), -1);
+    ftdi_usb_close(&host.ftdi);
+    while (host.open("A") != 0) {
     }
-    EXPECT_EQ(host->read(1), 0);
-    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.powered, 2); });
+    EXPECT_EQ(host.read(1), 0);
+    EXPECT_EQ(kept(0, &EchoBoard::powered), 2);
 
     fault(R"({"kind": "unplug", "when": {"after_s": 0.01}})");
-    while (host->read(1) == 0) {
+    while (host.read(1) == 0) {
     }
-    EXPECT_EQ(host->read(1), -4);
+    EXPECT_EQ(host.read(1), -4);
 }
 
 TEST_F(FaultsTest, BoardsTakeTheFaultsThatTheLayerDoesNotKnow)
 {
-    const auto isHot = [] {
-        bool hot = false;
-        sim::inspect<EchoBoard>(0, [&](EchoBoard& board) { hot = board.hot; });
-        return hot;
-    };
+    const auto isHot = [] { return kept(0, &EchoBoard::hot); };
     fault(R"({"kind": "hot", "degrees": 90})");
     EXPECT_TRUE(isHot());
     sim::clearFaults(0);
@@ -202,7 +187,7 @@ TEST_F(FaultsTest, BadFaultsAreToldAbout)
         {R"({"kind": "silence", "when": {"after_written": "55 0"}})", "\"after_written\" must be bytes"},
     };
     for (const auto& [text, told] : cases)
-        EXPECT_THAT(thrownBy([&, t = text] { fault(t); }), HasSubstr(told)) << text;
+        EXPECT_THAT([t = text] { fault(t); }, ThrowsMessage<std::runtime_error>(HasSubstr(told)));
     EXPECT_EQ(answer(10), ramp(10));
 }
 

@@ -6,8 +6,6 @@
 namespace sim {
 namespace {
 
-using namespace std::chrono_literals;
-
 TEST(SceneTest, PicturesTellTheirOrientation)
 {
     for (const char* kind : {"gradient", "star", "shadow"}) {
@@ -42,18 +40,12 @@ TEST(SceneTest, WidePictureGoesOnFromChipToChip)
     EXPECT_NEAR((*square.flux(3, 4))[65535], 1000 * (0.1 + 0.9 * 511.5 / 512), 1e-2);
 }
 
-/// Counts of a flat frame by its mean count.
-std::vector<unsigned> flatFrame(Mpx3Wire& wire)
+std::vector<unsigned> countsOfFrame(ReadyWire& wire)
 {
-    wire.bits(5, 1, 1, 0, 2);
-    wire.wait(10ms);
-    const Bytes frame = wire.read();
-    std::vector<unsigned> countOf(4096);
-    for (unsigned state = 0; state < 4096; ++state)
-        countOf[state] = steppedCount(state, 12);
+    const Bytes frame = wire.frame();
     std::vector<unsigned> counts(65536);
     for (unsigned i = 0; i < 65536; ++i)
-        counts[i] = countOf[registerIn(frame, {.start = 12}, i / 256, i % 256)];
+        counts[i] = countIn(frame, {.start = 12}, i / 256, i % 256);
     return counts;
 }
 
@@ -64,7 +56,7 @@ TEST(SceneTest, NoiseIsPoissonAndTheSameForTheSameSeed)
     };
     for (const double mean : {0.4, 9.0, 60.0, 900.0}) {
         ReadyWire wire(entry(mean, 1), 1);
-        const std::vector<unsigned> counts = flatFrame(wire);
+        const std::vector<unsigned> counts = countsOfFrame(wire);
         double sum = 0;
         double squares = 0;
         for (const unsigned count : counts) {
@@ -75,21 +67,13 @@ TEST(SceneTest, NoiseIsPoissonAndTheSameForTheSameSeed)
         EXPECT_NEAR(sum / 65536, mean, 5 * error);
         EXPECT_NEAR(squares / 65536 / mean, 1, 0.04);
         if (mean == 9.0) {
-            EXPECT_NE(flatFrame(wire), counts) << "the next frame";
+            EXPECT_NE(countsOfFrame(wire), counts) << "the next frame";
             ReadyWire same(entry(mean, 1), 1);
             ReadyWire other(entry(mean, 2), 1);
-            EXPECT_EQ(flatFrame(same), counts);
-            EXPECT_NE(flatFrame(other), counts);
+            EXPECT_EQ(countsOfFrame(same), counts);
+            EXPECT_NE(countsOfFrame(other), counts);
         }
     }
-}
-
-TEST(SceneTest, ThresholdsCutTheCounts)
-{
-    const Scene scene(json{{"cutoff", 200}, {"width", 10}});
-    EXPECT_GT(scene.counted(100), 0.99);
-    EXPECT_NEAR(scene.counted(200), 0.5, 1e-9);
-    EXPECT_LT(scene.counted(300), 0.01);
 }
 
 } // namespace

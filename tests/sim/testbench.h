@@ -10,9 +10,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <numeric>
 #include <optional>
-#include <stdexcept>
 
 namespace simtest {
 
@@ -48,7 +46,6 @@ public:
 
     void clearFaults() override { hot = false; }
 
-    void send(const Bytes& bytes) { emit(bytes); }
     void sendLater(Bytes bytes, sim::Clock::duration after)
     {
         later = std::move(bytes);
@@ -110,31 +107,23 @@ inline void registerEcho()
     });
 }
 
-/// A bench of echo boards with these descriptions.
-inline json echoBench(std::initializer_list<const char*> descriptions)
+/// A bench of echo boards with these descriptions, and with the keys of `more` in the last one.
+inline json echoBench(std::initializer_list<const char*> descriptions, const json& more = json::object())
 {
     json bench{{"boards", json::array()}};
     for (const char* description : descriptions)
         bench["boards"].push_back({{"kind", "echo"}, {"description", description}, {"serial", "S"}});
+    bench["boards"].back().merge_patch(more);
     return bench;
 }
 
-/// Lets board `board` send `bytes` without being asked.
-inline void send(std::size_t board, const Bytes& bytes)
+/// What an echo board keeps in a member.
+template <typename T>
+T kept(std::size_t board, T EchoBoard::*member)
 {
-    sim::inspect<EchoBoard>(board, [&](EchoBoard& echo) { echo.send(bytes); });
-}
-
-/// Text of the exception that `act` throws.
-template <typename Act>
-std::string thrownBy(Act act)
-{
-    try {
-        act();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return "nothing thrown";
+    T value{};
+    sim::inspect<EchoBoard>(board, [&](EchoBoard& echo) { value = echo.*member; });
+    return value;
 }
 
 /// Time that `act` takes.
@@ -148,12 +137,12 @@ sim::Clock::duration timeOf(Act act)
 
 class BusTest : public testing::Test {
 protected:
-    void SetUp() override
+    explicit BusTest(const json& bench = echoBench({"A", "B"}))
     {
         registerEcho();
-        sim::loadBench(echoBench({"A", "B"}));
+        sim::loadBench(bench);
     }
-    void TearDown() override
+    ~BusTest() override
     {
         sim::clearBus();
         EXPECT_EQ(sim::openSessions(), 0);

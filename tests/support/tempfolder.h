@@ -1,11 +1,13 @@
 // A folder of its own for a test, removed at its end.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdlib.h>
 #include <string>
+#include <vector>
 
 namespace support {
 
@@ -26,8 +28,22 @@ public:
 
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    /// Names of what is in it, sorted.
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> all;
+        for (const auto& entry : std::filesystem::directory_iterator(path_))
+            all.push_back(entry.path().filename().string());
+        std::sort(all.begin(), all.end());
+        return all;
+    }
 
-    void write(const std::string& name, const std::string& text) const { std::ofstream(path_ / name) << text; }
+    /// Writes a file, and tells its path.
+    std::filesystem::path write(const std::string& name, const std::string& text) const
+    {
+        std::ofstream(path_ / name) << text;
+        return path_ / name;
+    }
     std::string read(const std::string& name) const
     {
         std::ostringstream text;
