@@ -252,6 +252,9 @@ TEST(Mpx3Config, BiasAndAdc)
     });
     for (const unsigned dac : {31U, 1000U, 0xFFFFFFFFU})
         EXPECT_NE(bench->senseDac(0, dac), 0);
+    const double temperature = bench->readTemperature(0);
+    EXPECT_GT(temperature, 0.0);
+    EXPECT_LT(temperature, 90.0);
 
     // A dead link: words, and no value out of thin air.
     sim::unplug(0);
