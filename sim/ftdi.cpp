@@ -9,6 +9,7 @@
 #include "sim/bus.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -32,11 +33,17 @@ constexpr std::size_t kMostContexts = 509; ///< two descriptors each: more than 
 constexpr const char* kUnavailable = "USB device unavailable";
 constexpr const char* kInvalidContext = "ftdi context invalid";
 
+/// The text in a context, which a thread that reads and one that writes may both leave at the same time.
+std::atomic_ref<const char*> errorText(ftdi_context* ftdi)
+{
+    return std::atomic_ref<const char*>(ftdi->error_str);
+}
+
 /// Leaves the text in the context and returns the result, as every function of libftdi ends.
 int fail(ftdi_context* ftdi, int result, const char* text)
 {
     if (ftdi != nullptr)
-        ftdi->error_str = text;
+        errorText(ftdi) = text;
     return result;
 }
 
@@ -412,5 +419,5 @@ int ftdi_write_data(ftdi_context* ftdi, const unsigned char* buf, int size)
 
 const char* ftdi_get_error_string(ftdi_context* ftdi)
 {
-    return ftdi == nullptr ? "" : ftdi->error_str;
+    return ftdi == nullptr ? "" : errorText(ftdi).load();
 }
