@@ -56,10 +56,11 @@ struct Mpx2BoardKind {
 /// Order of a device's life: constructor, `initDevice`, configuration and series in any order, `closeDevice`,
 /// `destroy`. `initDevice` and `closeDevice` take no lock: the host keeps other calls away from them.
 ///
-/// Locks, all recursive, in the order in which they are taken: `acqSync`, held by the acquisition thread for the whole
-/// of a frame, so that whoever takes it waits for the gap between two frames; `devSync` around each sequence of
-/// commands that must not be interleaved on the link; the pins' own lock; the stream buffers' locks; the report's lock.
-/// The acquisition thread holds no `devSync` while a frame is exposed, so that `stopAcquisition` gets through at once.
+/// Locks, all recursive, in the order in which they are taken: `openSync` where a series begins or ends; `acqSync`,
+/// held by the acquisition thread for the whole of a frame, so that whoever takes it waits for the gap between two
+/// frames; `devSync` around each sequence of commands that must not be interleaved on the link; the pins' own lock; the
+/// stream buffers' locks; the report's lock. The acquisition thread holds no `devSync` while a frame is exposed, so
+/// that `stopAcquisition` gets through at once.
 class AMpx2Dev : public DevDefaults<dv::IHwDevMpx2> {
 public:
     // Life cycle (ampx2dev.cpp)
@@ -256,6 +257,7 @@ protected:
     static constexpr double PACKET_GRACE = 2.0;        ///< seconds that the end-of-frame packet may come late
     static constexpr double WAIT_UNLIMITED = 1e100;    ///< seconds; an external trigger may hold a frame up for ever
     static constexpr double SLEEPING_WAIT_ABOVE = 1.0; ///< seconds; shorter frames are waited for without sleeping
+    static constexpr unsigned READER_POLL_MS = 300;    ///< between two looks at the flags of a series
     static constexpr double DRAIN_TIMEOUT = 0.2;       ///< seconds of silence after which the link counts as empty
 
     /// How one pass of a series ended.
@@ -271,6 +273,7 @@ protected:
     Pass takeFrame();
     void announceFrame(std::uint64_t frame);
     void endSeries(bool failed);
+    void abandonSeries();
     int startExposure(unsigned char flags, std::uint32_t frameWord);
     void endExposure();
     int expose();
@@ -349,6 +352,8 @@ protected:
     mutable std::atomic<int> devStatus{0};         ///< the last status read from the CPU
     mutable LastError statusText;                  ///< the last status text read from the CPU
     SeriesThreads series;
+    ThreadSyncObject openSync; ///< keeps the opening of a series and the end of another one apart
+    int openCount = 0;         ///< openSync; series between both
 };
 
 } // namespace HwLatixel

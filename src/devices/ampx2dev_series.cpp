@@ -11,7 +11,6 @@ namespace {
 
 constexpr double CUT_FRAME_TIMEOUT = 0.4; ///< seconds that the packet of a stopped frame may take
 constexpr double SERIES_END_LIMIT = 30.0; ///< seconds that closing waits for a running series
-constexpr unsigned READER_POLL_MS = 300;  ///< between two looks at the stop flag
 constexpr std::size_t TIME_OFFSET = 2;    ///< of the measured time in an end-of-frame packet
 constexpr std::size_t TIME_SIZE = 6;
 
@@ -185,6 +184,8 @@ int AMpx2Dev::stopAcquisition()
 
 void AMpx2Dev::openSeries()
 {
+    ThreadLock lock(&openSync);
+    ++openCount;
     setBusy(true);
     storeFlag(acquiring, true);
     recoverResult = 0;
@@ -258,15 +259,33 @@ void AMpx2Dev::announceFrame(std::uint64_t frame)
     setBusy(true);
 }
 
+/// Ends a series for the host. One that still runs beside it stays in its reading: whoever read the chips then would
+/// wait for the end of a frame that waits for its reader.
 void AMpx2Dev::endSeries(bool failed)
 {
-    dispatcher.stopThread();
-    setBusy(false);
-    storeFlag(acquiring, false);
+    {
+        ThreadLock lock(&openSync);
+        if (--openCount == 0) {
+            dispatcher.stopThread();
+            setBusy(false);
+            storeFlag(acquiring, false);
+        }
+    }
     if (failed)
         dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
     else
         dispatcher.setEvent(loadFlag(stopRequested) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0, false);
+}
+
+/// Leaves a series that could not go on. Nothing is taken back: the device stays busy and in its series until the next
+/// bring-up, or the end of the next series.
+void AMpx2Dev::abandonSeries()
+{
+    {
+        ThreadLock lock(&openSync);
+        --openCount;
+    }
+    dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
 }
 
 dv::IMpxFrame* AMpx2Dev::lastData()

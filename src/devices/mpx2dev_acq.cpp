@@ -37,8 +37,7 @@ void Mpx2Dev::acqFunc()
     setCurrentThreadName("mpx2devacq");
     openSeries();
     if (runFrames() == Pass::Lost) {
-        // Nothing is taken back: the device stays busy and in its series until the next bring-up or series.
-        dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+        abandonSeries();
         dispatcher.stopThread();
         return;
     }

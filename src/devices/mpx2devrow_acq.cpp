@@ -81,8 +81,7 @@ void Mpx2DevRow::acqFuncContinuous()
     const unsigned rows = tdiRowCount();
     const std::uint64_t frames = acqCount;
     if (startRows(rows != 0 ? frames * TDI_ROWS / rows : 0) != 0) {
-        // Nothing is taken back: the device stays busy and in its series until the next bring-up or series.
-        dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+        abandonSeries();
         return;
     }
     for (std::uint64_t frame = 0; frame < frames && !loadFlag(stopRequested); ++frame) {

@@ -193,14 +193,19 @@ int Mpx2DevRow::readContinuousMatrixFromDevice(unsigned long rows)
 
 int Mpx2DevRow::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
 {
-    const bool running = loadFlag(acquiring);
-    if (running) {
-        copyMatrixStreamToSecondBuffer();
-    } else {
-        const FrameGap gap(*this);
-        if (const int result = readMatrixFromDevice(false); result != 0)
-            return result;
+    bool running = loadFlag(acquiring);
+    while (!running) {
+        // A series that begins meanwhile may hold this lock until somebody takes its stream.
+        const ThreadLockTimeout frame(&acqSync, READER_POLL_MS);
+        if (frame.locked()) {
+            if (const int result = readMatrixFromDevice(false); result != 0)
+                return result;
+            break;
+        }
+        running = loadFlag(acquiring);
     }
+    if (running)
+        copyMatrixStreamToSecondBuffer();
     // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
     matrixReadEvent.set();
     const std::size_t pixels = static_cast<std::size_t>(chipCount_) * MPX2_CHIP_PIXELS;

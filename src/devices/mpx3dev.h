@@ -29,8 +29,9 @@ namespace HwLatixel {
 /// bring-up counts in; chips are numbered through the detected channels.
 ///
 /// Locks, in the order in which they are taken: `devSync` around command sequences, `dataSync` around the frame in
-/// progress, `cpuSync` around the board CPU, the report's lock. A series has one detached thread, "mpx3devacq"; it
-/// holds `dataSync` for the whole of a frame and never `devSync`, but for the drain after a stopped TDI series.
+/// progress, `startSync`, `cpuSync` around the board CPU, the report's lock. A series has one detached thread,
+/// "mpx3devacq"; it holds `dataSync` for the whole of a frame and never `devSync`, but for the drain after a stopped
+/// TDI series.
 class Mpx3Dev : public AMpx3Dev {
 public:
     /// `variant` is the variant letter of the name, which chooses the bias rule. `fromLad` is true for a member of a
@@ -189,7 +190,8 @@ private:
     // Series (mpx3dev_acq.cpp)
     void startSeriesThread();
     unsigned char startFlags(bool continuous) const;
-    int sendStart(unsigned char flags, std::uint32_t frameWord) const;
+    void requestStop();
+    int sendStart(unsigned char flags, std::uint32_t frameWord);
     void acqFuncNormal();
     void acqFuncCRW();
     void acqFuncTDI();
@@ -203,7 +205,8 @@ private:
     void readTdiFrame();
     void readTDIMatrixFromDevice();
 
-    ThreadSyncObject dataSync; ///< guards streamBuffer and readBytes against the acquisition thread
+    ThreadSyncObject startSync; ///< keeps the start command and the request for a stop apart
+    ThreadSyncObject dataSync;  ///< guards streamBuffer and readBytes against the acquisition thread
     /// The last matrix stream; dataSync, or the matrixReadEvent hand-shake.
     Buffer<unsigned char> streamBuffer{0, false};
     Buffer<unsigned char> streamCopy{0, false};        ///< what a read during a series decodes from; the reader's

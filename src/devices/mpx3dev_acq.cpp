@@ -82,7 +82,7 @@ int Mpx3Dev::stopAcquisition()
     if (requireChips() != 0)
         return 1;
     logFunction("Stop Acquisition");
-    storeFlag(stopRequested, true);
+    requestStop();
     ThreadLock devLock(&devSync);
     if (loadFlag(acquiring))
         link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
@@ -115,8 +115,19 @@ unsigned char Mpx3Dev::startFlags(bool continuous) const
     return static_cast<unsigned char>(flags);
 }
 
-int Mpx3Dev::sendStart(unsigned char flags, std::uint32_t frameWord) const
+/// Behind this no shutter is opened any more, so that a stop command which follows is the last one.
+void Mpx3Dev::requestStop()
 {
+    ThreadLock lock(&startSync);
+    storeFlag(stopRequested, true);
+}
+
+/// Tells the board to start, unless a stop has come.
+int Mpx3Dev::sendStart(unsigned char flags, std::uint32_t frameWord)
+{
+    ThreadLock lock(&startSync);
+    if (loadFlag(stopRequested))
+        return 0;
     return link.send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
 }
 
@@ -180,15 +191,15 @@ int Mpx3Dev::runFrames(bool startEachFrame)
 int Mpx3Dev::takeFrame(bool startCommand)
 {
     ThreadLock lock(&dataSync);
-    // A stop may have come between the loop's look at it and the lock: its command must stay the last one.
+    // A stop may have come between the loop's look at it and the lock.
     if (loadFlag(stopRequested))
         return 0;
     logFunction("Perform Acquisition");
     if (startCommand) {
         if (waitSoftTrigger)
             waitForSoftwareTrigger(&stopRequested);
-        // A stop ends the wait for a trigger: a frame that starts now would expose behind the end of the series.
-        if (waitSoftTrigger && loadFlag(stopRequested))
+        // A stop ends the wait for a trigger, and there is no frame to wait for.
+        if (loadFlag(stopRequested))
             return 0;
         sendStart(startFlags(false), 0);
     }

@@ -129,7 +129,7 @@ int Mpx3Dev::closeDevice()
 void Mpx3Dev::waitForSeriesEnd()
 {
     series.waitForEnd(SERIES_END_LIMIT, [this](bool stopBoard) {
-        storeFlag(stopRequested, true);
+        requestStop();
         matrixReadEvent.set();
         if (stopBoard)
             link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);

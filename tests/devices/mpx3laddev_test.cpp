@@ -270,7 +270,6 @@ TEST_F(Mpx3Lad, TdiSeriesEndsAndStops)
     expectStop();
     start(1000, 0.1);
     expectStop();
-    sleepMs(600); // the boards run ahead of a stop
     expectNextSeriesWorks();
 }
 
