@@ -284,6 +284,8 @@ void Mpx3Dev::acqFuncTDI()
         ThreadLock lock(&devSync);
         link.drain(DRAIN_TIMEOUT);
     }
+    // The host may still decode a frame, which goes by the image: waits for the end of its handler.
+    dispatcher.stopThread();
     omrValue = saved;
     setReadoutOMRs();
     endSeries(0);

@@ -54,11 +54,11 @@ public:
     /// Runs inside HWEVENT_WAIT_TRIGGER.
     std::function<void()> onWaitTrigger;
 
-    /// Waits until an event of one of the kinds has come; false after a minute.
+    /// Waits until an event of one of the kinds has come; false after 100 s.
     bool waitFor(std::initializer_list<unsigned> kinds)
     {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(60), [&] {
+        return changed.wait_for(lock, std::chrono::seconds(100), [&] {
             return std::ranges::any_of(events,
                                        [&](const Seen& seen) { return std::ranges::count(kinds, seen.event) > 0; });
         });
@@ -106,12 +106,15 @@ inline nlohmann::json flatScene(double flux)
     return {{"kind", "flat"}, {"flux", flux}, {"noise", false}};
 }
 
-/// Waits until something has come about; false after five seconds.
+/// Waits until something has come about; false after twenty seconds.
 inline bool soon(const std::function<bool()>& reached)
 {
-    for (int i = 0; i < 5000 && !reached(); ++i)
+    for (int i = 0; i < 20000; ++i) {
+        if (reached())
+            return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return reached();
+    }
+    return false;
 }
 
 inline void sleepMs(int milliseconds)
@@ -290,6 +293,8 @@ protected:
     static constexpr unsigned FAILED = HWEVENT_ACQ_FAILED;
     static constexpr unsigned ABORTED = HWEVENT_ACQ_ABORTED;
     static constexpr const char* START = "55 02 05 01";
+    /// Also on a machine that has much else to do.
+    static constexpr std::chrono::seconds STOP_LIMIT{20};
 
     template <typename... Args>
     explicit SeriesTest(Args&&... args) : bench(std::forward<Args>(args)...)
@@ -344,13 +349,13 @@ protected:
         expectSeries(3, 0.02);
         EXPECT_FALSE(bench->isBusy());
     }
-    /// Stops the series that runs, which ends within so many seconds.
-    void expectStop(int most = 4)
+    /// Stops the series that runs, which ends long before its time.
+    void expectStop()
     {
         const auto begin = Clock::now();
         EXPECT_EQ(bench->stopAcquisition(), 0);
         ASSERT_TRUE(bench.events->waitForEnd());
-        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(most));
+        EXPECT_LT(Clock::now() - begin, STOP_LIMIT);
         EXPECT_EQ(bench.events->seen().back(), (Seen{ABORTED, 0}));
         EXPECT_FALSE(bench->isBusy());
     }
@@ -362,7 +367,7 @@ protected:
         sleepMs(delayMs);
         const auto begin = Clock::now();
         EXPECT_EQ(bench->closeDevice(), 0);
-        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
+        EXPECT_LT(Clock::now() - begin, STOP_LIMIT);
         EXPECT_FALSE(bench->isConnected());
         bringUp();
     }

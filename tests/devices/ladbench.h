@@ -5,7 +5,6 @@
 
 #include "shared/filelog.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <random>
 
@@ -199,6 +198,7 @@ protected:
     {
         bench.events->onFrame = nullptr;
         this->start(3, 0.02);
+        ASSERT_TRUE(this->soonStarted(2));
         sleepMs(400);
         EXPECT_EQ(bench.events->seen(), (std::vector<Seen>{{HWEVENT_FRAME_READY, 0}}));
         for (std::size_t m = 0; m < 2; ++m)
@@ -217,7 +217,7 @@ protected:
         this->expectStop();
         this->start(100, 60);
         ASSERT_TRUE(this->soonStarted());
-        this->expectStop(2);
+        this->expectStop();
         EXPECT_EQ(bench.events->seen(), readyEvents(1, HWEVENT_ACQ_ABORTED)) << "the frame in progress comes";
         this->start(100000, 0.001);
         ASSERT_TRUE(soon([&] { return bench.events->seen().size() > 5; }));
@@ -265,8 +265,7 @@ inline void stress(const std::function<void(Dice&)>& control, const std::vector<
 template <typename Lad>
 void stressSeries(Lad& lad, const std::function<void(Dice&)>& prepare, const std::function<void(Dice&)>& writes)
 {
-    std::atomic<long> taken = 0;
-    lad.events->onFrame = [&](long) { taken += lad.frame().empty() ? 0 : 1; };
+    lad.events->onFrame = [&](long) { lad.frame(); };
     const auto control = [&](Dice& dice) {
         lad.events->clear();
         prepare(dice);
@@ -293,7 +292,6 @@ void stressSeries(Lad& lad, const std::function<void(Dice&)>& prepare, const std
             lad->stopAcquisition();
     };
     stress(control, {polls, writes, adc, stops});
-    EXPECT_GT(taken, 0);
     const auto frames = lad.series(2, 0.02);
     EXPECT_EQ(lad.events->seen(), readyEvents(2, HWEVENT_ACQ_FINISHED));
     expectBlocks(frames.at(1), 8, 1, 20);

@@ -157,6 +157,7 @@ TEST_F(Mpx2Series, StopWhileItWaitsForTheReader)
 {
     bench.events->onFrame = nullptr;
     start(100, 0.01);
+    ASSERT_TRUE(soonStarted(2));
     sleepMs(400);
     EXPECT_EQ(bench.events->seen(), (Events{{READY, 0}}));
     EXPECT_EQ(bench.sent(START), 2) << "the next frame is exposed, but not read";
@@ -195,16 +196,16 @@ TEST_F(Mpx2Series, StatusPollsDoNotHangBehindAFrame)
         EXPECT_STREQ(bench->deviceStatusText(), text);
     };
     expectStatus(0, "OK");
-    startAndExpose(1, 0.8);
+    startAndExpose(1, 3);
     sim::addFault(0, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
     for (int poll = 0; poll < 2; ++poll) {
         const auto begin = Clock::now();
         expectStatus(0, "OK");
-        EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(300));
+        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1));
     }
     ASSERT_TRUE(bench.events->waitForEnd());
     expectStatus(1, "warm");
-    expectBlocks(frames.at(0), 1, 2, 800);
+    expectBlocks(frames.at(0), 1, 2, 3000);
 }
 
 TEST_F(Mpx2Series, FrameThatTimesOutIsRepeatedBehindARecovery)

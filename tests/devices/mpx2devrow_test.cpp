@@ -204,7 +204,8 @@ TEST_F(RowSeries, StopEndsEveryState)
         bench.events->onFrame = nullptr;
         start(50, 0.02);
         ASSERT_TRUE(bench.events->waitFor({READY}));
-        sleepMs(100);
+        ASSERT_TRUE(soonStarted(mode == 0 ? 2 : 1));
+        sleepMs(300);
         EXPECT_EQ(bench->stopAcquisition(), 0);
         sleepMs(400);
         EXPECT_EQ(bench.events->seen().size(), 1U);

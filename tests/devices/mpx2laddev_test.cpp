@@ -220,7 +220,7 @@ TEST_F(Mpx2Lad, StopInEachState)
     sim::addFault(1, readsFail(1000));
     start(100, 0.001);
     ASSERT_TRUE(soonStarted(2));
-    expectStop(5);
+    expectStop();
     sim::clearFaults(1);
     expectNextSeriesWorks();
 }

