@@ -35,8 +35,6 @@ using Longs [[gnu::vector_size(WIDTH)]] = std::uint32_t;
 using Quads [[gnu::vector_size(WIDTH)]] = std::uint64_t;
 using ByteLane [[gnu::vector_size(LANE)]] = std::uint8_t;
 using WordLane [[gnu::vector_size(LANE)]] = std::uint16_t;
-using LongLane [[gnu::vector_size(LANE)]] = std::uint32_t;
-using QuadLane [[gnu::vector_size(LANE)]] = std::uint64_t;
 
 template <class V>
 KERNEL_INLINE V load(const void* from)
