@@ -125,7 +125,8 @@ private:
 
     std::atomic<bool> tdiMode{false};
     std::atomic<std::uint64_t> rowsRead{0}; ///< rows of the current TDI frame in the stream buffer
-    std::atomic<bool> rowsMissed{false};    ///< a block of the TDI series has come short, and may come yet
+    StopsUnderWay stopsUnderWay;
+    std::atomic<bool> rowsMissed{false}; ///< a block of the TDI series has come short, and may come yet
     RowTimes rowTimes;
 };
 

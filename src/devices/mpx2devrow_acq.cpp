@@ -56,6 +56,7 @@ int Mpx2DevRow::startAcquisition(unsigned count, double seconds)
 
 int Mpx2DevRow::stopAcquisition()
 {
+    const StopsUnderWay::Scope stop(stopsUnderWay);
     // Ahead of the refusal: without chips, or with chips that are switched off, a series has nothing else to end it.
     storeFlag(stopRequested, true);
     return AMpx2Dev::stopAcquisition();
@@ -90,6 +91,7 @@ void Mpx2DevRow::acqFuncContinuous()
     }
     // Blocks that the board has sent meanwhile, or that have come late, must not meet the next exchange.
     if (loadFlag(stopRequested) || rowsMissed) {
+        stopsUnderWay.wait();
         ThreadLock lock(&devSync);
         link.drain(DRAIN_TIMEOUT);
     }

@@ -190,6 +190,7 @@ private:
     // Series (mpx3dev_acq.cpp)
     void startSeriesThread();
     unsigned char startFlags(bool continuous) const;
+    void tellStop();
     void requestStop();
     int sendStart(unsigned char flags, std::uint32_t frameWord);
     void acqFuncNormal();
@@ -238,6 +239,7 @@ private:
 
     // The series
     SeriesThreads series;
+    StopsUnderWay stopsUnderWay;
     bool acquiring = false; ///< polled: the acquisition thread is in its series
     RowTimes tdiRowTimes;
     std::size_t tdiRowIndex = 0; ///< dataSync

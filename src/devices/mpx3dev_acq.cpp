@@ -82,10 +82,8 @@ int Mpx3Dev::stopAcquisition()
     if (requireChips() != 0)
         return 1;
     logFunction("Stop Acquisition");
-    requestStop();
+    tellStop();
     ThreadLock devLock(&devSync);
-    if (loadFlag(acquiring))
-        link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
     // Waits for the frame in progress. A TDI series whose frame the host has not taken yet holds this lock until
     // `lastData` has taken it, and the caller waits as long.
     ThreadLock dataLock(&dataSync);
@@ -113,6 +111,16 @@ unsigned char Mpx3Dev::startFlags(bool continuous) const
     flags |= triggersStop(triggerMode) ? mpx3::startflag::STOP_ON_TRIGGER : 0U;
     flags |= continuous ? mpx3::startflag::CONTINUOUS_RW : 0U;
     return static_cast<unsigned char>(flags);
+}
+
+/// Tells the series, and where one runs the board.
+void Mpx3Dev::tellStop()
+{
+    const StopsUnderWay::Scope stop(stopsUnderWay);
+    requestStop();
+    ThreadLock lock(&devSync);
+    if (loadFlag(acquiring))
+        link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
 }
 
 /// Behind this no shutter is opened any more, so that a stop command which follows is the last one.
@@ -247,6 +255,8 @@ void Mpx3Dev::announceFrame(unsigned index, bool throughWorker)
 
 void Mpx3Dev::endSeries(int result)
 {
+    // Once the series counts as ended, a stop that it has seen would send no command.
+    stopsUnderWay.wait();
     dispatcher.stopThread();
     setBusy(false);
     storeFlag(acquiring, false);
@@ -281,6 +291,7 @@ void Mpx3Dev::acqFuncTDI()
         setBusy(true);
     }
     if (loadFlag(stopRequested)) {
+        stopsUnderWay.wait();
         ThreadLock lock(&devSync);
         link.drain(DRAIN_TIMEOUT);
     }

@@ -224,6 +224,24 @@ TEST_F(RowSeries, StopEndsEveryState)
     expectNextSeriesWorks();
 }
 
+TEST_F(RowSeries, StopOfRowsGoesOutBeforeTheLinkIsEmptied)
+{
+    bench->setAcqMode(dv::ACQMODE_TDI);
+    for (int i = 0; i < 4; ++i) {
+        start(1000, 0.0256);
+        ASSERT_TRUE(bench.events->waitFor({READY}));
+        std::vector<unsigned char> some(50000);
+        auto other = std::async(std::launch::async, [&] {
+            bench->receiveRawData(some.data(), some.size(), 0, 0, 0); // keeps the stop's command back for a while
+        });
+        sleepMs(2);
+        const auto begin = Clock::now();
+        expectStop();
+        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(9)) << "the link is not emptied without end";
+    }
+    expectNextSeriesWorks();
+}
+
 TEST_F(RowSeries, SecondStartWaitsForTheGapBetweenFrames)
 {
     bench.events->onFrame = nullptr;

@@ -1,4 +1,4 @@
-// The detached threads of a device's series, for a device that must not go away under them.
+// The detached threads of a device's series, for a device that must not go away under them, and stops of a series.
 #pragma once
 
 #include "shared/osdepend.h"
@@ -45,6 +45,34 @@ public:
 
 private:
     std::atomic<int> running{0};
+};
+
+/// The stops by the host whose command has not gone to the board yet. A series that sees a stop and empties its link at
+/// once would wait for the silence of a board that nobody has told, and keep the command off the link meanwhile.
+class StopsUnderWay {
+public:
+    /// One stop, from before its flag is set until its command is sent.
+    class Scope {
+    public:
+        explicit Scope(StopsUnderWay& stops) : count(stops.count) { ++count; }
+        ~Scope() { --count; }
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+    private:
+        std::atomic<int>& count;
+    };
+
+    /// Waits until there is none. The caller holds no lock that a stop takes.
+    void wait() const
+    {
+        constexpr double POLL = 0.001;
+        while (count > 0)
+            sleepThread(POLL);
+    }
+
+private:
+    std::atomic<int> count{0};
 };
 
 } // namespace HwLatixel
