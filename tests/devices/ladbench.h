@@ -190,7 +190,8 @@ protected:
         EXPECT_STREQ(bench->lastError(), "Invalid chip index: 4");
         EXPECT_EQ(bench->deviceStatus(), 0);
         sim::addFault(1, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
-        EXPECT_EQ(bench->deviceStatus(), 1);
+        EXPECT_TRUE(soon([&] { return bench->deviceStatus() == 1; }))
+            << "at the latest once a series' threads are gone";
         EXPECT_EQ(bench->resetMedipix(), 0);
     }
     /// Starts three frames for a host that takes none: the boards expose one ahead of it, and wait.
