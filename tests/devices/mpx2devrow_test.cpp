@@ -227,7 +227,7 @@ TEST_F(RowSeries, StopEndsEveryState)
 TEST_F(RowSeries, StopOfRowsGoesOutBeforeTheLinkIsEmptied)
 {
     bench->setAcqMode(dv::ACQMODE_TDI);
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 2; ++i) {
         start(1000, 0.0256);
         ASSERT_TRUE(bench.events->waitFor({READY}));
         std::vector<unsigned char> some(50000);
