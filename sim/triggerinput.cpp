@@ -53,11 +53,9 @@ void TriggerInput::serve(Shutter& shutter, Time now)
             if (ready)
                 shutter.trigger(std::max(since, *ready));
         } else if (line && !master) {
-            const auto fired = line->firedSince(since);
+            const auto fired = line->await(this, since);
             if (fired && *fired <= now)
                 shutter.trigger(*fired);
-            else if (!fired)
-                line->arm(this, since);
         } else if (rests()) {
             shutter.trigger(since);
         }

@@ -28,10 +28,14 @@ void TriggerLine::leave(const void* board)
     boards.erase(board);
 }
 
-void TriggerLine::arm(const void* board, Time at)
+std::optional<Time> TriggerLine::await(const void* board, Time since)
 {
     const std::scoped_lock lock(mutex);
-    boards[board] = at;
+    const auto first = std::ranges::lower_bound(firings, since);
+    if (first != firings.end())
+        return *first;
+    boards[board] = since;
+    return std::nullopt;
 }
 
 void TriggerLine::disarm(const void* board)
@@ -63,13 +67,6 @@ void TriggerLine::fire(Time at)
         firings.pop_front();
     for (auto& [board, armed] : boards)
         armed.reset();
-}
-
-std::optional<Time> TriggerLine::firedSince(Time since) const
-{
-    const std::scoped_lock lock(mutex);
-    const auto first = std::ranges::lower_bound(firings, since);
-    return first == firings.end() ? std::nullopt : std::optional(*first);
 }
 
 } // namespace sim

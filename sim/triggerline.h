@@ -21,16 +21,15 @@ public:
     void join(const void* board);
     void leave(const void* board);
 
-    /// A listener waits for the line since `at`.
-    void arm(const void* board, Time at);
+    /// The first firing at or after `since`. Where there is none, the listener is armed from `since` on. Both are one
+    /// step: a firing in between would leave armed who has been let go, and the next one would not wait for it.
+    std::optional<Time> await(const void* board, Time since);
     /// A listener waits no more.
     void disarm(const void* board);
     /// When the last of all others was armed, or none while one of them is not.
     std::optional<Time> othersReady(const void* driver) const;
     /// The driver opens its shutter, which lets all listeners go that are armed.
     void fire(Time at);
-    /// The first firing at or after `since`.
-    std::optional<Time> firedSince(Time since) const;
 
 private:
     mutable std::mutex mutex;

@@ -3,6 +3,9 @@
 #include "mpx3wire.h"
 
 #include "sim/latixelsim.h"
+#include "sim/triggerinput.h"
+
+#include <future>
 
 namespace sim {
 namespace {
@@ -82,6 +85,32 @@ TEST(TriggerLineTest, MasterWaitsForFollowersOnItsLine)
         EXPECT_EQ(packetTime(master.readAfter(10ms)), tenMs);
         EXPECT_EQ(packetTime(follower.readAfter(10ms)), tenMs);
     }
+}
+
+TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
+{
+    const json entry = {{"trigger_line", "threads"}};
+    TriggerInput master(entry);
+    TriggerInput follower(entry);
+    master.set(4 | 8);
+    follower.set(4);
+    const Time limit = Clock::now() + 20s;
+    const auto takeFrames = [limit](TriggerInput& input) {
+        int frames = 0;
+        for (; frames < 5000; ++frames) {
+            Shutter shutter;
+            shutter.start({.startWaits = true, .period = 1}, Clock::now());
+            while (!shutter.next(Clock::now())) {
+                if (Clock::now() > limit)
+                    return frames;
+                input.serve(shutter, Clock::now());
+            }
+        }
+        return frames;
+    };
+    auto followed = std::async(std::launch::async, takeFrames, std::ref(follower));
+    EXPECT_EQ(takeFrames(master), 5000);
+    EXPECT_EQ(followed.get(), 5000);
 }
 
 TEST(BenchesTest, ShippedBenchesLoadAndBadEntriesAreRefused)
