@@ -3,11 +3,11 @@
 #include "refhost/error.h"
 #include "refhost/plugin.h"
 #include "refhost/series.h"
+#include "support/tempfolder.h"
 
 #include <cmath>
 #include <cstring>
 #include <dlfcn.h>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <limits>
 
@@ -78,11 +78,9 @@ TEST(Plugin, SaysWhatIsWrongWithAFile)
     const auto failure = [&](const std::filesystem::path& path) {
         return errorOf([&] { refhost::Plugin plugin(host, path); });
     };
-    const auto text = std::filesystem::temp_directory_path() / "refhost_no_library.so";
-    std::ofstream(text) << "no library";
+    const support::TempFolder folder;
     EXPECT_THAT(failure("nowhere/liblatixel.so"), HasSubstr("there is no library nowhere/liblatixel.so"));
-    EXPECT_THAT(failure(text), HasSubstr("cannot load"));
-    std::filesystem::remove(text);
+    EXPECT_THAT(failure(folder.write("text.so", "no library")), HasSubstr("cannot load"));
     Dl_info info{};
     ASSERT_NE(dladdr(reinterpret_cast<void*>(&std::strlen), &info), 0);
     EXPECT_THAT(failure(info.dli_fname), HasSubstr("no function dvGetHwLib"));
