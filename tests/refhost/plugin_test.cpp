@@ -17,7 +17,6 @@ using namespace std::chrono_literals;
 using refhost::SeriesEnd;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 struct FakeEvent {
     unsigned type;
