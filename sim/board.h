@@ -4,8 +4,8 @@
 
 #include "sim/api.h"
 #include "sim/bytequeue.h"
+#include "sim/types.h"
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
@@ -15,10 +15,6 @@
 #include <vector>
 
 namespace sim {
-
-using Clock = std::chrono::steady_clock;
-using Time = Clock::time_point;
-using Bytes = std::vector<std::uint8_t>;
 
 /// Something that no firmware would understand, with the bytes that it came in.
 struct Violation {

@@ -1,7 +1,7 @@
 // What all readout chips have in common.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/types.h"
 
 #include <string>
 

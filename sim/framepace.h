@@ -7,6 +7,8 @@
 #include "sim/jsonkeys.h"
 #include "sim/triggerinput.h"
 
+#include <utility>
+
 namespace sim {
 
 class FramePace {

@@ -2,10 +2,12 @@
 // payloads; which commands there are is a board's own table.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/api.h"
+#include "sim/types.h"
 
 #include <array>
 #include <functional>
+#include <span>
 #include <string>
 
 namespace sim {

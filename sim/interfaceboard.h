@@ -18,6 +18,7 @@
 #pragma once
 
 #include "sim/analog.h"
+#include "sim/board.h"
 #include "sim/boardcpu.h"
 #include "sim/flash.h"
 #include "sim/frames.h"

@@ -1,7 +1,9 @@
 // Data lanes that a readout board takes together, byte by byte from each in turn.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/types.h"
+
+#include <span>
 
 namespace sim {
 

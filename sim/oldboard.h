@@ -53,6 +53,7 @@
 //   {"kind": "stuck_line", "module": m, "level": 0 or 1}
 #pragma once
 
+#include "sim/board.h"
 #include "sim/mpx2readout.h"
 #include "sim/oldframes.h"
 #include "sim/shutter.h"

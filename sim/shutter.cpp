@@ -2,6 +2,7 @@
 #include "sim/shutter.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace sim {
 

@@ -1,7 +1,8 @@
 // The shutter of a readout board: opens and closes for one frame or a series of them, by its timer or by triggers.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/api.h"
+#include "sim/types.h"
 
 #include <optional>
 

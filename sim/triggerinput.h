@@ -8,6 +8,8 @@
 #include "sim/shutter.h"
 #include "sim/triggerline.h"
 
+#include <nlohmann/json_fwd.hpp>
+
 namespace sim {
 
 class LATIXELSIM_API TriggerInput {

@@ -2,7 +2,7 @@
 // asked at different moments and from different threads; times are what orders the events on a line.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/types.h"
 
 #include <deque>
 #include <map>
