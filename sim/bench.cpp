@@ -28,11 +28,8 @@ namespace {
 struct Kinds {
     std::mutex mutex;
     std::map<std::string, BoardMaker, std::less<>> makers{
-        {"fenxel", makeFenxelBoard},
-        {"mpx2", makeMpx2Board},
-        {"mpx2usb2", makeUsb2Board},
-        {"mpx3", makeMpx3Board},
-        {"mpxrow", makeRowBoard},
+        {"fenxel", makeFenxelBoard}, {"mpx2", makeMpx2Board},  {"mpx2usb2", makeUsb2Board},
+        {"mpx3", makeMpx3Board},     {"mpxrow", makeRowBoard},
     };
 };
 

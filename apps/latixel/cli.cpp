@@ -1,5 +1,6 @@
 // The command line: global options, subcommands, help, and failures in one line.
 #include "apps/latixel/commands.h"
+#include "apps/latixel/recorderror.h"
 #include "apps/latixel/text.h"
 #include "refhost/error.h"
 
@@ -53,6 +54,13 @@ ExitCode guarded(const Run& run)
         return run();
     } catch (const Failure& failure) {
         return fail(failure.what(), failure.code);
+    } catch (const OutputExists& error) {
+        const std::string advice = ": choose another name, or replace it with --overwrite";
+        return fail((error.what() + advice).c_str(), ExitCode::Output);
+    } catch (const OutputError& error) {
+        return fail(error.what(), ExitCode::Output);
+    } catch (const FrameError& error) {
+        return fail(error.what(), ExitCode::Device);
     } catch (const refhost::Error& error) {
         return fail(error.what(), ExitCode::Device);
     } catch (const std::exception& error) {

@@ -61,8 +61,8 @@ struct SeriesSummary {
 };
 
 /// Takes frames one after another. `begin`, `write` and `finish` come in this order, never two at a time, but maybe
-/// from different threads. They throw Failure when the output cannot be written. Without `finish` nothing is left of
-/// a single file.
+/// from different threads. They throw OutputError when the output cannot be written. Without `finish` nothing is left
+/// of a single file.
 class FrameSink {
 public:
     virtual ~FrameSink() = default;
@@ -88,7 +88,7 @@ struct OutputOptions {
 /// The format that the file's extension stands for: .h5, .hdf5, .nxs, .tif, .tiff, .png; nothing for any other.
 std::optional<OutputFormat> formatOf(const std::filesystem::path& path);
 
-/// The sink of the format. Throws Failure when the place cannot be written.
+/// The sink of the format. Throws OutputError when the place cannot be written.
 std::unique_ptr<FrameSink> makeSink(const OutputOptions& options);
 
 } // namespace tool

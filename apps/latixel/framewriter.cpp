@@ -1,7 +1,7 @@
 // The thread that writes frames.
 #include "apps/latixel/framewriter.h"
 
-#include "apps/latixel/exitcode.h"
+#include "apps/latixel/recorderror.h"
 
 #include <chrono>
 
@@ -76,7 +76,7 @@ void FrameWriter::writeOne(const refhost::SeriesFrame& frame)
 {
     FrameRecord record{frame.index, frame.arrival, frame.exposure, maker.make(*frame.frame), frame.frame->metaData()};
     if (record.pictures.empty())
-        throw Failure(ExitCode::Device, "the device gave a frame of another size or type than its chips have");
+        throw FrameError("the device gave a frame of another size or type than its chips have");
     sink.write(record);
 }
 

@@ -1,8 +1,8 @@
 // Frames in an HDF5 file with the NeXus layout.
 #include "apps/latixel/hdf5sink.h"
 
-#include "apps/latixel/exitcode.h"
-#include "apps/latixel/text.h"
+#include "apps/latixel/plaintext.h"
+#include "apps/latixel/recorderror.h"
 
 #include <numeric>
 
@@ -33,7 +33,7 @@ void Hdf5Sink::guarded(Work work) const
     try {
         work();
     } catch (const h5::Error& error) {
-        throw Failure(ExitCode::Output, "cannot write " + output.path().string() + ": " + printable(error.what()));
+        throw OutputError("cannot write " + output.path().string() + ": " + printable(error.what()));
     }
 }
 

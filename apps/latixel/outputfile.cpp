@@ -1,7 +1,7 @@
 // A file that has its final name only once it is complete.
 #include "apps/latixel/outputfile.h"
 
-#include "apps/latixel/exitcode.h"
+#include "apps/latixel/recorderror.h"
 
 #include <cerrno>
 #include <cstring>
@@ -11,9 +11,9 @@
 namespace tool {
 namespace {
 
-Failure cannotWrite(const std::filesystem::path& path, int error)
+OutputError cannotWrite(const std::filesystem::path& path, int error)
 {
-    return {ExitCode::Output, "cannot write " + path.string() + ": " + std::strerror(error)};
+    return OutputError("cannot write " + path.string() + ": " + std::strerror(error));
 }
 
 } // namespace
@@ -25,10 +25,9 @@ OutputFile::OutputFile(const std::filesystem::path& path, bool replace)
 {
     std::error_code ignored;
     if (std::filesystem::is_directory(finalPath, ignored))
-        throw Failure(ExitCode::Output, finalPath.string() + " is a folder: give a file name");
+        throw OutputError(finalPath.string() + " is a folder: give a file name");
     if (!mayReplace && std::filesystem::exists(finalPath, ignored))
-        throw Failure(ExitCode::Output,
-                      finalPath.string() + " exists already: choose another name, or replace it with --overwrite");
+        throw OutputExists(finalPath.string() + " exists already");
     const int file = open(partPath.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0666);
     if (file < 0)
         throw cannotWrite(finalPath, errno);

@@ -9,7 +9,8 @@ namespace tool {
 /// is done. Without `complete` the end removes it.
 class OutputFile {
 public:
-    /// Throws Failure when the place cannot be written, or when the final file exists and may not be replaced.
+    /// Throws OutputError when the place cannot be written, OutputExists when the final file is there and may not be
+    /// replaced.
     OutputFile(const std::filesystem::path& finalPath, bool mayReplace);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -18,7 +19,7 @@ public:
     /// Where to write: the final name with the process's number and ".part" behind it.
     const std::filesystem::path& temporary() const { return partPath; }
     const std::filesystem::path& path() const { return finalPath; }
-    /// Gives the file its final name. Throws Failure when that fails, and the temporary file goes away.
+    /// Gives the file its final name. Throws OutputError when that fails, and the temporary file goes away.
     void complete();
 
 private:

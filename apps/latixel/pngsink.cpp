@@ -1,7 +1,7 @@
 // Frames as coloured PNG pictures.
 #include "apps/latixel/pngsink.h"
 
-#include "apps/latixel/exitcode.h"
+#include "apps/latixel/recorderror.h"
 
 #include <algorithm>
 #include <png.h>
@@ -64,7 +64,7 @@ void PngSink::writePicture(const Picture& picture, const std::filesystem::path& 
     static_assert(sizeof(Colour) == 3);
     const auto& colours = colormap(options.colours).colours;
     if (png_image_write_to_file(&image, file.temporary().c_str(), 0, indexes.data(), 0, colours.data()) == 0)
-        throw Failure(ExitCode::Output, "cannot write " + path.string() + ": " + image.message);
+        throw OutputError("cannot write " + path.string() + ": " + image.message);
     file.complete();
 }
 

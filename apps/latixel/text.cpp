@@ -3,10 +3,8 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <ostream>
 
 namespace tool {
@@ -22,19 +20,6 @@ std::string print(const char* format, Values... values)
 
 } // namespace
 
-std::string printable(const std::string& text)
-{
-    std::string clean = text;
-    std::replace_if(
-        clean.begin(), clean.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    return clean;
-}
-
-std::string fixed(double value, int digits)
-{
-    return print("%.*f", digits, value);
-}
-
 std::string duration(double seconds)
 {
     if (seconds < 9.995)
@@ -45,23 +30,6 @@ std::string duration(double seconds)
     if (whole < 3600)
         return print("%lld:%02lld min", whole / 60, whole % 60);
     return print("%lld:%02lld:%02lld h", whole / 3600, whole / 60 % 60, whole % 60);
-}
-
-std::string timeStamp()
-{
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    std::array<char, 40> day{};
-    std::array<char, 10> zone{};
-    std::strftime(day.data(), day.size(), "%Y-%m-%dT%H:%M:%S", &local);
-    std::strftime(zone.data(), zone.size(), "%z", &local);
-    const std::string offset = zone.data();
-    return print("%s.%03d%s:%s", day.data(), static_cast<int>(milliseconds), offset.substr(0, 3).c_str(),
-                 offset.substr(3).c_str());
 }
 
 void Table::print(std::ostream& out) const

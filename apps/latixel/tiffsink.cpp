@@ -1,8 +1,8 @@
 // Frames as the pages of one TIFF file.
 #include "apps/latixel/tiffsink.h"
 
-#include "apps/latixel/exitcode.h"
-#include "apps/latixel/text.h"
+#include "apps/latixel/plaintext.h"
+#include "apps/latixel/recorderror.h"
 
 #include <algorithm>
 #include <array>
@@ -134,8 +134,8 @@ void TiffSink::finish(const SeriesSummary&)
 
 void TiffSink::fail() const
 {
-    throw Failure(ExitCode::Output, "cannot write " + file.path().string() + ": " +
-                                        (lastWords.empty() ? "the disk may be full" : printable(lastWords)));
+    throw OutputError("cannot write " + file.path().string() + ": " +
+                      (lastWords.empty() ? "the disk may be full" : printable(lastWords)));
 }
 
 } // namespace tool

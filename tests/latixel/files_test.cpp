@@ -1,6 +1,6 @@
 // Files of frames: written, read back, and what is left of them when writing fails.
 #include "apps/latixel/pngsink.h"
-#include "tests/latixel/support.h"
+#include "tests/latixel/frames.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -10,10 +10,9 @@
 
 namespace {
 
-using support::codeOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using tool::ExitCode;
+using tool::OutputError;
 using tool::Picture;
 
 constexpr unsigned width = 512;
@@ -199,12 +198,10 @@ protected:
         sink->begin(seriesOf(1));
         return sink;
     }
-    static ExitCode writeAndFinish(tool::FrameSink& sink)
+    static void writeAndFinish(tool::FrameSink& sink)
     {
-        return codeOf([&] {
-            sink.write(frameOf(0));
-            sink.finish({});
-        });
+        sink.write(frameOf(0));
+        sink.finish({});
     }
 
     support::TempFolder folder;
@@ -224,23 +221,23 @@ TEST_P(OutputTest, NothingIsLeftOfWhatWasNotFinished)
     }
     EXPECT_THAT(folder.names(), IsEmpty());
     options.path = folder / "missing" / GetParam();
-    EXPECT_EQ(codeOf([&] { tool::makeSink(options); }), ExitCode::Output);
+    EXPECT_THROW(tool::makeSink(options), OutputError);
 }
 
 TEST_P(OutputTest, ExistingFilesAreReplacedOnlyOnRequest)
 {
     folder.write(GetParam(), "precious");
-    EXPECT_EQ(codeOf([&] { begun(); }), ExitCode::Output);
+    EXPECT_THROW(begun(), tool::OutputExists);
     EXPECT_EQ(folder.read(GetParam()), "precious");
     options.mayReplace = true;
-    EXPECT_EQ(writeAndFinish(*begun()), ExitCode::Success);
+    writeAndFinish(*begun());
     EXPECT_GT(std::filesystem::file_size(options.path), 100u);
 
     options.path = folder / (std::string("late_") + GetParam());
     options.mayReplace = false;
     const auto sink = begun();
     folder.write(options.path.filename(), "precious");
-    EXPECT_EQ(writeAndFinish(*sink), ExitCode::Output) << "it came into being meanwhile";
+    EXPECT_THROW(writeAndFinish(*sink), OutputError) << "it came into being meanwhile";
     EXPECT_EQ(folder.read(options.path.filename()), "precious");
 }
 
@@ -254,9 +251,8 @@ TEST_P(OutputTest, AFullDiskIsOneClearFailure)
         const auto sink = begun();
         const rlimit small{options.format == tool::OutputFormat::Png ? rlim_t{100} : rlim_t{100000}, former.rlim_max};
         setrlimit(RLIMIT_FSIZE, &small);
-        const auto code = writeAndFinish(*sink);
+        EXPECT_THROW(writeAndFinish(*sink), OutputError);
         setrlimit(RLIMIT_FSIZE, &former);
-        EXPECT_EQ(code, ExitCode::Output);
     }
     EXPECT_THAT(folder.names(), IsEmpty());
 }

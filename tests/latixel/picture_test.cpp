@@ -1,7 +1,7 @@
 // What a frame becomes before it is written: chips side by side, counters apart, contrast and colours.
 #include "apps/latixel/colormap.h"
 #include "apps/latixel/contrast.h"
-#include "tests/latixel/support.h"
+#include "tests/latixel/frames.h"
 
 #include <gmock/gmock.h>
 
