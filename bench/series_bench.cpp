@@ -9,7 +9,7 @@
 #include "plugin/latixel.h"
 #include "refhost/host.h"
 #include "refhost/plugin.h"
-#include "sim/latixelsim.h"
+#include "sim/usb/latixelsim.h"
 
 #include <nlohmann/json.hpp>
 

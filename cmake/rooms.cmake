@@ -7,9 +7,9 @@ target_compile_options(latixel_options INTERFACE -Wno-restrict -Wno-array-bounds
                                                  -Wno-stringop-overread -Wno-maybe-uninitialized)
 target_link_libraries(latixel_options INTERFACE Threads::Threads)
 
-# latixel_sources(VAR): all sources of the current folder.
+# latixel_sources(VAR): all sources of the current folder and those below it.
 function(latixel_sources var)
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   set(${var} ${sources} PARENT_SCOPE)
 endfunction()
 
@@ -29,7 +29,7 @@ endfunction()
 # tests/<name>. It links the named rooms of src/ alone, so that a room that reaches upwards does not link.
 function(latixel_test name)
   cmake_parse_arguments(ARG "" "" "ROOMS;LIBS" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
   if(NOT sources)
     return()
   endif()

@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-namespace tool {
+namespace record {
 
 /// The output cannot be written. `what()` is one line for people.
 class OutputError : public std::runtime_error {
@@ -23,4 +23,4 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-} // namespace tool
+} // namespace record

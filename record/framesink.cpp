@@ -1,15 +1,15 @@
 // Choosing a sink.
-#include "apps/latixel/framesink.h"
+#include "record/framesink.h"
 
-#include "apps/latixel/hdf5sink.h"
-#include "apps/latixel/nonesink.h"
-#include "apps/latixel/pngsink.h"
-#include "apps/latixel/tiffsink.h"
+#include "record/hdf5sink.h"
+#include "record/nonesink.h"
+#include "record/pngsink.h"
+#include "record/tiffsink.h"
 
 #include <algorithm>
 #include <cctype>
 
-namespace tool {
+namespace record {
 
 std::optional<OutputFormat> formatOf(const std::filesystem::path& path)
 {
@@ -40,4 +40,4 @@ std::unique_ptr<FrameSink> makeSink(const OutputOptions& options)
     return std::make_unique<NoneSink>();
 }
 
-} // namespace tool
+} // namespace record

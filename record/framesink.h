@@ -1,9 +1,9 @@
 // Where the frames of a series go.
 #pragma once
 
-#include "apps/latixel/colormap.h"
-#include "apps/latixel/contrast.h"
-#include "apps/latixel/layout.h"
+#include "record/picture/colormap.h"
+#include "record/picture/contrast.h"
+#include "record/picture/layout.h"
 #include "refhost/frame.h"
 
 #include <filesystem>
@@ -13,7 +13,7 @@
 #include <variant>
 #include <vector>
 
-namespace tool {
+namespace record {
 
 /// One setting of the device at the start of a series.
 struct Setting {
@@ -91,4 +91,4 @@ std::optional<OutputFormat> formatOf(const std::filesystem::path& path);
 /// The sink of the format. Throws OutputError when the place cannot be written.
 std::unique_ptr<FrameSink> makeSink(const OutputOptions& options);
 
-} // namespace tool
+} // namespace record

@@ -1,11 +1,11 @@
 // The thread that writes frames.
-#include "apps/latixel/framewriter.h"
+#include "record/framewriter.h"
 
-#include "apps/latixel/recorderror.h"
+#include "record/error.h"
 
 #include <chrono>
 
-namespace tool {
+namespace record {
 namespace {
 
 std::size_t bytesOf(const refhost::SeriesFrame& frame)
@@ -104,4 +104,4 @@ double FrameWriter::held() const
     return heldSeconds;
 }
 
-} // namespace tool
+} // namespace record

@@ -1,7 +1,7 @@
 // The thread that writes frames, so that a series need not wait for the disk.
 #pragma once
 
-#include "apps/latixel/framesink.h"
+#include "record/framesink.h"
 #include "refhost/series.h"
 
 #include <atomic>
@@ -11,7 +11,7 @@
 #include <mutex>
 #include <thread>
 
-namespace tool {
+namespace record {
 
 /// A queue with an end. Frames wait in it up to a given number of bytes, two of them in any case; a full queue makes
 /// the device's thread wait, which holds the series up but loses no frame that the device can hold back.
@@ -55,4 +55,4 @@ private:
     std::thread thread; // last: it uses all of the above
 };
 
-} // namespace tool
+} // namespace record

@@ -1,10 +1,10 @@
 // A thin layer over HDF5's C functions.
-#include "apps/latixel/h5.h"
+#include "record/h5.h"
 
 #include <algorithm>
 #include <limits>
 
-namespace tool::h5 {
+namespace record::h5 {
 namespace {
 
 /// Takes the reason out of "... error message = 'No space left on device', ..." where there is one.
@@ -214,4 +214,4 @@ void Growing::put(hsize_t position, const void* data, hid_t memoryType)
     check(H5Dwrite(dataset, memoryType, source, target, H5P_DEFAULT, data));
 }
 
-} // namespace tool::h5
+} // namespace record::h5

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-namespace tool::h5 {
+namespace record::h5 {
 
 /// HDF5 refused; `what()` is its innermost reason.
 class Error : public std::runtime_error {
@@ -87,4 +87,4 @@ private:
     std::vector<hsize_t> extent;
 };
 
-} // namespace tool::h5
+} // namespace record::h5

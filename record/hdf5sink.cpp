@@ -1,12 +1,12 @@
 // Frames in an HDF5 file with the NeXus layout.
-#include "apps/latixel/hdf5sink.h"
+#include "record/hdf5sink.h"
 
-#include "apps/latixel/plaintext.h"
-#include "apps/latixel/recorderror.h"
+#include "record/error.h"
+#include "record/text.h"
 
 #include <numeric>
 
-namespace tool {
+namespace record {
 namespace {
 
 constexpr hsize_t smallChunk = 256; // records in a chunk of single numbers
@@ -181,4 +181,4 @@ void Hdf5Sink::closeObjects()
         handle->reset();
 }
 
-} // namespace tool
+} // namespace record

@@ -1,13 +1,13 @@
 // Frames in an HDF5 file with the NeXus layout.
 #pragma once
 
-#include "apps/latixel/framesink.h"
-#include "apps/latixel/h5.h"
-#include "apps/latixel/outputfile.h"
+#include "record/framesink.h"
+#include "record/h5.h"
+#include "record/outputfile.h"
 
 #include <map>
 
-namespace tool {
+namespace record {
 
 /// The file opens with the frames as its default plot:
 ///
@@ -63,4 +63,4 @@ private:
     hsize_t written = 0;
 };
 
-} // namespace tool
+} // namespace record

@@ -1,9 +1,9 @@
 // Frames that are taken and not kept.
 #pragma once
 
-#include "apps/latixel/framesink.h"
+#include "record/framesink.h"
 
-namespace tool {
+namespace record {
 
 class NoneSink final : public FrameSink {
 public:
@@ -13,4 +13,4 @@ public:
     std::string place() const override { return "nowhere"; }
 };
 
-} // namespace tool
+} // namespace record

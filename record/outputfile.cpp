@@ -1,14 +1,14 @@
 // A file that has its final name only once it is complete.
-#include "apps/latixel/outputfile.h"
+#include "record/outputfile.h"
 
-#include "apps/latixel/recorderror.h"
+#include "record/error.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace tool {
+namespace record {
 namespace {
 
 OutputError cannotWrite(const std::filesystem::path& path, int error)
@@ -55,4 +55,4 @@ void OutputFile::complete()
     completed = true;
 }
 
-} // namespace tool
+} // namespace record

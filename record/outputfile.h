@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-namespace tool {
+namespace record {
 
 /// Makes a temporary file beside the final one at once, so that a place that cannot be written shows before any work
 /// is done. Without `complete` the end removes it.
@@ -29,4 +29,4 @@ private:
     bool completed = false;
 };
 
-} // namespace tool
+} // namespace record

@@ -1,12 +1,12 @@
 // Frames as coloured PNG pictures.
-#include "apps/latixel/pngsink.h"
+#include "record/pngsink.h"
 
-#include "apps/latixel/recorderror.h"
+#include "record/error.h"
 
 #include <algorithm>
 #include <png.h>
 
-namespace tool {
+namespace record {
 namespace {
 
 struct Free {
@@ -76,4 +76,4 @@ std::string PngSink::place() const
            (frames > 1 || picturesPerFrame > 1 ? " and following" : "");
 }
 
-} // namespace tool
+} // namespace record

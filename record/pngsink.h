@@ -1,10 +1,10 @@
 // Frames as coloured PNG pictures, one file for each picture.
 #pragma once
 
-#include "apps/latixel/framesink.h"
-#include "apps/latixel/outputfile.h"
+#include "record/framesink.h"
+#include "record/outputfile.h"
 
-namespace tool {
+namespace record {
 
 /// A series of one picture has the name that was given. Otherwise the number of the frame, from 0 and with at least
 /// four digits, stands before the extension, and with two counters the counter behind it: name_0007_c1.png. Each file
@@ -32,4 +32,4 @@ private:
     std::size_t written = 0;
 };
 
-} // namespace tool
+} // namespace record

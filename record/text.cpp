@@ -1,5 +1,5 @@
 // Texts for people and files: numbers, times, and what came from outside.
-#include "apps/latixel/plaintext.h"
+#include "record/text.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
-namespace tool {
+namespace record {
 
 std::string printable(const std::string& text)
 {
@@ -42,4 +42,4 @@ std::string timeStamp()
     return std::string(day.data()) + fraction.data() + offset.substr(0, 3) + ":" + offset.substr(3);
 }
 
-} // namespace tool
+} // namespace record

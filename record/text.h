@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace tool {
+namespace record {
 
 /// The text with each control character replaced by "?": what comes from a board or a file may hold anything.
 std::string printable(const std::string& text);
@@ -14,4 +14,4 @@ std::string fixed(double value, int digits);
 /// The present time as ISO 8601 with the zone's offset and milliseconds.
 std::string timeStamp();
 
-} // namespace tool
+} // namespace record

@@ -1,8 +1,8 @@
 // Frames as the pages of one TIFF file.
-#include "apps/latixel/tiffsink.h"
+#include "record/tiffsink.h"
 
-#include "apps/latixel/plaintext.h"
-#include "apps/latixel/recorderror.h"
+#include "record/error.h"
+#include "record/text.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-namespace tool {
+namespace record {
 namespace {
 
 using Json = nlohmann::json;
@@ -138,4 +138,4 @@ void TiffSink::fail() const
                       (lastWords.empty() ? "the disk may be full" : printable(lastWords)));
 }
 
-} // namespace tool
+} // namespace record

@@ -1,13 +1,13 @@
 // Frames as the pages of one TIFF file.
 #pragma once
 
-#include "apps/latixel/framesink.h"
-#include "apps/latixel/outputfile.h"
+#include "record/framesink.h"
+#include "record/outputfile.h"
 
 #include <memory>
 #include <tiffio.h>
 
-namespace tool {
+namespace record {
 
 /// Each picture is a page of unsigned counts, 32 bits for Medipix3 and 16 bits for Medipix2 and Timepix; with two
 /// counters the pages of a frame follow each other, the low counter first. A page's description is a JSON object with
@@ -38,4 +38,4 @@ private:
     bool firstPage = true;
 };
 
-} // namespace tool
+} // namespace record

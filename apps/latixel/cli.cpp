@@ -1,7 +1,7 @@
 // The command line: global options, subcommands, help, and failures in one line.
-#include "apps/latixel/commands.h"
-#include "apps/latixel/recorderror.h"
+#include "apps/latixel/commands/commands.h"
 #include "apps/latixel/text.h"
+#include "record/error.h"
 #include "refhost/error.h"
 
 #include <CLI/Config.hpp>
@@ -54,12 +54,12 @@ ExitCode guarded(const Run& run)
         return run();
     } catch (const Failure& failure) {
         return fail(failure.what(), failure.code);
-    } catch (const OutputExists& error) {
+    } catch (const record::OutputExists& error) {
         const std::string advice = ": choose another name, or replace it with --overwrite";
         return fail((error.what() + advice).c_str(), ExitCode::Output);
-    } catch (const OutputError& error) {
+    } catch (const record::OutputError& error) {
         return fail(error.what(), ExitCode::Output);
-    } catch (const FrameError& error) {
+    } catch (const record::FrameError& error) {
         return fail(error.what(), ExitCode::Device);
     } catch (const refhost::Error& error) {
         return fail(error.what(), ExitCode::Device);

@@ -13,9 +13,9 @@ namespace {
 constexpr std::size_t largestAtHand = 10; // bytes
 constexpr std::size_t bulkItems = 11;     // reading a parameter of so many items makes the plug-in read the flash
 
-Setting settingOf(refhost::Param& param)
+record::Setting settingOf(refhost::Param& param)
 {
-    Setting setting{param.name(), printable(param.description()), {}};
+    record::Setting setting{param.name(), printable(param.description()), {}};
     const bool isText = param.type() == refhost::DataType::Text || param.type() == refhost::DataType::Char;
     if (isText) {
         setting.value = printable(param.getString());
@@ -28,17 +28,17 @@ Setting settingOf(refhost::Param& param)
     return setting;
 }
 
-SettingGroup groupOf(const std::string& name, const std::vector<refhost::Param*>& params)
+record::SettingGroup groupOf(const std::string& name, const std::vector<refhost::Param*>& params)
 {
-    SettingGroup group{name, {}};
+    record::SettingGroup group{name, {}};
     for (refhost::Param* param : params)
         group.settings.push_back(settingOf(*param));
     return group;
 }
 
-SettingGroup configuration(const refhost::Device& device)
+record::SettingGroup configuration(const refhost::Device& device)
 {
-    SettingGroup group{"configuration", {}};
+    record::SettingGroup group{"configuration", {}};
     const auto add = [&group](const char* name, const char* description, double value) {
         group.settings.push_back({name, description, value});
     };
@@ -63,7 +63,7 @@ SettingGroup configuration(const refhost::Device& device)
     return group;
 }
 
-SettingGroup bias(const refhost::Device& device)
+record::SettingGroup bias(const refhost::Device& device)
 {
     const auto limits = device.mpxInfo();
     const auto reading = device.bias();
@@ -124,9 +124,9 @@ void loadFlash(const refhost::Device& device)
         }
 }
 
-SeriesInfo describe(const refhost::Device& device)
+record::SeriesInfo describe(const refhost::Device& device)
 {
-    SeriesInfo info;
+    record::SeriesInfo info;
     info.device = printable(device.name());
     info.serial = std::to_string(device.info().serialNumber);
     info.firmware = firmware(device);

@@ -1,7 +1,7 @@
 // What a file tells of the device that took its frames.
 #pragma once
 
-#include "apps/latixel/framesink.h"
+#include "record/framesink.h"
 #include "refhost/device.h"
 
 namespace tool {
@@ -24,6 +24,6 @@ void loadFlash(const refhost::Device& device);
 
 /// The device and its settings: its parameters, its configuration, and the small values
 /// of its flash. Reads the device, so it is for before a series.
-SeriesInfo describe(const refhost::Device& device);
+record::SeriesInfo describe(const refhost::Device& device);
 
 } // namespace tool

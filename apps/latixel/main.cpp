@@ -1,5 +1,5 @@
 // latixel: the command line tool for Latixel detectors.
-#include "apps/latixel/commands.h"
+#include "apps/latixel/commands/commands.h"
 
 int main(int argc, char** argv)
 {

@@ -1,13 +1,17 @@
 // Small helpers for what the tool prints.
 #pragma once
 
-#include "apps/latixel/plaintext.h"
+#include "record/text.h"
 
 #include <iosfwd>
 #include <string>
 #include <vector>
 
 namespace tool {
+
+using record::fixed;
+using record::printable;
+using record::timeStamp;
 
 /// A duration for people: "0.85 s", "42 s", "3:07 min", "2:05:00 h".
 std::string duration(double seconds);

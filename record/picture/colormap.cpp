@@ -1,9 +1,9 @@
 // Colour tables, computed at compile time from polynomials that follow the well-known maps.
-#include "apps/latixel/colormap.h"
+#include "record/picture/colormap.h"
 
 #include <span>
 
-namespace tool {
+namespace record {
 namespace {
 
 using Rgb = std::array<double, 3>;
@@ -67,4 +67,4 @@ const Colormap& colormap(ColormapName name)
     return viridis;
 }
 
-} // namespace tool
+} // namespace record

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tool {
+namespace record {
 
 struct Colour {
     std::uint8_t red = 0;
@@ -27,4 +27,4 @@ struct Colormap {
 /// The table of that name.
 const Colormap& colormap(ColormapName name);
 
-} // namespace tool
+} // namespace record

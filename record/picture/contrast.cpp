@@ -1,13 +1,13 @@
 // Which counts a picture shows as dark and as bright.
-#include "apps/latixel/contrast.h"
+#include "record/picture/contrast.h"
 
-#include "apps/latixel/colormap.h"
+#include "record/picture/colormap.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 
-namespace tool {
+namespace record {
 namespace {
 
 constexpr double darkShare = 0.01;
@@ -69,4 +69,4 @@ std::vector<std::uint8_t> colourIndexes(const Picture& picture, ContrastRange ra
     return indexes;
 }
 
-} // namespace tool
+} // namespace record

@@ -1,12 +1,12 @@
 // Which counts a picture shows as dark and as bright.
 #pragma once
 
-#include "apps/latixel/layout.h"
+#include "record/picture/layout.h"
 
 #include <optional>
 #include <string>
 
-namespace tool {
+namespace record {
 
 /// Counts up to `low` have the first colour, counts from `high` the last one. `low` is below `high`.
 struct ContrastRange {
@@ -24,4 +24,4 @@ std::optional<ContrastRange> parseRange(const std::string& text);
 /// The index of each pixel in a colour map.
 std::vector<std::uint8_t> colourIndexes(const Picture& picture, ContrastRange range);
 
-} // namespace tool
+} // namespace record

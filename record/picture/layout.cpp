@@ -1,10 +1,10 @@
 // Chips side by side.
-#include "apps/latixel/layout.h"
+#include "record/picture/layout.h"
 
 #include <charconv>
 #include <cstring>
 
-namespace tool {
+namespace record {
 namespace {
 
 constexpr unsigned chipSide = 256;
@@ -116,4 +116,4 @@ Picture PictureMaker::lay(std::span<const unsigned char> bytes, Count count) con
     return picture;
 }
 
-} // namespace tool
+} // namespace record

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace record {
 
 /// A picture of counts, row by row from the top. Every device's counts fit, and so does the mark of a bad pixel.
 struct Picture {
@@ -61,4 +61,4 @@ private:
     const Counting counting;
 };
 
-} // namespace tool
+} // namespace record

@@ -1,5 +1,5 @@
 // The analog side of an interface board.
-#include "sim/analog.h"
+#include "sim/boards/analog.h"
 
 #include "sim/jsonkeys.h"
 

@@ -1,7 +1,7 @@
 // The analog side of an interface board: bias supply with its DAC, and the ADC with what its channels measure.
 #pragma once
 
-#include "sim/spi.h"
+#include "sim/wire/spi.h"
 
 #include <array>
 #include <functional>

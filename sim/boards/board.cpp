@@ -1,5 +1,5 @@
 // What all virtual boards share: the output towards the FTDI chip, and the list of violations.
-#include "sim/board.h"
+#include "sim/boards/board.h"
 
 #include <nlohmann/json.hpp>
 

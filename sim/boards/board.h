@@ -3,8 +3,8 @@
 #pragma once
 
 #include "sim/api.h"
-#include "sim/bytequeue.h"
 #include "sim/types.h"
+#include "sim/wire/bytequeue.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,5 @@
 // The small CPU of an interface board.
-#include "sim/boardcpu.h"
+#include "sim/boards/boardcpu.h"
 
 #include "sim/jsonkeys.h"
 

@@ -1,7 +1,7 @@
 // The small CPU of an interface board: status, named values, and commands for power and temperature.
 #pragma once
 
-#include "sim/spi.h"
+#include "sim/wire/spi.h"
 
 #include <functional>
 #include <nlohmann/json_fwd.hpp>

@@ -1,5 +1,5 @@
 // The SPI flash of an interface board.
-#include "sim/flash.h"
+#include "sim/boards/flash.h"
 
 #include "sim/jsonkeys.h"
 

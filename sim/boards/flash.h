@@ -1,7 +1,7 @@
 // The SPI flash of an interface board, and the parameter store that it holds.
 #pragma once
 
-#include "sim/spi.h"
+#include "sim/wire/spi.h"
 
 #include <nlohmann/json_fwd.hpp>
 

@@ -1,5 +1,5 @@
 // What the readout boards of the newer generations have in common.
-#include "sim/interfaceboard.h"
+#include "sim/boards/interfaceboard.h"
 
 #include "sim/jsonkeys.h"
 

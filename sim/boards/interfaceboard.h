@@ -17,11 +17,11 @@
 //   {"kind": "hang"}                                    takes and sends nothing until the host resets the bit mode
 #pragma once
 
-#include "sim/analog.h"
-#include "sim/board.h"
-#include "sim/boardcpu.h"
-#include "sim/flash.h"
-#include "sim/frames.h"
+#include "sim/boards/analog.h"
+#include "sim/boards/board.h"
+#include "sim/boards/boardcpu.h"
+#include "sim/boards/flash.h"
+#include "sim/wire/frames.h"
 
 #include <nlohmann/json.hpp>
 

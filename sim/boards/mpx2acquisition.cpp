@@ -1,5 +1,5 @@
 // What the firmware of all boards with Medipix2 or Timepix chips does alike: taking frames.
-#include "sim/mpx2firmware.h"
+#include "sim/boards/mpx2firmware.h"
 
 #include <algorithm>
 

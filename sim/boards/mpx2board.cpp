@@ -1,5 +1,5 @@
 // The Medipix2 and Timepix readout board: making it, its faults, and its table of commands.
-#include "sim/mpx2board.h"
+#include "sim/boards/mpx2board.h"
 
 #include "sim/jsonkeys.h"
 

@@ -11,7 +11,7 @@
 //   {"kind": "chip_missing", "module": m, "position": p}               its neighbours are joined
 #pragma once
 
-#include "sim/mpx2firmware.h"
+#include "sim/boards/mpx2firmware.h"
 
 namespace sim {
 

@@ -1,5 +1,5 @@
 // One module of a Medipix2 or Timepix board.
-#include "sim/mpx2chain.h"
+#include "sim/boards/mpx2chain.h"
 
 #include <algorithm>
 

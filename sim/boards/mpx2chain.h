@@ -1,9 +1,9 @@
 // One module of a Medipix2 or Timepix board: chips that pass their data on from one to the next, and their data line.
 #pragma once
 
-#include "sim/frames.h"
-#include "sim/lanes.h"
-#include "sim/mpx2chip.h"
+#include "sim/chips/mpx2chip.h"
+#include "sim/wire/frames.h"
+#include "sim/wire/lanes.h"
 
 #include <memory>
 

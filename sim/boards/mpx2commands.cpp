@@ -1,5 +1,5 @@
 // The Medipix2 and Timepix readout board: what its own commands do.
-#include "sim/mpx2board.h"
+#include "sim/boards/mpx2board.h"
 
 #include <algorithm>
 

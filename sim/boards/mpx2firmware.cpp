@@ -1,6 +1,6 @@
 // What the firmware of all boards with Medipix2 or Timepix chips does alike: its table of commands, what those for the
 // chips do, and faults.
-#include "sim/mpx2firmware.h"
+#include "sim/boards/mpx2firmware.h"
 
 #include "sim/jsonkeys.h"
 

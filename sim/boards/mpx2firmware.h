@@ -12,10 +12,10 @@
 //   {"kind": "tail_out_of_step", "bytes": 64, "readouts": n}           more data come before the closing packet
 #pragma once
 
-#include "sim/framepace.h"
-#include "sim/interfaceboard.h"
-#include "sim/mpx2pins.h"
-#include "sim/mpx2readout.h"
+#include "sim/boards/interfaceboard.h"
+#include "sim/boards/mpx2readout.h"
+#include "sim/wire/framepace.h"
+#include "sim/wire/mpx2pins.h"
 
 namespace sim {
 

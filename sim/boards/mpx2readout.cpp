@@ -1,5 +1,5 @@
 // What a Medipix2 or Timepix board sends when its matrix is read.
-#include "sim/mpx2readout.h"
+#include "sim/boards/mpx2readout.h"
 
 namespace sim {
 

@@ -32,7 +32,7 @@
 // on a board that has it in its multiplexer, and then what comes out of the chips.
 #pragma once
 
-#include "sim/mpx2chain.h"
+#include "sim/boards/mpx2chain.h"
 
 namespace sim {
 

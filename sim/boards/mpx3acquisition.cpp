@@ -1,5 +1,5 @@
 // The Medipix3 readout board: taking frames and reading the chips out.
-#include "sim/mpx3board.h"
+#include "sim/boards/mpx3board.h"
 
 #include <algorithm>
 

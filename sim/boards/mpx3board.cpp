@@ -1,5 +1,5 @@
 // The Medipix3 readout board: making it, its faults, and its way from bytes to commands.
-#include "sim/mpx3board.h"
+#include "sim/boards/mpx3board.h"
 
 #include "sim/jsonkeys.h"
 

@@ -11,9 +11,9 @@
 //   {"kind": "chip_missing", "channel": c, "position": 0 or 1}
 #pragma once
 
-#include "sim/framepace.h"
-#include "sim/interfaceboard.h"
-#include "sim/mpx3readout.h"
+#include "sim/boards/interfaceboard.h"
+#include "sim/boards/mpx3readout.h"
+#include "sim/wire/framepace.h"
 
 namespace sim {
 

@@ -1,5 +1,5 @@
 // One channel of a Medipix3 board.
-#include "sim/mpx3chain.h"
+#include "sim/boards/mpx3chain.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // One channel of a Medipix3 board: the chips that hang on it one after the other, and the data line that they share.
 #pragma once
 
-#include "sim/frames.h"
-#include "sim/mpx3chip.h"
+#include "sim/chips/mpx3chip.h"
+#include "sim/wire/frames.h"
 
 #include <memory>
 

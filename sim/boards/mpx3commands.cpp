@@ -1,5 +1,5 @@
 // The Medipix3 readout board: what each command that is no acquisition does.
-#include "sim/mpx3board.h"
+#include "sim/boards/mpx3board.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,5 +1,5 @@
 // What a Medipix3 board sends for a readout.
-#include "sim/mpx3readout.h"
+#include "sim/boards/mpx3readout.h"
 
 #include <algorithm>
 

@@ -20,7 +20,7 @@
 // readout.
 #pragma once
 
-#include "sim/mpx3chain.h"
+#include "sim/boards/mpx3chain.h"
 
 namespace sim {
 

@@ -1,5 +1,5 @@
 // The readout boards of the old generation: making them, the link, and faults.
-#include "sim/oldboard.h"
+#include "sim/boards/oldboard.h"
 
 #include "sim/jsonkeys.h"
 

@@ -53,10 +53,10 @@
 //   {"kind": "stuck_line", "module": m, "level": 0 or 1}
 #pragma once
 
-#include "sim/board.h"
-#include "sim/mpx2readout.h"
-#include "sim/oldframes.h"
-#include "sim/shutter.h"
+#include "sim/boards/board.h"
+#include "sim/boards/mpx2readout.h"
+#include "sim/wire/oldframes.h"
+#include "sim/world/shutter.h"
 
 #include <deque>
 #include <nlohmann/json.hpp>

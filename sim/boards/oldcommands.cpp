@@ -1,5 +1,5 @@
 // The readout boards of the old generation: the table of commands, and what they do.
-#include "sim/oldboard.h"
+#include "sim/boards/oldboard.h"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
 // The row board.
-#include "sim/rowboard.h"
+#include "sim/boards/rowboard.h"
 
 #include "sim/jsonkeys.h"
 

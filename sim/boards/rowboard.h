@@ -14,7 +14,7 @@
 //   {"kind": "chip_missing", "channel": c}               nothing drives its line
 #pragma once
 
-#include "sim/mpx2firmware.h"
+#include "sim/boards/mpx2firmware.h"
 
 namespace sim {
 

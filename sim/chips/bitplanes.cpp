@@ -1,5 +1,5 @@
 // Rows of pixels as bit planes.
-#include "sim/bitplanes.h"
+#include "sim/chips/bitplanes.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,5 +1,5 @@
 // What all readout chips have in common.
-#include "sim/chip.h"
+#include "sim/chips/chip.h"
 
 #include <charconv>
 #include <optional>

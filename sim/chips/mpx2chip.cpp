@@ -1,8 +1,8 @@
 // One Medipix2 or Timepix chip.
-#include "sim/mpx2chip.h"
+#include "sim/chips/mpx2chip.h"
 
-#include "sim/bitplanes.h"
-#include "sim/mpx2counters.h"
+#include "sim/chips/bitplanes.h"
+#include "sim/chips/mpx2counters.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,9 +1,9 @@
 // One Medipix2 (MXR) or Timepix chip: DAC register, fuses and pixels, and what its pixels count of the scene.
 #pragma once
 
-#include "sim/chip.h"
-#include "sim/noise.h"
-#include "sim/rowmotion.h"
+#include "sim/chips/chip.h"
+#include "sim/world/noise.h"
+#include "sim/world/rowmotion.h"
 
 #include <array>
 #include <optional>

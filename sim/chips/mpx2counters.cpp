@@ -1,5 +1,5 @@
 // Counting code of the Medipix2 and Timepix pixels.
-#include "sim/mpx2counters.h"
+#include "sim/chips/mpx2counters.h"
 
 #include <array>
 

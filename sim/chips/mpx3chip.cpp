@@ -1,9 +1,9 @@
 // One Medipix3 chip.
-#include "sim/mpx3chip.h"
+#include "sim/chips/mpx3chip.h"
 
-#include "sim/bitplanes.h"
-#include "sim/mpx3counters.h"
-#include "sim/rowmotion.h"
+#include "sim/chips/bitplanes.h"
+#include "sim/chips/mpx3counters.h"
+#include "sim/world/rowmotion.h"
 
 #include <algorithm>
 #include <functional>

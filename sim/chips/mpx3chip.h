@@ -1,11 +1,11 @@
 // One Medipix3 chip: registers, DACs, fuses and pixels, and what its pixels count of the scene.
 #pragma once
 
-#include "sim/chip.h"
-#include "sim/mpx3omr.h"
-#include "sim/mpx3pixels.h"
-#include "sim/noise.h"
-#include "sim/scene.h"
+#include "sim/chips/chip.h"
+#include "sim/chips/mpx3omr.h"
+#include "sim/chips/mpx3pixels.h"
+#include "sim/world/noise.h"
+#include "sim/world/scene.h"
 
 #include <array>
 #include <optional>

@@ -1,5 +1,5 @@
 // Counting code of the Medipix3 pixels.
-#include "sim/mpx3counters.h"
+#include "sim/chips/mpx3counters.h"
 
 #include <array>
 #include <bit>

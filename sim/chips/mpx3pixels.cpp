@@ -1,8 +1,8 @@
 // The pixel matrix of a Medipix3 chip.
-#include "sim/mpx3pixels.h"
+#include "sim/chips/mpx3pixels.h"
 
-#include "sim/bitplanes.h"
-#include "sim/mpx3counters.h"
+#include "sim/chips/bitplanes.h"
+#include "sim/chips/mpx3counters.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 // that carry bit planes in and out.
 #pragma once
 
-#include "sim/mpx3omr.h"
+#include "sim/chips/mpx3omr.h"
 
 #include <array>
 #include <cstdint>

@@ -1,13 +1,13 @@
 // Loads benches: finds the file, makes the boards of each kind, and puts them on the bus.
-#include "sim/bench.h"
+#include "sim/usb/bench.h"
 
-#include "sim/bus.h"
+#include "sim/boards/mpx2board.h"
+#include "sim/boards/mpx3board.h"
+#include "sim/boards/oldboard.h"
+#include "sim/boards/rowboard.h"
 #include "sim/jsonkeys.h"
-#include "sim/latixelsim.h"
-#include "sim/mpx2board.h"
-#include "sim/mpx3board.h"
-#include "sim/oldboard.h"
-#include "sim/rowboard.h"
+#include "sim/usb/bus.h"
+#include "sim/usb/latixelsim.h"
 
 #include <charconv>
 #include <cstdio>

@@ -5,11 +5,11 @@
 //    ... keys for all boards, as "scene"}
 // Needed are "kind" and "description". The first board is the newest on the bus, and so the first that is listed.
 // A "rate_mb_s" of 0, or none, lets the link run as fast as memory. "latency_ms" is what an idle read waits whatever
-// latency timer the host sets; without it, the host's setting counts. Faults are told in sim/faults.h. Comments are
+// latency timer the host sets; without it, the host's setting counts. Faults are told in sim/usb/faults.h. Comments are
 // allowed.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/boards/board.h"
 
 #include <filesystem>
 #include <functional>

@@ -1,5 +1,5 @@
 // The virtual FTDI chip. Results are those that libusb and libftdi give for the same trouble on a real one.
-#include "sim/bridge.h"
+#include "sim/usb/bridge.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,7 +1,7 @@
 // One virtual FTDI chip with its board: plugging, bit mode, latency, pace, and the transfers of one session.
 #pragma once
 
-#include "sim/faults.h"
+#include "sim/usb/faults.h"
 
 #include <cstdint>
 #include <memory>

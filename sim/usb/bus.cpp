@@ -1,5 +1,5 @@
 // The virtual USB bus.
-#include "sim/bus.h"
+#include "sim/usb/bus.h"
 
 #include <functional>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 // The virtual USB bus: the bridges in bench order, and what the host holds open on it.
 #pragma once
 
-#include "sim/bridge.h"
+#include "sim/usb/bridge.h"
 
 #include <algorithm>
 #include <memory>

@@ -1,5 +1,5 @@
 // The kinds of faults, their moments, and the layer that applies them.
-#include "sim/faults.h"
+#include "sim/usb/faults.h"
 
 #include "sim/jsonkeys.h"
 

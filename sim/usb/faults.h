@@ -16,7 +16,7 @@
 // Every other kind is one of the board's own.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/boards/board.h"
 
 #include <cstdint>
 #include <memory>

@@ -5,8 +5,8 @@
 #include <ftdi.h>
 #pragma GCC visibility pop
 
-#include "sim/bench.h"
-#include "sim/bus.h"
+#include "sim/usb/bench.h"
+#include "sim/usb/bus.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,8 +1,8 @@
 // The control side of the virtual bus, for tests and the tool.
-#include "sim/latixelsim.h"
+#include "sim/usb/latixelsim.h"
 
-#include "sim/bench.h"
-#include "sim/bus.h"
+#include "sim/usb/bench.h"
+#include "sim/usb/bus.h"
 
 #include <exception>
 #include <nlohmann/json.hpp>

@@ -2,7 +2,7 @@
 // place of libftdi; the tool loads it before the plug-in and calls the two C functions.
 #pragma once
 
-#include "sim/board.h"
+#include "sim/boards/board.h"
 
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
@@ -34,7 +34,7 @@ LATIXELSIM_API void clearTraffic();
 /// Violations of all boards since the bench was loaded.
 LATIXELSIM_API std::vector<Violation> violations();
 
-/// Adds a fault to a board, as it stands in the "faults" list of a bench (see sim/faults.h). Its plan counts from now.
+/// Adds a fault to a board, as it stands in the "faults" list of a bench (see sim/usb/faults.h). Its plan counts from now.
 /// Throws std::runtime_error with a text for people for an unknown kind or a bad value.
 LATIXELSIM_API void addFault(std::size_t board, const nlohmann::json& fault);
 /// Ends all faults of a board that still act, and forgets those that wait.

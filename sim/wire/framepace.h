@@ -5,7 +5,7 @@
 #pragma once
 
 #include "sim/jsonkeys.h"
-#include "sim/triggerinput.h"
+#include "sim/world/triggerinput.h"
 
 #include <utility>
 

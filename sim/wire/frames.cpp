@@ -1,5 +1,5 @@
 // The 9-byte command frames, taken out of a byte stream.
-#include "sim/frames.h"
+#include "sim/wire/frames.h"
 
 #include <algorithm>
 

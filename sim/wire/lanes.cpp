@@ -1,5 +1,5 @@
 // Data lanes that a readout board takes together.
-#include "sim/lanes.h"
+#include "sim/wire/lanes.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 // The 6-byte checked frames of the old boards.
-#include "sim/oldframes.h"
+#include "sim/wire/oldframes.h"
 
 #include <algorithm>
 

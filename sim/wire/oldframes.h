@@ -2,7 +2,7 @@
 // 55, the command, three parameters, and the exclusive or of the four.
 #pragma once
 
-#include "sim/frames.h"
+#include "sim/wire/frames.h"
 
 #include <optional>
 

@@ -1,5 +1,5 @@
 // The SPI peripheral of an interface board.
-#include "sim/spi.h"
+#include "sim/wire/spi.h"
 
 namespace sim {
 

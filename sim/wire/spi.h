@@ -1,7 +1,7 @@
 // The SPI peripheral of an interface board: chip select, clock settings, and exchanges with the slaves behind it.
 #pragma once
 
-#include "sim/frames.h"
+#include "sim/wire/frames.h"
 
 #include <map>
 #include <optional>

@@ -1,5 +1,5 @@
 // Random counts.
-#include "sim/noise.h"
+#include "sim/world/noise.h"
 
 #include <array>
 #include <cmath>

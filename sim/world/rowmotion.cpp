@@ -1,5 +1,5 @@
 // Pictures that move over a chip whose rows are read while the shutter stays open.
-#include "sim/rowmotion.h"
+#include "sim/world/rowmotion.h"
 
 #include <algorithm>
 #include <array>

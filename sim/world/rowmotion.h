@@ -1,7 +1,7 @@
 // Pictures that move over a chip whose rows are read while the shutter stays open: time-delayed integration.
 #pragma once
 
-#include "sim/scene.h"
+#include "sim/world/scene.h"
 
 namespace sim {
 

@@ -1,5 +1,5 @@
 // The picture behind the sensor.
-#include "sim/scene.h"
+#include "sim/world/scene.h"
 
 #include "sim/jsonkeys.h"
 

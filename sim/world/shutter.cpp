@@ -1,5 +1,5 @@
 // The shutter of a readout board.
-#include "sim/shutter.h"
+#include "sim/world/shutter.h"
 
 #include <algorithm>
 #include <utility>

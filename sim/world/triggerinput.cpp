@@ -1,5 +1,5 @@
 // The trigger input of a readout board.
-#include "sim/triggerinput.h"
+#include "sim/world/triggerinput.h"
 
 #include "sim/jsonkeys.h"
 

@@ -5,8 +5,8 @@
 //   "trigger_line"  name of a line that boards of one bench share: the trigger master drives it, the others listen
 #pragma once
 
-#include "sim/shutter.h"
-#include "sim/triggerline.h"
+#include "sim/world/shutter.h"
+#include "sim/world/triggerline.h"
 
 #include <nlohmann/json_fwd.hpp>
 

@@ -1,5 +1,5 @@
 // The trigger wires between boards.
-#include "sim/triggerline.h"
+#include "sim/world/triggerline.h"
 
 #include <algorithm>
 

@@ -61,8 +61,8 @@ public:
                         unsigned flags) = 0;
     virtual int addInt32(const char* name, const char* description, int defaultValue, ParamFunc callback, long user,
                          unsigned flags) = 0;
-    virtual int addDouble(const char* name, const char* description, double defaultValue, ParamFunc callback,
-                          long user, unsigned flags) = 0;
+    virtual int addDouble(const char* name, const char* description, double defaultValue, ParamFunc callback, long user,
+                          unsigned flags) = 0;
     virtual int addString(const char* name, const char* description, const char* defaultText, ParamFunc callback,
                           long user, unsigned flags) = 0;
 

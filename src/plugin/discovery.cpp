@@ -2,12 +2,12 @@
 #include "plugin/latixel.h"
 
 #include "devices/common/devicename.h"
-#include "devices/mpx2dev.h"
-#include "devices/mpx2devrow.h"
-#include "devices/mpx2laddev.h"
-#include "devices/mpx3dev.h"
-#include "devices/mpx3laddev.h"
-#include "devices/uladdev.h"
+#include "devices/mpx2/mpx2dev.h"
+#include "devices/mpx2/mpx2laddev.h"
+#include "devices/mpx3/mpx3dev.h"
+#include "devices/mpx3/mpx3laddev.h"
+#include "devices/old/uladdev.h"
+#include "devices/row/mpx2devrow.h"
 #include "link/ftdidev.h"
 #include "shared/str.h"
 

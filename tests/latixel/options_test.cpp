@@ -1,5 +1,5 @@
 // What was typed: options that go together, files of chip values, and where things are looked for.
-#include "apps/latixel/acquireoptions.h"
+#include "apps/latixel/commands/acquireoptions.h"
 #include "apps/latixel/paths.h"
 #include "apps/latixel/valuefile.h"
 #include "tests/latixel/support.h"
@@ -46,8 +46,8 @@ TEST(AcquireOptions, BecomeTheDevicesWords)
     EXPECT_EQ(deep.config.counterSelect, 2);
     EXPECT_FALSE(deep.twoCounters) << "24 bits are one count";
     EXPECT_TRUE(planOf("--counter both -o a.h5").twoCounters);
-    EXPECT_EQ(planOf("-o a.NXS").output.format, tool::OutputFormat::Hdf5);
-    EXPECT_EQ(planOf("-o a.h5 --format png --range 1:9").output.format, tool::OutputFormat::Png);
+    EXPECT_EQ(planOf("-o a.NXS").output.format, record::OutputFormat::Hdf5);
+    EXPECT_EQ(planOf("-o a.h5 --format png --range 1:9").output.format, record::OutputFormat::Png);
 }
 
 TEST(AcquireOptions, ThatCannotBeMeantAreRefused)

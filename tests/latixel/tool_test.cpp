@@ -1,6 +1,6 @@
 // The tool as a person runs it, with the plug-in on virtual boards: what it prints, how it ends, what files it leaves.
-#include "tests/latixel/frames.h"
 #include "tests/latixel/support.h"
+#include "tests/record/frames.h"
 
 #include <csignal>
 #include <future>

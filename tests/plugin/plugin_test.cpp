@@ -2,8 +2,8 @@
 #include "refhost/error.h"
 #include "refhost/plugin.h"
 #include "refhost/series.h"
-#include "sim/latixelsim.h"
-#include "sim/mpx3board.h"
+#include "sim/boards/mpx3board.h"
+#include "sim/usb/latixelsim.h"
 #include "support/tempfolder.h"
 
 #include <gtest/gtest.h>

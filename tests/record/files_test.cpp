@@ -1,6 +1,6 @@
 // Files of frames: written, read back, and what is left of them when writing fails.
-#include "apps/latixel/pngsink.h"
-#include "tests/latixel/frames.h"
+#include "record/pngsink.h"
+#include "tests/record/frames.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -10,18 +10,18 @@
 
 namespace {
 
+using record::OutputError;
+using record::Picture;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using tool::OutputError;
-using tool::Picture;
 
 constexpr unsigned width = 512;
 constexpr unsigned height = 256;
 const char* const names[] = {"run.h5", "run.tif", "run.png"};
 
-tool::SeriesInfo seriesOf(unsigned frames, unsigned pictures = 1)
+record::SeriesInfo seriesOf(unsigned frames, unsigned pictures = 1)
 {
-    tool::SeriesInfo info;
+    record::SeriesInfo info;
     info.device = "Board sn: 7";
     info.chipIDs = {"A01-W0001", "B2"};
     info.width = width;
@@ -38,9 +38,9 @@ std::uint32_t countAt(long frame, std::size_t picture, std::size_t pixel)
     return pixel == 5 ? Picture::bad : static_cast<std::uint32_t>(frame * 1000 + pixel % 700 + picture * 100000);
 }
 
-tool::FrameRecord frameOf(long index, unsigned pictures = 1)
+record::FrameRecord frameOf(long index, unsigned pictures = 1)
 {
-    tool::FrameRecord frame{index, 0.5 * static_cast<double>(index), 0.25, {}, {}};
+    record::FrameRecord frame{index, 0.5 * static_cast<double>(index), 0.25, {}, {}};
     for (std::size_t i = 0; i < pictures; ++i) {
         Picture picture{width, height, std::vector<std::uint32_t>(std::size_t{width} * height)};
         for (std::size_t p = 0; p < picture.pixels.size(); ++p)
@@ -57,33 +57,33 @@ refhost::MetaData rowTimes(double first)
     return {"RowAcqTimes", "rows", refhost::DataType::Double, {bytes, bytes + sizeof values}};
 }
 
-tool::OutputOptions outputTo(const std::filesystem::path& path)
+record::OutputOptions outputTo(const std::filesystem::path& path)
 {
-    tool::OutputOptions options;
+    record::OutputOptions options;
     options.path = path;
-    options.format = *tool::formatOf(path);
+    options.format = *record::formatOf(path);
     return options;
 }
 
 /// A whole series.
-void write(const tool::OutputOptions& options, const tool::SeriesInfo& info,
-           const std::vector<tool::FrameRecord>& frames)
+void write(const record::OutputOptions& options, const record::SeriesInfo& info,
+           const std::vector<record::FrameRecord>& frames)
 {
-    const auto sink = tool::makeSink(options);
+    const auto sink = record::makeSink(options);
     sink->begin(info);
     for (const auto& frame : frames)
         sink->write(frame);
     sink->finish({"2024-01-01T00:00:00", "finished"});
 }
 
-std::vector<tool::Colour> readPng(const std::filesystem::path& path)
+std::vector<record::Colour> readPng(const std::filesystem::path& path)
 {
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     EXPECT_NE(png_image_begin_read_from_file(&image, path.c_str()), 0);
     EXPECT_EQ(image.width, width);
     image.format = PNG_FORMAT_RGB;
-    std::vector<tool::Colour> pixels(PNG_IMAGE_SIZE(image) / 3);
+    std::vector<record::Colour> pixels(PNG_IMAGE_SIZE(image) / 3);
     EXPECT_NE(png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr), 0);
     return pixels;
 }
@@ -93,7 +93,7 @@ TEST(Hdf5, HoldsFramesTimesMetadataAndSettings)
     const support::TempFolder folder;
     const auto path = folder / "run.h5";
     const long indexes[] = {0, 1, 3}; // number 2 was lost
-    std::vector<tool::FrameRecord> frames;
+    std::vector<record::FrameRecord> frames;
     for (const long index : indexes) {
         frames.push_back(frameOf(index, 2));
         if (index > 0)
@@ -149,7 +149,7 @@ TEST(Png, FilesAreNumberedByFrameAndCounter)
     EXPECT_THAT(folder.names(), ElementsAre("look_0000.png"));
 
     const auto name = [](long frame, std::size_t picture, unsigned frames, unsigned pictures) {
-        return tool::PngSink::nameOf("a/b.png", frame, picture, frames, pictures).string();
+        return record::PngSink::nameOf("a/b.png", frame, picture, frames, pictures).string();
     };
     EXPECT_EQ(name(0, 0, 1, 1), "a/b.png");
     EXPECT_EQ(name(0, 1, 1, 2), "a/b_c1.png");
@@ -163,24 +163,24 @@ TEST(Output, ShortFramesKeepTheirCountsInEveryFormat)
     const std::uint16_t counts[] = {0, 1, 11810, 11811}; // the last one stands for no count
     const auto frame = support::frame<std::uint16_t>(
         host, 2, [&](unsigned chip, unsigned x, unsigned y) { return counts[(chip + x + y) % 4]; });
-    const tool::PictureMaker maker(2, tool::Layout::sideBySide(2), tool::Counting::Short);
+    const record::PictureMaker maker(2, record::Layout::sideBySide(2), record::Counting::Short);
     auto info = seriesOf(1);
     info.bitsPerPixel = 16;
     for (const char* name : names) {
         auto options = outputTo(folder / name);
-        options.range = tool::ContrastRange{0, 11810};
+        options.range = record::ContrastRange{0, 11810};
         write(options, info, {{0, 0, 0, maker.make(*frame), {}}});
     }
     const support::Hdf5File file(folder / "run.h5");
-    const tool::h5::Handle type(H5Dget_type(file.dataset("/entry/data/data")), H5Tclose);
+    const record::h5::Handle type(H5Dget_type(file.dataset("/entry/data/data")), H5Tclose);
     EXPECT_GT(H5Tequal(type, H5T_STD_U16LE), 0);
     const auto inHdf5 = file.numbers("/entry/data/data");
     const auto inTiff = support::tiffPages(folder / "run.tif").at(0);
     EXPECT_EQ(inTiff.bits, 16);
     const auto inPng = readPng(folder / "run.png");
-    const auto& colours = tool::colormap(tool::ColormapName::Viridis).colours;
+    const auto& colours = record::colormap(record::ColormapName::Viridis).colours;
     const std::uint16_t stored[] = {0, 1, 11810, 0xFFFF};
-    const tool::Colour shown[] = {colours[0], colours[0], colours[254], colours[tool::Colormap::badIndex]};
+    const record::Colour shown[] = {colours[0], colours[0], colours[254], colours[record::Colormap::badIndex]};
     for (std::size_t pixel = 0; pixel < inHdf5.size(); pixel += 101) {
         const std::size_t which = (pixel % width / 256 + pixel % width % 256 + pixel / width) % 4;
         ASSERT_EQ(inHdf5[pixel], stored[which]) << pixel;
@@ -192,20 +192,20 @@ TEST(Output, ShortFramesKeepTheirCountsInEveryFormat)
 /// What goes wrong with a file of each format.
 class OutputTest : public testing::TestWithParam<const char*> {
 protected:
-    std::unique_ptr<tool::FrameSink> begun() const
+    std::unique_ptr<record::FrameSink> begun() const
     {
-        auto sink = tool::makeSink(options);
+        auto sink = record::makeSink(options);
         sink->begin(seriesOf(1));
         return sink;
     }
-    static void writeAndFinish(tool::FrameSink& sink)
+    static void writeAndFinish(record::FrameSink& sink)
     {
         sink.write(frameOf(0));
         sink.finish({});
     }
 
     support::TempFolder folder;
-    tool::OutputOptions options = outputTo(folder / GetParam());
+    record::OutputOptions options = outputTo(folder / GetParam());
 };
 
 INSTANTIATE_TEST_SUITE_P(Formats, OutputTest, testing::ValuesIn(names),
@@ -214,20 +214,20 @@ INSTANTIATE_TEST_SUITE_P(Formats, OutputTest, testing::ValuesIn(names),
 TEST_P(OutputTest, NothingIsLeftOfWhatWasNotFinished)
 {
     {
-        const auto sink = tool::makeSink(options);
+        const auto sink = record::makeSink(options);
         EXPECT_THAT(folder.names(), testing::SizeIs(1)) << "the place is tried at once";
         sink->begin(seriesOf(1));
         EXPECT_FALSE(std::filesystem::exists(options.path));
     }
     EXPECT_THAT(folder.names(), IsEmpty());
     options.path = folder / "missing" / GetParam();
-    EXPECT_THROW(tool::makeSink(options), OutputError);
+    EXPECT_THROW(record::makeSink(options), OutputError);
 }
 
 TEST_P(OutputTest, ExistingFilesAreReplacedOnlyOnRequest)
 {
     folder.write(GetParam(), "precious");
-    EXPECT_THROW(begun(), tool::OutputExists);
+    EXPECT_THROW(begun(), record::OutputExists);
     EXPECT_EQ(folder.read(GetParam()), "precious");
     options.mayReplace = true;
     writeAndFinish(*begun());
@@ -249,7 +249,7 @@ TEST_P(OutputTest, AFullDiskIsOneClearFailure)
     options.compression = 0;
     {
         const auto sink = begun();
-        const rlimit small{options.format == tool::OutputFormat::Png ? rlim_t{100} : rlim_t{100000}, former.rlim_max};
+        const rlimit small{options.format == record::OutputFormat::Png ? rlim_t{100} : rlim_t{100000}, former.rlim_max};
         setrlimit(RLIMIT_FSIZE, &small);
         EXPECT_THROW(writeAndFinish(*sink), OutputError);
         setrlimit(RLIMIT_FSIZE, &former);

@@ -1,9 +1,9 @@
 // Frames, and the files that were written of them.
 #pragma once
 
-#include "apps/latixel/framesink.h"
-#include "apps/latixel/h5.h"
-#include "apps/latixel/recorderror.h"
+#include "record/error.h"
+#include "record/framesink.h"
+#include "record/h5.h"
 #include "refhost/host.h"
 #include "support/tempfolder.h"
 
@@ -39,10 +39,10 @@ public:
     }
 
     /// Throws when it is not there.
-    tool::h5::Handle dataset(const char* path) const { return {H5Dopen2(file, path, H5P_DEFAULT), H5Dclose}; }
+    record::h5::Handle dataset(const char* path) const { return {H5Dopen2(file, path, H5P_DEFAULT), H5Dclose}; }
     std::vector<hsize_t> shape(const char* path) const
     {
-        const tool::h5::Handle space(H5Dget_space(dataset(path)), H5Sclose);
+        const record::h5::Handle space(H5Dget_space(dataset(path)), H5Sclose);
         std::vector<hsize_t> sizes(static_cast<std::size_t>(H5Sget_simple_extent_ndims(space)));
         H5Sget_simple_extent_dims(space, sizes.data(), nullptr);
         return sizes;
@@ -53,12 +53,12 @@ public:
         for (const hsize_t size : shape(path))
             count *= size;
         std::vector<double> values(count);
-        tool::h5::check(H5Dread(dataset(path), H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data()));
+        record::h5::check(H5Dread(dataset(path), H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data()));
         return values;
     }
 
 private:
-    tool::h5::Handle file;
+    record::h5::Handle file;
 };
 
 /// A page of a TIFF file that was written.

@@ -1,7 +1,7 @@
 // The queue between a series and its files.
-#include "apps/latixel/framewriter.h"
-#include "apps/latixel/recorderror.h"
-#include "tests/latixel/frames.h"
+#include "record/error.h"
+#include "record/framewriter.h"
+#include "tests/record/frames.h"
 
 #include <future>
 #include <gmock/gmock.h>
@@ -12,22 +12,22 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 
 /// A disk whose speed and failure the test decides.
-class SlowSink final : public tool::FrameSink {
+class SlowSink final : public record::FrameSink {
 public:
     std::promise<void> gate;
     std::shared_future<void> opened{gate.get_future()};
     std::atomic<long> failAt{-1};
     std::vector<long> indexes;
 
-    void begin(const tool::SeriesInfo&) override {}
-    void write(const tool::FrameRecord& frame) override
+    void begin(const record::SeriesInfo&) override {}
+    void write(const record::FrameRecord& frame) override
     {
         opened.wait();
         if (frame.index == failAt)
-            throw tool::OutputError("disk full");
+            throw record::OutputError("disk full");
         indexes.push_back(frame.index);
     }
-    void finish(const tool::SeriesSummary&) override {}
+    void finish(const record::SeriesSummary&) override {}
     std::string place() const override { return "memory"; }
 };
 
@@ -55,7 +55,7 @@ protected:
     refhost::Host host{"", ""};
     std::atomic<int> pushed{0};
     SlowSink sink;
-    tool::FrameWriter writer{sink, tool::PictureMaker(1, {1, 1}, tool::Counting::Single), 3 * 256 * 256 * 4};
+    record::FrameWriter writer{sink, record::PictureMaker(1, {1, 1}, record::Counting::Single), 3 * 256 * 256 * 4};
 };
 
 TEST_F(WriterTest, HoldsTheSeriesWhenTheQueueIsFullAndLosesNothing)
@@ -72,7 +72,7 @@ TEST_F(WriterTest, AFailureReleasesTheSeriesAndIsTold)
 {
     sink.failAt = 1;
     run(20);
-    EXPECT_THROW(writer.finish(), tool::OutputError);
+    EXPECT_THROW(writer.finish(), record::OutputError);
     EXPECT_TRUE(writer.failed());
     EXPECT_EQ(writer.written(), 1u);
     EXPECT_EQ(host.liveFrames(), 0u);
@@ -82,7 +82,7 @@ TEST_F(WriterTest, AFrameOfAnotherSizeIsAFailure)
 {
     sink.gate.set_value();
     writer.push(frame(0, 2));
-    EXPECT_THROW(writer.finish(), tool::FrameError);
+    EXPECT_THROW(writer.finish(), record::FrameError);
 }
 
 } // namespace

@@ -1,13 +1,13 @@
 // latixel acquire: takes a series of frames.
-#include "apps/latixel/acquireoptions.h"
-#include "apps/latixel/commands.h"
+#include "apps/latixel/commands/acquireoptions.h"
+#include "apps/latixel/commands/commands.h"
 #include "apps/latixel/devicesettings.h"
-#include "apps/latixel/framewriter.h"
 #include "apps/latixel/interrupt.h"
 #include "apps/latixel/linetrigger.h"
 #include "apps/latixel/progress.h"
 #include "apps/latixel/text.h"
 #include "apps/latixel/valuefile.h"
+#include "record/framewriter.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -31,20 +31,20 @@ struct Outcome {
     bool triggersEnded = false;
 };
 
-Counting countingOf(const refhost::Device& device, const AcquirePlan& plan)
+record::Counting countingOf(const refhost::Device& device, const AcquirePlan& plan)
 {
     if (!device.isMpx3())
-        return Counting::Short;
-    return plan.twoCounters ? Counting::Double : Counting::Single;
+        return record::Counting::Short;
+    return plan.twoCounters ? record::Counting::Double : record::Counting::Single;
 }
 
-Layout layoutFor(const refhost::Device& device, const AcquirePlan& plan)
+record::Layout layoutFor(const refhost::Device& device, const AcquirePlan& plan)
 {
     const unsigned chips = device.chipCount();
     if (plan.layout && plan.layout->places() < chips)
         throw Failure(ExitCode::Arguments, "--layout has " + std::to_string(plan.layout->places()) + " places for " +
                                                std::to_string(chips) + " chips");
-    return plan.layout ? *plan.layout : Layout::sideBySide(chips);
+    return plan.layout ? *plan.layout : record::Layout::sideBySide(chips);
 }
 
 void checkBias(const refhost::Device& device, double volts)
@@ -105,7 +105,7 @@ std::string noteOf(const refhost::SeriesProgress& progress, const AcquireOptions
 }
 
 /// Waits for the end of the series; meanwhile shows progress, hands on triggers, and stops it where there is reason.
-Outcome watch(refhost::Series& series, const FrameWriter& writer, const AcquireOptions& options)
+Outcome watch(refhost::Series& series, const record::FrameWriter& writer, const AcquireOptions& options)
 {
     const Interrupt interrupt;
     Progress progress(stderr);
@@ -142,10 +142,11 @@ std::string wordsFor(const refhost::SeriesResult& series)
     }
 }
 
-Outcome takeFrames(refhost::Device& device, FrameSink& sink, const AcquireOptions& options, const AcquirePlan& plan)
+Outcome takeFrames(refhost::Device& device, record::FrameSink& sink, const AcquireOptions& options,
+                   const AcquirePlan& plan)
 {
-    const PictureMaker maker(device.chipCount(), layoutFor(device, plan), countingOf(device, plan));
-    SeriesInfo info = describe(device);
+    const record::PictureMaker maker(device.chipCount(), layoutFor(device, plan), countingOf(device, plan));
+    record::SeriesInfo info = describe(device);
     info.startTime = timeStamp();
     info.width = maker.width();
     info.height = maker.height();
@@ -155,7 +156,7 @@ Outcome takeFrames(refhost::Device& device, FrameSink& sink, const AcquireOption
     info.seconds = options.seconds;
     sink.begin(info);
 
-    FrameWriter writer(sink, maker, queueBytes);
+    record::FrameWriter writer(sink, maker, queueBytes);
     refhost::SeriesRequest request;
     request.frames = options.frames;
     request.seconds = options.seconds;
@@ -168,7 +169,7 @@ Outcome takeFrames(refhost::Device& device, FrameSink& sink, const AcquireOption
     return outcome;
 }
 
-void tell(const Outcome& outcome, const FrameSink& sink, const AcquireOptions& options)
+void tell(const Outcome& outcome, const record::FrameSink& sink, const AcquireOptions& options)
 {
     const auto& series = outcome.series;
     if (series.frames > 0)
@@ -230,7 +231,7 @@ ExitCode acquire(const GlobalOptions& global, const AcquireOptions& options, con
         values.dacs = readNumbers(options.dacs);
     if (!options.pixelConfig.empty())
         values.pixelConfig = readBytes(options.pixelConfig);
-    auto sink = makeSink(plan.output);
+    auto sink = record::makeSink(plan.output);
 
     Session session(global);
     refhost::Device& device = session.deviceWithChips(options.device);

@@ -1,5 +1,5 @@
 // The options of `latixel acquire`.
-#include "apps/latixel/acquireoptions.h"
+#include "apps/latixel/commands/acquireoptions.h"
 
 #include "apps/latixel/exitcode.h"
 
@@ -156,32 +156,33 @@ unsigned acqModeOf(const AcquireOptions& o)
     return triggers.at(o.trigger) | (o.mode == "tdi" ? unsigned{dv::ACQMODE_TDI} : 0u);
 }
 
-OutputOptions outputOf(const AcquireOptions& o)
+record::OutputOptions outputOf(const AcquireOptions& o)
 {
-    static const std::map<std::string, OutputFormat> formats{{"hdf5", OutputFormat::Hdf5},
-                                                             {"tiff", OutputFormat::Tiff},
-                                                             {"png", OutputFormat::Png},
-                                                             {"none", OutputFormat::None}};
-    static const std::map<std::string, ColormapName> colours{
-        {"viridis", ColormapName::Viridis}, {"grey", ColormapName::Grey}, {"inferno", ColormapName::Inferno}};
-    OutputOptions output;
+    static const std::map<std::string, record::OutputFormat> formats{{"hdf5", record::OutputFormat::Hdf5},
+                                                                     {"tiff", record::OutputFormat::Tiff},
+                                                                     {"png", record::OutputFormat::Png},
+                                                                     {"none", record::OutputFormat::None}};
+    static const std::map<std::string, record::ColormapName> colours{{"viridis", record::ColormapName::Viridis},
+                                                                     {"grey", record::ColormapName::Grey},
+                                                                     {"inferno", record::ColormapName::Inferno}};
+    record::OutputOptions output;
     output.path = o.output;
     output.compression = o.compression;
     output.colours = colours.at(o.colormap);
     output.mayReplace = o.overwrite;
     if (o.format == "none") {
-        output.format = OutputFormat::None;
+        output.format = record::OutputFormat::None;
         return output;
     }
     if (o.output.empty())
         throw Failure(ExitCode::Arguments, "give a file with --output, or --format none to keep nothing");
-    const auto format = o.format.empty() ? formatOf(output.path) : formats.at(o.format);
+    const auto format = o.format.empty() ? record::formatOf(output.path) : formats.at(o.format);
     if (!format)
         throw Failure(ExitCode::Arguments,
                       "what format is " + o.output + "? End its name in .h5, .tif or .png, or say it with --format");
     output.format = *format;
     if (!o.range.empty()) {
-        output.range = parseRange(o.range);
+        output.range = record::parseRange(o.range);
         if (!output.range)
             throw Failure(ExitCode::Arguments, "--range takes MIN:MAX with MIN below MAX, such as 0:200");
     }
@@ -228,7 +229,7 @@ AcquirePlan makePlan(const AcquireOptions& o)
     plan.twoCounters = o.counter == "both" && o.depth != 24;
     plan.output = outputOf(o);
     if (!o.layout.empty()) {
-        plan.layout = Layout::parse(o.layout);
+        plan.layout = record::Layout::parse(o.layout);
         if (!plan.layout)
             throw Failure(ExitCode::Arguments, "--layout takes COLUMNSxROWS, such as 2x2");
     }

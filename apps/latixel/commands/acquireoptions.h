@@ -1,8 +1,8 @@
 // The options of `latixel acquire`, and what they mean for the device and the output.
 #pragma once
 
-#include "apps/latixel/framesink.h"
 #include "host/records.h"
+#include "record/framesink.h"
 
 #include <CLI/App.hpp>
 #include <optional>
@@ -42,8 +42,8 @@ struct AcquirePlan {
     dv::_Mpx3Config config{};
     unsigned acqMode = 0;
     bool twoCounters = false; ///< frames of Medipix3 chips hold two counts
-    OutputOptions output;
-    std::optional<Layout> layout;
+    record::OutputOptions output;
+    std::optional<record::Layout> layout;
 };
 
 /// Adds the options to a subcommand; `options` must outlive it.

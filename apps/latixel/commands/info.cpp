@@ -1,5 +1,5 @@
 // latixel info: everything that a device tells of itself.
-#include "apps/latixel/commands.h"
+#include "apps/latixel/commands/commands.h"
 #include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
 

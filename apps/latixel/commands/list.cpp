@@ -1,5 +1,5 @@
 // latixel list: the devices that are there.
-#include "apps/latixel/commands.h"
+#include "apps/latixel/commands/commands.h"
 #include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
 

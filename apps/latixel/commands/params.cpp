@@ -1,5 +1,5 @@
 // latixel params: reads and sets a device's parameters.
-#include "apps/latixel/commands.h"
+#include "apps/latixel/commands/commands.h"
 #include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
 #include "refhost/error.h"

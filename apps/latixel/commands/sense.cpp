@@ -1,5 +1,5 @@
 // latixel sense: what the board measures.
-#include "apps/latixel/commands.h"
+#include "apps/latixel/commands/commands.h"
 #include "apps/latixel/text.h"
 
 #include <array>

@@ -1,5 +1,5 @@
 // Life, records and bring-up of Medipix2 and Timepix devices, as far as both kinds of board have them in common.
-#include "devices/ampx2dev.h"
+#include "devices/mpx2/ampx2dev.h"
 
 #include "chipdata/mpx2dacs.h"
 #include "chipdata/mpx2matrix.h"

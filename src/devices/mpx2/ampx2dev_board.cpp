@@ -1,5 +1,5 @@
 // The board of a Medipix2 or Timepix device: firmware, flash, CPU, pins and power, bias DAC and ADC, raw access.
-#include "devices/ampx2dev.h"
+#include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/boardreports.h"
 #include "shared/str.h"

@@ -1,5 +1,5 @@
 // What a Medipix2 or Timepix device does to its chips: DACs, clocks, timer, triggers, and a matrix on its way to them.
-#include "devices/ampx2dev.h"
+#include "devices/mpx2/ampx2dev.h"
 
 #include "chipdata/bits.h"
 #include "chipdata/mpx2counters.h"

@@ -1,5 +1,5 @@
 // Series of a Medipix2 or Timepix device: one exposure, the software trigger, and the life of the acquisition thread.
-#include "devices/ampx2dev.h"
+#include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/frames.h"
 #include "link/tpxcmds.h"

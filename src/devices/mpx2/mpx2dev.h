@@ -1,7 +1,7 @@
 // One Medipix2 or Timepix readout board behind one USB link.
 #pragma once
 
-#include "devices/ampx2dev.h"
+#include "devices/mpx2/ampx2dev.h"
 
 #include <array>
 #include <memory>

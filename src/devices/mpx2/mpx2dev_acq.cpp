@@ -1,5 +1,5 @@
 // Series of frames on a Medipix2 or Timepix board: the exposure in two halves, and what its frames carry.
-#include "devices/mpx2dev.h"
+#include "devices/mpx2/mpx2dev.h"
 
 #include "link/tpxcmds.h"
 #include "shared/datatype.h"

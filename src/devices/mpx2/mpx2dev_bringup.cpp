@@ -1,5 +1,5 @@
 // Construction, bring-up and recovery of a Medipix2 or Timepix board, and the search for its modules and chips.
-#include "devices/mpx2dev.h"
+#include "devices/mpx2/mpx2dev.h"
 
 #include "chipdata/mpx2dacs.h"
 #include "chipdata/mpx2matrix.h"

@@ -1,5 +1,5 @@
 // Bias, pixel configuration and clocks of a Medipix2 or Timepix board.
-#include "devices/mpx2dev.h"
+#include "devices/mpx2/mpx2dev.h"
 
 #include "chipdata/mpx2pixelcfg.h"
 

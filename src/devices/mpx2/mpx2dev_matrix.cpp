@@ -1,5 +1,5 @@
 // The pixel matrix of a Medipix2 or Timepix board on its way to the host: module by module, or all modules at once.
-#include "devices/mpx2dev.h"
+#include "devices/mpx2/mpx2dev.h"
 
 #include "chipdata/mpx2matrix.h"
 

@@ -1,5 +1,5 @@
 // What the CPU of a Medipix2 or Timepix board tells: status, and the values that become parameters.
-#include "devices/mpx2dev.h"
+#include "devices/mpx2/mpx2dev.h"
 
 #include "shared/str.h"
 

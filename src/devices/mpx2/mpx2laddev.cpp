@@ -1,4 +1,4 @@
-#include "devices/mpx2laddev.h"
+#include "devices/mpx2/mpx2laddev.h"
 
 #include "shared/inifile.h"
 

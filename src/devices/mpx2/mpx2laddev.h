@@ -1,8 +1,8 @@
 // Several Medipix2 or Timepix boards as one detector.
 #pragma once
 
-#include "devices/common/mpx2lad.h"
-#include "devices/mpx2dev.h"
+#include "devices/mpx2/mpx2dev.h"
+#include "devices/mpx2/mpx2lad.h"
 
 #include <atomic>
 #include <memory>

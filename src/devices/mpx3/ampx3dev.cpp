@@ -1,4 +1,4 @@
-#include "devices/ampx3dev.h"
+#include "devices/mpx3/ampx3dev.h"
 
 #include "devices/common/devicename.h"
 #include "devices/common/frames.h"

@@ -6,10 +6,10 @@
 #include "board/ibflash.h"
 #include "chipdata/mpx3matrix.h"
 #include "chipdata/mpx3omr.h"
-#include "devices/ampx3dev.h"
 #include "devices/common/boardlink.h"
 #include "devices/common/rowtimes.h"
 #include "devices/common/seriesthread.h"
+#include "devices/mpx3/ampx3dev.h"
 #include "link/cmdmgrmpx3.h"
 
 #include <array>

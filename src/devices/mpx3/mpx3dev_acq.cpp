@@ -1,5 +1,5 @@
 // Series of frames on a Medipix3 board: preparation, the three kinds of series, and the way of a frame to the host.
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include "devices/common/triggers.h"
 

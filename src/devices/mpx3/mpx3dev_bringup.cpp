@@ -1,5 +1,5 @@
 // Construction, bring-up and closing of a Medipix3 board, and the search for its chips.
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include "chipdata/mpx3fuses.h"
 #include "devices/common/boardreports.h"

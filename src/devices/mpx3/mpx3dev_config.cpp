@@ -1,5 +1,5 @@
 // Commands to a Medipix3 board and its configuration: channels, register image, DACs, timer, triggers.
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include "chipdata/bits.h"
 #include "chipdata/mpx3dacs.h"

@@ -1,5 +1,5 @@
 // Matrices of a Medipix3 board: writing, erasing, and reading by hand or during a series.
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include "chipdata/mpx3counters.h"
 

@@ -1,5 +1,5 @@
 // Parameters and status of a Medipix3 board, with the temperature protection.
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include "board/adcscale.h"
 #include "devices/common/boardreports.h"

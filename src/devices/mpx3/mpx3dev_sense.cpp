@@ -1,5 +1,5 @@
 // What a Medipix3 board measures, and its bias: ADC, sense outputs, bias DAC.
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include "board/adcscale.h"
 #include "board/ibspi.h"

@@ -1,4 +1,4 @@
-#include "devices/mpx3laddev.h"
+#include "devices/mpx3/mpx3laddev.h"
 
 #include "devices/common/frames.h"
 #include "shared/datatype.h"

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "devices/common/laddev.h"
-#include "devices/mpx3dev.h"
+#include "devices/mpx3/mpx3dev.h"
 
 #include <atomic>
 #include <deque>

@@ -1,4 +1,4 @@
-#include "devices/uladdev.h"
+#include "devices/old/uladdev.h"
 
 #include <utility>
 

@@ -1,8 +1,8 @@
 // The boards of the older generation as one detector.
 #pragma once
 
-#include "devices/common/mpx2lad.h"
-#include "devices/umpx2dev.h"
+#include "devices/mpx2/mpx2lad.h"
+#include "devices/old/umpx2dev.h"
 
 #include <memory>
 #include <string>

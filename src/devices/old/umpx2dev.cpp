@@ -1,5 +1,5 @@
 // Life, commands and configuration of a board of the older generation.
-#include "devices/umpx2dev.h"
+#include "devices/old/umpx2dev.h"
 
 #include "board/adcscale.h"
 #include "chipdata/bits.h"

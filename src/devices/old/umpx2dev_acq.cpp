@@ -1,5 +1,5 @@
 // Matrices and frames of a board of the older generation.
-#include "devices/umpx2dev.h"
+#include "devices/old/umpx2dev.h"
 
 #include "chipdata/mpx2counters.h"
 #include "chipdata/mpx2matrix.h"

@@ -1,8 +1,8 @@
 // One row board behind one USB link.
 #pragma once
 
-#include "devices/ampx2dev.h"
 #include "devices/common/rowtimes.h"
+#include "devices/mpx2/ampx2dev.h"
 
 #include <array>
 #include <atomic>

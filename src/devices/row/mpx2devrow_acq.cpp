@@ -1,5 +1,5 @@
 // Series on a row board: of single frames, and of rows that the board delivers while one shutter stays open (TDI).
-#include "devices/mpx2devrow.h"
+#include "devices/row/mpx2devrow.h"
 
 #include "link/tpxcmds.h"
 

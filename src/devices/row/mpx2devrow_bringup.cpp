@@ -1,5 +1,5 @@
 // Construction, bring-up and recovery of a row board, and the search for its chips.
-#include "devices/mpx2devrow.h"
+#include "devices/row/mpx2devrow.h"
 
 #include "chipdata/mpx2dacs.h"
 #include "link/tpxcmds.h"

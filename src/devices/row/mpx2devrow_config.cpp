@@ -1,5 +1,5 @@
 // What a row board's CPU tells, bias and pixel configuration of its chips, and their matrix on its way to the host.
-#include "devices/mpx2devrow.h"
+#include "devices/row/mpx2devrow.h"
 
 #include "board/adcscale.h"
 #include "chipdata/mpx2pixelcfg.h"

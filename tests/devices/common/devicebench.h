@@ -3,7 +3,7 @@
 
 #include "host/ihwdev.h"
 #include "refhost/host.h"
-#include "sim/latixelsim.h"
+#include "sim/usb/latixelsim.h"
 #include "support/tempfolder.h"
 #include "support/wire.h"
 

@@ -1,7 +1,7 @@
 // A composite on virtual boards, with the host around it, for tests of either chip family.
 #pragma once
 
-#include "devices/devicebench.h"
+#include "devices/common/devicebench.h"
 
 #include "shared/filelog.h"
 

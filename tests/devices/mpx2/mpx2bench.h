@@ -1,13 +1,13 @@
 // A Medipix2 or Timepix device on a virtual board, with modules or with rows, and with the host around it, for tests.
 #pragma once
 
-#include "devices/devicebench.h"
+#include "devices/common/devicebench.h"
 
 #include "chipdata/mpx2dacs.h"
-#include "devices/mpx2dev.h"
-#include "devices/mpx2devrow.h"
-#include "sim/mpx2board.h"
-#include "sim/rowboard.h"
+#include "devices/mpx2/mpx2dev.h"
+#include "devices/row/mpx2devrow.h"
+#include "sim/boards/mpx2board.h"
+#include "sim/boards/rowboard.h"
 
 #include <random>
 

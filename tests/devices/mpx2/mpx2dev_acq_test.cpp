@@ -1,5 +1,5 @@
 // Series on a Medipix2 or Timepix board: what goes over the wire, what the host is told, and how each of them ends.
-#include "devices/mpx2bench.h"
+#include "devices/mpx2/mpx2bench.h"
 
 using namespace support;
 

@@ -1,6 +1,6 @@
 // Bring-up of a Medipix2 or Timepix board: the bytes on the wire, the modules and chips found, and what is left when
 // something fails.
-#include "devices/mpx2bench.h"
+#include "devices/mpx2/mpx2bench.h"
 
 using namespace support;
 

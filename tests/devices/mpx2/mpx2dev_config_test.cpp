@@ -1,5 +1,5 @@
 // Configuration of a Medipix2 or Timepix board: the bytes that reach it, matrices there and back, bias, ADC, CPU.
-#include "devices/mpx2bench.h"
+#include "devices/mpx2/mpx2bench.h"
 
 #include "chipdata/mpx2matrix.h"
 #include "chipdata/mpx2pixelcfg.h"

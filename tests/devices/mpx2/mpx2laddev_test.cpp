@@ -1,8 +1,8 @@
 // Composites of Medipix2 and Timepix boards: one detector of several members, whose frames the composite drives itself.
-#include "devices/ladbench.h"
-#include "devices/mpx2bench.h"
+#include "devices/common/ladbench.h"
+#include "devices/mpx2/mpx2bench.h"
 
-#include "devices/mpx2laddev.h"
+#include "devices/mpx2/mpx2laddev.h"
 
 using namespace support;
 

@@ -1,6 +1,6 @@
 // The base of a Medipix3 device, without hardware.
-#include "devices/ampx3dev.h"
-#include "devices/devicebench.h"
+#include "devices/common/devicebench.h"
+#include "devices/mpx3/ampx3dev.h"
 
 using namespace support;
 

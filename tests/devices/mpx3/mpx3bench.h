@@ -1,10 +1,10 @@
 // A Medipix3 device on a virtual board, with the host around it, for tests.
 #pragma once
 
-#include "devices/devicebench.h"
+#include "devices/common/devicebench.h"
 
-#include "devices/mpx3dev.h"
-#include "sim/mpx3board.h"
+#include "devices/mpx3/mpx3dev.h"
+#include "sim/boards/mpx3board.h"
 
 namespace support {
 

@@ -1,5 +1,5 @@
 // Series on a Medipix3 board: what goes over the wire, what the host is told, and how each of them ends.
-#include "devices/mpx3bench.h"
+#include "devices/mpx3/mpx3bench.h"
 
 using namespace support;
 

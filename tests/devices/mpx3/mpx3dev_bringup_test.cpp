@@ -1,5 +1,5 @@
 // Bring-up of a Medipix3 board: the bytes on the wire, the chips found, and what is left when something fails.
-#include "devices/mpx3bench.h"
+#include "devices/mpx3/mpx3bench.h"
 
 using namespace support;
 

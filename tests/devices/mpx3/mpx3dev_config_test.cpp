@@ -1,5 +1,5 @@
 // Configuration of a Medipix3 board: the bytes that reach it, matrices there and back, bias and ADC.
-#include "devices/mpx3bench.h"
+#include "devices/mpx3/mpx3bench.h"
 
 #include <numeric>
 #include <random>

@@ -1,8 +1,8 @@
 // Composites of Medipix3 boards: one detector of several members, its series, and what a member's failure does to it.
-#include "devices/ladbench.h"
-#include "devices/mpx3bench.h"
+#include "devices/common/ladbench.h"
+#include "devices/mpx3/mpx3bench.h"
 
-#include "devices/mpx3laddev.h"
+#include "devices/mpx3/mpx3laddev.h"
 
 using namespace support;
 

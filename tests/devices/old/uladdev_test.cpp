@@ -1,8 +1,8 @@
 // The composite of boards of the first kinds: one detector of all modules that the settings name.
-#include "devices/uladdev.h"
+#include "devices/old/uladdev.h"
 
-#include "devices/ladbench.h"
-#include "sim/oldboard.h"
+#include "devices/common/ladbench.h"
+#include "sim/boards/oldboard.h"
 
 #include <numeric>
 

@@ -1,5 +1,5 @@
 // A row board: its bring-up, chips and series, of frames and of rows, on the wire and at the host.
-#include "devices/mpx2bench.h"
+#include "devices/mpx2/mpx2bench.h"
 
 #include <future>
 

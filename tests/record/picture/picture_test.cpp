@@ -1,16 +1,16 @@
 // What a frame becomes before it is written: chips side by side, counters apart, contrast and colours.
-#include "apps/latixel/colormap.h"
-#include "apps/latixel/contrast.h"
-#include "tests/latixel/frames.h"
+#include "record/picture/colormap.h"
+#include "record/picture/contrast.h"
+#include "tests/record/frames.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
-using tool::Counting;
-using tool::Layout;
-using tool::Picture;
-using tool::PictureMaker;
+using record::Counting;
+using record::Layout;
+using record::Picture;
+using record::PictureMaker;
 
 std::uint32_t at(const Picture& picture, unsigned x, unsigned y)
 {
@@ -68,17 +68,17 @@ TEST(Contrast, BadPixelsDoNotStretchIt)
     Picture picture{100, 100, std::vector<std::uint32_t>(10000)};
     for (std::uint32_t i = 0; i < 10000; ++i)
         picture.pixels[i] = i % 200;
-    const auto clean = tool::automaticRange(picture);
+    const auto clean = record::automaticRange(picture);
     EXPECT_NEAR(clean.low, 2, 1);
     EXPECT_NEAR(clean.high, 199, 1);
     for (std::size_t i = 0; i < 10000; i += 10)
         picture.pixels[i] = Picture::bad;
-    const auto spoilt = tool::automaticRange(picture);
+    const auto spoilt = record::automaticRange(picture);
     EXPECT_NEAR(spoilt.low, clean.low, 2);
     EXPECT_NEAR(spoilt.high, clean.high, 2);
 
-    const auto indexes = tool::colourIndexes(picture, {50, 150});
-    EXPECT_EQ(indexes[10], tool::Colormap::badIndex);
+    const auto indexes = record::colourIndexes(picture, {50, 150});
+    EXPECT_EQ(indexes[10], record::Colormap::badIndex);
     EXPECT_EQ(indexes[49], 0);
     EXPECT_EQ(indexes[151], 254);
     EXPECT_EQ(indexes[199], 254);
@@ -88,24 +88,24 @@ TEST(Contrast, BadPixelsDoNotStretchIt)
 TEST(Contrast, FlatAndHopelessPicturesHaveARangeToo)
 {
     const Picture flat{2, 1, {7, 7}};
-    EXPECT_EQ(tool::automaticRange(flat).low, 7);
-    EXPECT_EQ(tool::automaticRange(flat).high, 8);
+    EXPECT_EQ(record::automaticRange(flat).low, 7);
+    EXPECT_EQ(record::automaticRange(flat).high, 8);
     const Picture hopeless{2, 1, {Picture::bad, Picture::bad}};
-    EXPECT_LT(tool::automaticRange(hopeless).low, tool::automaticRange(hopeless).high);
-    EXPECT_EQ(tool::parseRange("0.5:20")->high, 20);
+    EXPECT_LT(record::automaticRange(hopeless).low, record::automaticRange(hopeless).high);
+    EXPECT_EQ(record::parseRange("0.5:20")->high, 20);
     for (const char* bad : {"", ":", "1", "1:", "2:1", "1:1", "nan:1", "1:inf", "1:2:3"})
-        EXPECT_FALSE(tool::parseRange(bad)) << bad;
+        EXPECT_FALSE(record::parseRange(bad)) << bad;
 }
 
 TEST(Colours, GetBrighterAndNeverLookLikeABadPixel)
 {
-    const auto brightness = [](tool::Colour c) { return 0.3 * c.red + 0.59 * c.green + 0.11 * c.blue; };
-    for (const auto name : {tool::ColormapName::Viridis, tool::ColormapName::Grey, tool::ColormapName::Inferno}) {
-        const auto& colours = tool::colormap(name).colours;
-        for (std::size_t i = 1; i < tool::Colormap::steps; ++i)
+    const auto brightness = [](record::Colour c) { return 0.3 * c.red + 0.59 * c.green + 0.11 * c.blue; };
+    for (const auto name : {record::ColormapName::Viridis, record::ColormapName::Grey, record::ColormapName::Inferno}) {
+        const auto& colours = record::colormap(name).colours;
+        for (std::size_t i = 1; i < record::Colormap::steps; ++i)
             EXPECT_GE(brightness(colours[i]), brightness(colours[i - 1]) - 0.7) << i;
         EXPECT_GT(brightness(colours[254]) - brightness(colours[0]), 180);
-        const auto bad = colours[tool::Colormap::badIndex];
+        const auto bad = colours[record::Colormap::badIndex];
         EXPECT_EQ(std::count(colours.begin(), colours.end(), bad), 1);
     }
 }

@@ -1,9 +1,9 @@
 // What boards of several kinds do alike: they obey triggers and stops, come with benches, and refuse bad entries.
-#include "mpx2wire.h"
-#include "mpx3wire.h"
+#include "sim/boards/mpx2wire.h"
+#include "sim/boards/mpx3wire.h"
 
-#include "sim/latixelsim.h"
-#include "sim/triggerinput.h"
+#include "sim/usb/latixelsim.h"
+#include "sim/world/triggerinput.h"
 
 #include <future>
 

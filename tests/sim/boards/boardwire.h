@@ -4,7 +4,7 @@
 // knowledge of how the board makes it.
 #pragma once
 
-#include "sim/interfaceboard.h"
+#include "sim/boards/interfaceboard.h"
 
 #include <algorithm>
 #include <bit>

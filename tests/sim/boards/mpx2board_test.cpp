@@ -1,5 +1,5 @@
 // The Medipix2 and Timepix board from the wire: frames, faults, and what it has against bad frames.
-#include "mpx2wire.h"
+#include "sim/boards/mpx2wire.h"
 
 #include <cmath>
 

@@ -3,9 +3,9 @@
 // back.
 #pragma once
 
-#include "boardwire.h"
+#include "sim/boards/boardwire.h"
 
-#include "sim/mpx2board.h"
+#include "sim/boards/mpx2board.h"
 
 namespace sim {
 

@@ -1,5 +1,5 @@
 // The Medipix3 board from the wire: chips, SPI slaves, and what it has against bad frames.
-#include "mpx3wire.h"
+#include "sim/boards/mpx3wire.h"
 
 #include <cmath>
 

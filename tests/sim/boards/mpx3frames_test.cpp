@@ -1,5 +1,5 @@
 // Frames of the Medipix3 board: layout and size of every readout, series, and what the pixels have counted.
-#include "mpx3wire.h"
+#include "sim/boards/mpx3wire.h"
 
 namespace sim {
 namespace {

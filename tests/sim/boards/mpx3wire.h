@@ -2,9 +2,9 @@
 // host makes.
 #pragma once
 
-#include "boardwire.h"
+#include "sim/boards/boardwire.h"
 
-#include "sim/mpx3board.h"
+#include "sim/boards/mpx3board.h"
 
 namespace sim {
 

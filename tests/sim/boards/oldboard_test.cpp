@@ -1,7 +1,7 @@
 // The old boards from the wire: frames and answers, modules and chips, matrices, measurements, and what goes wrong.
-#include "mpx2wire.h"
+#include "sim/boards/mpx2wire.h"
 
-#include "sim/oldboard.h"
+#include "sim/boards/oldboard.h"
 
 namespace sim {
 namespace {

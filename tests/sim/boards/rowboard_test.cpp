@@ -1,7 +1,7 @@
 // The row board from the wire: readouts, series of rows, and what it has against bad frames.
-#include "mpx2wire.h"
+#include "sim/boards/mpx2wire.h"
 
-#include "sim/rowboard.h"
+#include "sim/boards/rowboard.h"
 
 #include <random>
 

@@ -1,5 +1,5 @@
 // The virtual bus through the functions of libftdi: listing, sessions, transfers, pace, and benches.
-#include "testbench.h"
+#include "sim/usb/testbench.h"
 
 #include "support/tempfolder.h"
 

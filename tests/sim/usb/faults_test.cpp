@@ -1,5 +1,5 @@
 // Faults between the bus and a board: when they begin, what they do, and how they end.
-#include "testbench.h"
+#include "sim/usb/testbench.h"
 
 #include <gmock/gmock.h>
 

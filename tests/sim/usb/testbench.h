@@ -4,8 +4,8 @@
 #define _FTDI_DISABLE_DEPRECATED
 #include <ftdi.h>
 
-#include "sim/bench.h"
-#include "sim/latixelsim.h"
+#include "sim/usb/bench.h"
+#include "sim/usb/latixelsim.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

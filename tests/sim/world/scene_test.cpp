@@ -1,5 +1,5 @@
 // The picture behind the sensor and its noise.
-#include "mpx3wire.h"
+#include "sim/boards/mpx3wire.h"
 
 #include <cmath>
 
