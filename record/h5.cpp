@@ -182,9 +182,9 @@ Growing::Growing(hid_t parent, const std::string& name, hid_t type, std::vector<
 
     const Handle properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     check(H5Pset_chunk(properties, rank, chunk.data()));
-    constexpr double nothing = std::numeric_limits<double>::quiet_NaN();
+    constexpr double NOTHING = std::numeric_limits<double>::quiet_NaN();
     if (H5Tequal(type, H5T_NATIVE_DOUBLE) > 0)
-        check(H5Pset_fill_value(properties, H5T_NATIVE_DOUBLE, &nothing));
+        check(H5Pset_fill_value(properties, H5T_NATIVE_DOUBLE, &NOTHING));
     if (compression > 0) {
         check(H5Pset_shuffle(properties));
         check(H5Pset_deflate(properties, static_cast<unsigned>(compression)));

@@ -9,7 +9,7 @@
 namespace record {
 namespace {
 
-constexpr hsize_t smallChunk = 256; // records in a chunk of single numbers
+constexpr hsize_t SMALL_CHUNK = 256; // records in a chunk of single numbers
 
 std::vector<double> pixelNumbers(unsigned count)
 {
@@ -75,8 +75,8 @@ void Hdf5Sink::writeData(const SeriesInfo& info)
     h5::writeAttribute(data, "time_indices", 0);
     h5::write(data, "y", pixelNumbers(info.height));
     h5::write(data, "x", pixelNumbers(info.width));
-    axes.emplace_back(data, "frame", H5T_NATIVE_LONG, std::vector<hsize_t>{}, smallChunk, 0);
-    axes.emplace_back(data, "time", H5T_NATIVE_DOUBLE, std::vector<hsize_t>{}, smallChunk, 0);
+    axes.emplace_back(data, "frame", H5T_NATIVE_LONG, std::vector<hsize_t>{}, SMALL_CHUNK, 0);
+    axes.emplace_back(data, "time", H5T_NATIVE_DOUBLE, std::vector<hsize_t>{}, SMALL_CHUNK, 0);
     h5::writeAttribute(axes.back().handle(), "units", "s");
 
     const bool narrow = info.bitsPerPixel == 16;
@@ -105,7 +105,7 @@ void Hdf5Sink::writeDetector(const SeriesInfo& info)
     h5::write(detector, "plugin", info.pluginVersion);
     const auto frameTime = h5::write(detector, "frame_time", info.seconds);
     h5::writeAttribute(frameTime, "units", "s");
-    axes.emplace_back(detector, "count_time", H5T_NATIVE_DOUBLE, std::vector<hsize_t>{}, smallChunk, 0);
+    axes.emplace_back(detector, "count_time", H5T_NATIVE_DOUBLE, std::vector<hsize_t>{}, SMALL_CHUNK, 0);
     h5::writeAttribute(axes.back().handle(), "units", "s");
 }
 

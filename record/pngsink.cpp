@@ -58,7 +58,7 @@ void PngSink::writePicture(const Picture& picture, const std::filesystem::path& 
     image.width = picture.width;
     image.height = picture.height;
     image.format = PNG_FORMAT_RGB_COLORMAP;
-    image.colormap_entries = Colormap::steps + 1;
+    image.colormap_entries = Colormap::STEPS + 1;
     const std::unique_ptr<png_image, Free> release(&image);
     // A colour is three bytes in a row, as the library wants them.
     static_assert(sizeof(Colour) == 3);

@@ -15,8 +15,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr double classicLimit = 3.9e9; // bytes; a classic TIFF ends at 4 GiB
-constexpr unsigned rowsPerStrip = 64;
+constexpr double CLASSIC_LIMIT = 3.9e9; // bytes; a classic TIFF ends at 4 GiB
+constexpr unsigned ROWS_PER_STRIP = 64;
 
 // The library reports through one function for the whole process; the last words are kept for each thread.
 thread_local std::string lastWords;
@@ -66,7 +66,7 @@ void TiffSink::begin(const SeriesInfo& info)
     series = info;
     const double bytes =
         double{1} * info.width * info.height * info.bitsPerPixel / 8 * info.picturesPerFrame * info.frames;
-    tiff.reset(TIFFOpen(file.temporary().c_str(), bytes > classicLimit ? "w8" : "w"));
+    tiff.reset(TIFFOpen(file.temporary().c_str(), bytes > CLASSIC_LIMIT ? "w8" : "w"));
     if (tiff == nullptr)
         fail();
 }
@@ -95,10 +95,10 @@ void TiffSink::writePage(const Picture& picture, const std::string& description)
     auto* bytes = narrow.empty() ? reinterpret_cast<const unsigned char*>(picture.pixels.data())
                                  : reinterpret_cast<const unsigned char*>(narrow.data());
     std::vector<unsigned char> strip; // the library may change what it is given
-    for (unsigned row = 0; row < picture.height; row += rowsPerStrip) {
-        const std::size_t size = rowBytes * std::min(rowsPerStrip, picture.height - row);
+    for (unsigned row = 0; row < picture.height; row += ROWS_PER_STRIP) {
+        const std::size_t size = rowBytes * std::min(ROWS_PER_STRIP, picture.height - row);
         strip.assign(bytes + row * rowBytes, bytes + row * rowBytes + size);
-        if (TIFFWriteEncodedStrip(tiff.get(), row / rowsPerStrip, strip.data(), static_cast<tmsize_t>(size)) < 0)
+        if (TIFFWriteEncodedStrip(tiff.get(), row / ROWS_PER_STRIP, strip.data(), static_cast<tmsize_t>(size)) < 0)
             fail();
     }
     if (TIFFWriteDirectory(tiff.get()) == 0)
@@ -115,7 +115,7 @@ void TiffSink::setTags(const Picture& picture, const std::string& description)
     TIFFSetField(page, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_UINT);
     TIFFSetField(page, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
     TIFFSetField(page, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(page, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
+    TIFFSetField(page, TIFFTAG_ROWSPERSTRIP, ROWS_PER_STRIP);
     TIFFSetField(page, TIFFTAG_SUBFILETYPE, FILETYPE_PAGE);
     TIFFSetField(page, TIFFTAG_COMPRESSION, compression > 0 ? COMPRESSION_ADOBE_DEFLATE : COMPRESSION_NONE);
     if (compression > 0)

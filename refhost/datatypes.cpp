@@ -16,7 +16,7 @@ struct TypeRow {
     std::size_t bytes;
 };
 
-constexpr std::array<TypeRow, 12> types{{{"char", 1},
+constexpr std::array<TypeRow, 12> TYPES{{{"char", 1},
                                          {"byte", 1},
                                          {"i16", 2},
                                          {"u16", 2},
@@ -61,19 +61,19 @@ std::optional<bool> boolOf(std::string_view text)
 
 std::optional<DataType> dataTypeOf(int code)
 {
-    if (code < 0 || static_cast<std::size_t>(code) >= types.size())
+    if (code < 0 || static_cast<std::size_t>(code) >= TYPES.size())
         return std::nullopt;
     return static_cast<DataType>(code);
 }
 
 std::size_t sizeOf(DataType type)
 {
-    return types[static_cast<std::size_t>(type)].bytes;
+    return TYPES[static_cast<std::size_t>(type)].bytes;
 }
 
 std::string_view nameOf(DataType type)
 {
-    return types[static_cast<std::size_t>(type)].name;
+    return TYPES[static_cast<std::size_t>(type)].name;
 }
 
 double numberAt(DataType type, const void* place)

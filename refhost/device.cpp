@@ -222,7 +222,7 @@ void Device::setDacs(const std::vector<unsigned short>& dacs)
 
 void Device::setPixelCfg(const std::vector<unsigned char>& cfg)
 {
-    const std::size_t needed = std::size_t{chipCount()} * pixelsPerChip * pixelCfgBytes();
+    const std::size_t needed = std::size_t{chipCount()} * PIXELS_PER_CHIP * pixelCfgBytes();
     if (cfg.size() != needed)
         throw Error("the pixel configuration of " + name() + " takes " + std::to_string(needed) + " bytes, not " +
                     std::to_string(cfg.size()));

@@ -39,7 +39,7 @@ using LogHandler = std::function<void(const LogLine&)>;
 /// until Plugin::close.
 class Device {
 public:
-    static constexpr unsigned pixelsPerChip = 256 * 256;
+    static constexpr unsigned PIXELS_PER_CHIP = 256 * 256;
 
     /// Takes the device's event and log callbacks for itself. Throws Error on a device of an unknown type.
     Device(Host& host, dv::IHwDev* device);

@@ -7,7 +7,7 @@ namespace refhost {
 namespace {
 
 // A composite of a hundred chips needs 6.5 million pixels; beyond this the request is a mistake.
-constexpr std::size_t largestFrame = std::size_t{1} << 28;
+constexpr std::size_t LARGEST_FRAME = std::size_t{1} << 28;
 
 } // namespace
 
@@ -29,7 +29,7 @@ dv::IMpxFrame* Host::createFrame(unsigned width, unsigned height, int dataType)
     const std::size_t pixels = std::size_t{width} * height;
     const std::string what =
         std::to_string(width) + "x" + std::to_string(height) + " of type " + std::to_string(dataType);
-    if (!type || *type == DataType::Text || pixels > largestFrame) {
+    if (!type || *type == DataType::Text || pixels > LARGEST_FRAME) {
         complain("createFrame of " + what);
         return nullptr;
     }

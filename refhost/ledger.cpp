@@ -4,8 +4,8 @@
 namespace refhost {
 namespace {
 
-constexpr std::size_t keptComplaints = 1000;
-constexpr std::size_t keptShells = 1000;
+constexpr std::size_t KEPT_COMPLAINTS = 1000;
+constexpr std::size_t KEPT_SHELLS = 1000;
 
 } // namespace
 
@@ -13,7 +13,7 @@ void Ledger::complain(std::string text)
 {
     const std::lock_guard lock(mutex);
     ++complaintTotal;
-    if (texts.size() < keptComplaints)
+    if (texts.size() < KEPT_COMPLAINTS)
         texts.push_back(std::move(text));
 }
 
@@ -56,7 +56,7 @@ void Ledger::buried(Kind kind, std::unique_ptr<Tracked> shell)
     auto& graves = shells[slot(kind)];
     --alive[slot(kind)];
     graves.push_back(std::move(shell));
-    if (graves.size() > keptShells) {
+    if (graves.size() > KEPT_SHELLS) {
         oldest = std::move(graves.front());
         graves.pop_front();
     }

@@ -35,12 +35,12 @@ std::string_view untilZero(const void* data, std::size_t byteSize)
 
 std::vector<std::string_view> words(std::string_view text)
 {
-    constexpr std::string_view gaps = " ,;\t\r\n";
+    constexpr std::string_view GAPS = " ,;\t\r\n";
     std::vector<std::string_view> found;
-    for (std::size_t begin = text.find_first_not_of(gaps); begin != std::string_view::npos;) {
-        const std::size_t end = std::min(text.find_first_of(gaps, begin), text.size());
+    for (std::size_t begin = text.find_first_not_of(GAPS); begin != std::string_view::npos;) {
+        const std::size_t end = std::min(text.find_first_of(GAPS, begin), text.size());
         found.push_back(text.substr(begin, end - begin));
-        begin = text.find_first_not_of(gaps, end);
+        begin = text.find_first_not_of(GAPS, end);
     }
     return found;
 }

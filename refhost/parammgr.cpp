@@ -4,7 +4,7 @@
 namespace refhost {
 namespace {
 
-constexpr std::size_t largestContent = std::size_t{64} << 20;
+constexpr std::size_t LARGEST_CONTENT = std::size_t{64} << 20;
 
 std::string textOrEmpty(const char* text)
 {
@@ -32,7 +32,7 @@ int ParamMgr::addParam(const char* name, const char* description, int dataType, 
         complain("addParam of " + textOrEmpty(name) + " with the unknown type " + std::to_string(dataType));
         return -1;
     }
-    if (count > largestContent / sizeOf(*type)) {
+    if (count > LARGEST_CONTENT / sizeOf(*type)) {
         complain("addParam of " + textOrEmpty(name) + " with " + std::to_string(count) + " items");
         return -1;
     }

@@ -19,10 +19,10 @@ double secondsBetween(Clock::time_point from, Clock::time_point to)
     return std::chrono::duration<double>(to - from).count();
 }
 
-constexpr double longestExposure = 1e7;                // seconds; more than any device offers
-constexpr auto longestFetch = std::chrono::seconds(1); // for which a stop waits: one that hangs may need the stop
+constexpr double LONGEST_EXPOSURE = 1e7;                // seconds; more than any device offers
+constexpr auto LONGEST_FETCH = std::chrono::seconds(1); // for which a stop waits: one that hangs may need the stop
 
-constexpr unsigned triggerModes =
+constexpr unsigned TRIGGER_MODES =
     dv::ACQMODE_EXT_TRIGGER_START | dv::ACQMODE_EXT_TRIGGER_STOP | dv::ACQMODE_SOFT_TRIGGER;
 
 } // namespace
@@ -33,7 +33,7 @@ struct Series::State {
         : device(seriesDevice),
           request(seriesRequest),
           sink(std::move(frameSink)),
-          triggered((seriesDevice.acqMode() & triggerModes) != 0),
+          triggered((seriesDevice.acqMode() & TRIGGER_MODES) != 0),
           readsAnewAfterStop(!seriesDevice.isMpx3())
     {
     }
@@ -145,7 +145,7 @@ bool Series::State::deliver(SeriesFrame taken)
 {
     if (taken.frame == nullptr)
         return false;
-    const std::size_t expected = std::size_t{device.mpxInfo().chipTotal} * Device::pixelsPerChip;
+    const std::size_t expected = std::size_t{device.mpxInfo().chipTotal} * Device::PIXELS_PER_CHIP;
     if (taken.frame->pixelCount() != expected) {
         device.host().complain("a frame of " + std::to_string(taken.frame->pixelCount()) + " pixels from " +
                                device.name() + ", which has " + std::to_string(expected));
@@ -189,8 +189,8 @@ Clock::time_point Series::State::watch(Clock::time_point now)
         return now + std::chrono::hours(1);
     auto limit = request.silence;
     if (!stopAsked)
-        limit +=
-            std::chrono::milliseconds(static_cast<long long>(std::clamp(request.seconds, 0.0, longestExposure) * 1000));
+        limit += std::chrono::milliseconds(
+            static_cast<long long>(std::clamp(request.seconds, 0.0, LONGEST_EXPOSURE) * 1000));
     if (now >= lastSign + limit) {
         const std::string words = device.errorLine(); // a device that tries for ever tells there what fails
         outcome.error = "no sign of life for " + std::to_string(limit.count() / 1000) + " s" +
@@ -248,7 +248,7 @@ void Series::stop()
             return;
         state->stopAsked = true;
         if (state->readsAnewAfterStop)
-            state->changed.wait_for(lock, longestFetch, [this] { return !state->inFetch; });
+            state->changed.wait_for(lock, LONGEST_FETCH, [this] { return !state->inFetch; });
     }
     device.stopAcquisition();
     // The silence that counts from here on is that after the stop.

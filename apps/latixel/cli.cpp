@@ -11,10 +11,10 @@
 namespace tool {
 namespace {
 
-constexpr const char* summary =
+constexpr const char* SUMMARY =
     "Drives Latixel pixel detectors: lists them, reads and sets their parameters, takes frames.\n";
 
-constexpr const char* footer =
+constexpr const char* FOOTER =
     "Examples:\n"
     "  latixel list                                     what is plugged in\n"
     "  latixel acquire -n 10 -t 0.5 -o run.h5           ten frames of half a second\n"
@@ -72,11 +72,11 @@ ExitCode guarded(const Run& run)
 
 int runTool(int argc, const char* const* argv)
 {
-    CLI::App app(summary, "latixel");
+    CLI::App app(SUMMARY, "latixel");
     GlobalOptions global;
     Run run;
     app.set_version_flag("--version", "latixel " LATIXEL_VERSION);
-    app.footer(footer);
+    app.footer(FOOTER);
     app.fallthrough();
     app.require_subcommand(1);
     app.failure_message([](const CLI::App* command, const CLI::Error& error) {

@@ -10,8 +10,8 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t largestAtHand = 10; // bytes
-constexpr std::size_t bulkItems = 11;     // reading a parameter of so many items makes the plug-in read the flash
+constexpr std::size_t LARGEST_AT_HAND = 10; // bytes
+constexpr std::size_t BULK_ITEMS = 11;      // reading a parameter of so many items makes the plug-in read the flash
 
 record::Setting settingOf(refhost::Param& param)
 {
@@ -112,13 +112,13 @@ std::string clockText(double mhz)
 
 bool isAtHand(refhost::Param& flashParam)
 {
-    return flashParam.size() * refhost::sizeOf(flashParam.type()) <= largestAtHand;
+    return flashParam.size() * refhost::sizeOf(flashParam.type()) <= LARGEST_AT_HAND;
 }
 
 void loadFlash(const refhost::Device& device)
 {
     for (refhost::Param* param : device.flashParams())
-        if (param->size() >= bulkItems) {
+        if (param->size() >= BULK_ITEMS) {
             param->data(); // one for all
             return;
         }

@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-constexpr int signals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
 
 std::atomic<int> received{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may use nothing else");
@@ -19,8 +19,8 @@ void onSignal(int)
 {
     if (received.fetch_add(1) == 0)
         return;
-    constexpr char words[] = "\nlatixel: ended at once; an incomplete output file keeps its name with .part\n";
-    [[maybe_unused]] const auto ignored = write(STDERR_FILENO, words, sizeof words - 1);
+    constexpr char WORDS[] = "\nlatixel: ended at once; an incomplete output file keeps its name with .part\n";
+    [[maybe_unused]] const auto ignored = write(STDERR_FILENO, WORDS, sizeof WORDS - 1);
     _exit(static_cast<int>(ExitCode::Killed));
 }
 
@@ -33,14 +33,14 @@ Interrupt::Interrupt()
     action.sa_handler = onSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    for (std::size_t i = 0; i < std::size(signals); ++i)
-        sigaction(signals[i], &action, &former[i]);
+    for (std::size_t i = 0; i < std::size(SIGNALS); ++i)
+        sigaction(SIGNALS[i], &action, &former[i]);
 }
 
 Interrupt::~Interrupt()
 {
-    for (std::size_t i = 0; i < std::size(signals); ++i)
-        sigaction(signals[i], &former[i], nullptr);
+    for (std::size_t i = 0; i < std::size(SIGNALS); ++i)
+        sigaction(SIGNALS[i], &former[i], nullptr);
 }
 
 bool Interrupt::requested() const

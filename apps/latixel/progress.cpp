@@ -10,11 +10,11 @@
 namespace tool {
 namespace {
 
-constexpr auto drawInterval = std::chrono::milliseconds(100);
-constexpr auto lineInterval = std::chrono::seconds(5);
-constexpr double quietStart = 0.5; // seconds; a series that is over by then needs no plain lines
-constexpr unsigned widestBar = 30;
-constexpr unsigned narrowestBar = 8;
+constexpr auto DRAW_INTERVAL = std::chrono::milliseconds(100);
+constexpr auto LINE_INTERVAL = std::chrono::seconds(5);
+constexpr double QUIET_START = 0.5; // seconds; a series that is over by then needs no plain lines
+constexpr unsigned WIDEST_BAR = 30;
+constexpr unsigned NARROWEST_BAR = 8;
 
 unsigned columnsOf(std::FILE* stream)
 {
@@ -55,9 +55,9 @@ std::string progressBar(const ProgressState& state, unsigned columns)
     const std::string text = numbers(state);
     const std::size_t taken = text.size() + 3;              // the brackets and a blank
     const std::size_t room = columns > 0 ? columns - 1 : 0; // the last column would wrap the line
-    if (taken + narrowestBar > room)
+    if (taken + NARROWEST_BAR > room)
         return text.substr(0, room);
-    const auto bar = std::min<std::size_t>(widestBar, room - taken);
+    const auto bar = std::min<std::size_t>(WIDEST_BAR, room - taken);
     const auto filled = static_cast<std::size_t>(share(state) * static_cast<double>(bar));
     return "[" + std::string(filled, '#') + std::string(bar - filled, '.') + "] " + text;
 }
@@ -79,10 +79,10 @@ void Progress::show(const ProgressState& state)
     const auto now = Clock::now();
     const bool news = state.note != lastNote && !state.note.empty();
     lastNote = state.note;
-    const bool tooEarly = !terminal && state.elapsed < quietStart;
+    const bool tooEarly = !terminal && state.elapsed < QUIET_START;
     if ((now < next || tooEarly) && !news)
         return;
-    next = now + (terminal ? Clock::duration(drawInterval) : Clock::duration(lineInterval));
+    next = now + (terminal ? Clock::duration(DRAW_INTERVAL) : Clock::duration(LINE_INTERVAL));
     if (terminal) {
         std::fprintf(stream, "\r%s\x1b[K", progressBar(state, columnsOf(stream)).c_str());
         drawn = true;

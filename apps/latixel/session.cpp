@@ -12,8 +12,8 @@
 namespace tool {
 namespace {
 
-constexpr const char* defaultBench = "mpx3-quad";
-constexpr const char* noDeviceHelp =
+constexpr const char* DEFAULT_BENCH = "mpx3-quad";
+constexpr const char* NO_DEVICE_HELP =
     "check that it is plugged in and that you may use it (udev rules), or try --simulate for virtual boards";
 
 } // namespace
@@ -26,7 +26,7 @@ Session::Session(const GlobalOptions& options)
         std::cerr << "latixel: " << printable(message.title) << ": " << printable(message.text) << '\n';
     });
     if (options.bench)
-        loadBoards(options.bench->empty() ? defaultBench : *options.bench);
+        loadBoards(options.bench->empty() ? DEFAULT_BENCH : *options.bench);
     const bool telling = isatty(STDERR_FILENO) != 0;
     try {
         plugin = std::make_unique<refhost::Plugin>(host, options.plugin.empty()
@@ -73,7 +73,7 @@ void Session::loadBoards(const std::string& bench)
 const std::vector<std::unique_ptr<refhost::Device>>& Session::devices() const
 {
     if (plugin->devices().empty())
-        throw Failure(ExitCode::NoDevice, std::string("no device found: ") + noDeviceHelp);
+        throw Failure(ExitCode::NoDevice, std::string("no device found: ") + NO_DEVICE_HELP);
     return plugin->devices();
 }
 

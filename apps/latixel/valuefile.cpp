@@ -12,13 +12,13 @@
 namespace tool {
 namespace {
 
-constexpr std::uintmax_t largestFile = std::uintmax_t{64} << 20;
+constexpr std::uintmax_t LARGEST_FILE = std::uintmax_t{64} << 20;
 
 std::ifstream openFile(const std::filesystem::path& path)
 {
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
-    if (!error && size > largestFile)
+    if (!error && size > LARGEST_FILE)
         throw Failure(ExitCode::Arguments, path.string() + " is too large to be a file of chip values");
     std::ifstream file(path, std::ios::binary);
     if (error || !file)
@@ -41,16 +41,16 @@ unsigned short number(const std::string& word, const std::filesystem::path& path
 
 std::vector<unsigned short> readNumbers(const std::filesystem::path& path)
 {
-    constexpr const char* gaps = " \t\r,;";
+    constexpr const char* GAPS = " \t\r,;";
     std::ifstream file = openFile(path);
     std::vector<unsigned short> values;
     std::string text;
     for (unsigned line = 1; std::getline(file, text); ++line) {
         text.erase(std::min(text.find('#'), text.size()));
-        for (std::size_t begin = text.find_first_not_of(gaps); begin != std::string::npos;) {
-            const std::size_t end = std::min(text.find_first_of(gaps, begin), text.size());
+        for (std::size_t begin = text.find_first_not_of(GAPS); begin != std::string::npos;) {
+            const std::size_t end = std::min(text.find_first_of(GAPS, begin), text.size());
             values.push_back(number(text.substr(begin, end - begin), path, line));
-            begin = text.find_first_not_of(gaps, end);
+            begin = text.find_first_not_of(GAPS, end);
         }
     }
     return values;

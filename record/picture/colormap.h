@@ -18,10 +18,10 @@ enum class ColormapName { Viridis, Grey, Inferno };
 
 /// 255 colours from the lowest count to the highest, and behind them one that stands out for bad pixels.
 struct Colormap {
-    static constexpr std::size_t steps = 255;
-    static constexpr std::uint8_t badIndex = 255;
+    static constexpr std::size_t STEPS = 255;
+    static constexpr std::uint8_t BAD_INDEX = 255;
 
-    std::array<Colour, steps + 1> colours;
+    std::array<Colour, STEPS + 1> colours;
 };
 
 /// The table of that name.

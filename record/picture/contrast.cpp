@@ -10,8 +10,8 @@
 namespace record {
 namespace {
 
-constexpr double darkShare = 0.01;
-constexpr double brightShare = 0.003;
+constexpr double DARK_SHARE = 0.01;
+constexpr double BRIGHT_SHARE = 0.003;
 
 std::uint32_t quantile(std::vector<std::uint32_t>& counts, double share)
 {
@@ -36,11 +36,11 @@ ContrastRange automaticRange(const Picture& picture)
     std::vector<std::uint32_t> counts;
     counts.reserve(picture.pixels.size());
     std::copy_if(picture.pixels.begin(), picture.pixels.end(), std::back_inserter(counts),
-                 [](std::uint32_t count) { return count != Picture::bad; });
+                 [](std::uint32_t count) { return count != Picture::BAD; });
     if (counts.empty())
         return {};
-    const double low = quantile(counts, darkShare);
-    const double high = quantile(counts, 1 - brightShare);
+    const double low = quantile(counts, DARK_SHARE);
+    const double high = quantile(counts, 1 - BRIGHT_SHARE);
     return {low, std::max(high, low + 1)};
 }
 
@@ -58,13 +58,13 @@ std::optional<ContrastRange> parseRange(const std::string& text)
 
 std::vector<std::uint8_t> colourIndexes(const Picture& picture, ContrastRange range)
 {
-    constexpr double top = Colormap::steps - 1;
-    const double scale = top / (range.high - range.low);
+    constexpr double TOP = Colormap::STEPS - 1;
+    const double scale = TOP / (range.high - range.low);
     std::vector<std::uint8_t> indexes(picture.pixels.size());
     std::transform(picture.pixels.begin(), picture.pixels.end(), indexes.begin(), [&](std::uint32_t count) {
-        if (count == Picture::bad)
-            return Colormap::badIndex;
-        return static_cast<std::uint8_t>(std::clamp((count - range.low) * scale + 0.5, 0.0, top));
+        if (count == Picture::BAD)
+            return Colormap::BAD_INDEX;
+        return static_cast<std::uint8_t>(std::clamp((count - range.low) * scale + 0.5, 0.0, TOP));
     });
     return indexes;
 }

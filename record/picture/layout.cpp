@@ -7,10 +7,10 @@
 namespace record {
 namespace {
 
-constexpr unsigned chipSide = 256;
-constexpr unsigned mostPlaces = 64;
-constexpr std::uint32_t highestShortCount = 11810; // the counter's period; failed pixels hold one more
-constexpr std::uint32_t highestHalfCount = 0xFFF;
+constexpr unsigned CHIP_SIDE = 256;
+constexpr unsigned MOST_PLACES = 64;
+constexpr std::uint32_t HIGHEST_SHORT_COUNT = 11810; // the counter's period; failed pixels hold one more
+constexpr std::uint32_t HIGHEST_HALF_COUNT = 0xFFF;
 
 std::uint32_t single(std::uint32_t word)
 {
@@ -19,25 +19,25 @@ std::uint32_t single(std::uint32_t word)
 
 std::uint32_t shortCount(std::uint32_t word)
 {
-    return word > highestShortCount ? Picture::bad : word;
+    return word > HIGHEST_SHORT_COUNT ? Picture::BAD : word;
 }
 
 // A failed pixel has all bits set at first; the other counter's conversion may have changed its own bits since.
 std::uint32_t lowCount(std::uint32_t word)
 {
-    return word == 0xFFFFFFFF ? Picture::bad : word & highestHalfCount;
+    return word == 0xFFFFFFFF ? Picture::BAD : word & HIGHEST_HALF_COUNT;
 }
 
 std::uint32_t highCount(std::uint32_t word)
 {
-    return word >> 16 > highestHalfCount ? Picture::bad : word >> 16;
+    return word >> 16 > HIGHEST_HALF_COUNT ? Picture::BAD : word >> 16;
 }
 
 std::optional<unsigned> positive(const char* begin, const char* end)
 {
     unsigned value = 0;
     const auto [rest, error] = std::from_chars(begin, end, value);
-    if (error != std::errc{} || rest != end || value == 0 || value > mostPlaces)
+    if (error != std::errc{} || rest != end || value == 0 || value > MOST_PLACES)
         return std::nullopt;
     return value;
 }
@@ -51,7 +51,7 @@ std::optional<Layout> Layout::parse(const std::string& text)
         return std::nullopt;
     const auto columns = positive(text.data(), text.data() + cross);
     const auto rows = positive(text.data() + cross + 1, text.data() + text.size());
-    if (!columns || !rows || *columns * *rows > mostPlaces)
+    if (!columns || !rows || *columns * *rows > MOST_PLACES)
         return std::nullopt;
     return Layout{*columns, *rows};
 }
@@ -65,12 +65,12 @@ PictureMaker::PictureMaker(unsigned chipCount, Layout chipLayout, Counting howCo
 
 unsigned PictureMaker::width() const
 {
-    return layout.columns * chipSide;
+    return layout.columns * CHIP_SIDE;
 }
 
 unsigned PictureMaker::height() const
 {
-    return layout.rows * chipSide;
+    return layout.rows * CHIP_SIDE;
 }
 
 std::vector<Picture> PictureMaker::make(const refhost::Frame& frame) const
@@ -79,7 +79,7 @@ std::vector<Picture> PictureMaker::make(const refhost::Frame& frame) const
     const auto type = counting == Counting::Short ? refhost::DataType::UInt16 : refhost::DataType::UInt32;
     const bool sameWidth = refhost::sizeOf(frame.type()) == refhost::sizeOf(type);
     std::vector<Picture> pictures;
-    if (!sameWidth || bytes.size() != std::size_t{chips} * chipSide * chipSide * refhost::sizeOf(type))
+    if (!sameWidth || bytes.size() != std::size_t{chips} * CHIP_SIDE * CHIP_SIDE * refhost::sizeOf(type))
         return pictures;
     switch (counting) {
     case Counting::Single:
@@ -102,11 +102,11 @@ Picture PictureMaker::lay(std::span<const unsigned char> bytes, Count count) con
     Picture picture{width(), height(), std::vector<std::uint32_t>(std::size_t{width()} * height())};
     const unsigned char* from = bytes.data();
     for (unsigned chip = 0; chip < chips && chip < layout.places(); ++chip) {
-        const std::size_t left = std::size_t{chip % layout.columns} * chipSide;
-        const std::size_t top = std::size_t{chip / layout.columns} * chipSide;
-        for (std::size_t y = 0; y < chipSide; ++y) {
+        const std::size_t left = std::size_t{chip % layout.columns} * CHIP_SIDE;
+        const std::size_t top = std::size_t{chip / layout.columns} * CHIP_SIDE;
+        for (std::size_t y = 0; y < CHIP_SIDE; ++y) {
             std::uint32_t* to = picture.pixels.data() + (top + y) * picture.width + left;
-            for (std::size_t x = 0; x < chipSide; ++x, from += sizeof(Item)) {
+            for (std::size_t x = 0; x < CHIP_SIDE; ++x, from += sizeof(Item)) {
                 Item item;
                 std::memcpy(&item, from, sizeof item);
                 to[x] = count(item);

@@ -13,7 +13,7 @@ namespace record {
 /// A picture of counts, row by row from the top. Every device's counts fit, and so does the mark of a bad pixel.
 struct Picture {
     /// A pixel whose counter held no valid count.
-    static constexpr std::uint32_t bad = 0xFFFFFFFF;
+    static constexpr std::uint32_t BAD = 0xFFFFFFFF;
 
     unsigned width = 0;
     unsigned height = 0;

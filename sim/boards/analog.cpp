@@ -12,8 +12,8 @@ using nlohmann::json;
 
 namespace {
 
-constexpr double adcRange = 5;
-constexpr double codesPerVolt = 255.0 / 112; ///< of the bias DAC, which is inverted, on a board without calibration
+constexpr double ADC_RANGE = 5;
+constexpr double CODES_PER_VOLT = 255.0 / 112; ///< of the bias DAC, which is inverted, on a board without calibration
 
 /// A number from the board's entry, or from the calibration in its flash, or `fallback`.
 double calibrated(const json& bias, const char* key, const json& flash, const char* parameter, double fallback)
@@ -43,17 +43,17 @@ Bytes BiasDac::exchange(std::span<const std::uint8_t> sent, const Complain& comp
 
 Bytes Adc::exchange(std::span<const std::uint8_t> sent, const Complain& complain)
 {
-    constexpr unsigned manualMode = 0x1000;
-    constexpr unsigned setsRange = 0x0800;
-    constexpr unsigned wide = 0x0040;
-    constexpr unsigned known = manualMode | setsRange | 0x0780 | wide;
+    constexpr unsigned MANUAL_MODE = 0x1000;
+    constexpr unsigned SETS_RANGE = 0x0800;
+    constexpr unsigned WIDE = 0x0040;
+    constexpr unsigned KNOWN = MANUAL_MODE | SETS_RANGE | 0x0780 | WIDE;
     const unsigned word = sent.size() == 2 ? static_cast<unsigned>(sent[0] << 8U | sent[1]) : 0;
-    if ((word & manualMode) == 0 || (word & ~known) != 0) {
+    if ((word & MANUAL_MODE) == 0 || (word & ~KNOWN) != 0) {
         complain("ADC does not know this word", sent);
         return Bytes(sent.size());
     }
-    if ((word & setsRange) != 0)
-        wideRange = (word & wide) != 0;
+    if ((word & SETS_RANGE) != 0)
+        wideRange = (word & WIDE) != 0;
     const std::uint16_t answer = pipeline[0];
     pipeline = {pipeline[1], convert(word >> 7U & 0xFU)};
     return {static_cast<std::uint8_t>(answer >> 8U), static_cast<std::uint8_t>(answer)};
@@ -62,7 +62,7 @@ Bytes Adc::exchange(std::span<const std::uint8_t> sent, const Complain& complain
 /// The conversion with the channel's number in front, as it is shifted out.
 std::uint16_t Adc::convert(unsigned channel) const
 {
-    const double code = volts(channel) / (wideRange ? adcRange : adcRange / 2) * 4096;
+    const double code = volts(channel) / (wideRange ? ADC_RANGE : ADC_RANGE / 2) * 4096;
     return static_cast<std::uint16_t>(channel << 12U |
                                       static_cast<unsigned>(std::clamp(std::round(code), 0.0, 4095.0)));
 }
@@ -96,7 +96,7 @@ double BiasSupply::volts(int code) const
 {
     if (code < 0)
         return 0;
-    return setA != 0 ? (code - setB) / setA : (255 - code) / codesPerVolt * coeff;
+    return setA != 0 ? (code - setB) / setA : (255 - code) / CODES_PER_VOLT * coeff;
 }
 
 double BiasSupply::voltSense(int code) const
@@ -107,7 +107,7 @@ double BiasSupply::voltSense(int code) const
 double BiasSupply::currentOfSense(double sense) const
 {
     const bool linear = currA != 0 || currB != 0 || currC != 0 || currD != 0;
-    const double c = linear ? sense * currA + currB : (sense - adcRange / 2) * 1000 / currCoeff1;
+    const double c = linear ? sense * currA + currB : (sense - ADC_RANGE / 2) * 1000 / currCoeff1;
     return (linear ? currC : currCoeff2) * c * std::exp((linear ? currD : currCoeff3) * std::abs(c));
 }
 
@@ -115,9 +115,9 @@ double BiasSupply::currentSense(int code) const
 {
     const double wanted = current(code);
     if (currC == 0 && (currCoeff1 == 0 || currCoeff2 == 0))
-        return adcRange / 2; // an amplifier that rests in the middle
+        return ADC_RANGE / 2; // an amplifier that rests in the middle
     double low = 0;
-    double high = adcRange;
+    double high = ADC_RANGE;
     const bool rising = currentOfSense(low) < currentOfSense(high);
     for (int step = 0; step < 40; ++step) {
         const double middle = (low + high) / 2;

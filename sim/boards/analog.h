@@ -28,10 +28,12 @@ private:
 /// 12-bit ADC with 16 channels, pipelined: an exchange brings the conversion that was asked for two exchanges before.
 class LATIXELSIM_API Adc : public SpiSlave {
 public:
-    static constexpr unsigned channels = 16;
+    static constexpr unsigned CHANNELS = 16;
 
     /// `volts` tells what lies on a channel at the moment of conversion.
-    explicit Adc(std::function<double(unsigned channel)> volts_) : SpiSlave("ADC", 0x20, 5), volts(std::move(volts_)) {}
+    explicit Adc(std::function<double(unsigned channel)> voltsOf) : SpiSlave("ADC", 0x20, 5), volts(std::move(voltsOf))
+    {
+    }
 
     Bytes exchange(std::span<const std::uint8_t> sent, const Complain& complain) override;
     void powerCycle() override { pipeline = {}; }

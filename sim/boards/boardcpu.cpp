@@ -16,12 +16,12 @@ using nlohmann::json;
 namespace {
 
 enum CpuCommand : std::uint8_t {
-    cpuStatus = 2,
-    cpuValueNames = 3,
-    cpuValues = 4,
-    cpuVersion = 5,
-    cpuStatusText = 6,
-    cpuSet = 0x80,
+    CPU_STATUS = 2,
+    CPU_VALUE_NAMES = 3,
+    CPU_VALUES = 4,
+    CPU_VERSION = 5,
+    CPU_STATUS_TEXT = 6,
+    CPU_SET_VALUE = 0x80,
 };
 
 /// Size of the block in which each command travels.
@@ -29,15 +29,19 @@ struct CommandSize {
     CpuCommand command;
     std::size_t bytes;
 };
-constexpr std::array<CommandSize, 6> commandSizes = {
-    {{cpuStatus, 4}, {cpuValueNames, 4096}, {cpuValues, 4096}, {cpuVersion, 100}, {cpuStatusText, 100}, {cpuSet, 6}}};
+constexpr std::array<CommandSize, 6> COMMAND_SIZES = {{{CPU_STATUS, 4},
+                                                       {CPU_VALUE_NAMES, 4096},
+                                                       {CPU_VALUES, 4096},
+                                                       {CPU_VERSION, 100},
+                                                       {CPU_STATUS_TEXT, 100},
+                                                       {CPU_SET_VALUE, 6}}};
 
 // What a set command without a value does at these indexes.
-constexpr std::uint8_t resetTemperature = 0;
-constexpr std::uint8_t switchOn = 3;
-constexpr std::uint8_t switchOff = 4;
+constexpr std::uint8_t RESET_TEMPERATURE = 0;
+constexpr std::uint8_t SWITCH_ON = 3;
+constexpr std::uint8_t SWITCH_OFF = 4;
 
-constexpr std::size_t answerStart = 2; ///< the first two bytes of a block pass while the CPU reads the command
+constexpr std::size_t ANSWER_START = 2; ///< the first two bytes of a block pass while the CPU reads the command
 
 std::vector<std::pair<std::string, std::string>> readValues(const json& cpu)
 {
@@ -61,14 +65,17 @@ std::string numberText(double number)
 
 } // namespace
 
-BoardCpu::BoardCpu(const json& cpu) : SpiSlave("board CPU", 4, 50), isPresent(cpu.is_object()), normalStatus(statusGood)
+BoardCpu::BoardCpu(const json& cpu)
+    : SpiSlave("board CPU", 4, 50),
+      isPresent(cpu.is_object()),
+      normalStatus(STATUS_GOOD)
 {
     if (!isPresent)
         return;
     refuseOtherKeys(cpu, {"about", "version", "values", "status", "status_text"});
     version = readKey<std::string>(cpu, "version", "1.7");
     normalText = readKey<std::string>(cpu, "status_text", "OK");
-    normalStatus = readKey<std::uint8_t>(cpu, "status", statusGood);
+    normalStatus = readKey<std::uint8_t>(cpu, "status", STATUS_GOOD);
     normalValues = readValues(cpu);
     valueList = normalValues;
     clearStatus();
@@ -110,8 +117,8 @@ void BoardCpu::clearStatus()
 
 Bytes BoardCpu::exchange(std::span<const std::uint8_t> sent, const Complain& complain)
 {
-    const auto known = std::ranges::find(commandSizes, sent[0], &CommandSize::command);
-    if (known == commandSizes.end() || known->bytes != sent.size()) {
+    const auto known = std::ranges::find(COMMAND_SIZES, sent[0], &CommandSize::command);
+    if (known == COMMAND_SIZES.end() || known->bytes != sent.size()) {
         complain("CPU command " + std::to_string(sent[0]) + " in a block of " + std::to_string(sent.size()) + " bytes",
                  sent);
         return Bytes(sent.size());
@@ -119,17 +126,17 @@ Bytes BoardCpu::exchange(std::span<const std::uint8_t> sent, const Complain& com
     if (!isPresent)
         return Bytes(sent.size());
     switch (known->command) {
-    case cpuStatus:
+    case CPU_STATUS:
         return {0, 0, status, 0};
-    case cpuValueNames:
+    case CPU_VALUE_NAMES:
         return text(sent.size(), joined(true));
-    case cpuValues:
+    case CPU_VALUES:
         return text(sent.size(), joined(false));
-    case cpuVersion:
+    case CPU_VERSION:
         return text(sent.size(), version);
-    case cpuStatusText:
+    case CPU_STATUS_TEXT:
         return text(sent.size(), statusText);
-    case cpuSet:
+    case CPU_SET_VALUE:
         obey(sent, complain);
     }
     return Bytes(sent.size());
@@ -138,7 +145,7 @@ Bytes BoardCpu::exchange(std::span<const std::uint8_t> sent, const Complain& com
 Bytes BoardCpu::text(std::size_t size, const std::string& content) const
 {
     Bytes answer(size);
-    std::copy_n(content.begin(), std::min(content.size(), size - answerStart - 1), answer.begin() + answerStart);
+    std::copy_n(content.begin(), std::min(content.size(), size - ANSWER_START - 1), answer.begin() + ANSWER_START);
     return answer;
 }
 
@@ -157,9 +164,9 @@ void BoardCpu::obey(std::span<const std::uint8_t> sent, const Complain& complain
     std::uint32_t bits = 0;
     for (const std::uint8_t byte : sent.subspan(2))
         bits = bits << 8U | byte;
-    if (bits == 0 && (index == switchOn || index == switchOff)) {
-        powerOn = index == switchOn;
-    } else if (bits == 0 && index == resetTemperature) {
+    if (bits == 0 && (index == SWITCH_ON || index == SWITCH_OFF)) {
+        powerOn = index == SWITCH_ON;
+    } else if (bits == 0 && index == RESET_TEMPERATURE) {
         ++resets;
         clearStatus();
     } else if (index < valueList.size()) {

@@ -14,7 +14,7 @@ namespace sim {
 class LATIXELSIM_API BoardCpu : public SpiSlave {
 public:
     /// Status codes that the CPU tells.
-    static constexpr std::uint8_t statusGood = 0, statusError = 2, statusOverheated = 4;
+    static constexpr std::uint8_t STATUS_GOOD = 0, STATUS_ERROR = 2, STATUS_OVERHEATED = 4;
 
     /// From {"version": text, "values": [[name, value], ...], "status": code, "status_text": text}, or null for a board
     /// without a CPU, where the line stays low.
@@ -36,7 +36,7 @@ public:
     void clearStatus();
 
     bool present() const { return isPresent; }
-    bool overheated() const { return status == statusOverheated; }
+    bool overheated() const { return status == STATUS_OVERHEATED; }
     /// True when the last power command was "on". The CPU begins with power off.
     bool power() const { return powerOn; }
     std::size_t temperatureResets() const { return resets; }
@@ -55,7 +55,7 @@ private:
 
     std::vector<std::pair<std::string, std::string>> valueList;
     std::uint8_t normalStatus;
-    std::uint8_t status = statusGood;
+    std::uint8_t status = STATUS_GOOD;
     std::string statusText;
     SetHook onSet;
     bool powerOn = false;

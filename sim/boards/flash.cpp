@@ -12,9 +12,9 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::uint8_t blank = 0xFF;
-constexpr std::size_t nameBytes = 25;
-constexpr std::size_t smallestBig = 11; ///< bytes from which on a value stands behind the records
+constexpr std::uint8_t BLANK = 0xFF;
+constexpr std::size_t NAME_BYTES = 25;
+constexpr std::size_t SMALLEST_BIG = 11; ///< bytes from which on a value stands behind the records
 
 /// Bytes of the numbers in memory order, which is how values stand in the store.
 template <typename T>
@@ -46,21 +46,21 @@ struct ValueType {
     Bytes (*bytes)(const json&);
 };
 
-constexpr std::array<ValueType, 11> valueTypes = {{{"char", 0, textBytes},
-                                                   {"byte", 1, valueBytes<std::uint8_t>},
-                                                   {"i16", 2, valueBytes<std::int16_t>},
-                                                   {"u16", 3, valueBytes<std::uint16_t>},
-                                                   {"i32", 4, valueBytes<std::int32_t>},
-                                                   {"u32", 5, valueBytes<std::uint32_t>},
-                                                   {"i64", 6, valueBytes<std::int64_t>},
-                                                   {"u64", 7, valueBytes<std::uint64_t>},
-                                                   {"float", 8, valueBytes<float>},
-                                                   {"double", 9, valueBytes<double>},
-                                                   {"bool", 10, boolBytes}}};
+constexpr std::array<ValueType, 11> VALUE_TYPES = {{{"char", 0, textBytes},
+                                                    {"byte", 1, valueBytes<std::uint8_t>},
+                                                    {"i16", 2, valueBytes<std::int16_t>},
+                                                    {"u16", 3, valueBytes<std::uint16_t>},
+                                                    {"i32", 4, valueBytes<std::int32_t>},
+                                                    {"u32", 5, valueBytes<std::uint32_t>},
+                                                    {"i64", 6, valueBytes<std::int64_t>},
+                                                    {"u64", 7, valueBytes<std::uint64_t>},
+                                                    {"float", 8, valueBytes<float>},
+                                                    {"double", 9, valueBytes<double>},
+                                                    {"bool", 10, boolBytes}}};
 
 const ValueType& typeNamed(const std::string& name)
 {
-    for (const ValueType& type : valueTypes)
+    for (const ValueType& type : VALUE_TYPES)
         if (name == type.name)
             return type;
     badKey("type", "a type of the parameter store, as \"double\"");
@@ -77,18 +77,18 @@ void appendRecord(const json& parameter, Bytes& records, Bytes& bigValues)
 {
     refuseOtherKeys(parameter, {"name", "type", "value"});
     auto name = readKey<std::string>(parameter, "name");
-    if (name.size() > nameBytes)
+    if (name.size() > NAME_BYTES)
         badKey("name", "25 characters at most");
-    name.resize(nameBytes);
+    name.resize(NAME_BYTES);
     const ValueType& type = typeNamed(readKey<std::string>(parameter, "type"));
     const Bytes value = type.bytes(readKey<json>(parameter, "value"));
 
     records.insert(records.end(), name.begin(), name.end());
     records.push_back(type.code);
     append32(records, value.size());
-    if (value.size() >= smallestBig)
+    if (value.size() >= SMALLEST_BIG)
         append32(records, bigValues.size());
-    Bytes& place = value.size() >= smallestBig ? bigValues : records;
+    Bytes& place = value.size() >= SMALLEST_BIG ? bigValues : records;
     place.insert(place.end(), value.begin(), value.end());
 }
 
@@ -119,17 +119,17 @@ Bytes flashImage(const json& flash)
 
 Bytes Flash::exchange(std::span<const std::uint8_t> sent, const Complain& complain)
 {
-    constexpr std::uint8_t readData = 0x03;
-    constexpr std::size_t commandBytes = 4;
-    Bytes answer(sent.size(), blank);
-    if (sent.size() <= commandBytes || sent[0] != readData) {
+    constexpr std::uint8_t READ_DATA = 0x03;
+    constexpr std::size_t COMMAND_BYTES = 4;
+    Bytes answer(sent.size(), BLANK);
+    if (sent.size() <= COMMAND_BYTES || sent[0] != READ_DATA) {
         complain("flash command that reads nothing", sent);
         return answer;
     }
     const std::size_t address = std::size_t{sent[1]} << 16U | std::size_t{sent[2]} << 8U | sent[3];
-    const std::size_t wanted = sent.size() - commandBytes;
+    const std::size_t wanted = sent.size() - COMMAND_BYTES;
     if (address < contents.size())
-        std::memcpy(&answer[commandBytes], &contents[address], std::min(wanted, contents.size() - address));
+        std::memcpy(&answer[COMMAND_BYTES], &contents[address], std::min(wanted, contents.size() - address));
     readCount += wanted;
     return answer;
 }

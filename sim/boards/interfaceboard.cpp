@@ -12,27 +12,27 @@ using nlohmann::json;
 
 namespace {
 
-enum SlaveSelect : std::uint8_t { selectAdc = 1, selectFlash = 3, selectBiasDac = 4, selectCpu = 7 };
+enum SlaveSelect : std::uint8_t { SELECT_ADC = 1, SELECT_FLASH = 3, SELECT_BIAS_DAC = 4, SELECT_CPU = 7 };
 
 /// Volts on the ADC's channels that nothing else is known of: supplies and references.
-constexpr std::array<double, Adc::channels> usualVolts = {0,   0,    1.502, 1.498, 2.497, 3.304, 1.801, 1.203,
-                                                          2.5, 0.75, 4.98,  3.29,  1.1,   0.42,  0,     0};
+constexpr std::array<double, Adc::CHANNELS> USUAL_VOLTS = {0,   0,    1.502, 1.498, 2.497, 3.304, 1.801, 1.203,
+                                                           2.5, 0.75, 4.98,  3.29,  1.1,   0.42,  0,     0};
 
 std::string checkedFirmware(std::string text)
 {
-    if (text.size() > InterfaceBoard::firmwareBytes)
+    if (text.size() > InterfaceBoard::FIRMWARE_BYTES)
         badKey("firmware", "29 characters at most");
     return text;
 }
 
-std::array<double, Adc::channels> readVolts(const json& board)
+std::array<double, Adc::CHANNELS> readVolts(const json& board)
 {
-    auto volts = usualVolts;
+    auto volts = USUAL_VOLTS;
     const json given = readObject(board, "adc");
     for (const auto& [key, value] : given.items()) {
-        unsigned channel = Adc::channels;
+        unsigned channel = Adc::CHANNELS;
         std::from_chars(key.data(), key.data() + key.size(), channel);
-        if (channel >= Adc::channels)
+        if (channel >= Adc::CHANNELS)
             badKey("adc", "an object with channels from \"0\" to \"15\"");
         volts[channel] = valueAs<double>(value, "adc");
     }
@@ -53,10 +53,10 @@ InterfaceBoard::InterfaceBoard(const json& board, const char* firmwareName, cons
       restingVolts(readVolts(board))
 {
     flashChip.setContents(flashImage(flashEntry));
-    spi.attach(selectAdc, adc);
-    spi.attach(selectFlash, flashChip);
-    spi.attach(selectBiasDac, biasDac);
-    spi.attach(selectCpu, boardCpu);
+    spi.attach(SELECT_ADC, adc);
+    spi.attach(SELECT_FLASH, flashChip);
+    spi.attach(SELECT_BIAS_DAC, biasDac);
+    spi.attach(SELECT_CPU, boardCpu);
 }
 
 void InterfaceBoard::powerCycle(Time /*now*/)
@@ -73,7 +73,7 @@ void InterfaceBoard::resetLink()
 {
     parser.reset();
     spi.reset();
-    output = Output::chips;
+    output = Output::Chips;
     chipBacklog.clear();
 }
 
@@ -81,10 +81,10 @@ bool InterfaceBoard::applyFault(const json& fault)
 {
     const auto kind = readKey<std::string>(fault, "kind");
     if (kind == "cpu_overheated") {
-        boardCpu.fail(BoardCpu::statusOverheated, readKey<std::string>(fault, "text", "Chip temperature over limit"));
+        boardCpu.fail(BoardCpu::STATUS_OVERHEATED, readKey<std::string>(fault, "text", "Chip temperature over limit"));
         applyPower();
     } else if (kind == "cpu_status") {
-        boardCpu.fail(readKey(fault, "status", BoardCpu::statusError),
+        boardCpu.fail(readKey(fault, "status", BoardCpu::STATUS_ERROR),
                       readKey<std::string>(fault, "text", "Supply voltage out of range"));
         applyPower();
     } else if (kind == "flash") {
@@ -134,8 +134,8 @@ void InterfaceBoard::advance(Time now)
 
 void InterfaceBoard::setBitMode(std::uint8_t /*mask*/, std::uint8_t mode, Time /*now*/)
 {
-    constexpr std::uint8_t bitBang = 0x01;
-    fifoMode = mode != bitBang;
+    constexpr std::uint8_t BIT_BANG = 0x01;
+    fifoMode = mode != BIT_BANG;
     if (fifoMode)
         return;
     // The pins that the host now waves are the FIFO's: the firmware starts its side of the link anew.
@@ -153,7 +153,7 @@ void InterfaceBoard::handle(Frame&& frame, Time now)
 void InterfaceBoard::giveOutput(Output to)
 {
     output = to;
-    if (to == Output::chips && !chipBacklog.empty())
+    if (to == Output::Chips && !chipBacklog.empty())
         emit(std::exchange(chipBacklog, {}));
 }
 
@@ -161,7 +161,7 @@ void InterfaceBoard::deliver(Output from, std::span<const std::uint8_t> bytes)
 {
     if (output == from)
         emit(bytes);
-    else if (from == Output::chips)
+    else if (from == Output::Chips)
         chipBacklog.insert(chipBacklog.end(), bytes.begin(), bytes.end());
 }
 
@@ -174,32 +174,32 @@ Complain InterfaceBoard::complainAbout()
 
 double InterfaceBoard::adcVolts(unsigned channel) const
 {
-    constexpr unsigned boardTemperature = 1;
+    constexpr unsigned BOARD_TEMPERATURE = 1;
     if (channel == bias.voltChannel())
         return bias.voltSense(suppliedCode());
     if (channel == bias.currentChannel())
         return bias.currentSense(suppliedCode());
-    if (channel == boardTemperature)
+    if (channel == BOARD_TEMPERATURE)
         return (temperature + 50) / 100;
     return restingVolts[channel];
 }
 
 void InterfaceBoard::tellFirmware(const Frame& /*frame*/, Time /*now*/)
 {
-    giveOutput(Output::info);
+    giveOutput(Output::Info);
     Bytes text(firmware.begin(), firmware.end());
-    text.resize(firmwareBytes);
-    deliver(Output::info, text);
+    text.resize(FIRMWARE_BYTES);
+    deliver(Output::Info, text);
 }
 
 void InterfaceBoard::spiData(const Frame& frame, Time /*now*/)
 {
-    if (!frame.has(frameActsAtOnce)) {
+    if (!frame.has(FRAME_ACTS_AT_ONCE)) {
         spi.hold(frame.payload);
         return;
     }
-    giveOutput(Output::spi);
-    deliver(Output::spi, spi.exchange(frame.payload, complainAbout()));
+    giveOutput(Output::Spi);
+    deliver(Output::Spi, spi.exchange(frame.payload, complainAbout()));
     applyPower(); // the CPU may have let the chips on again
 }
 
@@ -210,14 +210,14 @@ void InterfaceBoard::spiSet(const Frame& frame, Time /*now*/)
 
 void InterfaceBoard::spiSelect(const Frame& frame, Time /*now*/)
 {
-    if (frame.has(frameTakesOutput))
-        giveOutput(Output::spi);
+    if (frame.has(FRAME_TAKES_OUTPUT))
+        giveOutput(Output::Spi);
     spi.select(frame.d[3]);
 }
 
 void InterfaceBoard::spiSend(const Frame& /*frame*/, Time /*now*/)
 {
-    deliver(Output::spi, spi.send(complainAbout()));
+    deliver(Output::Spi, spi.send(complainAbout()));
 }
 
 } // namespace sim

@@ -29,16 +29,16 @@ namespace sim {
 
 /// Values of a command rule's flag sets: bit n stands for the flags value n.
 namespace flagset {
-constexpr std::uint8_t bare = 1U << 0U;
-constexpr std::uint8_t takesOutput = 1U << 2U;
-constexpr std::uint8_t heldPayload = 1U << 1U;
-constexpr std::uint8_t payload = 1U << 5U;
-constexpr std::uint8_t answeredPayload = 1U << 7U;
+constexpr std::uint8_t BARE = 1U << 0U;
+constexpr std::uint8_t TAKES_OUTPUT = 1U << 2U;
+constexpr std::uint8_t HELD_PAYLOAD = 1U << 1U;
+constexpr std::uint8_t PAYLOAD = 1U << 5U;
+constexpr std::uint8_t ANSWERED_PAYLOAD = 1U << 7U;
 } // namespace flagset
 
 class LATIXELSIM_API InterfaceBoard : public Board {
 public:
-    static constexpr std::size_t firmwareBytes = 29;
+    static constexpr std::size_t FIRMWARE_BYTES = 29;
 
     void receive(std::span<const std::uint8_t> bytes, Time now) override;
     void advance(Time now) override;
@@ -61,9 +61,9 @@ public:
 
 protected:
     /// Numbers of the peripherals that frames are addressed to.
-    enum Peripheral : std::uint8_t { periChips = 1, periInfo = 2, periSpi = 4, periAcq = 5 };
+    enum Peripheral : std::uint8_t { PERI_CHIPS = 1, PERI_INFO = 2, PERI_SPI = 4, PERI_ACQ = 5 };
     /// Who delivers to the host.
-    enum class Output { chips, info, spi };
+    enum class Output { Chips, Info, Spi };
 
     /// A command of a board, and the operation that does it.
     template <typename BoardClass>
@@ -146,13 +146,13 @@ private:
     BiasSupply bias;
     SpiBus spi;
     double temperature;
-    std::array<double, Adc::channels> restingVolts{};
+    std::array<double, Adc::CHANNELS> restingVolts{};
 
     FrameParser parser;
     std::vector<Frame> seen;
     bool fifoMode = true;
     bool hung = false;
-    Output output = Output::chips;
+    Output output = Output::Chips;
     Bytes chipBacklog;
 };
 

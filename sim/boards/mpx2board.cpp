@@ -10,33 +10,33 @@ using namespace flagset;
 
 namespace {
 
-constexpr std::uint32_t anyWord = 0xFFFFFFFF;
+constexpr std::uint32_t ANY_WORD = 0xFFFFFFFF;
 
 Mpx2Kind chipKind(const json& board)
 {
     const auto name = readKey<std::string>(board, "chip", "timepix");
     if (name != "timepix" && name != "medipix2")
         badKey("chip", "\"timepix\" or \"medipix2\"");
-    return name == "timepix" ? Mpx2Kind::timepix : Mpx2Kind::medipix2;
+    return name == "timepix" ? Mpx2Kind::Timepix : Mpx2Kind::Medipix2;
 }
 
 } // namespace
 
-const std::array<InterfaceBoard::Command<Mpx2Board>, 5> Mpx2Board::commands = {{
-    {{periChips, 2, "TPX MUX", bare | takesOutput, 0x1F}, &Mpx2Board::selectLines},
-    {{periChips, 3, "TPX CLKTEST", takesOutput, 0}, &Mpx2Board::showPattern},
-    {{periChips, 4, "TPX READOUT", takesOutput, anyWord}, &Mpx2Board::readMatrix},
-    {{periChips, 5, "TPX readout size", takesOutput, anyWord}, &Mpx2Board::announceReadout},
-    {{periAcq, 1, "ACQ START", takesOutput, 0x06FFFFFF}, &Mpx2Board::startFrame},
+const std::array<InterfaceBoard::Command<Mpx2Board>, 5> Mpx2Board::COMMANDS = {{
+    {{PERI_CHIPS, 2, "TPX MUX", BARE | TAKES_OUTPUT, 0x1F}, &Mpx2Board::selectLines},
+    {{PERI_CHIPS, 3, "TPX CLKTEST", TAKES_OUTPUT, 0}, &Mpx2Board::showPattern},
+    {{PERI_CHIPS, 4, "TPX READOUT", TAKES_OUTPUT, ANY_WORD}, &Mpx2Board::readMatrix},
+    {{PERI_CHIPS, 5, "TPX readout size", TAKES_OUTPUT, ANY_WORD}, &Mpx2Board::announceReadout},
+    {{PERI_ACQ, 1, "ACQ START", TAKES_OUTPUT, 0x06FFFFFF}, &Mpx2Board::startFrame},
 }};
 
 Mpx2Board::Mpx2Board(const json& board, const json& bench)
     : Mpx2Firmware(board, {.firmware = "Firmware 1.7 TLA (18.10.2016)",
-                           .lines = moduleCount,
+                           .lines = MODULE_COUNT,
                            .line = "module",
                            .timerTick = 2,
                            .muxHoldsByte = true,
-                           .passBy = mpx2levels::passBy})
+                           .passBy = mpx2levels::PASS_BY})
 {
     buildChains(board, bench);
     cpu().whenSet([this](const std::string& name, double value) {
@@ -49,11 +49,11 @@ Mpx2Board::Mpx2Board(const json& board, const json& bench)
 void Mpx2Board::buildChains(const json& board, const json& bench)
 {
     const json modules = readList(board, "modules");
-    if (modules.size() > moduleCount)
+    if (modules.size() > MODULE_COUNT)
         badKey("modules", "a list of five modules at most");
     ChipPlace place{.number = 0, .total = 0};
     for (const json& ids : modules) {
-        if (!ids.is_array() || ids.size() > Mpx2Chain::mostChips)
+        if (!ids.is_array() || ids.size() > Mpx2Chain::MOST_CHIPS)
             badKey("modules", "a list of modules, each a list of ten chip identifiers at most");
         place.total += static_cast<unsigned>(ids.size());
     }
@@ -75,10 +75,10 @@ void Mpx2Board::powerCycle(Time now)
 /// The CPU has set the bias, and measures what comes of it: a current, and a sensor that warms up a little.
 void Mpx2Board::followBias(double volts)
 {
-    constexpr double degreesPerVolt = 0.02;
+    constexpr double DEGREES_PER_VOLT = 0.02;
     cpu().measure("BiasVolt", volts);
     cpu().measure("BiasCurr", biasSupply().currentAt(volts));
-    cpu().measure("TempDet", cpu().restingValue("TempDet") + degreesPerVolt * volts);
+    cpu().measure("TempDet", cpu().restingValue("TempDet") + DEGREES_PER_VOLT * volts);
 }
 
 bool Mpx2Board::applyFault(const json& fault)

@@ -17,7 +17,7 @@ namespace sim {
 
 class LATIXELSIM_API Mpx2Board : public Mpx2Firmware {
 public:
-    static constexpr std::size_t moduleCount = 5;
+    static constexpr std::size_t MODULE_COUNT = 5;
 
     /// Throws std::runtime_error, with a text for people, for a bad entry.
     Mpx2Board(const nlohmann::json& board, const nlohmann::json& bench);
@@ -31,9 +31,9 @@ public:
     std::uint8_t moduleMask() const { return selected; }
 
 private:
-    static const std::array<Command<Mpx2Board>, 5> commands;
+    static const std::array<Command<Mpx2Board>, 5> COMMANDS;
 
-    void obeyOwn(const Frame& frame, Time now) override { obeyBy(commands, *this, frame, now); }
+    void obeyOwn(const Frame& frame, Time now) override { obeyBy(COMMANDS, *this, frame, now); }
     void shiftNowhere(const Frame& frame) override;
 
     // Peripheral 1, the chips.

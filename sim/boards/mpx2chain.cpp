@@ -7,8 +7,8 @@ namespace sim {
 
 namespace {
 
-constexpr std::uint8_t leadByte = 0xFF;
-constexpr std::size_t leadBytes = 1; ///< for each chip
+constexpr std::uint8_t LEAD_BYTE = 0xFF;
+constexpr std::size_t LEAD_BYTES = 1; ///< for each chip
 
 } // namespace
 
@@ -79,17 +79,17 @@ Lane Mpx2Chain::passBy(std::span<const std::uint8_t> bytes)
 
 Lane Mpx2Chain::shiftDacs(std::span<const std::uint8_t> bytes, const Complain& complain)
 {
-    constexpr std::size_t size = Mpx2Chip::recordBytes;
+    constexpr std::size_t SIZE = Mpx2Chip::RECORD_BYTES;
     if (!awake())
         return line({});
-    if (!fits(bytes.size(), size + leadBytes) || bytes[0] != leadByte) {
+    if (!fits(bytes.size(), SIZE + LEAD_BYTES) || bytes[0] != LEAD_BYTE) {
         complain("DAC stream of the wrong size or form", bytes);
         return line({});
     }
     const auto there = members();
-    Bytes out(there.size(), leadByte);
+    Bytes out(there.size(), LEAD_BYTE);
     for (std::size_t i = 0; i < there.size(); ++i) {
-        const Mpx2Chip::Record old = there[i]->shiftRecord(bytes.subspan(leadBytes + i * size, size));
+        const Mpx2Chip::Record old = there[i]->shiftRecord(bytes.subspan(LEAD_BYTES + i * SIZE, SIZE));
         out.insert(out.end(), old.begin(), old.end());
     }
     return line(std::move(out));
@@ -97,16 +97,16 @@ Lane Mpx2Chain::shiftDacs(std::span<const std::uint8_t> bytes, const Complain& c
 
 void Mpx2Chain::writeMatrix(std::span<const std::uint8_t> bytes, const Complain& complain)
 {
-    constexpr std::size_t size = Mpx2Chip::imageBytes;
+    constexpr std::size_t SIZE = Mpx2Chip::IMAGE_BYTES;
     if (!awake())
         return;
-    if (!fits(bytes.size(), size + leadBytes) || bytes[0] != leadByte) {
+    if (!fits(bytes.size(), SIZE + LEAD_BYTES) || bytes[0] != LEAD_BYTE) {
         complain("matrix stream of the wrong size or form", bytes);
         return;
     }
     const auto there = members();
     for (std::size_t i = 0; i < there.size(); ++i)
-        there[i]->loadMatrix(bytes.subspan(leadBytes + i * size, size));
+        there[i]->loadMatrix(bytes.subspan(LEAD_BYTES + i * SIZE, SIZE));
 }
 
 Lane Mpx2Chain::readMatrix(std::size_t wanted, std::vector<std::uint64_t>& made)
@@ -117,7 +117,7 @@ Lane Mpx2Chain::readMatrix(std::size_t wanted, std::vector<std::uint64_t>& made)
         return lane;
     const auto there = members();
     if (answers())
-        lane.head.assign(there.size(), leadByte);
+        lane.head.assign(there.size(), LEAD_BYTE);
     for (std::size_t i = 0; i < std::min(wanted, there.size()); ++i) {
         const ChipStream& stream = there[i]->read();
         if (!answers())
@@ -136,7 +136,7 @@ Lane Mpx2Chain::readRows(const Mpx2RowRead& order)
         return lane;
     const ChipStream& stream = there.front()->readRows(order);
     if (answers()) {
-        lane.head = {leadByte};
+        lane.head = {LEAD_BYTE};
         lane.body.emplace_back(stream.bytes);
     }
     return lane;

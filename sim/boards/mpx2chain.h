@@ -11,7 +11,7 @@ namespace sim {
 
 class LATIXELSIM_API Mpx2Chain {
 public:
-    static constexpr std::size_t mostChips = 10;
+    static constexpr std::size_t MOST_CHIPS = 10;
 
     /// Puts a chip at the end of the chain. The chip nearest to the output comes first.
     void add(std::unique_ptr<Mpx2Chip> chip);

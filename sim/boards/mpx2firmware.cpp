@@ -14,40 +14,40 @@ using namespace flagset;
 
 namespace {
 
-constexpr BiasWiring wiring{
+constexpr BiasWiring WIRING{
     .voltChannel = 14, .currentChannel = 15, .senseOffset = 2.5, .voltsPerVolt = 100 / 1.3, .scalesWithCoeff = true};
 
-constexpr std::uint32_t anyWord = 0xFFFFFFFF;
-constexpr std::uint8_t muxByte = 0xC5;   ///< what stands in the multiplexer of some boards
-constexpr std::uint8_t spareByte = 0x5A; ///< what comes where a stream is longer than it should be
+constexpr std::uint32_t ANY_WORD = 0xFFFFFFFF;
+constexpr std::uint8_t MUX_BYTE = 0xC5;   ///< what stands in the multiplexer of some boards
+constexpr std::uint8_t SPARE_BYTE = 0x5A; ///< what comes where a stream is longer than it should be
 
 } // namespace
 
-const std::array<InterfaceBoard::Command<Mpx2Firmware>, 18> Mpx2Firmware::commands = {{
-    {{periChips, 0, "TPX DATA", takesOutput | answeredPayload, 0}, &Mpx2Firmware::shiftChips},
-    {{periChips, 1, "TPX PINS", bare, 0x1FFF}, &Mpx2Firmware::setPins},
-    {{periInfo, 1, "INF INFO", takesOutput, 0}, &Mpx2Firmware::tellFirmware},
-    {{periSpi, 0, "SPI DATA", heldPayload | answeredPayload, 0}, &Mpx2Firmware::spiData},
-    {{periSpi, 1, "SPI SET", bare, anyWord}, &Mpx2Firmware::spiSet},
-    {{periSpi, 2, "SPI CS", bare | takesOutput, 7}, &Mpx2Firmware::spiSelect},
-    {{periSpi, 3, "SPI SEND", bare, 0}, &Mpx2Firmware::spiSend},
-    {{periAcq, 2, "ACQ STOP", takesOutput, 0}, &Mpx2Firmware::stopFrame},
-    {{periAcq, acqTimerLow, "ACQ CNTLOW", bare, anyWord}, &Mpx2Firmware::setRegister},
-    {{periAcq, acqTimerHigh, "ACQ CNTHIGH", bare, 0xFFFF}, &Mpx2Firmware::setRegister},
-    {{periAcq, 5, "ACQ TRGSTG", bare, 0x1F}, &Mpx2Firmware::setTrigger},
-    {{periAcq, acqPreDelay, "ACQ PSWAIT", bare, 0xFFFF}, &Mpx2Firmware::setRegister},
-    {{periAcq, acqPreCount, "ACQ CNT1", bare, 0xFFFFFF}, &Mpx2Firmware::setRegister},
-    {{periAcq, acqPreDivider, "ACQ DIV1", bare, anyWord}, &Mpx2Firmware::setRegister},
-    {{periAcq, 18, "ACQ CNT2", bare, anyWord}, &Mpx2Firmware::setRegister},
-    {{periAcq, acqTimepixDivider, "ACQ DIV2", bare, anyWord}, &Mpx2Firmware::setRegister},
-    {{periAcq, acqCount3, "ACQ CNT3", bare, anyWord}, &Mpx2Firmware::setRegister},
-    {{periAcq, acqDivider3, "ACQ DIV3", bare, anyWord}, &Mpx2Firmware::setRegister},
+const std::array<InterfaceBoard::Command<Mpx2Firmware>, 18> Mpx2Firmware::COMMANDS = {{
+    {{PERI_CHIPS, 0, "TPX DATA", TAKES_OUTPUT | ANSWERED_PAYLOAD, 0}, &Mpx2Firmware::shiftChips},
+    {{PERI_CHIPS, 1, "TPX PINS", BARE, 0x1FFF}, &Mpx2Firmware::setPins},
+    {{PERI_INFO, 1, "INF INFO", TAKES_OUTPUT, 0}, &Mpx2Firmware::tellFirmware},
+    {{PERI_SPI, 0, "SPI DATA", HELD_PAYLOAD | ANSWERED_PAYLOAD, 0}, &Mpx2Firmware::spiData},
+    {{PERI_SPI, 1, "SPI SET", BARE, ANY_WORD}, &Mpx2Firmware::spiSet},
+    {{PERI_SPI, 2, "SPI CS", BARE | TAKES_OUTPUT, 7}, &Mpx2Firmware::spiSelect},
+    {{PERI_SPI, 3, "SPI SEND", BARE, 0}, &Mpx2Firmware::spiSend},
+    {{PERI_ACQ, 2, "ACQ STOP", TAKES_OUTPUT, 0}, &Mpx2Firmware::stopFrame},
+    {{PERI_ACQ, ACQ_TIMER_LOW, "ACQ CNTLOW", BARE, ANY_WORD}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, ACQ_TIMER_HIGH, "ACQ CNTHIGH", BARE, 0xFFFF}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, 5, "ACQ TRGSTG", BARE, 0x1F}, &Mpx2Firmware::setTrigger},
+    {{PERI_ACQ, ACQ_PRE_DELAY, "ACQ PSWAIT", BARE, 0xFFFF}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, ACQ_PRE_COUNT, "ACQ CNT1", BARE, 0xFFFFFF}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, ACQ_PRE_DIVIDER, "ACQ DIV1", BARE, ANY_WORD}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, 18, "ACQ CNT2", BARE, ANY_WORD}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, ACQ_TIMEPIX_DIVIDER, "ACQ DIV2", BARE, ANY_WORD}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, ACQ_COUNT3, "ACQ CNT3", BARE, ANY_WORD}, &Mpx2Firmware::setRegister},
+    {{PERI_ACQ, ACQ_DIVIDER3, "ACQ DIV3", BARE, ANY_WORD}, &Mpx2Firmware::setRegister},
 }};
 
 Mpx2Firmware::Mpx2Firmware(const json& board, const Build& itsBuild)
-    : InterfaceBoard(board, itsBuild.firmware, wiring),
+    : InterfaceBoard(board, itsBuild.firmware, WIRING),
       chains(itsBuild.lines),
-      readout(itsBuild.muxHoldsByte ? Bytes{muxByte} : Bytes{}),
+      readout(itsBuild.muxHoldsByte ? Bytes{MUX_BYTE} : Bytes{}),
       build(itsBuild),
       trigger(board),
       pace(board)
@@ -56,7 +56,7 @@ Mpx2Firmware::Mpx2Firmware(const json& board, const Build& itsBuild)
 
 void Mpx2Firmware::obey(const Frame& frame, Time now)
 {
-    if (!obeyIfKnown(commands, *this, frame, now))
+    if (!obeyIfKnown(COMMANDS, *this, frame, now))
         obeyOwn(frame, now);
 }
 
@@ -69,14 +69,14 @@ void Mpx2Firmware::powerCycle(Time now)
 
 void Mpx2Firmware::reset()
 {
-    constexpr std::uint32_t usualDivider = 5;
+    constexpr std::uint32_t USUAL_DIVIDER = 5;
     pinWord = 0;
     applyPower();
     for (Mpx2Chain& chain : chains)
         chain.setReset(true);
     selected = 0;
     registers = {};
-    registers[acqTimepixDivider] = usualDivider;
+    registers[ACQ_TIMEPIX_DIVIDER] = USUAL_DIVIDER;
     trigger.set(0);
     endSeries();
 }
@@ -125,8 +125,8 @@ void Mpx2Firmware::clearFaults()
 
 double Mpx2Firmware::adcVolts(unsigned channel) const
 {
-    constexpr unsigned senseOutput = 0;
-    if (channel == senseOutput && chipsPowered())
+    constexpr unsigned SENSE_OUTPUT = 0;
+    if (channel == SENSE_OUTPUT && chipsPowered())
         for (const Mpx2Chain& chain : chains)
             for (std::size_t position = 0; position < chain.size(); ++position)
                 if (const auto volts = chain.chip(position).senseVolts())
@@ -136,9 +136,9 @@ double Mpx2Firmware::adcVolts(unsigned channel) const
 
 bool Mpx2Firmware::chipsReady(const Frame& frame, const Mpx2Levels& levels)
 {
-    constexpr std::uint16_t alive = pinPower | pinReset;
+    constexpr std::uint16_t ALIVE = PIN_POWER | PIN_RESET;
     const char* against = nullptr;
-    if ((pinWord & alive) != alive)
+    if ((pinWord & ALIVE) != ALIVE)
         against = "chips addressed without power or in reset";
     else if (!shutter.idle())
         against = "chips addressed while the shutter works";
@@ -153,7 +153,7 @@ bool Mpx2Firmware::takeOutput(const Frame& frame, const Mpx2Levels& levels)
 {
     if (chipsWait())
         violate("readout or start asked for while something waits for the output", frame.head());
-    giveOutput(Output::chips);
+    giveOutput(Output::Chips);
     return chipsReady(frame, levels);
 }
 
@@ -169,12 +169,12 @@ std::vector<Mpx2Chain*> Mpx2Firmware::selectedLines()
 /// Gives the output back to the chips; with a payload, shifts it into the chips or past them, as the pins say.
 void Mpx2Firmware::shiftChips(const Frame& frame, Time /*now*/)
 {
-    giveOutput(Output::chips);
-    if (!frame.has(frameHasPayload))
+    giveOutput(Output::Chips);
+    if (!frame.has(FRAME_HAS_PAYLOAD))
         return;
     const bool pass = build.passBy.hold(pinWord);
-    const bool write = mpx2levels::writeMatrix.hold(pinWord);
-    const Mpx2Levels shift = write ? mpx2levels::writeMatrix : mpx2levels::shiftDacs;
+    const bool write = mpx2levels::WRITE_MATRIX.hold(pinWord);
+    const Mpx2Levels shift = write ? mpx2levels::WRITE_MATRIX : mpx2levels::SHIFT_DACS;
     if (!chipsReady(frame, pass ? build.passBy : shift))
         return;
     const auto lines = selectedLines();
@@ -188,39 +188,39 @@ void Mpx2Firmware::shiftChips(const Frame& frame, Time /*now*/)
             lanes.push_back(
                 readout.through(pass ? line->passBy(frame.payload) : line->shiftDacs(frame.payload, complainAbout())));
     }
-    if ((pinWord & pinEnableOut) == 0)
+    if ((pinWord & PIN_ENABLE_OUT) == 0)
         return;
     Bytes answer;
     interleave(lanes, frame.payload.size() * lanes.size(), answer);
-    deliver(Output::chips, answer);
+    deliver(Output::Chips, answer);
 }
 
 void Mpx2Firmware::setPins(const Frame& frame, Time /*now*/)
 {
     pinWord = static_cast<std::uint16_t>(frame.word());
     applyPower();
-    if ((pinWord & pinPower) == 0)
+    if ((pinWord & PIN_POWER) == 0)
         endSeries();
     for (Mpx2Chain& chain : chains)
-        chain.setReset((pinWord & pinReset) == 0);
+        chain.setReset((pinWord & PIN_RESET) == 0);
 }
 
 void Mpx2Firmware::selectLines(const Frame& frame, Time /*now*/)
 {
-    if (frame.has(frameTakesOutput))
-        giveOutput(Output::chips);
+    if (frame.has(FRAME_TAKES_OUTPUT))
+        giveOutput(Output::Chips);
     selected = frame.d[3];
 }
 
 void Mpx2Firmware::deliverReadout(std::span<const std::uint8_t> stream)
 {
     if (const std::size_t missing = shortStream.hit()) {
-        deliver(Output::chips, stream.first(stream.size() - std::min(missing, stream.size())));
+        deliver(Output::Chips, stream.first(stream.size() - std::min(missing, stream.size())));
         return;
     }
-    deliver(Output::chips, stream);
-    deliver(Output::chips, Bytes(lateTail.hit(), spareByte));
-    deliver(Output::chips, mpx2Packet(periChips, stream.size()));
+    deliver(Output::Chips, stream);
+    deliver(Output::Chips, Bytes(lateTail.hit(), SPARE_BYTE));
+    deliver(Output::Chips, mpx2Packet(PERI_CHIPS, stream.size()));
 }
 
 } // namespace sim

@@ -28,9 +28,12 @@ public:
 
     // What tests look at.
     std::uint16_t pins() const { return pinWord; }
-    bool chipsPowered() const { return (pinWord & pinPower) != 0 && !cpu().overheated(); }
+    bool chipsPowered() const { return (pinWord & PIN_POWER) != 0 && !cpu().overheated(); }
     /// Shutter time in ticks of the board's timer.
-    std::uint64_t timerCount() const { return std::uint64_t{registers[acqTimerHigh]} << 32U | registers[acqTimerLow]; }
+    std::uint64_t timerCount() const
+    {
+        return std::uint64_t{registers[ACQ_TIMER_HIGH]} << 32U | registers[ACQ_TIMER_LOW];
+    }
     std::uint8_t triggerWord() const { return trigger.word(); }
     /// Value that an acquisition command without other effect has set last.
     std::uint32_t acquisitionRegister(std::size_t command) const { return registers.at(command); }
@@ -97,16 +100,16 @@ protected:
 private:
     /// Commands of the acquisition that set a register of the same number.
     enum AcqRegister : std::uint8_t {
-        acqTimerLow = 3,
-        acqTimerHigh = 4,
-        acqPreDelay = 7,
-        acqPreCount = 16,
-        acqPreDivider = 17,
-        acqTimepixDivider = 19,
-        acqCount3 = 20,
-        acqDivider3 = 21,
+        ACQ_TIMER_LOW = 3,
+        ACQ_TIMER_HIGH = 4,
+        ACQ_PRE_DELAY = 7,
+        ACQ_PRE_COUNT = 16,
+        ACQ_PRE_DIVIDER = 17,
+        ACQ_TIMEPIX_DIVIDER = 19,
+        ACQ_COUNT3 = 20,
+        ACQ_DIVIDER3 = 21,
     };
-    static constexpr std::size_t acqRegisters = 22;
+    static constexpr std::size_t ACQ_REGISTERS = 22;
 
     /// A fault of readouts.
     struct StreamFault {
@@ -117,7 +120,7 @@ private:
         std::size_t hit() { return readouts > 0 ? --readouts, bytes : 0; }
     };
 
-    static const std::array<Command<Mpx2Firmware>, 18> commands;
+    static const std::array<Command<Mpx2Firmware>, 18> COMMANDS;
 
     // Peripheral 1, the chips.
     void shiftChips(const Frame& frame, Time now);
@@ -135,7 +138,7 @@ private:
     Shutter shutter;
 
     std::uint16_t pinWord = 0;
-    std::array<std::uint32_t, acqRegisters> registers{};
+    std::array<std::uint32_t, ACQ_REGISTERS> registers{};
     StreamFault shortStream;
     StreamFault lateTail;
     std::uint64_t frameNumber = 0;

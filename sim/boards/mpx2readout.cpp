@@ -5,7 +5,7 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t bytesPerRow = Mpx2Chip::rowBytes + 1; ///< that are clocked for it
+constexpr std::size_t BYTES_PER_ROW = Mpx2Chip::ROW_BYTES + 1; ///< that are clocked for it
 
 } // namespace
 
@@ -19,18 +19,18 @@ Mpx2Packet mpx2Packet(std::uint8_t peripheral, std::uint64_t number)
 
 std::optional<std::size_t> Mpx2ReadoutOrder::chips() const
 {
-    constexpr std::uint64_t chipBits = (Mpx2Chip::imageBytes + 1) * 8;
+    constexpr std::uint64_t CHIP_BITS = (Mpx2Chip::IMAGE_BYTES + 1) * 8;
     const std::uint64_t asked = std::uint64_t{bits} + 2;
-    if (asked % chipBits != 0 || asked > chipBits * Mpx2Chain::mostChips)
+    if (asked % CHIP_BITS != 0 || asked > CHIP_BITS * Mpx2Chain::MOST_CHIPS)
         return std::nullopt;
-    return asked / chipBits;
+    return asked / CHIP_BITS;
 }
 
 std::optional<unsigned> rowsOfBits(std::uint32_t bits)
 {
     const std::uint64_t clocked = std::uint64_t{bits} + 1;
-    const std::uint64_t rows = clocked / (bytesPerRow * 8);
-    if (rows * bytesPerRow * 8 != clocked || rows > Mpx2Chip::rows)
+    const std::uint64_t rows = clocked / (BYTES_PER_ROW * 8);
+    if (rows * BYTES_PER_ROW * 8 != clocked || rows > Mpx2Chip::ROWS)
         return std::nullopt;
     return static_cast<unsigned>(rows);
 }
@@ -58,7 +58,7 @@ const Bytes& Mpx2Readout::readRows(std::span<Mpx2Chain* const> channels, const M
     std::vector<Lane> lanes;
     for (Mpx2Chain* const channel : channels)
         lanes.push_back(through(channel->readRows(order)));
-    interleave(lanes, channels.size() * order.step.rows * bytesPerRow, bytes);
+    interleave(lanes, channels.size() * order.step.rows * BYTES_PER_ROW, bytes);
     lastMade.clear();
     return bytes;
 }

@@ -56,7 +56,7 @@ struct Mpx2ReadoutOrder {
 /// 256.
 std::optional<unsigned> rowsOfBits(std::uint32_t bits);
 /// Bits that clock the whole matrix out of each channel of a row board.
-constexpr std::uint32_t rowBoardMatrixBits = (Mpx2Chip::imageBytes + 1) * 8 - 1;
+constexpr std::uint32_t ROW_BOARD_MATRIX_BITS = (Mpx2Chip::IMAGE_BYTES + 1) * 8 - 1;
 
 /// Puts readouts together, and keeps the last one for the case that the next is the same.
 class Mpx2Readout {

@@ -10,44 +10,44 @@ using nlohmann::json;
 namespace {
 
 /// Readout images after switching on: the register's resting values with the two readout modes.
-constexpr std::array<std::array<std::uint8_t, 8>, 2> restingImages = {
+constexpr std::array<std::array<std::uint8_t, 8>, 2> RESTING_IMAGES = {
     {{0x30, 0x00, 0x08, 0x20, 0, 0, 0x10, 0}, {0x30, 0x00, 0x28, 0x20, 0, 0, 0x10, 0}}};
 
-constexpr BiasWiring wiring{
+constexpr BiasWiring WIRING{
     .voltChannel = 15, .currentChannel = 14, .senseOffset = 0, .voltsPerVolt = 34, .scalesWithCoeff = false};
 
 } // namespace
 
 using namespace flagset;
 
-const std::array<InterfaceBoard::Command<Mpx3Board>, 23> Mpx3Board::commands = {{
-    {{periChips, 0, "MPX DATA", takesOutput | payload, 0}, &Mpx3Board::handOutputBack},
-    {{periChips, 1, "MPX PINS", bare, 0xF}, &Mpx3Board::setPins},
-    {{periChips, 2, "MPX START", takesOutput, 0x03FFFFFF}, &Mpx3Board::readNow},
-    {{periChips, 3, "MPX CHAN", bare, 0x1F1F}, &Mpx3Board::selectChannels},
-    {{periChips, 4, "MPX stream parameters", bare, 0x03FFFFFF}, &Mpx3Board::storeReadout},
-    {{periChips, 5, "MPX image 0 low", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
-    {{periChips, 6, "MPX image 0 high", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
-    {{periChips, 7, "MPX image 4 low", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
-    {{periChips, 8, "MPX image 4 high", bare, 0xFFFFFFFF}, &Mpx3Board::storeImage},
-    {{periChips, 9, "MPX continuous read-write", bare, 1}, &Mpx3Board::setContinuous},
-    {{periChips, 10, "MPX two chips", bare, 1}, &Mpx3Board::setChainLength},
-    {{periChips, 255, "MPX shift", payload | answeredPayload, 0}, &Mpx3Board::shiftChips},
-    {{periInfo, 1, "INF INFO", takesOutput, 0}, &Mpx3Board::tellFirmware},
-    {{periSpi, 0, "SPI DATA", heldPayload | answeredPayload, 0}, &Mpx3Board::spiData},
-    {{periSpi, 1, "SPI SET", bare, 0xFFFFFFFF}, &Mpx3Board::spiSet},
-    {{periSpi, 2, "SPI CS", bare | takesOutput, 7}, &Mpx3Board::spiSelect},
-    {{periSpi, 3, "SPI SEND", bare, 0}, &Mpx3Board::spiSend},
-    {{periSpi, 4, "SPI discharge", bare, 4}, &Mpx3Board::switchDischarge},
-    {{periAcq, 1, "ACQ START", takesOutput, 0x0FFFFFFF}, &Mpx3Board::startFrames},
-    {{periAcq, 2, "ACQ STOP", takesOutput, 0}, &Mpx3Board::stopFrames},
-    {{periAcq, 3, "ACQ CNTLOW", bare, 0xFFFFFFFF}, &Mpx3Board::setTimer},
-    {{periAcq, 4, "ACQ CNTHIGH", bare, 0xFFFF}, &Mpx3Board::setTimer},
-    {{periAcq, 5, "ACQ TRGSTG", bare, 0x3F}, &Mpx3Board::setTrigger},
+const std::array<InterfaceBoard::Command<Mpx3Board>, 23> Mpx3Board::COMMANDS = {{
+    {{PERI_CHIPS, 0, "MPX DATA", TAKES_OUTPUT | PAYLOAD, 0}, &Mpx3Board::handOutputBack},
+    {{PERI_CHIPS, 1, "MPX PINS", BARE, 0xF}, &Mpx3Board::setPins},
+    {{PERI_CHIPS, 2, "MPX START", TAKES_OUTPUT, 0x03FFFFFF}, &Mpx3Board::readNow},
+    {{PERI_CHIPS, 3, "MPX CHAN", BARE, 0x1F1F}, &Mpx3Board::selectChannels},
+    {{PERI_CHIPS, 4, "MPX stream parameters", BARE, 0x03FFFFFF}, &Mpx3Board::storeReadout},
+    {{PERI_CHIPS, 5, "MPX image 0 low", BARE, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{PERI_CHIPS, 6, "MPX image 0 high", BARE, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{PERI_CHIPS, 7, "MPX image 4 low", BARE, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{PERI_CHIPS, 8, "MPX image 4 high", BARE, 0xFFFFFFFF}, &Mpx3Board::storeImage},
+    {{PERI_CHIPS, 9, "MPX continuous read-write", BARE, 1}, &Mpx3Board::setContinuous},
+    {{PERI_CHIPS, 10, "MPX two chips", BARE, 1}, &Mpx3Board::setChainLength},
+    {{PERI_CHIPS, 255, "MPX shift", PAYLOAD | ANSWERED_PAYLOAD, 0}, &Mpx3Board::shiftChips},
+    {{PERI_INFO, 1, "INF INFO", TAKES_OUTPUT, 0}, &Mpx3Board::tellFirmware},
+    {{PERI_SPI, 0, "SPI DATA", HELD_PAYLOAD | ANSWERED_PAYLOAD, 0}, &Mpx3Board::spiData},
+    {{PERI_SPI, 1, "SPI SET", BARE, 0xFFFFFFFF}, &Mpx3Board::spiSet},
+    {{PERI_SPI, 2, "SPI CS", BARE | TAKES_OUTPUT, 7}, &Mpx3Board::spiSelect},
+    {{PERI_SPI, 3, "SPI SEND", BARE, 0}, &Mpx3Board::spiSend},
+    {{PERI_SPI, 4, "SPI discharge", BARE, 4}, &Mpx3Board::switchDischarge},
+    {{PERI_ACQ, 1, "ACQ START", TAKES_OUTPUT, 0x0FFFFFFF}, &Mpx3Board::startFrames},
+    {{PERI_ACQ, 2, "ACQ STOP", TAKES_OUTPUT, 0}, &Mpx3Board::stopFrames},
+    {{PERI_ACQ, 3, "ACQ CNTLOW", BARE, 0xFFFFFFFF}, &Mpx3Board::setTimer},
+    {{PERI_ACQ, 4, "ACQ CNTHIGH", BARE, 0xFFFF}, &Mpx3Board::setTimer},
+    {{PERI_ACQ, 5, "ACQ TRGSTG", BARE, 0x3F}, &Mpx3Board::setTrigger},
 }};
 
 Mpx3Board::Mpx3Board(const json& board, const json& bench)
-    : InterfaceBoard(board, "Latixel M3 FW 3.12 2023-11-08", wiring),
+    : InterfaceBoard(board, "Latixel M3 FW 3.12 2023-11-08", WIRING),
       trigger(board),
       pace(board)
 {
@@ -58,7 +58,7 @@ Mpx3Board::Mpx3Board(const json& board, const json& bench)
 void Mpx3Board::buildChains(const json& board, const json& bench)
 {
     const json channels = readList(board, "channels");
-    if (channels.size() > channelCount)
+    if (channels.size() > CHANNEL_COUNT)
         badKey("channels", "a list of five channels at most");
     ChipPlace place{.number = 0, .total = 0};
     for (const json& chips : channels) {
@@ -92,7 +92,7 @@ void Mpx3Board::reset()
     trigger.set(0);
     timer = 0;
     stored.reset();
-    images = restingImages;
+    images = RESTING_IMAGES;
     endSeries();
     lastPacket = endPacket(0, 0);
 }
@@ -110,7 +110,7 @@ bool Mpx3Board::applyFault(const json& fault)
     const auto kind = readKey<std::string>(fault, "kind");
     const auto chainOf = [&]() -> Mpx3Chain& {
         const auto number = readKey<std::size_t>(fault, "channel");
-        if (number >= channelCount)
+        if (number >= CHANNEL_COUNT)
             badKey("channel", "a number from 0 to 4");
         return chains[number];
     };
@@ -136,8 +136,8 @@ void Mpx3Board::clearFaults()
 
 double Mpx3Board::adcVolts(unsigned number) const
 {
-    constexpr unsigned senseOutput = 0;
-    if (number == senseOutput && chipsPowered())
+    constexpr unsigned SENSE_OUTPUT = 0;
+    if (number == SENSE_OUTPUT && chipsPowered())
         for (const Mpx3Chain& chain : chains)
             if (const auto volts = chain.senseVolts())
                 return *volts;

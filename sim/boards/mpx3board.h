@@ -19,7 +19,7 @@ namespace sim {
 
 class LATIXELSIM_API Mpx3Board : public InterfaceBoard {
 public:
-    static constexpr std::size_t channelCount = 5;
+    static constexpr std::size_t CHANNEL_COUNT = 5;
 
     /// Throws std::runtime_error, with a text for people, for a bad entry.
     Mpx3Board(const nlohmann::json& board, const nlohmann::json& bench);
@@ -35,7 +35,7 @@ public:
     Mpx3Chip& chip(std::size_t number, std::size_t position = 0) { return chains.at(number).chip(position); }
     bool biasDischarged() const { return discharged; }
     std::uint8_t pins() const { return pinWord; }
-    bool chipsPowered() const { return (pinWord & pinPower) != 0 && !cpu().overheated(); }
+    bool chipsPowered() const { return (pinWord & PIN_POWER) != 0 && !cpu().overheated(); }
     /// Shutter time in units of 10 ns.
     std::uint64_t timerCount() const { return timer; }
     std::uint8_t triggerWord() const { return trigger.word(); }
@@ -52,11 +52,11 @@ public:
     std::uint64_t framesTaken() const { return frameNumber; }
 
 private:
-    static constexpr std::uint8_t pinPower = 1, pinReset = 2, pinFastClear = 4;
+    static constexpr std::uint8_t PIN_POWER = 1, PIN_RESET = 2, PIN_FAST_CLEAR = 4;
 
-    static const std::array<Command<Mpx3Board>, 23> commands;
+    static const std::array<Command<Mpx3Board>, 23> COMMANDS;
 
-    void obey(const Frame& frame, Time now) override { obeyBy(commands, *this, frame, now); }
+    void obey(const Frame& frame, Time now) override { obeyBy(COMMANDS, *this, frame, now); }
     void run(Time now) override;
     void endSeries() final;
     void applyPower() final;
@@ -87,7 +87,7 @@ private:
     void readOut(const ReadoutOrder& order);
     Mpx3Omr readoutOmr(unsigned counter) const;
 
-    std::array<Mpx3Chain, channelCount> chains;
+    std::array<Mpx3Chain, CHANNEL_COUNT> chains;
     TriggerInput trigger;
     FramePace pace;
 

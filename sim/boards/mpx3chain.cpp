@@ -7,10 +7,10 @@ namespace sim {
 
 namespace {
 
-constexpr std::uint8_t omrHeader = 0x30;
-constexpr std::uint8_t dataHeader = 0xA0;
-constexpr std::size_t omrBytes = 12; ///< of one chip: image of ten bytes, two that fall out
-constexpr std::size_t headerBytes = 3;
+constexpr std::uint8_t OMR_HEADER = 0x30;
+constexpr std::uint8_t DATA_HEADER = 0xA0;
+constexpr std::size_t OMR_BYTES = 12; ///< of one chip: image of ten bytes, two that fall out
+constexpr std::size_t HEADER_BYTES = 3;
 
 bool allZero(std::span<const std::uint8_t> bytes)
 {
@@ -20,20 +20,20 @@ bool allZero(std::span<const std::uint8_t> bytes)
 /// A data record begins with a byte of zeros, the header, and a byte of zeros.
 bool hasDataHeader(std::span<const std::uint8_t> record)
 {
-    return record[0] == 0 && record[1] == dataHeader && record[2] == 0;
+    return record[0] == 0 && record[1] == DATA_HEADER && record[2] == 0;
 }
 
 /// What one chip of a chain of `length` shifts out in a fuse read. The header comes through one chip more in a chain
 /// of two, and so one bit later; the identifier then begins one byte later.
 Bytes fuseRecord(const Mpx3Chip& chip, std::size_t length)
 {
-    constexpr std::size_t idStart = 23;
-    constexpr std::uint8_t emptyCell = 0x11;
-    Bytes record(Mpx3Chain::fuseRecordBytes, emptyCell);
+    constexpr std::size_t ID_START = 23;
+    constexpr std::uint8_t EMPTY_CELL = 0x11;
+    Bytes record(Mpx3Chain::FUSE_RECORD_BYTES, EMPTY_CELL);
     record[0] = 0;
-    record[1] = static_cast<std::uint8_t>(dataHeader >> (length - 1));
+    record[1] = static_cast<std::uint8_t>(DATA_HEADER >> (length - 1));
     const auto fuses = chip.fuses();
-    std::ranges::copy(fuses, record.begin() + static_cast<std::ptrdiff_t>(idStart + length - 1));
+    std::ranges::copy(fuses, record.begin() + static_cast<std::ptrdiff_t>(ID_START + length - 1));
     return record;
 }
 
@@ -46,26 +46,26 @@ struct Mpx3Chain::Load {
     const char* objection;
 };
 
-const std::array<Mpx3Chain::Load, 5> Mpx3Chain::loads = {
-    {{omrmode::loadDacs, &Mpx3Chain::loadDacs, "DAC stream of the wrong size or form"},
-     {omrmode::loadCounter0, &Mpx3Chain::loadMatrix, "matrix stream of the wrong size, form or register"},
-     {omrmode::loadCounter1, &Mpx3Chain::loadMatrix, "matrix stream of the wrong size, form or register"},
-     {omrmode::loadCtpr, &Mpx3Chain::loadCtpr, "CTPR stream of the wrong size or form"},
-     {omrmode::readFuses, &Mpx3Chain::readFuses, "fuse request of the wrong size or form"}}};
+const std::array<Mpx3Chain::Load, 5> Mpx3Chain::LOADS = {
+    {{omrmode::LOAD_DACS, &Mpx3Chain::loadDacs, "DAC stream of the wrong size or form"},
+     {omrmode::LOAD_COUNTER0, &Mpx3Chain::loadMatrix, "matrix stream of the wrong size, form or register"},
+     {omrmode::LOAD_COUNTER1, &Mpx3Chain::loadMatrix, "matrix stream of the wrong size, form or register"},
+     {omrmode::LOAD_CTPR, &Mpx3Chain::loadCtpr, "CTPR stream of the wrong size or form"},
+     {omrmode::READ_FUSES, &Mpx3Chain::readFuses, "fuse request of the wrong size or form"}}};
 
 void Mpx3Chain::shift(std::span<const std::uint8_t> bytes, std::size_t length, const Complain& complain)
 {
     if (!powered)
         return;
-    if (bytes[0] == omrHeader) {
+    if (bytes[0] == OMR_HEADER) {
         if (!loadOmr(bytes, length))
             complain("OMR stream of the wrong size or form", bytes);
         return;
     }
-    if (omr.mode() != omrmode::readFuses)
+    if (omr.mode() != omrmode::READ_FUSES)
         held.clear();
-    const auto load = std::ranges::find(loads, omr.mode(), &Load::mode);
-    if (load == loads.end())
+    const auto load = std::ranges::find(LOADS, omr.mode(), &Load::mode);
+    if (load == LOADS.end())
         complain("data shifted while the register says readout", bytes);
     else if (!(this->*load->take)(bytes, length))
         complain(load->objection, bytes);
@@ -143,13 +143,13 @@ void Mpx3Chain::clearFaults()
 
 bool Mpx3Chain::loadOmr(std::span<const std::uint8_t> bytes, std::size_t length)
 {
-    if (bytes.size() != omrBytes && bytes.size() != omrBytes * length)
+    if (bytes.size() != OMR_BYTES && bytes.size() != OMR_BYTES * length)
         return false;
-    for (std::size_t at = 0; at < bytes.size(); at += omrBytes)
-        if (bytes[at] != omrHeader || bytes[at + 1] != 0 || !allZero(bytes.subspan(at + 8, omrBytes - 8)))
+    for (std::size_t at = 0; at < bytes.size(); at += OMR_BYTES)
+        if (bytes[at] != OMR_HEADER || bytes[at + 1] != 0 || !allZero(bytes.subspan(at + 8, OMR_BYTES - 8)))
             return false;
     for (std::size_t i = 0; i < chips.size(); ++i) {
-        const std::size_t at = std::min(i * omrBytes, bytes.size() - omrBytes);
+        const std::size_t at = std::min(i * OMR_BYTES, bytes.size() - OMR_BYTES);
         chips[i]->loadOmr(Mpx3Omr(bytes.subspan(at + 2).first<6>()));
     }
     omr = Mpx3Omr(bytes.subspan(2).first<6>());
@@ -159,42 +159,42 @@ bool Mpx3Chain::loadOmr(std::span<const std::uint8_t> bytes, std::size_t length)
 
 bool Mpx3Chain::loadDacs(std::span<const std::uint8_t> bytes, std::size_t length)
 {
-    constexpr std::size_t size = Mpx3Chip::dacRecordBytes;
-    constexpr std::size_t dacStreamBytes = 29; ///< 226 bits
-    if (bytes.size() != size * length)
+    constexpr std::size_t SIZE = Mpx3Chip::DAC_RECORD_BYTES;
+    constexpr std::size_t DAC_STREAM_BYTES = 29; ///< 226 bits
+    if (bytes.size() != SIZE * length)
         return false;
     for (std::size_t i = 0; i < length; ++i) {
-        const auto record = bytes.subspan(i * size, size);
-        if (!hasDataHeader(record) || !allZero(record.subspan(headerBytes + dacStreamBytes)))
+        const auto record = bytes.subspan(i * SIZE, SIZE);
+        if (!hasDataHeader(record) || !allZero(record.subspan(HEADER_BYTES + DAC_STREAM_BYTES)))
             return false;
         if (i < chips.size())
-            chips[i]->loadDacs(record.subspan(headerBytes));
+            chips[i]->loadDacs(record.subspan(HEADER_BYTES));
     }
     return true;
 }
 
 bool Mpx3Chain::loadCtpr(std::span<const std::uint8_t> bytes, std::size_t /*length*/)
 {
-    constexpr std::size_t header = 2;
-    if (bytes.size() != header + Mpx3Chip::ctprBytes + 2 || bytes[0] != dataHeader || bytes[1] != 0)
+    constexpr std::size_t HEADER = 2;
+    if (bytes.size() != HEADER + Mpx3Chip::CTPR_BYTES + 2 || bytes[0] != DATA_HEADER || bytes[1] != 0)
         return false;
     for (const auto& chip : chips)
-        chip->loadCtpr(bytes.subspan(header, Mpx3Chip::ctprBytes));
+        chip->loadCtpr(bytes.subspan(HEADER, Mpx3Chip::CTPR_BYTES));
     return true;
 }
 
 bool Mpx3Chain::loadMatrix(std::span<const std::uint8_t> bytes, std::size_t length)
 {
     const bool wholeRows = omr.depth() == 12 && omr.shape() == ReadoutShape{};
-    if (bytes.size() != halfMatrixBytes * length || !wholeRows)
+    if (bytes.size() != HALF_MATRIX_BYTES * length || !wholeRows)
         return false;
     for (std::size_t i = 0; i < length; ++i) {
-        const auto record = bytes.subspan(i * halfMatrixBytes, halfMatrixBytes);
+        const auto record = bytes.subspan(i * HALF_MATRIX_BYTES, HALF_MATRIX_BYTES);
         if (!hasDataHeader(record))
             return false;
         if (i < chips.size())
-            chips[i]->loadHalf(omr.mode() == omrmode::loadCounter0 ? 0 : 1, secondHalf,
-                               record.subspan(headerBytes, 128 * Mpx3Pixels::rowBytes));
+            chips[i]->loadHalf(omr.mode() == omrmode::LOAD_COUNTER0 ? 0 : 1, secondHalf,
+                               record.subspan(HEADER_BYTES, 128 * Mpx3Pixels::ROW_BYTES));
     }
     secondHalf = !secondHalf;
     return true;
@@ -202,12 +202,12 @@ bool Mpx3Chain::loadMatrix(std::span<const std::uint8_t> bytes, std::size_t leng
 
 bool Mpx3Chain::readFuses(std::span<const std::uint8_t> bytes, std::size_t length)
 {
-    const std::size_t records = bytes.size() / fuseRecordBytes;
-    if (bytes.size() % fuseRecordBytes != 0 || records == 0 || records > length)
+    const std::size_t records = bytes.size() / FUSE_RECORD_BYTES;
+    if (bytes.size() % FUSE_RECORD_BYTES != 0 || records == 0 || records > length)
         return false;
     for (std::size_t i = 0; i < records; ++i)
-        if (bytes[i * fuseRecordBytes] != dataHeader ||
-            !allZero(bytes.subspan(i * fuseRecordBytes + 1, fuseRecordBytes - 1)))
+        if (bytes[i * FUSE_RECORD_BYTES] != DATA_HEADER ||
+            !allZero(bytes.subspan(i * FUSE_RECORD_BYTES + 1, FUSE_RECORD_BYTES - 1)))
             return false;
     held.clear();
     for (const auto& chip : chips) {

@@ -10,8 +10,8 @@ namespace sim {
 
 class LATIXELSIM_API Mpx3Chain {
 public:
-    static constexpr std::size_t halfMatrixBytes = 49207; ///< of one chip: header, 128 rows, bytes that fall out
-    static constexpr std::size_t fuseRecordBytes = 38;
+    static constexpr std::size_t HALF_MATRIX_BYTES = 49207; ///< of one chip: header, 128 rows, bytes that fall out
+    static constexpr std::size_t FUSE_RECORD_BYTES = 38;
 
     /// Puts a chip at the end of the chain. The chip nearest to the output comes first.
     void add(std::unique_ptr<Mpx3Chip> chip) { chips.push_back(std::move(chip)); }
@@ -49,7 +49,7 @@ public:
 
 private:
     struct Load; // a kind of stream that the chips take in
-    static const std::array<Load, 5> loads;
+    static const std::array<Load, 5> LOADS;
 
     bool loadOmr(std::span<const std::uint8_t> bytes, std::size_t length);
     bool loadDacs(std::span<const std::uint8_t> bytes, std::size_t length);

@@ -7,8 +7,8 @@ namespace sim {
 
 namespace {
 
-constexpr std::uint8_t firstHeader = 0xA1;
-constexpr std::uint8_t firstPad = 0xE0;
+constexpr std::uint8_t FIRST_HEADER = 0xA1;
+constexpr std::uint8_t FIRST_PAD = 0xE0;
 
 std::size_t headerBytes(std::size_t chainLength, std::size_t position)
 {
@@ -19,9 +19,9 @@ std::size_t headerBytes(std::size_t chainLength, std::size_t position)
 
 std::optional<ReadoutOrder> ReadoutOrder::fromWord(std::uint32_t word)
 {
-    constexpr std::uint32_t both = 3;
+    constexpr std::uint32_t BOTH = 3;
     const std::uint32_t selection = word >> 24U;
-    if (selection == 2 || selection > both)
+    if (selection == 2 || selection > BOTH)
         return std::nullopt;
     return ReadoutOrder{.first = selection != 1, .second = selection != 0, .bits = word & 0xFFFFFF};
 }
@@ -37,7 +37,7 @@ Packet endPacket(std::uint64_t frame, std::uint64_t length)
 const Bytes& Mpx3Readout::read(std::span<const Source> sources, unsigned counter, std::size_t chainLength,
                                const ReadoutShape& shape, std::uint32_t bits)
 {
-    constexpr std::uint64_t noChip = 0;
+    constexpr std::uint64_t NO_CHIP = 0;
     Block& block = blocks.at(counter);
     std::vector<std::uint64_t> made = {bits, chainLength, shape.rows, shape.columns, shape.firstColumn, shape.planes};
     std::vector<std::vector<Part>> parts(chainLength);
@@ -49,7 +49,7 @@ const Bytes& Mpx3Readout::read(std::span<const Source> sources, unsigned counter
             if (!source.enabled)
                 continue;
             parts[position].push_back({stream, source.chain->restingByte()});
-            made.push_back(stream != nullptr ? stream->version << 8U | 1U : noChip);
+            made.push_back(stream != nullptr ? stream->version << 8U | 1U : NO_CHIP);
             made.push_back(source.chain->restingByte());
         }
     if (made == block.made)
@@ -78,11 +78,11 @@ void Mpx3Readout::interleave(std::span<const Part> parts, std::size_t header, st
         const Bytes& pixels = part.stream->bytes;
         std::size_t k = 0;
         for (; k < std::min(header, size); ++k, to += stride)
-            *to = static_cast<std::uint8_t>(firstHeader + k);
+            *to = static_cast<std::uint8_t>(FIRST_HEADER + k);
         for (; k < std::min(header + pixels.size(), size); ++k, to += stride)
             *to = pixels[k - header];
         for (std::size_t pad = 0; k < size; ++k, ++pad, to += stride)
-            *to = static_cast<std::uint8_t>(firstPad + pad % 16);
+            *to = static_cast<std::uint8_t>(FIRST_PAD + pad % 16);
     }
 }
 

@@ -15,9 +15,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto dataPatience = 500ms; ///< between two pieces of a command's data
-constexpr OldParams refused = {0xFF, 0xFF, 0xFF};
-constexpr OldParams done = {};
+constexpr auto DATA_PATIENCE = 500ms; ///< between two pieces of a command's data
+constexpr OldParams REFUSED = {0xFF, 0xFF, 0xFF};
+constexpr OldParams DONE = {};
 
 unsigned readMhz(const json& board, const char* key, unsigned fallback, unsigned most)
 {
@@ -30,8 +30,8 @@ unsigned readMhz(const json& board, const char* key, unsigned fallback, unsigned
 /// The date as the firmware tells it. What stands in the upper bits of the day has no part in it.
 std::array<std::uint8_t, 2> dateBytes(const std::string& text)
 {
-    constexpr unsigned dayMark = 0x40;
-    constexpr unsigned firstYear = 2010;
+    constexpr unsigned DAY_MARK = 0x40;
+    constexpr unsigned FIRST_YEAR = 2010;
     unsigned year = 0, month = 0, day = 0;
     const auto number = [&](std::size_t at, std::size_t size, unsigned& value) {
         const char* end = text.data() + at + size;
@@ -39,18 +39,18 @@ std::array<std::uint8_t, 2> dateBytes(const std::string& text)
     };
     const bool reads = text.size() == 10 && text[4] == '-' && text[7] == '-' && number(0, 4, year) &&
                        number(5, 2, month) && number(8, 2, day);
-    if (!reads || year < firstYear || year > firstYear + 15 || month < 1 || month > 12 || day < 1 || day > 31)
+    if (!reads || year < FIRST_YEAR || year > FIRST_YEAR + 15 || month < 1 || month > 12 || day < 1 || day > 31)
         badKey("firmware_date", "a date like \"2012-09-14\", from 2010 to 2025");
-    return {static_cast<std::uint8_t>((year - firstYear) << 4U | month), static_cast<std::uint8_t>(dayMark | day)};
+    return {static_cast<std::uint8_t>((year - FIRST_YEAR) << 4U | month), static_cast<std::uint8_t>(DAY_MARK | day)};
 }
 
 } // namespace
 
 const OldBoard::Build& OldBoard::buildOf(Kind kind)
 {
-    static constexpr Build usb2{.othersSwitch = 0x43, .adcChannels = 8, .adcRange = 3, .senseChannel = 2};
-    static constexpr Build fenxel{.othersSwitch = 0x68, .adcChannels = 16, .adcRange = 5, .senseChannel = 0};
-    return kind == Kind::usb2 ? usb2 : fenxel;
+    static constexpr Build USB2{.othersSwitch = 0x43, .adcChannels = 8, .adcRange = 3, .senseChannel = 2};
+    static constexpr Build FENXEL{.othersSwitch = 0x68, .adcChannels = 16, .adcRange = 5, .senseChannel = 0};
+    return kind == Kind::Usb2 ? USB2 : FENXEL;
 }
 
 OldBoard::OldBoard(Kind kind, const json& board, const json& bench)
@@ -74,7 +74,7 @@ void OldBoard::buildModules(const json& board, const json& bench)
 {
     const json modules = readList(board, "modules");
     const bool lists = std::ranges::all_of(modules, &json::is_array);
-    if (!lists || modules.empty() || modules.size() > mostModules || modules[0].size() > Mpx2Chain::mostChips)
+    if (!lists || modules.empty() || modules.size() > MOST_MODULES || modules[0].size() > Mpx2Chain::MOST_CHIPS)
         badKey("modules", "a list of one to four modules, each a list of ten chip identifiers at most");
     const json fallback = {0, 1, 2, 3};
     for (const json& address : board.contains("addresses") ? readList(board, "addresses") : fallback)
@@ -90,7 +90,7 @@ void OldBoard::buildModules(const json& board, const json& bench)
             badKey("modules", "a list of modules with as many chips each");
         Mpx2Chain& chain = chains.emplace_back();
         for (const json& id : ids) {
-            chain.add(std::make_unique<Mpx2Chip>(valueAs<std::string>(id, "modules"), Mpx2Kind::timepix, place, scene));
+            chain.add(std::make_unique<Mpx2Chip>(valueAs<std::string>(id, "modules"), Mpx2Kind::Timepix, place, scene));
             ++place.number;
         }
     }
@@ -120,8 +120,8 @@ void OldBoard::reset()
 
 void OldBoard::setBitMode(std::uint8_t /*mask*/, std::uint8_t mode, Time /*now*/)
 {
-    constexpr std::uint8_t bitBang = 0x01;
-    fifoMode = mode != bitBang;
+    constexpr std::uint8_t BIT_BANG = 0x01;
+    fifoMode = mode != BIT_BANG;
     if (fifoMode)
         return;
     // The pins that the host now waves are the FIFO's: the firmware starts its side of the link anew.
@@ -162,9 +162,9 @@ void OldBoard::receive(std::span<const std::uint8_t> bytes, Time now)
 void OldBoard::advance(Time now)
 {
     run(now);
-    if (takesData != nullptr && now - lastData > dataPatience) {
+    if (takesData != nullptr && now - lastData > DATA_PATIENCE) {
         complainAbout()("data of " + std::string(takesData->name) + " cut short", seen.back().data);
-        send(takesData->number, refused, lastData + dataPatience);
+        send(takesData->number, REFUSED, lastData + DATA_PATIENCE);
         takesData = nullptr;
     }
     for (; !posted.empty() && posted.front().due <= now; posted.pop_front())
@@ -174,8 +174,8 @@ void OldBoard::advance(Time now)
 /// The command that a frame gives, or none if this firmware does not understand it.
 const OldBoard::Command* OldBoard::commandOf(const OldFrame& frame)
 {
-    const auto* const command = std::ranges::find(commands, frame.command, &Command::number);
-    if (command == commands.end() || command->act == nullptr || command->number == build.othersSwitch)
+    const auto* const command = std::ranges::find(COMMANDS, frame.command, &Command::number);
+    if (command == COMMANDS.end() || command->act == nullptr || command->number == build.othersSwitch)
         violate("unknown command", frame.bytes());
     else if ((frame.word() & ~command->free) != command->fixed)
         violate(std::string(command->name) + " with undefined parameters", frame.bytes());
@@ -189,12 +189,12 @@ void OldBoard::obey(Time now)
 {
     const OldFrame& frame = seen.back();
     const Command* const command = commandOf(frame);
-    if (command == nullptr || hit(FaultKind::refuse, frame.command)) {
-        send(frame.command, refused, now);
+    if (command == nullptr || hit(FaultKind::Refuse, frame.command)) {
+        send(frame.command, REFUSED, now);
         return;
     }
     const Answer answer = (this->*command->act)(frame, now);
-    send(frame.command, answer.value_or(refused), now);
+    send(frame.command, answer.value_or(REFUSED), now);
     if (answer && command->exchange != nullptr) {
         takesData = command;
         dataMissing = command->chipBytes * counted;
@@ -225,21 +225,21 @@ void OldBoard::finishData(Time now)
     dataGood = true;
     Bytes answer = (this->*command.exchange)(seen.back().data);
     if (!answer.empty())
-        if (const auto fault = hit(FaultKind::shortData, command.number))
+        if (const auto fault = hit(FaultKind::ShortData, command.number))
             answer.resize(answer.size() - std::min(fault->bytes, answer.size()));
     post(std::move(answer), now);
-    const bool good = !hit(FaultKind::refuseData, command.number) && dataGood;
-    send(command.number, good ? done : refused, now);
+    const bool good = !hit(FaultKind::RefuseData, command.number) && dataGood;
+    send(command.number, good ? DONE : REFUSED, now);
 }
 
 void OldBoard::send(std::uint8_t command, const OldParams& params, Time at)
 {
-    if (hit(FaultKind::noAnswer, command))
+    if (hit(FaultKind::NoAnswer, command))
         return;
     Bytes bytes = OldFrame{command, params, {}}.bytes();
-    if (hit(FaultKind::wrongCheck, command))
+    if (hit(FaultKind::WrongCheck, command))
         bytes.back() ^= 0xFFU;
-    const auto late = hit(FaultKind::lateFrame, command);
+    const auto late = hit(FaultKind::LateFrame, command);
     post(std::move(bytes), at + (late ? late->delay : Clock::duration::zero()));
 }
 
@@ -288,14 +288,14 @@ bool OldBoard::applyFault(const json& fault)
 bool OldBoard::applyFrameFault(const std::string& kind, const json& fault)
 {
     using Row = std::pair<const char*, FaultKind>;
-    static constexpr std::array<Row, 6> kinds = {{{"no_answer", FaultKind::noAnswer},
-                                                  {"wrong_check", FaultKind::wrongCheck},
-                                                  {"late_frame", FaultKind::lateFrame},
-                                                  {"refuse", FaultKind::refuse},
-                                                  {"refuse_data", FaultKind::refuseData},
-                                                  {"short_data", FaultKind::shortData}}};
-    const auto* const row = std::ranges::find_if(kinds, [&](const Row& one) { return kind == one.first; });
-    if (row == kinds.end())
+    static constexpr std::array<Row, 6> KINDS = {{{"no_answer", FaultKind::NoAnswer},
+                                                  {"wrong_check", FaultKind::WrongCheck},
+                                                  {"late_frame", FaultKind::LateFrame},
+                                                  {"refuse", FaultKind::Refuse},
+                                                  {"refuse_data", FaultKind::RefuseData},
+                                                  {"short_data", FaultKind::ShortData}}};
+    const auto* const row = std::ranges::find_if(KINDS, [&](const Row& one) { return kind == one.first; });
+    if (row == KINDS.end())
         return false;
     refuseOtherKeys(fault, {"kind", "when", "command", "frames", "delay_s", "bytes"});
     FrameFault planned{.kind = row->second,
@@ -306,12 +306,12 @@ bool OldBoard::applyFrameFault(const std::string& kind, const json& fault)
     if (fault.contains("command")) {
         const auto name = readKey<std::string>(fault, "command");
         const auto* const command = std::ranges::find_if(
-            commands, [&](const Command& one) { return one.name == name && one.number != build.othersSwitch; });
-        if (command == commands.end())
+            COMMANDS, [&](const Command& one) { return one.name == name && one.number != build.othersSwitch; });
+        if (command == COMMANDS.end())
             badKey("command", "the name of a command, as \"Read Matrix\"");
         planned.command = command->number;
     }
-    if (planned.kind == FaultKind::lateFrame) {
+    if (planned.kind == FaultKind::LateFrame) {
         const auto seconds = readKey<double>(fault, "delay_s");
         if (!(seconds >= 0 && seconds <= 1e6))
             badKey("delay_s", "a time from 0 to 1000000 seconds");
@@ -341,12 +341,12 @@ std::optional<OldBoard::FrameFault> OldBoard::hit(FaultKind kind, std::uint8_t c
 
 std::unique_ptr<Board> makeUsb2Board(const json& board, const json& bench)
 {
-    return std::make_unique<OldBoard>(OldBoard::Kind::usb2, board, bench);
+    return std::make_unique<OldBoard>(OldBoard::Kind::Usb2, board, bench);
 }
 
 std::unique_ptr<Board> makeFenxelBoard(const json& board, const json& bench)
 {
-    return std::make_unique<OldBoard>(OldBoard::Kind::fenxel, board, bench);
+    return std::make_unique<OldBoard>(OldBoard::Kind::Fenxel, board, bench);
 }
 
 } // namespace sim

@@ -65,9 +65,9 @@ namespace sim {
 
 class LATIXELSIM_API OldBoard : public Board {
 public:
-    enum class Kind { usb2, fenxel };
-    static constexpr std::size_t mostModules = 4;
-    static constexpr std::size_t externalDacs = 4;
+    enum class Kind { Usb2, Fenxel };
+    static constexpr std::size_t MOST_MODULES = 4;
+    static constexpr std::size_t EXTERNAL_DACS = 4;
 
     /// Throws std::runtime_error, with a text for people, for a bad entry.
     OldBoard(Kind kind, const nlohmann::json& board, const nlohmann::json& bench);
@@ -125,9 +125,9 @@ private:
         Bytes (OldBoard::*exchange)(std::span<const std::uint8_t> data); ///< what it delivers for the host's data
         std::size_t chipBytes;                                           ///< of the host's data for each chip
     };
-    static const std::array<Command, 22> commands;
+    static const std::array<Command, 22> COMMANDS;
 
-    enum class FaultKind { noAnswer, wrongCheck, lateFrame, refuse, refuseData, shortData };
+    enum class FaultKind { NoAnswer, WrongCheck, LateFrame, Refuse, RefuseData, ShortData };
     struct FrameFault {
         FaultKind kind;
         std::optional<std::uint8_t> command;
@@ -214,7 +214,7 @@ private:
     std::uint32_t clockWord = 0;
     std::uint8_t trigger = 0;
     int bias = -1;
-    std::array<std::uint16_t, externalDacs> dacCodes{};
+    std::array<std::uint16_t, EXTERNAL_DACS> dacCodes{};
     Shutter shutter;
     std::uint64_t measured = 0; ///< ticks of the last measurement
     std::uint64_t frameNumber = 0;

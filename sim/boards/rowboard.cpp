@@ -10,20 +10,20 @@ namespace sim {
 using nlohmann::json;
 using namespace flagset;
 
-const std::array<InterfaceBoard::Command<RowBoard>, 4> RowBoard::commands = {{
-    {{periChips, 2, "TPX MUX", bare | takesOutput, 0xFF}, &RowBoard::selectLines},
-    {{periChips, 4, "TPX READOUT", takesOutput, 0xFFFFFFFF}, &RowBoard::readMatrix},
-    {{periChips, 5, "TPX row bits", takesOutput, 0xFFFFFF}, &RowBoard::setRowBits},
-    {{periAcq, 1, "ACQ START", takesOutput, 0x07FFFFFF}, &RowBoard::startFrames},
+const std::array<InterfaceBoard::Command<RowBoard>, 4> RowBoard::COMMANDS = {{
+    {{PERI_CHIPS, 2, "TPX MUX", BARE | TAKES_OUTPUT, 0xFF}, &RowBoard::selectLines},
+    {{PERI_CHIPS, 4, "TPX READOUT", TAKES_OUTPUT, 0xFFFFFFFF}, &RowBoard::readMatrix},
+    {{PERI_CHIPS, 5, "TPX row bits", TAKES_OUTPUT, 0xFFFFFF}, &RowBoard::setRowBits},
+    {{PERI_ACQ, 1, "ACQ START", TAKES_OUTPUT, 0x07FFFFFF}, &RowBoard::startFrames},
 }};
 
 RowBoard::RowBoard(const json& board, const json& bench)
     : Mpx2Firmware(board, {.firmware = "Firmware 1.2 TRA (11.10.2016)",
-                           .lines = channelCount,
+                           .lines = CHANNEL_COUNT,
                            .line = "channel",
                            .timerTick = 1,
                            .muxHoldsByte = false,
-                           .passBy = mpx2levels::passByAnyMode})
+                           .passBy = mpx2levels::PASS_BY_ANY_MODE})
 {
     buildChains(board, bench);
     reset();
@@ -34,7 +34,7 @@ void RowBoard::buildChains(const json& board, const json& bench)
     std::vector<std::string> ids;
     for (const json& id : readList(board, "channels"))
         ids.push_back(valueAs<std::string>(id, "channels"));
-    if (ids.size() > channelCount)
+    if (ids.size() > CHANNEL_COUNT)
         badKey("channels", "a list of seven chip identifiers at most");
     const auto chips = ids.size() - static_cast<std::size_t>(std::ranges::count(ids, ""));
     const auto scene = Scene::behind(board, bench);
@@ -42,7 +42,7 @@ void RowBoard::buildChains(const json& board, const json& bench)
     for (std::size_t number = 0; number < ids.size(); ++number) {
         if (ids[number].empty())
             continue;
-        chains[number].add(std::make_unique<Mpx2Chip>(ids[number], Mpx2Kind::timepix, place, scene));
+        chains[number].add(std::make_unique<Mpx2Chip>(ids[number], Mpx2Kind::Timepix, place, scene));
         ++place.number;
     }
 }
@@ -71,36 +71,36 @@ bool RowBoard::applyFault(const json& fault)
 /// lines are pulled up, and the multiplexer delivers that.
 void RowBoard::shiftNowhere(const Frame& frame)
 {
-    constexpr std::uint8_t pulledUp = 0xFF;
-    if ((pins() & pinEnableOut) != 0)
-        deliver(Output::chips, Bytes(frame.payload.size(), pulledUp));
+    constexpr std::uint8_t PULLED_UP = 0xFF;
+    if ((pins() & PIN_ENABLE_OUT) != 0)
+        deliver(Output::Chips, Bytes(frame.payload.size(), PULLED_UP));
 }
 
 void RowBoard::readMatrix(const Frame& frame, Time /*now*/)
 {
-    if (!takeOutput(frame, mpx2levels::readMatrix))
+    if (!takeOutput(frame, mpx2levels::READ_MATRIX))
         return;
     const auto channels = selectedLines();
     const auto rows = rowsOfBits(frame.word());
-    const bool whole = frame.word() == rowBoardMatrixBits;
+    const bool whole = frame.word() == ROW_BOARD_MATRIX_BITS;
     if (channels.empty() || !(whole || rows))
         violate("readout of no channel, or of bits that are no number of rows", frame.head());
     else if (whole)
-        deliverReadout(readout.read(channels, 1, channels.size() * (Mpx2Chip::imageBytes + 1)));
+        deliverReadout(readout.read(channels, 1, channels.size() * (Mpx2Chip::IMAGE_BYTES + 1)));
     else
         deliverReadout(readout.readRows(channels, {.step = {.rows = *rows}, .exposure = std::nullopt}));
 }
 
 void RowBoard::setRowBits(const Frame& frame, Time /*now*/)
 {
-    giveOutput(Output::chips);
+    giveOutput(Output::Chips);
     rowBits = frame.word();
 }
 
 void RowBoard::startFrames(const Frame& frame, Time now)
 {
-    constexpr std::uint8_t continuous = 1;
-    if ((frame.d[0] & continuous) != 0) {
+    constexpr std::uint8_t CONTINUOUS = 1;
+    if ((frame.d[0] & CONTINUOUS) != 0) {
         startSeries(frame, now);
         return;
     }
@@ -111,7 +111,7 @@ void RowBoard::startFrames(const Frame& frame, Time now)
 
 void RowBoard::startSeries(const Frame& frame, Time now)
 {
-    if (!takeOutput(frame, mpx2levels::exposeRows))
+    if (!takeOutput(frame, mpx2levels::EXPOSE_ROWS))
         return;
     const std::uint32_t blocks = frame.word24();
     const auto rows = rowsOfBits(rowBits.value_or(0));

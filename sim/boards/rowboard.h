@@ -20,7 +20,7 @@ namespace sim {
 
 class LATIXELSIM_API RowBoard : public Mpx2Firmware {
 public:
-    static constexpr std::size_t channelCount = 7;
+    static constexpr std::size_t CHANNEL_COUNT = 7;
 
     /// Throws std::runtime_error, with a text for people, for a bad entry.
     RowBoard(const nlohmann::json& board, const nlohmann::json& bench);
@@ -36,9 +36,9 @@ public:
     const std::optional<std::uint32_t>& blockBits() const { return rowBits; }
 
 private:
-    static const std::array<Command<RowBoard>, 4> commands;
+    static const std::array<Command<RowBoard>, 4> COMMANDS;
 
-    void obeyOwn(const Frame& frame, Time now) override { obeyBy(commands, *this, frame, now); }
+    void obeyOwn(const Frame& frame, Time now) override { obeyBy(COMMANDS, *this, frame, now); }
     void shiftNowhere(const Frame& frame) override;
     void finishFrame(const ShutterFrame& frame) override;
 

@@ -12,14 +12,14 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t side = 256;
-constexpr std::size_t pixelCount = side * side;
-constexpr unsigned planes = 14;
-constexpr std::uint8_t firstPad = 0xE0;
-static_assert(Mpx2Chip::rowBytes == planes * side / 8);
+constexpr std::size_t SIDE = 256;
+constexpr std::size_t PIXEL_COUNT = SIDE * SIDE;
+constexpr unsigned PLANES = 14;
+constexpr std::uint8_t FIRST_PAD = 0xE0;
+static_assert(Mpx2Chip::ROW_BYTES == PLANES * SIDE / 8);
 
-constexpr std::size_t fuseStart = 5; ///< byte of the DAC record at which the fuses are shifted out
-constexpr unsigned timepixFuse = 8;  ///< bit of the third fuse byte
+constexpr std::size_t FUSE_START = 5; ///< byte of the DAC record at which the fuses are shifted out
+constexpr unsigned TIMEPIX_FUSE = 8;  ///< bit of the third fuse byte
 
 /// A part of a DAC's code: `bits` of it from bit `shift` on stand from bit `first` of the record on.
 struct DacPart {
@@ -29,25 +29,25 @@ struct DacPart {
     std::uint8_t bits;
 };
 
-constexpr std::array<DacPart, 9> commonParts = {{{0, 0, 3, 8},
-                                                 {1, 0, 11, 8},
-                                                 {2, 0, 19, 8},
-                                                 {3, 0, 45, 4},
-                                                 {3, 4, 55, 4},
-                                                 {4, 0, 59, 8},
-                                                 {5, 0, 85, 8},
-                                                 {6, 0, 99, 10},
-                                                 {7, 0, 109, 4}}};
-constexpr std::array<DacPart, 6> timepixParts = {
+constexpr std::array<DacPart, 9> COMMON_PARTS = {{{0, 0, 3, 8},
+                                                  {1, 0, 11, 8},
+                                                  {2, 0, 19, 8},
+                                                  {3, 0, 45, 4},
+                                                  {3, 4, 55, 4},
+                                                  {4, 0, 59, 8},
+                                                  {5, 0, 85, 8},
+                                                  {6, 0, 99, 10},
+                                                  {7, 0, 109, 4}}};
+constexpr std::array<DacPart, 6> TIMEPIX_PARTS = {
     {{8, 0, 119, 8}, {9, 0, 127, 8}, {10, 0, 135, 8}, {11, 0, 180, 8}, {12, 0, 226, 8}, {13, 0, 234, 8}}};
-constexpr std::array<DacPart, 7> medipixParts = {{{8, 0, 113, 10},
-                                                  {9, 0, 123, 4},
-                                                  {10, 0, 127, 8},
-                                                  {11, 0, 135, 8},
-                                                  {12, 0, 180, 8},
-                                                  {13, 0, 226, 8},
-                                                  {14, 0, 234, 8}}};
-constexpr std::size_t thresholdDac = 6;
+constexpr std::array<DacPart, 7> MEDIPIX_PARTS = {{{8, 0, 113, 10},
+                                                   {9, 0, 123, 4},
+                                                   {10, 0, 127, 8},
+                                                   {11, 0, 135, 8},
+                                                   {12, 0, 180, 8},
+                                                   {13, 0, 226, 8},
+                                                   {14, 0, 234, 8}}};
+constexpr std::size_t THRESHOLD_DAC = 6;
 
 /// Which bits of a pixel's configuration word do what.
 struct PixelBits {
@@ -57,11 +57,11 @@ struct PixelBits {
     std::array<std::uint8_t, 2> mode; ///< what the pixel measures
 };
 
-constexpr PixelBits timepixBits{.mask = 7, .adjust = {8, 12, 10, 11}, .adjustBits = 4, .mode = {9, 6}};
-constexpr PixelBits medipixBits{.mask = 0, .adjust = {7, 6, 8, 0}, .adjustBits = 3, .mode = {}};
+constexpr PixelBits TIMEPIX_BITS{.mask = 7, .adjust = {8, 12, 10, 11}, .adjustBits = 4, .mode = {9, 6}};
+constexpr PixelBits MEDIPIX_BITS{.mask = 0, .adjust = {7, 6, 8, 0}, .adjustBits = 3, .mode = {}};
 
 /// What a Timepix pixel measures.
-enum PixelMode : unsigned { countsHits, timeOverThreshold, firstHit, timeOfArrival };
+enum PixelMode : unsigned { COUNTS_HITS, TIME_OVER_THRESHOLD, FIRST_HIT, TIME_OF_ARRIVAL };
 
 unsigned gather(unsigned word, std::span<const std::uint8_t> bits)
 {
@@ -75,19 +75,19 @@ unsigned gather(unsigned word, std::span<const std::uint8_t> bits)
 void pad(Bytes& bytes, std::size_t size)
 {
     for (std::size_t i = 0; bytes.size() < size; ++i)
-        bytes.push_back(static_cast<std::uint8_t>(firstPad + i % 16));
+        bytes.push_back(static_cast<std::uint8_t>(FIRST_PAD + i % 16));
 }
 
 std::array<std::uint8_t, 3> fusesOf(const std::string& id, Mpx2Kind kind)
 {
-    constexpr unsigned positions = 12; ///< on the wafer; the fuses count them from the other end
-    constexpr unsigned lastWafer = 0x7FF;
+    constexpr unsigned POSITIONS = 12; ///< on the wafer; the fuses count them from the other end
+    constexpr unsigned LAST_WAFER = 0x7FF;
     if (id.empty())
         return {};
-    const auto [letter, position, wafer] = readChipId(id, positions, lastWafer);
+    const auto [letter, position, wafer] = readChipId(id, POSITIONS, LAST_WAFER);
     // What stands in the upper half of the third byte has no part in the identifier.
-    return {lowestBitFirst((positions - position) << 4U | letter), lowestBitFirst(wafer & 0xFFU),
-            lowestBitFirst(0x50U | wafer >> 8U | (kind == Mpx2Kind::timepix ? timepixFuse : 0U))};
+    return {lowestBitFirst((POSITIONS - position) << 4U | letter), lowestBitFirst(wafer & 0xFFU),
+            lowestBitFirst(0x50U | wafer >> 8U | (kind == Mpx2Kind::Timepix ? TIMEPIX_FUSE : 0U))};
 }
 
 } // namespace
@@ -97,8 +97,8 @@ Mpx2Chip::Mpx2Chip(const std::string& id, Mpx2Kind chipKind, ChipPlace chipPlace
       fuses(fusesOf(id, chipKind)),
       place(chipPlace),
       scene(std::move(behind)),
-      config(pixelCount),
-      state(pixelCount)
+      config(PIXEL_COUNT),
+      state(PIXEL_COUNT)
 {
 }
 
@@ -120,7 +120,7 @@ void Mpx2Chip::reset()
 Mpx2Chip::Record Mpx2Chip::shiftRecord(std::span<const std::uint8_t> record)
 {
     Record old = dacRecord;
-    std::ranges::copy(fuses, old.begin() + fuseStart);
+    std::ranges::copy(fuses, old.begin() + FUSE_START);
     std::ranges::copy(record, dacRecord.begin());
     ++generation;
     return old;
@@ -128,8 +128,8 @@ Mpx2Chip::Record Mpx2Chip::shiftRecord(std::span<const std::uint8_t> record)
 
 void Mpx2Chip::loadMatrix(std::span<const std::uint8_t> image)
 {
-    for (std::size_t row = 0; row < side; ++row)
-        takePlanes(image.subspan(row * rowBytes, rowBytes), planes, std::span(config).subspan(row * side, side));
+    for (std::size_t row = 0; row < SIDE; ++row)
+        takePlanes(image.subspan(row * ROW_BYTES, ROW_BYTES), PLANES, std::span(config).subspan(row * SIDE, SIDE));
     state = config;
     cleared = false;
     pending.reset();
@@ -141,8 +141,8 @@ std::uint32_t Mpx2Chip::field(unsigned first, unsigned bits) const
 {
     std::uint32_t value = 0;
     for (unsigned i = 0; i < bits; ++i) {
-        const unsigned at = first + i + (kind == Mpx2Kind::timepix ? 1 : 0);
-        value |= (static_cast<std::uint32_t>(dacRecord[recordBytes - 1 - at / 8]) >> at % 8 & 1U) << i;
+        const unsigned at = first + i + (kind == Mpx2Kind::Timepix ? 1 : 0);
+        value |= (static_cast<std::uint32_t>(dacRecord[RECORD_BYTES - 1 - at / 8]) >> at % 8 & 1U) << i;
     }
     return value;
 }
@@ -155,23 +155,23 @@ unsigned Mpx2Chip::dac(std::size_t number) const
             if (part.dac == number)
                 code |= field(part.first, part.bits) << part.shift;
     };
-    collect(commonParts);
-    if (kind == Mpx2Kind::timepix)
-        collect(timepixParts);
+    collect(COMMON_PARTS);
+    if (kind == Mpx2Kind::Timepix)
+        collect(TIMEPIX_PARTS);
     else
-        collect(medipixParts);
+        collect(MEDIPIX_PARTS);
     return code;
 }
 
 std::optional<double> Mpx2Chip::senseVolts() const
 {
-    constexpr double lowest = 0.05;
-    constexpr double voltsPerCode = 2.1 / 256;
+    constexpr double LOWEST = 0.05;
+    constexpr double VOLTS_PER_CODE = 2.1 / 256;
     const unsigned selected = senseDac();
     if (selected == 0 || selected > dacCount())
         return std::nullopt;
     const unsigned code = dac(selected - 1);
-    return lowest + voltsPerCode * (selected - 1 == thresholdDac ? code / 4.0 : code);
+    return LOWEST + VOLTS_PER_CODE * (selected - 1 == THRESHOLD_DAC ? code / 4.0 : code);
 }
 
 void Mpx2Chip::expose(const Mpx2Exposure& exposure)
@@ -194,30 +194,30 @@ const ChipStream& Mpx2Chip::read()
     }
     settle();
     stream.bytes.clear();
-    stream.bytes.reserve(imageBytes);
-    for (std::size_t row = 0; row < side; ++row)
-        appendPlanes(std::span(state).subspan(row * side, side), planes, stream.bytes);
-    pad(stream.bytes, imageBytes);
+    stream.bytes.reserve(IMAGE_BYTES);
+    for (std::size_t row = 0; row < SIDE; ++row)
+        appendPlanes(std::span(state).subspan(row * SIDE, SIDE), PLANES, stream.bytes);
+    pad(stream.bytes, IMAGE_BYTES);
     ++stream.version;
     streamMade = made;
     if (!cleared)
-        std::ranges::fill(state, mpx2ClearState);
+        std::ranges::fill(state, MPX2_CLEAR_STATE);
     cleared = true;
     return stream;
 }
 
 const ChipStream& Mpx2Chip::readRows(const Mpx2RowRead& order)
 {
-    const std::size_t leaving = order.step.rows * side;
+    const std::size_t leaving = order.step.rows * SIDE;
     settle();
     Words moved(state.begin(), state.begin() + static_cast<std::ptrdiff_t>(leaving));
     if (!cleared) {
         std::shift_left(state.begin(), state.end(), static_cast<std::ptrdiff_t>(leaving));
-        std::fill(state.end() - static_cast<std::ptrdiff_t>(leaving), state.end(), mpx2ClearState);
+        std::fill(state.end() - static_cast<std::ptrdiff_t>(leaving), state.end(), MPX2_CLEAR_STATE);
     }
     if (order.exposure) {
         std::vector<float> hits = photonsOfRows(*scene, falling(), order.step);
-        for (std::size_t row = 0; row < leaving; row += side)
+        for (std::size_t row = 0; row < leaving; row += SIDE)
             std::transform(columnSensitivity().begin(), columnSensitivity().end(),
                            hits.begin() + static_cast<std::ptrdiff_t>(row),
                            hits.begin() + static_cast<std::ptrdiff_t>(row), std::multiplies<>());
@@ -226,9 +226,9 @@ const ChipStream& Mpx2Chip::readRows(const Mpx2RowRead& order)
         count(field, *order.exposure, moved);
     }
     stream.bytes.clear();
-    for (std::size_t row = 0; row < leaving; row += side)
-        appendPlanes(std::span(moved).subspan(row, side), planes, stream.bytes);
-    pad(stream.bytes, order.step.rows * (rowBytes + 1) - 1);
+    for (std::size_t row = 0; row < leaving; row += SIDE)
+        appendPlanes(std::span(moved).subspan(row, SIDE), PLANES, stream.bytes);
+    pad(stream.bytes, order.step.rows * (ROW_BYTES + 1) - 1);
     ++stream.version;
     streamMade.reset();
     return stream;
@@ -267,45 +267,45 @@ void Mpx2Chip::count(const PoissonField& field, const Mpx2Exposure& exposure, st
     const auto stateOf = mpx2StateOfCount();
     const auto countOf = mpx2CountOfState();
     for (std::size_t i = 0; i < states.size(); ++i) {
-        const std::uint16_t before = countOf[states[i] & mpx2ClearState];
-        if (before != mpx2NoCount)
-            states[i] = stateOf[std::min(before + measured(config[i], hits[i], exposure), mpx2FullCount)];
+        const std::uint16_t before = countOf[states[i] & MPX2_CLEAR_STATE];
+        if (before != MPX2_NO_COUNT)
+            states[i] = stateOf[std::min(before + measured(config[i], hits[i], exposure), MPX2_FULL_COUNT)];
     }
 }
 
 /// What a pixel adds to its counter for some hits.
 std::uint32_t Mpx2Chip::measured(std::uint16_t word, std::uint32_t hits, const Mpx2Exposure& exposure) const
 {
-    constexpr double pulseMicroseconds = 2.5; ///< for which a hit lies over the threshold
-    if (kind == Mpx2Kind::medipix2 || hits == 0)
+    constexpr double PULSE_MICROSECONDS = 2.5; ///< for which a hit lies over the threshold
+    if (kind == Mpx2Kind::Medipix2 || hits == 0)
         return hits;
     double ticks = 0;
-    switch (gather(word, timepixBits.mode)) {
-    case timeOverThreshold:
-        ticks = hits * pulseMicroseconds * exposure.clockMhz;
+    switch (gather(word, TIMEPIX_BITS.mode)) {
+    case TIME_OVER_THRESHOLD:
+        ticks = hits * PULSE_MICROSECONDS * exposure.clockMhz;
         break;
-    case firstHit:
+    case FIRST_HIT:
         return 1;
-    case timeOfArrival: // from the first hit until the shutter closes
+    case TIME_OF_ARRIVAL: // from the first hit until the shutter closes
         ticks = exposure.seconds * hits / (hits + 1.0) * exposure.clockMhz * 1e6;
         break;
     default:
         return hits;
     }
-    return static_cast<std::uint32_t>(std::min<double>(std::round(ticks), mpx2FullCount));
+    return static_cast<std::uint32_t>(std::min<double>(std::round(ticks), MPX2_FULL_COUNT));
 }
 
 /// Share of the photons that each pixel counts, by the threshold, its adjustment and the mask bit.
 std::vector<float> Mpx2Chip::sensitivity() const
 {
-    const PixelBits& bits = kind == Mpx2Kind::timepix ? timepixBits : medipixBits;
+    const PixelBits& bits = kind == Mpx2Kind::Timepix ? TIMEPIX_BITS : MEDIPIX_BITS;
     const auto adjust = std::span(bits.adjust).first(bits.adjustBits);
     std::array<float, 16> byAdjustment{};
     for (std::size_t step = 0; step < byAdjustment.size(); ++step)
         byAdjustment[step] =
-            static_cast<float>(scene->counted(dac(thresholdDac) - static_cast<double>(step) * scene->adjustStep()));
-    std::vector<float> share(pixelCount);
-    for (std::size_t i = 0; i < pixelCount; ++i)
+            static_cast<float>(scene->counted(dac(THRESHOLD_DAC) - static_cast<double>(step) * scene->adjustStep()));
+    std::vector<float> share(PIXEL_COUNT);
+    for (std::size_t i = 0; i < PIXEL_COUNT; ++i)
         if ((config[i] >> bits.mask & 1) == 0)
             share[i] = byAdjustment[gather(config[i], adjust)];
     return share;
@@ -317,9 +317,9 @@ const std::vector<float>& Mpx2Chip::columnSensitivity()
     if (columnsMadeAt == generation)
         return columns;
     const std::vector<float> share = sensitivity();
-    columns.assign(side, 0);
-    for (std::size_t i = 0; i < pixelCount; ++i)
-        columns[i % side] += share[i] / side;
+    columns.assign(SIDE, 0);
+    for (std::size_t i = 0; i < PIXEL_COUNT; ++i)
+        columns[i % SIDE] += share[i] / SIDE;
     columnsMadeAt = generation;
     return columns;
 }
@@ -337,7 +337,7 @@ std::vector<float> Mpx2Chip::means(double seconds)
 {
     std::vector<float> hits = sensitivity();
     const std::vector<float>& photons = falling();
-    for (std::size_t i = 0; i < pixelCount; ++i)
+    for (std::size_t i = 0; i < PIXEL_COUNT; ++i)
         hits[i] *= photons[i] * static_cast<float>(seconds);
     return hits;
 }

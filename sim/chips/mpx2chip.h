@@ -11,7 +11,7 @@
 
 namespace sim {
 
-enum class Mpx2Kind { timepix, medipix2 };
+enum class Mpx2Kind { Timepix, Medipix2 };
 
 /// One opening of the shutter.
 struct Mpx2Exposure {
@@ -30,11 +30,11 @@ struct Mpx2RowRead {
 
 class LATIXELSIM_API Mpx2Chip {
 public:
-    static constexpr std::size_t rows = 256;
-    static constexpr std::size_t rowBytes = 448;      ///< of each row of the matrix
-    static constexpr std::size_t recordBytes = 32;    ///< of the DAC register
-    static constexpr std::size_t imageBytes = 114720; ///< of the matrix: 256 rows, and 32 bytes behind them
-    using Record = std::array<std::uint8_t, recordBytes>;
+    static constexpr std::size_t ROWS = 256;
+    static constexpr std::size_t ROW_BYTES = 448;      ///< of each row of the matrix
+    static constexpr std::size_t RECORD_BYTES = 32;    ///< of the DAC register
+    static constexpr std::size_t IMAGE_BYTES = 114720; ///< of the matrix: 256 rows, and 32 bytes behind them
+    using Record = std::array<std::uint8_t, RECORD_BYTES>;
 
     /// `id` is the identifier as people write it, "C07-W0123": letter, position on the wafer (up to 12), wafer (up to
     /// 2047). An empty one stands for fuses that were never blown. Throws std::runtime_error for anything else.
@@ -62,7 +62,7 @@ public:
     /// Volts on the sense output, or none when the DAC register selects nothing.
     std::optional<double> senseVolts() const;
 
-    std::size_t dacCount() const { return kind == Mpx2Kind::timepix ? 14 : 15; }
+    std::size_t dacCount() const { return kind == Mpx2Kind::Timepix ? 14 : 15; }
     unsigned dac(std::size_t number) const;
     std::uint32_t ctpr() const { return field(143, 32); }
     /// The sense selector and the external DAC's, of which 1 and 2 are known.

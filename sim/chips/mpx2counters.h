@@ -7,10 +7,10 @@
 
 namespace sim {
 
-constexpr std::uint32_t mpx2FullCount = 11810;
-constexpr std::uint16_t mpx2ClearState = 0x3FFF;
+constexpr std::uint32_t MPX2_FULL_COUNT = 11810;
+constexpr std::uint16_t MPX2_CLEAR_STATE = 0x3FFF;
 /// Stands for a state that counting never reaches.
-constexpr std::uint16_t mpx2NoCount = 0xFFFF;
+constexpr std::uint16_t MPX2_NO_COUNT = 0xFFFF;
 
 /// State of a counter after n counts, for n from 0 to `mpx2FullCount`.
 std::span<const std::uint16_t> mpx2StateOfCount();

@@ -12,7 +12,7 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t side = 256;
+constexpr std::size_t SIDE = 256;
 
 /// Width of a DAC in bits.
 constexpr unsigned dacBits(std::size_t dac)
@@ -20,23 +20,23 @@ constexpr unsigned dacBits(std::size_t dac)
     return dac >= 8 && dac <= 24 ? 8 : 9;
 }
 
-std::array<std::uint8_t, Mpx3Chip::fuseBytes> fusesOf(const std::string& id)
+std::array<std::uint8_t, Mpx3Chip::FUSE_BYTES> fusesOf(const std::string& id)
 {
     if (id.empty())
         return {};
-    constexpr unsigned lastPosition = 15;
-    constexpr unsigned lastWafer = 0xFFF;
-    const auto [letter, position, wafer] = readChipId(id, lastPosition, lastWafer);
+    constexpr unsigned LAST_POSITION = 15;
+    constexpr unsigned LAST_WAFER = 0xFFF;
+    const auto [letter, position, wafer] = readChipId(id, LAST_POSITION, LAST_WAFER);
     // What stands in the upper half of the third byte and in the last two has no part in the identifier.
     return {static_cast<std::uint8_t>(letter << 4U | position), static_cast<std::uint8_t>(wafer & 0xFFU),
             static_cast<std::uint8_t>(0x50U | wafer >> 8U), 0x2D, static_cast<std::uint8_t>(0x80U ^ wafer)};
 }
 
 // Outputs of the sense selector.
-constexpr unsigned senseBandGap = 26;
-constexpr unsigned senseTemperature = 27;
-constexpr unsigned senseDac15 = 30;
-constexpr unsigned senseDac16 = 31;
+constexpr unsigned SENSE_BAND_GAP = 26;
+constexpr unsigned SENSE_TEMPERATURE = 27;
+constexpr unsigned SENSE_DAC15 = 30;
+constexpr unsigned SENSE_DAC16 = 31;
 
 } // namespace
 
@@ -60,7 +60,7 @@ void Mpx3Chip::reset()
 void Mpx3Chip::loadDacs(std::span<const std::uint8_t> stream)
 {
     std::size_t bit = 0;
-    for (std::size_t dac = dacCount; dac-- > 0;) {
+    for (std::size_t dac = DAC_COUNT; dac-- > 0;) {
         unsigned code = 0;
         for (unsigned i = 0; i < dacBits(dac); ++i, ++bit)
             code = code << 1U | (stream[bit / 8] >> (7 - bit % 8) & 1U);
@@ -71,7 +71,7 @@ void Mpx3Chip::loadDacs(std::span<const std::uint8_t> stream)
 
 void Mpx3Chip::loadCtpr(std::span<const std::uint8_t> bytes)
 {
-    std::copy_n(bytes.begin(), ctprBytes, ctprBits.begin());
+    std::copy_n(bytes.begin(), CTPR_BYTES, ctprBits.begin());
 }
 
 void Mpx3Chip::loadHalf(unsigned counter, bool secondHalf, std::span<const std::uint8_t> planes)
@@ -127,9 +127,9 @@ const ChipStream& Mpx3Chip::read(unsigned counter, const ReadoutShape& shape)
     return own.stream;
 }
 
-std::array<std::uint8_t, Mpx3Chip::fuseBytes> Mpx3Chip::fuses() const
+std::array<std::uint8_t, Mpx3Chip::FUSE_BYTES> Mpx3Chip::fuses() const
 {
-    std::array<std::uint8_t, fuseBytes> shifted{};
+    std::array<std::uint8_t, FUSE_BYTES> shifted{};
     std::ranges::transform(fuseBits, shifted.begin(), lowestBitFirst);
     return shifted;
 }
@@ -142,21 +142,21 @@ const std::vector<std::uint16_t>& Mpx3Chip::registers(unsigned counter)
 
 std::optional<double> Mpx3Chip::senseVolts() const
 {
-    constexpr double lowest = 0.05;
-    constexpr double range = 1.4;
-    constexpr double bandGap = 0.648;
-    constexpr double temperatureOffset = 0.06; ///< about 36 degrees
-    const unsigned selected = omrImage.get(OmrField::senseDac);
+    constexpr double LOWEST = 0.05;
+    constexpr double RANGE = 1.4;
+    constexpr double BAND_GAP = 0.648;
+    constexpr double TEMPERATURE_OFFSET = 0.06; ///< about 36 degrees
+    const unsigned selected = omrImage.get(OmrField::SenseDac);
     if (selected == 0)
         return std::nullopt;
-    if (selected == senseBandGap || selected == senseTemperature)
-        return bandGap + (selected == senseTemperature ? temperatureOffset - 0.001 * place.number : 0);
+    if (selected == SENSE_BAND_GAP || selected == SENSE_TEMPERATURE)
+        return BAND_GAP + (selected == SENSE_TEMPERATURE ? TEMPERATURE_OFFSET - 0.001 * place.number : 0);
     std::size_t dac = selected < 16 ? selected - 1 : selected + 1;
-    if (selected == senseDac15 || selected == senseDac16)
-        dac = selected == senseDac15 ? 15 : 16;
-    if (dac >= dacCount)
-        return lowest;
-    return lowest + range * dacCodes[dac] / (1U << dacBits(dac));
+    if (selected == SENSE_DAC15 || selected == SENSE_DAC16)
+        dac = selected == SENSE_DAC15 ? 15 : 16;
+    if (dac >= DAC_COUNT)
+        return LOWEST;
+    return LOWEST + RANGE * dacCodes[dac] / (1U << dacBits(dac));
 }
 
 /// Puts what is pending into the counter.
@@ -173,7 +173,7 @@ void Mpx3Chip::settle(unsigned counter)
     if (own.field.empty() || made != own.fieldMade)
         own.field.expect(frameMeans(counter, exposure));
     own.fieldMade = made;
-    std::vector<std::uint32_t> counts(Mpx3Pixels::count);
+    std::vector<std::uint32_t> counts(Mpx3Pixels::COUNT);
     count(counter, exposure, own.field, counts);
     pixels.add(counter, exposure.depth, counts);
 }
@@ -192,16 +192,16 @@ void Mpx3Chip::count(unsigned counter, const Exposure& exposure, const PoissonFi
 std::vector<float> Mpx3Chip::sensitivity(unsigned counter, unsigned depth) const
 {
     const unsigned source = depth == 24 ? 0 : counter;
-    const unsigned firstBit = source == 0 ? Mpx3Pixels::configAdjust0 : Mpx3Pixels::configAdjust1;
-    std::array<float, Mpx3Pixels::configAdjustBits + 1> byAdjustment{};
+    const unsigned firstBit = source == 0 ? Mpx3Pixels::CONFIG_ADJUST0 : Mpx3Pixels::CONFIG_ADJUST1;
+    std::array<float, Mpx3Pixels::CONFIG_ADJUST_BITS + 1> byAdjustment{};
     for (std::size_t step = 0; step < byAdjustment.size(); ++step)
         byAdjustment[step] =
             static_cast<float>(scene->counted(dacCodes[source] - static_cast<double>(step) * scene->adjustStep()));
 
-    std::vector<float> share(Mpx3Pixels::count);
+    std::vector<float> share(Mpx3Pixels::COUNT);
     std::ranges::transform(pixels.configuration(), share.begin(), [&](std::uint16_t word) {
-        const bool masked = (word & Mpx3Pixels::configMask) != 0;
-        return masked ? 0.0F : byAdjustment[word >> firstBit & Mpx3Pixels::configAdjustBits];
+        const bool masked = (word & Mpx3Pixels::CONFIG_MASK) != 0;
+        return masked ? 0.0F : byAdjustment[word >> firstBit & Mpx3Pixels::CONFIG_ADJUST_BITS];
     });
     return share;
 }
@@ -238,9 +238,9 @@ const std::vector<float>& Mpx3Chip::columnSensitivity(unsigned counter, unsigned
     if (own.columnsMadeAt == generation)
         return own.columns;
     const std::vector<float> share = sensitivity(counter, depth);
-    own.columns.assign(side, 0);
+    own.columns.assign(SIDE, 0);
     for (std::size_t i = 0; i < share.size(); ++i)
-        own.columns[i % side] += share[i] / side;
+        own.columns[i % SIDE] += share[i] / SIDE;
     own.columnsMadeAt = generation;
     return own.columns;
 }
@@ -252,14 +252,14 @@ void Mpx3Chip::shiftRow(unsigned counter, const ReadoutShape& shape)
     own.pending.reset();
     PoissonField field;
     field.expect(rowMeans(counter, exposure));
-    std::array<std::uint32_t, side> counts{};
+    std::array<std::uint32_t, SIDE> counts{};
     count(counter, exposure, field, counts);
 
     const unsigned width = std::min(exposure.depth, 12U);
     const std::uint32_t full = (1U << exposure.depth) - 1;
     const unsigned shift = exposure.depth == 24 && counter == 0 ? 12 : 0;
-    std::array<std::uint16_t, side> states{};
-    for (std::size_t column = 0; column < side; ++column)
+    std::array<std::uint16_t, SIDE> states{};
+    for (std::size_t column = 0; column < SIDE; ++column)
         states[column] = mpx3StateOfCount(width)[std::min(counts[column], full) >> shift & ((1U << width) - 1)];
     own.stream.bytes.clear();
     appendPlanes(std::span(states).subspan(shape.firstColumn, shape.columns), shape.planes, own.stream.bytes);

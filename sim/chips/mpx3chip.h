@@ -15,10 +15,10 @@ namespace sim {
 
 class LATIXELSIM_API Mpx3Chip {
 public:
-    static constexpr std::size_t dacCount = 27;
-    static constexpr std::size_t dacRecordBytes = 37; ///< header, 226 bits, zeros
-    static constexpr std::size_t ctprBytes = 32;
-    static constexpr std::size_t fuseBytes = 5;
+    static constexpr std::size_t DAC_COUNT = 27;
+    static constexpr std::size_t DAC_RECORD_BYTES = 37; ///< header, 226 bits, zeros
+    static constexpr std::size_t CTPR_BYTES = 32;
+    static constexpr std::size_t FUSE_BYTES = 5;
 
     /// `id` is the identifier as people write it, "C07-W0123": letter, position on the wafer, wafer. An empty one
     /// stands for fuses that were never blown. Throws std::runtime_error for anything else.
@@ -44,10 +44,10 @@ public:
     const ChipStream& read(unsigned counter, const ReadoutShape& shape);
 
     const Mpx3Omr& omr() const { return omrImage; }
-    const std::array<std::uint16_t, dacCount>& dacs() const { return dacCodes; }
-    const std::array<std::uint8_t, ctprBytes>& ctpr() const { return ctprBits; }
+    const std::array<std::uint16_t, DAC_COUNT>& dacs() const { return dacCodes; }
+    const std::array<std::uint8_t, CTPR_BYTES>& ctpr() const { return ctprBits; }
     /// Fuse bits as they are shifted out: in each byte the lowest bit first.
-    std::array<std::uint8_t, fuseBytes> fuses() const;
+    std::array<std::uint8_t, FUSE_BYTES> fuses() const;
     /// Counter registers of all pixels, row by row.
     const std::vector<std::uint16_t>& registers(unsigned counter);
     const std::vector<std::uint16_t>& configuration() const { return pixels.configuration(); }
@@ -93,14 +93,14 @@ private:
     const std::vector<float>& flux() const;
     void shiftRow(unsigned counter, const ReadoutShape& shape);
 
-    std::array<std::uint8_t, fuseBytes> fuseBits{};
+    std::array<std::uint8_t, FUSE_BYTES> fuseBits{};
     ChipPlace place;
     std::shared_ptr<const Scene> scene;
     mutable FluxMap fluxMap;
 
     Mpx3Omr omrImage;
-    std::array<std::uint16_t, dacCount> dacCodes{};
-    std::array<std::uint8_t, ctprBytes> ctprBits{};
+    std::array<std::uint16_t, DAC_COUNT> dacCodes{};
+    std::array<std::uint8_t, CTPR_BYTES> ctprBits{};
     Mpx3Pixels pixels;
     std::uint64_t generation = 1; ///< counts changes of what the pixels count by
     std::array<Counter, 2> counters;

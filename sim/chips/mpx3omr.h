@@ -11,27 +11,27 @@ namespace sim {
 
 /// Fields of the register, in the order in which they are shifted in.
 enum class OmrField : std::size_t {
-    mode,
-    crwSrw,
-    polarity,
-    columnCount,
-    discCsmSpm,
-    enableTp,
-    countL,
-    columnBlock,
-    columnBlockSel,
-    rowBlock,
-    rowBlockSel,
-    equalization,
-    colourMode,
-    csmSpm,
-    infoHeader,
-    fuseSel,
-    fusePulseWidth,
-    gain,
-    senseDac,
-    extDac,
-    extBgSel,
+    Mode,
+    CrwSrw,
+    Polarity,
+    ColumnCount,
+    DiscCsmSpm,
+    EnableTp,
+    CountL,
+    ColumnBlock,
+    ColumnBlockSel,
+    RowBlock,
+    RowBlockSel,
+    Equalization,
+    ColourMode,
+    CsmSpm,
+    InfoHeader,
+    FuseSel,
+    FusePulseWidth,
+    Gain,
+    SenseDac,
+    ExtDac,
+    ExtBgSel,
 };
 
 /// A field with its width in bits.
@@ -40,37 +40,37 @@ struct OmrLayoutRow {
     unsigned width;
 };
 
-inline constexpr std::array<OmrLayoutRow, 21> omrLayout = {
-    {{OmrField::mode, 3},           {OmrField::crwSrw, 1},   {OmrField::polarity, 1},    {OmrField::columnCount, 2},
-     {OmrField::discCsmSpm, 1},     {OmrField::enableTp, 1}, {OmrField::countL, 2},      {OmrField::columnBlock, 3},
-     {OmrField::columnBlockSel, 1}, {OmrField::rowBlock, 3}, {OmrField::rowBlockSel, 1}, {OmrField::equalization, 1},
-     {OmrField::colourMode, 1},     {OmrField::csmSpm, 1},   {OmrField::infoHeader, 1},  {OmrField::fuseSel, 5},
-     {OmrField::fusePulseWidth, 7}, {OmrField::gain, 2},     {OmrField::senseDac, 5},    {OmrField::extDac, 5},
-     {OmrField::extBgSel, 1}}};
+inline constexpr std::array<OmrLayoutRow, 21> OMR_LAYOUT = {
+    {{OmrField::Mode, 3},           {OmrField::CrwSrw, 1},   {OmrField::Polarity, 1},    {OmrField::ColumnCount, 2},
+     {OmrField::DiscCsmSpm, 1},     {OmrField::EnableTp, 1}, {OmrField::CountL, 2},      {OmrField::ColumnBlock, 3},
+     {OmrField::ColumnBlockSel, 1}, {OmrField::RowBlock, 3}, {OmrField::RowBlockSel, 1}, {OmrField::Equalization, 1},
+     {OmrField::ColourMode, 1},     {OmrField::CsmSpm, 1},   {OmrField::InfoHeader, 1},  {OmrField::FuseSel, 5},
+     {OmrField::FusePulseWidth, 7}, {OmrField::Gain, 2},     {OmrField::SenseDac, 5},    {OmrField::ExtDac, 5},
+     {OmrField::ExtBgSel, 1}}};
 
 /// Number of bits that are shifted in before a field.
 constexpr unsigned omrFirstBit(OmrField field)
 {
     unsigned first = 0;
-    for (const OmrLayoutRow& row : omrLayout) {
+    for (const OmrLayoutRow& row : OMR_LAYOUT) {
         if (row.field == field)
             break;
         first += row.width;
     }
     return first;
 }
-static_assert(std::ranges::is_sorted(omrLayout, {}, &OmrLayoutRow::field), "a field's row stands at its number");
-static_assert(omrFirstBit(OmrField::extBgSel) == 47, "the fields fill 48 bits");
+static_assert(std::ranges::is_sorted(OMR_LAYOUT, {}, &OmrLayoutRow::field), "a field's row stands at its number");
+static_assert(omrFirstBit(OmrField::ExtBgSel) == 47, "the fields fill 48 bits");
 
 /// What the `mode` field tells the chip to do with the next shift.
 namespace omrmode {
-inline constexpr unsigned readCounter0 = 0;
-inline constexpr unsigned loadDacs = 1;
-inline constexpr unsigned loadCounter0 = 2;
-inline constexpr unsigned readCounter1 = 4;
-inline constexpr unsigned loadCtpr = 5;
-inline constexpr unsigned loadCounter1 = 6;
-inline constexpr unsigned readFuses = 7;
+inline constexpr unsigned READ_COUNTER0 = 0;
+inline constexpr unsigned LOAD_DACS = 1;
+inline constexpr unsigned LOAD_COUNTER0 = 2;
+inline constexpr unsigned READ_COUNTER1 = 4;
+inline constexpr unsigned LOAD_CTPR = 5;
+inline constexpr unsigned LOAD_COUNTER1 = 6;
+inline constexpr unsigned READ_FUSES = 7;
 } // namespace omrmode
 
 /// The part of the matrix that a readout shifts out.
@@ -98,23 +98,23 @@ public:
     unsigned get(OmrField field) const
     {
         const unsigned first = omrFirstBit(field);
-        const unsigned width = omrLayout[static_cast<std::size_t>(field)].width;
+        const unsigned width = OMR_LAYOUT[static_cast<std::size_t>(field)].width;
         unsigned value = 0;
         for (unsigned bit = 0; bit < width; ++bit)
             value |= static_cast<unsigned>(bits >> (47 - first - bit) & 1U) << bit;
         return value;
     }
 
-    unsigned mode() const { return get(OmrField::mode); }
+    unsigned mode() const { return get(OmrField::Mode); }
     /// Counter depth in bits: 1, 6, 12 or 24.
-    unsigned depth() const { return std::array{1U, 6U, 12U, 24U}[get(OmrField::countL)]; }
+    unsigned depth() const { return std::array{1U, 6U, 12U, 24U}[get(OmrField::CountL)]; }
     ReadoutShape shape() const
     {
-        const unsigned columns = 256U >> get(OmrField::columnCount);
-        const unsigned blockColumn = get(OmrField::columnBlock) * 32 / columns * columns;
-        return {.rows = get(OmrField::rowBlockSel) != 0 ? 1U << get(OmrField::rowBlock) : 256U,
+        const unsigned columns = 256U >> get(OmrField::ColumnCount);
+        const unsigned blockColumn = get(OmrField::ColumnBlock) * 32 / columns * columns;
+        return {.rows = get(OmrField::RowBlockSel) != 0 ? 1U << get(OmrField::RowBlock) : 256U,
                 .columns = columns,
-                .firstColumn = get(OmrField::columnBlockSel) != 0 ? blockColumn : 256 - columns,
+                .firstColumn = get(OmrField::ColumnBlockSel) != 0 ? blockColumn : 256 - columns,
                 .planes = depth() == 24 ? 12U : depth()};
     }
 

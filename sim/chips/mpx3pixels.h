@@ -13,13 +13,13 @@ namespace sim {
 
 class Mpx3Pixels {
 public:
-    static constexpr std::size_t count = std::size_t{256} * 256;
+    static constexpr std::size_t COUNT = std::size_t{256} * 256;
     /// Bits of a pixel's configuration word.
-    static constexpr unsigned configMask = 1;                       ///< the pixel does not count
-    static constexpr unsigned configAdjust0 = 1, configAdjust1 = 6; ///< first bits of the two threshold adjustments
-    static constexpr unsigned configAdjustBits = 0x1F;
+    static constexpr unsigned CONFIG_MASK = 1;                        ///< the pixel does not count
+    static constexpr unsigned CONFIG_ADJUST0 = 1, CONFIG_ADJUST1 = 6; ///< first bits of the two threshold adjustments
+    static constexpr unsigned CONFIG_ADJUST_BITS = 0x1F;
     /// Bytes that one row of a half matrix takes on the wire.
-    static constexpr std::size_t rowBytes = 12 * 256 / 8;
+    static constexpr std::size_t ROW_BYTES = 12 * 256 / 8;
 
     /// Loads 128 rows of a counter, 12 bits a pixel.
     void loadHalf(unsigned counter, unsigned firstRow, std::span<const std::uint8_t> planes);
@@ -45,9 +45,9 @@ public:
 private:
     using Registers = std::vector<std::uint16_t>;
 
-    std::array<Registers, 2> state{Registers(count), Registers(count)};
+    std::array<Registers, 2> state{Registers(COUNT), Registers(COUNT)};
     std::array<bool, 2> cleared{true, true};
-    Registers config = Registers(count);
+    Registers config = Registers(COUNT);
 };
 
 } // namespace sim

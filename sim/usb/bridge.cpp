@@ -12,16 +12,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::uint8_t kSynchronousFifo = 0x40;
-constexpr std::uint8_t kLatencyAtPowerOnMs = 16;
+constexpr std::uint8_t SYNCHRONOUS_FIFO = 0x40;
+constexpr std::uint8_t LATENCY_AT_POWER_ON_MS = 16;
 
-constexpr UsbResult kNoDevice{-4};
-constexpr UsbResult kCablePulled{-1};
-constexpr UsbResult kWriteFailed{-1};
+constexpr UsbResult NO_DEVICE{-4};
+constexpr UsbResult CABLE_PULLED{-1};
+constexpr UsbResult WRITE_FAILED{-1};
 
-constexpr auto kPollPeriod = 100us;   ///< how often a waiting read looks at the board
-constexpr auto kStalledPause = 1ms;   ///< so that a host that tries again at once does not burn the processor
-constexpr auto kOversleeping = 500us; ///< what a sleep may take too long without the wire losing its pace
+constexpr auto POLL_PERIOD = 100us;  ///< how often a waiting read looks at the board
+constexpr auto STALLED_PAUSE = 1ms;  ///< so that a host that tries again at once does not burn the processor
+constexpr auto OVERSLEEPING = 500us; ///< what a sleep may take too long without the wire losing its pace
 
 Plugging nextPlugging()
 {
@@ -31,13 +31,13 @@ Plugging nextPlugging()
 
 } // namespace
 
-Bridge::Bridge(std::unique_ptr<Board> board_, UsbIdentity identity, LinkSpeed speed_)
+Bridge::Bridge(std::unique_ptr<Board> newBoard, UsbIdentity identity, LinkSpeed linkSpeed)
     : usbIdentity(std::move(identity)),
-      speed(speed_),
-      board(std::move(board_)),
+      speed(linkSpeed),
+      board(std::move(newBoard)),
       faults(*this),
       bitMode(0),
-      latencyMs(kLatencyAtPowerOnMs)
+      latencyMs(LATENCY_AT_POWER_ON_MS)
 {
 }
 
@@ -65,7 +65,7 @@ UsbResult Bridge::open(Plugging session)
 {
     const std::scoped_lock lock(mutex);
     if (!alive(session))
-        return kNoDevice;
+        return NO_DEVICE;
     return faults.refuse(UsbStep::Open, Clock::now()).value_or(UsbResult{});
 }
 
@@ -73,7 +73,7 @@ UsbResult Bridge::fetchStrings(Plugging session)
 {
     const std::scoped_lock lock(mutex);
     if (!alive(session))
-        return kNoDevice;
+        return NO_DEVICE;
     return faults.refuse(UsbStep::Strings, Clock::now()).value_or(UsbResult{});
 }
 
@@ -147,20 +147,20 @@ UsbResult Bridge::transferIn(Plugging session, std::span<std::uint8_t> room, std
 {
     std::unique_lock lock(mutex);
     if (!alive(session))
-        return kNoDevice;
+        return NO_DEVICE;
     const Time deadline = Clock::now() + idlePeriod();
     std::size_t count = takeArrived(room, wanted);
     while (count == 0 && Clock::now() < deadline) {
         lock.unlock();
-        std::this_thread::sleep_until(std::min(deadline, Clock::now() + kPollPeriod));
+        std::this_thread::sleep_until(std::min(deadline, Clock::now() + POLL_PERIOD));
         lock.lock();
         if (!alive(session))
-            return kCablePulled;
+            return CABLE_PULLED;
         count = takeArrived(room, wanted);
     }
     occupyWire(lock, count);
     if (!alive(session))
-        return kCablePulled;
+        return CABLE_PULLED;
     return {static_cast<int>(count)};
 }
 
@@ -174,19 +174,19 @@ UsbResult Bridge::write(Plugging session, std::span<const std::uint8_t> bytes)
 {
     std::unique_lock lock(mutex);
     if (!alive(session))
-        return kWriteFailed;
+        return WRITE_FAILED;
     if (const auto refusal = faults.refuse(UsbStep::Write, Clock::now()))
         return *refusal;
     bytes = bytes.first(faults.writable(bytes.size(), Clock::now()));
     if (bytes.empty()) {
         faults.endWrite(bytes, Clock::now());
         lock.unlock();
-        std::this_thread::sleep_for(kStalledPause);
+        std::this_thread::sleep_for(STALLED_PAUSE);
         return {};
     }
     occupyWire(lock, bytes.size());
     if (!alive(session))
-        return kWriteFailed;
+        return WRITE_FAILED;
     deliver(bytes);
     return {static_cast<int>(bytes.size())};
 }
@@ -269,7 +269,7 @@ void Bridge::putOn(Time now)
     replugAt.reset();
     present = nextPlugging();
     bitMode = 0;
-    latencyMs = kLatencyAtPowerOnMs;
+    latencyMs = LATENCY_AT_POWER_ON_MS;
     board->dropOutput();
     board->powerCycle(now);
 }
@@ -283,7 +283,7 @@ std::size_t Bridge::takeArrived(std::span<std::uint8_t> room, std::size_t wanted
 {
     const Time now = Clock::now();
     board->advance(now);
-    if (bitMode != kSynchronousFifo)
+    if (bitMode != SYNCHRONOUS_FIFO)
         return 0;
     if (faults.empty())
         return board->take(room);
@@ -298,7 +298,7 @@ void Bridge::deliver(std::span<const std::uint8_t> bytes)
 {
     const Time now = Clock::now();
     board->advance(now);
-    if (bitMode != kSynchronousFifo) {
+    if (bitMode != SYNCHRONOUS_FIFO) {
         strayed.push_back({description(), "written outside synchronous FIFO mode", Bytes(bytes.begin(), bytes.end())});
         return;
     }
@@ -312,7 +312,7 @@ void Bridge::occupyWire(std::unique_lock<std::mutex>& lock, std::size_t count)
     if (speed.bytesPerSecond <= 0 || count == 0)
         return;
     const Time now = Clock::now();
-    if (now - wireFree > kOversleeping)
+    if (now - wireFree > OVERSLEEPING)
         wireFree = now;
     wireFree += std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(static_cast<double>(count) / speed.bytesPerSecond));

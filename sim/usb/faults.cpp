@@ -56,7 +56,7 @@ struct StepsRow {
     std::array<UsbStep, 2> steps;
 };
 
-constexpr StepsRow kSteps[] = {
+constexpr StepsRow STEPS[] = {
     {"transfers", {UsbStep::Read, UsbStep::Write}},    {"read", {UsbStep::Read, UsbStep::Read}},
     {"write", {UsbStep::Write, UsbStep::Write}},       {"open", {UsbStep::Open, UsbStep::Open}},
     {"strings", {UsbStep::Strings, UsbStep::Strings}},
@@ -67,8 +67,8 @@ public:
     explicit ErrorFault(const json& fault)
     {
         const auto on = readKey<std::string>(fault, "on", "transfers");
-        const auto* row = std::ranges::find(kSteps, on, &StepsRow::on);
-        if (row == std::end(kSteps))
+        const auto* row = std::ranges::find(STEPS, on, &StepsRow::on);
+        if (row == std::end(STEPS))
             badKey("on", "\"transfers\", \"read\", \"write\", \"open\" or \"strings\"");
         steps = row->steps;
         refusal.value = readKey<int>(fault, "result", -1);
@@ -175,7 +175,7 @@ private:
 /// A fault that the board itself shows when its moment comes.
 class BoardFault : public Fault {
 public:
-    explicit BoardFault(const json& fault_) : fault(fault_) {}
+    explicit BoardFault(const json& entry) : fault(entry) {}
 
     void begin(FaultTarget& target, Time /*now*/) override
     {
@@ -197,7 +197,7 @@ std::unique_ptr<Fault> make(const json& fault)
     return std::make_unique<Kind>(fault);
 }
 
-constexpr std::optional<std::uint64_t> kForGood = std::nullopt;
+constexpr std::optional<std::uint64_t> FOR_GOOD = std::nullopt;
 
 struct KindRow {
     std::string_view kind;
@@ -206,13 +206,13 @@ struct KindRow {
     std::array<std::string_view, 7> keys;
 };
 
-constexpr KindRow kKinds[] = {
-    {"error", make<ErrorFault>, kForGood, {"kind", "when", "on", "result", "text", "times", "seconds"}},
-    {"silence", make<SilenceFault>, kForGood, {"kind", "when", "times", "seconds"}},
-    {"late", make<LateFault>, kForGood, {"kind", "when", "seconds"}},
+constexpr KindRow KINDS[] = {
+    {"error", make<ErrorFault>, FOR_GOOD, {"kind", "when", "on", "result", "text", "times", "seconds"}},
+    {"silence", make<SilenceFault>, FOR_GOOD, {"kind", "when", "times", "seconds"}},
+    {"late", make<LateFault>, FOR_GOOD, {"kind", "when", "seconds"}},
     {"short_read", make<ShortReadFault>, 1, {"kind", "when", "bytes", "times", "seconds"}},
     {"garbage", make<GarbageFault>, 1, {"kind", "when", "offset", "bytes", "seed", "times", "seconds"}},
-    {"stalled_write", make<StalledWriteFault>, kForGood, {"kind", "when", "bytes", "times", "seconds"}},
+    {"stalled_write", make<StalledWriteFault>, FOR_GOOD, {"kind", "when", "bytes", "times", "seconds"}},
     {"unplug", make<UnplugFault>, 0, {"kind", "when", "replug_after_s"}},
 };
 
@@ -233,14 +233,14 @@ Trigger::Trigger(const json& when, Time now)
 
 void Trigger::readCondition(const json& when, Time now)
 {
-    static constexpr std::array<std::pair<const char*, On>, 5> kConditions{{{"after_reads", On::AfterReads},
-                                                                            {"after_writes", On::AfterWrites},
-                                                                            {"after_bytes", On::AfterBytes},
-                                                                            {"after_written", On::AfterWritten},
-                                                                            {"after_s", On::AfterTime}}};
+    static constexpr std::array<std::pair<const char*, On>, 5> CONDITIONS{{{"after_reads", On::AfterReads},
+                                                                           {"after_writes", On::AfterWrites},
+                                                                           {"after_bytes", On::AfterBytes},
+                                                                           {"after_written", On::AfterWritten},
+                                                                           {"after_s", On::AfterTime}}};
     const auto known = [&](const auto& row) { return when.contains(row.first); };
-    const auto* row = std::find_if(kConditions.begin(), kConditions.end(), known);
-    if (row == kConditions.end())
+    const auto* row = std::find_if(CONDITIONS.begin(), CONDITIONS.end(), known);
+    if (row == CONDITIONS.end())
         throw std::runtime_error("one of after_reads, after_writes, after_bytes, after_written or after_s is missing");
     on = row->second;
     if (on == On::AfterWritten) {
@@ -311,8 +311,8 @@ void FaultLayer::add(const json& fault, Time now)
     if (!fault.is_object())
         throw std::runtime_error("a fault must be an object");
     const auto kind = readKey<std::string>(fault, "kind");
-    const auto* row = std::ranges::find(kKinds, kind, &KindRow::kind);
-    const bool ours = row != std::end(kKinds);
+    const auto* row = std::ranges::find(KINDS, kind, &KindRow::kind);
+    const bool ours = row != std::end(KINDS);
     try {
         if (!ours && !fault.contains("when")) {
             if (!target.faultyBoard().applyFault(fault))

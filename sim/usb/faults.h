@@ -97,7 +97,7 @@ private:
 /// The faults of one board: those that wait for their moment and those that act.
 class FaultLayer {
 public:
-    explicit FaultLayer(FaultTarget& target_) : target(target_) {}
+    explicit FaultLayer(FaultTarget& faultTarget) : target(faultTarget) {}
 
     /// Adds a fault as it stands in a bench. A kind that the layer doesn't know goes to the board.
     /// Throws std::runtime_error for an unknown kind or a bad value.

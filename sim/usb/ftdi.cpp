@@ -22,16 +22,16 @@ using sim::UsbResult;
 
 namespace {
 
-constexpr int kNotOpen = -666;
-constexpr unsigned kFirstChunk = 4096;    ///< bytes
-constexpr unsigned kLargestChunk = 16384; ///< bytes of one read transfer
-constexpr unsigned kPacket = 512;         ///< bytes of a high-speed packet
-constexpr unsigned kStatus = 2;           ///< bytes at the head of each packet
-constexpr int kTimeLimitMs = 5000;
-constexpr std::size_t kMostContexts = 509; ///< two descriptors each: more than these a process cannot have
+constexpr int NOT_OPEN = -666;
+constexpr unsigned FIRST_CHUNK = 4096;    ///< bytes
+constexpr unsigned LARGEST_CHUNK = 16384; ///< bytes of one read transfer
+constexpr unsigned PACKET = 512;          ///< bytes of a high-speed packet
+constexpr unsigned STATUS = 2;            ///< bytes at the head of each packet
+constexpr int TIME_LIMIT_MS = 5000;
+constexpr std::size_t MOST_CONTEXTS = 509; ///< two descriptors each: more than these a process cannot have
 
-constexpr const char* kUnavailable = "USB device unavailable";
-constexpr const char* kInvalidContext = "ftdi context invalid";
+constexpr const char* UNAVAILABLE = "USB device unavailable";
+constexpr const char* INVALID_CONTEXT = "ftdi context invalid";
 
 /// The text in a context, which a thread that reads and one that writes may both leave at the same time.
 std::atomic_ref<const char*> errorText(ftdi_context* ftdi)
@@ -73,8 +73,8 @@ bool matches(const Sighting& chip, int vendor, int product)
 /// What the bus's own search for FTDI chips takes, when it is given no numbers.
 bool isStandardChip(const Sighting& chip)
 {
-    constexpr int kStandardProducts[] = {0x6001, 0x6010, 0x6011, 0x6014, 0x6015};
-    return std::ranges::any_of(kStandardProducts, [&](int product) { return matches(chip, 0x0403, product); });
+    constexpr int STANDARD_PRODUCTS[] = {0x6001, 0x6010, 0x6011, 0x6014, 0x6015};
+    return std::ranges::any_of(STANDARD_PRODUCTS, [&](int product) { return matches(chip, 0x0403, product); });
 }
 
 void forgetBuffered(ftdi_context* ftdi)
@@ -115,7 +115,7 @@ int openChip(ftdi_context* ftdi, const Sighting& chip)
         return fail(ftdi, -6, "ftdi_usb_reset failed");
     }
     ftdi->type = chip.bridge->identity().product == 0x6014 ? TYPE_232H : TYPE_2232H;
-    ftdi->max_packet_size = kPacket;
+    ftdi->max_packet_size = PACKET;
     ftdi->baudrate = 9600;
     return fail(ftdi, 0, "all fine");
 }
@@ -135,7 +135,7 @@ int control(ftdi_context* ftdi, int notOpen, int failed, const char* text, Reque
 {
     const Session* session = sessionOf(ftdi);
     if (session == nullptr)
-        return fail(ftdi, notOpen, kUnavailable);
+        return fail(ftdi, notOpen, UNAVAILABLE);
     return request(*session->chip.bridge, session->chip.plugging) ? 0 : fail(ftdi, failed, text);
 }
 
@@ -165,7 +165,7 @@ std::size_t takeBuffered(ftdi_context* ftdi, std::span<std::uint8_t> room)
 UsbResult transfer(ftdi_context* ftdi, const Session& session, std::span<std::uint8_t> room)
 {
     const unsigned chunk = ftdi->readbuffer_chunksize;
-    const unsigned payload = chunk - kStatus * ((chunk + kPacket - 1) / kPacket);
+    const unsigned payload = chunk - STATUS * ((chunk + PACKET - 1) / PACKET);
     Bridge& bridge = *session.chip.bridge;
     if (room.size() >= payload)
         return bridge.transferIn(session.chip.plugging, room.first(payload), payload);
@@ -183,20 +183,20 @@ UsbResult transfer(ftdi_context* ftdi, const Session& session, std::span<std::ui
 int ftdi_init(ftdi_context* ftdi)
 {
     *ftdi = ftdi_context{};
-    ftdi->usb_read_timeout = kTimeLimitMs;
-    ftdi->usb_write_timeout = kTimeLimitMs;
+    ftdi->usb_read_timeout = TIME_LIMIT_MS;
+    ftdi->usb_write_timeout = TIME_LIMIT_MS;
     ftdi->type = TYPE_BM;
     ftdi->baudrate = -1;
-    ftdi->writebuffer_chunksize = kFirstChunk;
+    ftdi->writebuffer_chunksize = FIRST_CHUNK;
     ftdi->bitbang_mode = 1;
     ftdi->index = INTERFACE_A;
     ftdi->in_ep = 0x02;
     ftdi->out_ep = 0x81;
     ftdi->module_detach_mode = AUTO_DETACH_SIO_MODULE;
-    if (Bus::instance().contexts.size() >= kMostContexts)
+    if (Bus::instance().contexts.size() >= MOST_CONTEXTS)
         return fail(ftdi, -3, "libusb_init() failed");
     ftdi->usb_ctx = reinterpret_cast<libusb_context*>(Bus::instance().contexts.add({}));
-    return ftdi_read_data_set_chunksize(ftdi, kFirstChunk);
+    return ftdi_read_data_set_chunksize(ftdi, FIRST_CHUNK);
 }
 
 void ftdi_deinit(ftdi_context* ftdi)
@@ -238,8 +238,8 @@ void ftdi_list_free(ftdi_device_list** devlist)
     *devlist = nullptr;
 }
 
-int ftdi_usb_get_strings(ftdi_context* ftdi, libusb_device* dev, char* manufacturer, int mnf_len, char* description,
-                         int desc_len, char* serial, int serial_len)
+int ftdi_usb_get_strings(ftdi_context* ftdi, libusb_device* dev, char* manufacturer, int mnfLen, char* description,
+                         int descLen, char* serial, int serialLen)
 {
     if (ftdi == nullptr || dev == nullptr)
         return -1;
@@ -253,16 +253,16 @@ int ftdi_usb_get_strings(ftdi_context* ftdi, libusb_device* dev, char* manufactu
     detach(ftdi);
     if (fetched.value < 0)
         return fail(ftdi, -8, fetched.text != nullptr ? fetched.text : "libusb_get_string_descriptor_ascii() failed");
-    copyText(chip.bridge->identity().manufacturer, manufacturer, mnf_len);
-    copyText(chip.bridge->description(), description, desc_len);
-    copyText(chip.bridge->identity().serial, serial, serial_len);
+    copyText(chip.bridge->identity().manufacturer, manufacturer, mnfLen);
+    copyText(chip.bridge->description(), description, descLen);
+    copyText(chip.bridge->identity().serial, serial, serialLen);
     return 0;
 }
 
 int ftdi_usb_open_desc(ftdi_context* ftdi, int vendor, int product, const char* description, const char* serial)
 {
     if (ftdi == nullptr)
-        return fail(ftdi, -11, kInvalidContext);
+        return fail(ftdi, -11, INVALID_CONTEXT);
     if (contextOf(ftdi) == nullptr)
         return fail(ftdi, -12, "libusb_get_device_list() failed");
     sim::ensureBench();
@@ -332,7 +332,7 @@ int ftdi_set_line_property(ftdi_context* ftdi, ftdi_bits_type /*bits*/, ftdi_sto
 int ftdi_set_baudrate(ftdi_context* ftdi, int baudrate)
 {
     if (sessionOf(ftdi) == nullptr)
-        return fail(ftdi, -3, kUnavailable);
+        return fail(ftdi, -3, UNAVAILABLE);
     if (baudrate <= 0)
         return fail(ftdi, -1, "Silly baudrate <= 0.");
     const int result = control(ftdi, -3, -2, "Setting new baudrate failed", answers);
@@ -362,9 +362,9 @@ int ftdi_read_data_set_chunksize(ftdi_context* ftdi, unsigned int chunksize)
 {
     Context* context = contextOf(ftdi);
     if (context == nullptr)
-        return fail(ftdi, -1, kInvalidContext);
+        return fail(ftdi, -1, INVALID_CONTEXT);
     forgetBuffered(ftdi);
-    context->readBuffer.resize(std::min(chunksize, kLargestChunk));
+    context->readBuffer.resize(std::min(chunksize, LARGEST_CHUNK));
     ftdi->readbuffer = context->readBuffer.data();
     ftdi->readbuffer_chunksize = static_cast<unsigned>(context->readBuffer.size());
     return 0;
@@ -382,7 +382,7 @@ int ftdi_read_data(ftdi_context* ftdi, unsigned char* buf, int size)
 {
     const Session* session = sessionOf(ftdi);
     if (session == nullptr)
-        return fail(ftdi, kNotOpen, kUnavailable);
+        return fail(ftdi, NOT_OPEN, UNAVAILABLE);
     const auto failed = [&](UsbResult result) {
         return fail(ftdi, result.value, result.text != nullptr ? result.text : "usb bulk read failed");
     };
@@ -407,7 +407,7 @@ int ftdi_write_data(ftdi_context* ftdi, const unsigned char* buf, int size)
 {
     const Session* session = sessionOf(ftdi);
     if (session == nullptr)
-        return fail(ftdi, kNotOpen, kUnavailable);
+        return fail(ftdi, NOT_OPEN, UNAVAILABLE);
     if (size <= 0)
         return 0;
     const std::span bytes(buf, static_cast<std::size_t>(size));

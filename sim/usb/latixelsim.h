@@ -34,8 +34,8 @@ LATIXELSIM_API void clearTraffic();
 /// Violations of all boards since the bench was loaded.
 LATIXELSIM_API std::vector<Violation> violations();
 
-/// Adds a fault to a board, as it stands in the "faults" list of a bench (see sim/usb/faults.h). Its plan counts from now.
-/// Throws std::runtime_error with a text for people for an unknown kind or a bad value.
+/// Adds a fault to a board, as it stands in the "faults" list of a bench (see sim/usb/faults.h). Its plan counts from
+/// now. Throws std::runtime_error with a text for people for an unknown kind or a bad value.
 LATIXELSIM_API void addFault(std::size_t board, const nlohmann::json& fault);
 /// Ends all faults of a board that still act, and forgets those that wait.
 LATIXELSIM_API void clearFaults(std::size_t board);

@@ -7,10 +7,10 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t frameSize = 9;
-constexpr std::uint8_t syncByte = 0x55;
-constexpr std::uint8_t endByte = 0xAA;
-constexpr std::uint8_t definedFlags = 7;
+constexpr std::size_t FRAME_SIZE = 9;
+constexpr std::uint8_t SYNC_BYTE = 0x55;
+constexpr std::uint8_t END_BYTE = 0xAA;
+constexpr std::uint8_t DEFINED_FLAGS = 7;
 
 } // namespace
 
@@ -21,14 +21,14 @@ std::uint32_t Frame::word() const
 
 Bytes Frame::head() const
 {
-    return {syncByte, flags, peripheral, command, d[0], d[1], d[2], d[3], endByte};
+    return {SYNC_BYTE, flags, peripheral, command, d[0], d[1], d[2], d[3], END_BYTE};
 }
 
 std::string objection(const CommandRule& rule, const Frame& frame)
 {
     if ((rule.flagSets >> frame.flags & 1) == 0)
         return std::string(rule.name) + " with flags " + std::to_string(frame.flags);
-    if (!frame.has(frameHasPayload) && (frame.word() & ~rule.arguments) != 0)
+    if (!frame.has(FRAME_HAS_PAYLOAD) && (frame.word() & ~rule.arguments) != 0)
         return std::string(rule.name) + " with undefined argument bits";
     return {};
 }
@@ -42,7 +42,7 @@ void FrameParser::feed(std::span<const std::uint8_t> bytes, const std::function<
             bytes = bytes.subspan(takePayload(bytes));
             done = payloadMissing == 0;
         } else {
-            const std::size_t part = std::min(frameSize - collected.size(), bytes.size());
+            const std::size_t part = std::min(FRAME_SIZE - collected.size(), bytes.size());
             collected.insert(collected.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(part));
             bytes = bytes.subspan(part);
             done = takeFrame(complain) && payloadMissing == 0;
@@ -73,22 +73,22 @@ std::size_t FrameParser::takePayload(std::span<const std::uint8_t> bytes)
 /// Looks at the collected bytes. Returns true when they were a good frame, which then stands in `frame`.
 bool FrameParser::takeFrame(const Complain& complain)
 {
-    if (collected.front() != syncByte) {
+    if (collected.front() != SYNC_BYTE) {
         loseSync("no frame begins here", complain);
         return false;
     }
-    if (collected.size() < frameSize)
+    if (collected.size() < FRAME_SIZE)
         return false;
-    if (collected[8] != endByte || collected[1] > definedFlags) {
-        loseSync(collected[8] != endByte ? "frame without its end byte" : "frame with undefined flags", complain);
+    if (collected[8] != END_BYTE || collected[1] > DEFINED_FLAGS) {
+        loseSync(collected[8] != END_BYTE ? "frame without its end byte" : "frame with undefined flags", complain);
         return false;
     }
     frame = {collected[1], collected[2], collected[3], {collected[4], collected[5], collected[6], collected[7]}, {}};
-    if (frame.has(frameHasPayload) && (frame.word() == 0 || frame.word() > longestPayload)) {
+    if (frame.has(FRAME_HAS_PAYLOAD) && (frame.word() == 0 || frame.word() > LONGEST_PAYLOAD)) {
         loseSync("absurd payload length", complain);
         return false;
     }
-    payloadMissing = frame.has(frameHasPayload) ? frame.word() : 0;
+    payloadMissing = frame.has(FRAME_HAS_PAYLOAD) ? frame.word() : 0;
     frame.payload.reserve(payloadMissing);
     collected.clear();
     lost = false;
@@ -101,7 +101,7 @@ void FrameParser::loseSync(const char* what, const Complain& complain)
     if (!lost)
         complain(what, collected);
     lost = true;
-    collected.erase(collected.begin(), std::find(collected.begin() + 1, collected.end(), syncByte));
+    collected.erase(collected.begin(), std::find(collected.begin() + 1, collected.end(), SYNC_BYTE));
 }
 
 } // namespace sim

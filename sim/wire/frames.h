@@ -14,9 +14,9 @@ namespace sim {
 
 /// Bits of a frame's flags.
 enum FrameFlag : std::uint8_t {
-    frameHasPayload = 1,  ///< D: the argument bytes hold the length of a payload that follows
-    frameTakesOutput = 2, ///< O: the addressed peripheral takes the output to the host
-    frameActsAtOnce = 4,  ///< A: the payload is acted on at once
+    FRAME_HAS_PAYLOAD = 1,  ///< D: the argument bytes hold the length of a payload that follows
+    FRAME_TAKES_OUTPUT = 2, ///< O: the addressed peripheral takes the output to the host
+    FRAME_ACTS_AT_ONCE = 4, ///< A: the payload is acted on at once
 };
 
 /// One command frame as it came in, with its payload.
@@ -55,7 +55,7 @@ std::string objection(const CommandRule& rule, const Frame& frame);
 class FrameParser {
 public:
     /// Longest payload that a board has memory for, in bytes.
-    static constexpr std::size_t longestPayload = 1U << 21U;
+    static constexpr std::size_t LONGEST_PAYLOAD = 1U << 21U;
 
     /// Takes the next bytes of the stream, in pieces of any size, and hands on each frame that is complete.
     void feed(std::span<const std::uint8_t> bytes, const std::function<void(Frame&&)>& complete,

@@ -6,14 +6,14 @@
 namespace sim {
 
 enum Mpx2Pin : std::uint16_t {
-    pinPower = 1U << 0U,
-    pinReset = 1U << 1U,    ///< low: the chips are in reset
-    pinEnableIn = 1U << 2U, ///< low: the chips' registers are shifted; high: data pass them by
-    pinM0 = 1U << 3U,
-    pinM1 = 1U << 4U,
-    pinPs = 1U << 6U,
-    pinEnableOut = 1U << 8U, ///< what comes out of the chips goes to the host
-    pinAcqOver = 1U << 10U,
+    PIN_POWER = 1U << 0U,
+    PIN_RESET = 1U << 1U,     ///< low: the chips are in reset
+    PIN_ENABLE_IN = 1U << 2U, ///< low: the chips' registers are shifted; high: data pass them by
+    PIN_M0 = 1U << 3U,
+    PIN_M1 = 1U << 4U,
+    PIN_PS = 1U << 6U,
+    PIN_ENABLE_OUT = 1U << 8U, ///< what comes out of the chips goes to the host
+    PIN_ACQ_OVER = 1U << 10U,
 };
 
 /// Levels of the pins that matter for something.
@@ -25,17 +25,18 @@ struct Mpx2Levels {
 };
 
 namespace mpx2levels {
-constexpr std::uint16_t mode = pinM0 | pinM1;
-constexpr std::uint16_t shift = mode | pinEnableIn | pinEnableOut;
+constexpr std::uint16_t MODE = PIN_M0 | PIN_M1;
+constexpr std::uint16_t SHIFT = MODE | PIN_ENABLE_IN | PIN_ENABLE_OUT;
 
-constexpr Mpx2Levels passBy{.cared = mode | pinEnableIn, .high = pinM0 | pinEnableIn};
-constexpr Mpx2Levels passByAnyMode{.cared = pinEnableIn, .high = pinEnableIn};
-constexpr Mpx2Levels testPattern{.cared = shift, .high = pinM0 | pinEnableIn};
-constexpr Mpx2Levels shiftDacs{.cared = shift, .high = pinM0 | pinEnableOut};
-constexpr Mpx2Levels writeMatrix{.cared = shift, .high = pinM1};
-constexpr Mpx2Levels readMatrix{.cared = shift | pinPs, .high = pinEnableOut};
-constexpr Mpx2Levels expose{.cared = pinEnableIn | pinEnableOut | pinAcqOver, .high = pinEnableIn | pinAcqOver};
-constexpr Mpx2Levels exposeRows{.cared = shift | pinAcqOver, .high = pinEnableIn | pinAcqOver};
+constexpr Mpx2Levels PASS_BY{.cared = MODE | PIN_ENABLE_IN, .high = PIN_M0 | PIN_ENABLE_IN};
+constexpr Mpx2Levels PASS_BY_ANY_MODE{.cared = PIN_ENABLE_IN, .high = PIN_ENABLE_IN};
+constexpr Mpx2Levels TEST_PATTERN{.cared = SHIFT, .high = PIN_M0 | PIN_ENABLE_IN};
+constexpr Mpx2Levels SHIFT_DACS{.cared = SHIFT, .high = PIN_M0 | PIN_ENABLE_OUT};
+constexpr Mpx2Levels WRITE_MATRIX{.cared = SHIFT, .high = PIN_M1};
+constexpr Mpx2Levels READ_MATRIX{.cared = SHIFT | PIN_PS, .high = PIN_ENABLE_OUT};
+constexpr Mpx2Levels EXPOSE{.cared = PIN_ENABLE_IN | PIN_ENABLE_OUT | PIN_ACQ_OVER,
+                            .high = PIN_ENABLE_IN | PIN_ACQ_OVER};
+constexpr Mpx2Levels EXPOSE_ROWS{.cared = SHIFT | PIN_ACQ_OVER, .high = PIN_ENABLE_IN | PIN_ACQ_OVER};
 } // namespace mpx2levels
 
 } // namespace sim

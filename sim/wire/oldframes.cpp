@@ -7,8 +7,8 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t frameSize = 6;
-constexpr std::uint8_t syncByte = 0x55;
+constexpr std::size_t FRAME_SIZE = 6;
+constexpr std::uint8_t SYNC_BYTE = 0x55;
 
 } // namespace
 
@@ -20,17 +20,17 @@ std::uint32_t OldFrame::word() const
 Bytes OldFrame::bytes() const
 {
     const auto check = static_cast<std::uint8_t>(command ^ params[0] ^ params[1] ^ params[2]);
-    return {syncByte, command, params[0], params[1], params[2], check};
+    return {SYNC_BYTE, command, params[0], params[1], params[2], check};
 }
 
 std::size_t OldFrameParser::take(std::span<const std::uint8_t> bytes, std::optional<OldFrame>& complete,
                                  const Complain& complain)
 {
-    const std::size_t part = std::min(frameSize - collected.size(), bytes.size());
+    const std::size_t part = std::min(FRAME_SIZE - collected.size(), bytes.size());
     collected.insert(collected.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(part));
-    if (collected.front() != syncByte) {
+    if (collected.front() != SYNC_BYTE) {
         loseSync("no frame begins here", complain);
-    } else if (collected.size() == frameSize) {
+    } else if (collected.size() == FRAME_SIZE) {
         OldFrame frame{collected[1], {collected[2], collected[3], collected[4]}, {}};
         if (frame.bytes() == collected) {
             complete = std::move(frame);
@@ -54,7 +54,7 @@ void OldFrameParser::loseSync(const char* what, const Complain& complain)
     if (!lost)
         complain(what, collected);
     lost = true;
-    collected.erase(collected.begin(), std::find(collected.begin() + 1, collected.end(), syncByte));
+    collected.erase(collected.begin(), std::find(collected.begin() + 1, collected.end(), SYNC_BYTE));
 }
 
 } // namespace sim

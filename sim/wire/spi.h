@@ -12,10 +12,10 @@ namespace sim {
 class SpiSlave {
 public:
     /// Clock mode and divider that the slave works with.
-    SpiSlave(const char* name_, std::uint8_t mode_, std::uint32_t divider_)
-        : name(name_),
-          mode(mode_),
-          divider(divider_)
+    SpiSlave(const char* slaveName, std::uint8_t spiMode, std::uint32_t clockDivider)
+        : name(slaveName),
+          mode(spiMode),
+          divider(clockDivider)
     {
     }
     virtual ~SpiSlave() = default;

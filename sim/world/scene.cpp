@@ -11,9 +11,9 @@ namespace sim {
 
 namespace {
 
-constexpr unsigned side = 256;  ///< pixels along a chip's edge
-constexpr unsigned samples = 3; ///< points looked at along a pixel's edge
-constexpr double throughLead = 0.05;
+constexpr unsigned SIDE = 256;  ///< pixels along a chip's edge
+constexpr unsigned SAMPLES = 3; ///< points looked at along a pixel's edge
+constexpr double THROUGH_LEAD = 0.05;
 
 struct Box {
     double left;
@@ -47,27 +47,27 @@ double gradient(double x, double y)
 /// Siemens star of lead, with a block in the upper left corner that tells its orientation.
 double star(double x, double y)
 {
-    constexpr double spokes = 24;
-    constexpr std::array<Box, 2> corner = {{{0.02, 0.02, 0.14, 0.05}, {0.02, 0.05, 0.05, 0.10}}};
+    constexpr double SPOKES = 24;
+    constexpr std::array<Box, 2> CORNER = {{{0.02, 0.02, 0.14, 0.05}, {0.02, 0.05, 0.05, 0.10}}};
     const double dx = x - 0.5;
     const double dy = y - 0.5;
     const double radius = std::hypot(dx, dy);
-    const bool spoke = std::sin(std::atan2(dy, dx) * spokes) > 0;
-    const bool lead = (radius > 0.02 && radius < 0.46 && spoke) || anyHolds(corner, x, y);
-    return lead ? throughLead : 1;
+    const bool spoke = std::sin(std::atan2(dy, dx) * SPOKES) > 0;
+    const bool lead = (radius > 0.02 && radius < 0.46 && spoke) || anyHolds(CORNER, x, y);
+    return lead ? THROUGH_LEAD : 1;
 }
 
 /// Shadow of a key with its bow at the left and its teeth pointing down, and of a letter F above it.
 double shadow(double x, double y)
 {
-    constexpr std::array<Box, 4> key = {
+    constexpr std::array<Box, 4> KEY = {
         {{0.30, 0.60, 0.94, 0.67}, {0.72, 0.67, 0.77, 0.80}, {0.81, 0.67, 0.85, 0.76}, {0.89, 0.67, 0.94, 0.83}}};
-    constexpr std::array<Box, 3> letter = {
+    constexpr std::array<Box, 3> LETTER = {
         {{0.56, 0.10, 0.61, 0.46}, {0.61, 0.10, 0.82, 0.15}, {0.61, 0.25, 0.74, 0.30}}};
     const double bow = std::hypot(x - 0.19, y - 0.635);
-    if ((bow > 0.08 && bow < 0.15) || anyHolds(key, x, y))
-        return throughLead;
-    return anyHolds(letter, x, y) ? 0.35 : 1;
+    if ((bow > 0.08 && bow < 0.15) || anyHolds(KEY, x, y))
+        return THROUGH_LEAD;
+    return anyHolds(LETTER, x, y) ? 0.35 : 1;
 }
 
 struct PictureKind {
@@ -75,12 +75,12 @@ struct PictureKind {
     double (*at)(double x, double y);
 };
 
-constexpr std::array<PictureKind, 4> pictures = {
+constexpr std::array<PictureKind, 4> PICTURES = {
     {{"flat", flat}, {"gradient", gradient}, {"star", star}, {"shadow", shadow}}};
 
 auto pictureNamed(const std::string& name)
 {
-    for (const PictureKind& kind : pictures)
+    for (const PictureKind& kind : PICTURES)
         if (name == kind.name)
             return kind.at;
     badKey("kind", "\"flat\", \"gradient\", \"star\" or \"shadow\"");
@@ -136,13 +136,13 @@ FluxMap Scene::flux(unsigned chip, unsigned chips) const
 /// What one of `across` x `down` chips sees of the picture.
 FluxMap Scene::part(unsigned column, unsigned row, unsigned across, unsigned down) const
 {
-    constexpr unsigned points = side * samples;
-    auto map = std::make_shared<std::vector<float>>(std::size_t{side} * side);
-    for (unsigned y = 0; y < points; ++y)
-        for (unsigned x = 0; x < points; ++x)
-            (*map)[std::size_t{y / samples} * side + x / samples] += static_cast<float>(
-                picture((column * points + x + 0.5) / (across * points), (row * points + y + 0.5) / (down * points)) *
-                fluxValue / (samples * samples));
+    constexpr unsigned POINTS = SIDE * SAMPLES;
+    auto map = std::make_shared<std::vector<float>>(std::size_t{SIDE} * SIDE);
+    for (unsigned y = 0; y < POINTS; ++y)
+        for (unsigned x = 0; x < POINTS; ++x)
+            (*map)[std::size_t{y / SAMPLES} * SIDE + x / SAMPLES] += static_cast<float>(
+                picture((column * POINTS + x + 0.5) / (across * POINTS), (row * POINTS + y + 0.5) / (down * POINTS)) *
+                fluxValue / (SAMPLES * SAMPLES));
     return map;
 }
 

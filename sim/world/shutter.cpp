@@ -16,7 +16,7 @@ void Shutter::start(const ShutterPlan& newPlan, Time now)
 void Shutter::begin(Time at)
 {
     const bool waits = plan.startWaits && !(plan.oneTriggerStarts && index > 0);
-    state = waits ? State::waiting : State::open;
+    state = waits ? State::Waiting : State::Open;
     opened = !waits;
     since = at;
     stopAt.reset();
@@ -29,18 +29,18 @@ bool Shutter::takeOpened()
 
 void Shutter::trigger(Time at)
 {
-    if (state == State::waiting && at >= since) {
-        state = State::open;
+    if (state == State::Waiting && at >= since) {
+        state = State::Open;
         opened = true;
         since = at;
-    } else if (state == State::open && plan.stopWaits && !stopAt) {
+    } else if (state == State::Open && plan.stopWaits && !stopAt) {
         stopAt = std::max(at, since);
     }
 }
 
 std::optional<ShutterFrame> Shutter::next(Time now)
 {
-    if (state != State::open)
+    if (state != State::Open)
         return std::nullopt;
     if (plan.stopWaits)
         return stopAt && *stopAt <= now ? std::optional(close(*stopAt)) : std::nullopt;
@@ -51,9 +51,9 @@ std::optional<ShutterFrame> Shutter::next(Time now)
 std::optional<ShutterFrame> Shutter::stop(Time now)
 {
     std::optional<ShutterFrame> cut;
-    if (state == State::open)
+    if (state == State::Open)
         cut = close(std::max(now, since));
-    state = State::idle;
+    state = State::Idle;
     opened = false;
     return cut;
 }
@@ -67,7 +67,7 @@ ShutterFrame Shutter::close(Time at)
     if (index < plan.frames)
         begin(at);
     else
-        state = State::idle;
+        state = State::Idle;
     return frame;
 }
 

@@ -39,22 +39,22 @@ public:
     /// The board could not go on for a while: what would begin or run now begins at `now`.
     void resume(Time now) { since = now; }
 
-    bool idle() const { return state == State::idle; }
-    bool open() const { return state == State::open; }
-    bool waiting() const { return state == State::waiting; }
+    bool idle() const { return state == State::Idle; }
+    bool open() const { return state == State::Open; }
+    bool waiting() const { return state == State::Waiting; }
     /// True once per opening: the shutter has opened since this was asked last. Its time is `sinceWhen`.
     bool takeOpened();
     /// When the shutter opened, or the wait for its trigger began.
     Time sinceWhen() const { return since; }
 
 private:
-    enum class State { idle, waiting, open };
+    enum class State { Idle, Waiting, Open };
 
     void begin(Time at);
     ShutterFrame close(Time at);
 
     ShutterPlan plan;
-    State state = State::idle;
+    State state = State::Idle;
     std::uint64_t index = 0;
     Time since{};
     std::optional<Time> stopAt;

@@ -9,10 +9,10 @@ namespace sim {
 
 namespace {
 
-constexpr std::uint8_t condition = 3;
-constexpr std::uint8_t atEdge = 2; ///< conditions from here on are edges, those below are levels
-constexpr std::uint8_t waitReady = 4;
-constexpr std::uint8_t isMaster = 8;
+constexpr std::uint8_t CONDITION = 3;
+constexpr std::uint8_t AT_EDGE = 2; ///< conditions from here on are edges, those below are levels
+constexpr std::uint8_t WAIT_READY = 4;
+constexpr std::uint8_t IS_MASTER = 8;
 
 } // namespace
 
@@ -39,16 +39,16 @@ void TriggerInput::disarm()
 /// True when the input at rest has the level that frames start at, so that nothing is waited for.
 bool TriggerInput::rests() const
 {
-    return (settings & condition) == (idleLevel ? 1 : 0);
+    return (settings & CONDITION) == (idleLevel ? 1 : 0);
 }
 
 void TriggerInput::serve(Shutter& shutter, Time now)
 {
-    const bool master = (settings & isMaster) != 0;
+    const bool master = (settings & IS_MASTER) != 0;
     if (shutter.waiting()) {
         const Time since = shutter.sinceWhen();
-        if (master && (settings & condition) < atEdge) {
-            const bool asksOthers = line && (settings & waitReady) != 0;
+        if (master && (settings & CONDITION) < AT_EDGE) {
+            const bool asksOthers = line && (settings & WAIT_READY) != 0;
             const auto ready = asksOthers ? line->othersReady(this) : std::optional(since);
             if (ready)
                 shutter.trigger(std::max(since, *ready));

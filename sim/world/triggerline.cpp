@@ -60,10 +60,10 @@ std::optional<Time> TriggerLine::othersReady(const void* driver) const
 
 void TriggerLine::fire(Time at)
 {
-    constexpr std::size_t remembered = 4096;
+    constexpr std::size_t REMEMBERED = 4096;
     const std::scoped_lock lock(mutex);
     firings.push_back(at);
-    if (firings.size() > remembered)
+    if (firings.size() > REMEMBERED)
         firings.pop_front();
     for (auto& [board, armed] : boards)
         armed.reset();

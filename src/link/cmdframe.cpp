@@ -38,8 +38,8 @@ const char* ProtocolNames::commandName(unsigned char perif, unsigned char comman
 
 std::string ProtocolNames::argsText(const CmdFrame& frame) const
 {
-    constexpr CmdId pinsCommand = ChipCmd::Pins;
-    if (frame.perif != pinsCommand.perif || frame.command != pinsCommand.command)
+    constexpr CmdId PINS_COMMAND = ChipCmd::Pins;
+    if (frame.perif != PINS_COMMAND.perif || frame.command != PINS_COMMAND.command)
         return "";
     std::string text;
     for (std::size_t bit = 0; bit < pins.size(); ++bit) {

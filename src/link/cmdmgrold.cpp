@@ -124,10 +124,10 @@ int CmdMgrOld::takeFrame(char* frame, double timeout, bool& linkFailed)
 int CmdMgrOld::reportBadFrame(const char* frame)
 {
     const auto at = [frame](std::size_t i) { return static_cast<unsigned>(byteOf(frame[i])); };
-    constexpr int code = 6;
-    logError(code, ERR, "Invalid frame (%02X | %02X |%02X %02X %02X |%02X)", at(0), at(1), at(2), at(3), at(4), at(5));
+    constexpr int CODE = 6;
+    logError(CODE, ERR, "Invalid frame (%02X | %02X |%02X %02X %02X |%02X)", at(0), at(1), at(2), at(3), at(4), at(5));
     ++invalidFrames;
-    return std::has_single_bit(invalidFrames) ? logError(code, ERR, "Invalid frame received (%ux)", invalidFrames) : -1;
+    return std::has_single_bit(invalidFrames) ? logError(CODE, ERR, "Invalid frame received (%ux)", invalidFrames) : -1;
 }
 
 int CmdMgrOld::waitForFrame(unsigned char command, char* params, double timeout, const bool* abort, bool reportTimeout,

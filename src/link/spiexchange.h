@@ -53,8 +53,8 @@ int spiDeselect(Manager& manager)
 template <typename Manager>
 int spiWrite(Manager& manager, unsigned char* data, unsigned long size, unsigned char flags)
 {
-    constexpr CmdId id = SpiCmd::Data;
-    return manager.send(id.perif, id.command, data, size, flags);
+    constexpr CmdId ID = SpiCmd::Data;
+    return manager.send(ID.perif, ID.command, data, size, flags);
 }
 
 /// Shifts out what waits in the SPI unit.

@@ -44,11 +44,11 @@ const char* prefixOf(LogLevel level)
 // One row of a dump: the bytes in hexadecimal, then, if asked, a bar and the bytes as characters.
 std::string dumpRow(const unsigned char* data, unsigned long size, bool ascii)
 {
-    constexpr std::string_view digits = "0123456789abcdef";
+    constexpr std::string_view DIGITS = "0123456789abcdef";
     std::string row(ROW_CHARS, ' ');
     for (unsigned long i = 0; i < size; ++i) {
-        row[i * HEX_WIDTH] = digits[data[i] >> 4];
-        row[i * HEX_WIDTH + 1] = digits[data[i] & 0x0F];
+        row[i * HEX_WIDTH] = DIGITS[data[i] >> 4];
+        row[i * HEX_WIDTH + 1] = DIGITS[data[i] & 0x0F];
     }
     if (!ascii)
         return row.substr(0, ASCII_BAR);

@@ -218,9 +218,9 @@ pthread_t getCurThreadId()
 
 void sleepThread(double seconds)
 {
-    constexpr double maxMicroseconds = std::numeric_limits<useconds_t>::max();
+    constexpr double MAX_MICROSECONDS = std::numeric_limits<useconds_t>::max();
     if (seconds > 0)
-        usleep(static_cast<useconds_t>(std::min(seconds * 1000000, maxMicroseconds)));
+        usleep(static_cast<useconds_t>(std::min(seconds * 1000000, MAX_MICROSECONDS)));
 }
 
 double getPreciseTime()

@@ -15,17 +15,17 @@ using record::Picture;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr unsigned width = 512;
-constexpr unsigned height = 256;
-const char* const names[] = {"run.h5", "run.tif", "run.png"};
+constexpr unsigned WIDTH = 512;
+constexpr unsigned HEIGHT = 256;
+const char* const NAMES[] = {"run.h5", "run.tif", "run.png"};
 
 record::SeriesInfo seriesOf(unsigned frames, unsigned pictures = 1)
 {
     record::SeriesInfo info;
     info.device = "Board sn: 7";
     info.chipIDs = {"A01-W0001", "B2"};
-    info.width = width;
-    info.height = height;
+    info.width = WIDTH;
+    info.height = HEIGHT;
     info.picturesPerFrame = pictures;
     info.frames = frames;
     info.settings = {{"parameters", {{"odd/name", "what", 1.5}, {"odd name", "", std::string("text \xB0")}}},
@@ -35,14 +35,14 @@ record::SeriesInfo seriesOf(unsigned frames, unsigned pictures = 1)
 
 std::uint32_t countAt(long frame, std::size_t picture, std::size_t pixel)
 {
-    return pixel == 5 ? Picture::bad : static_cast<std::uint32_t>(frame * 1000 + pixel % 700 + picture * 100000);
+    return pixel == 5 ? Picture::BAD : static_cast<std::uint32_t>(frame * 1000 + pixel % 700 + picture * 100000);
 }
 
 record::FrameRecord frameOf(long index, unsigned pictures = 1)
 {
     record::FrameRecord frame{index, 0.5 * static_cast<double>(index), 0.25, {}, {}};
     for (std::size_t i = 0; i < pictures; ++i) {
-        Picture picture{width, height, std::vector<std::uint32_t>(std::size_t{width} * height)};
+        Picture picture{WIDTH, HEIGHT, std::vector<std::uint32_t>(std::size_t{WIDTH} * HEIGHT)};
         for (std::size_t p = 0; p < picture.pixels.size(); ++p)
             picture.pixels[p] = countAt(index, i, p);
         frame.pictures.push_back(std::move(picture));
@@ -81,7 +81,7 @@ std::vector<record::Colour> readPng(const std::filesystem::path& path)
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     EXPECT_NE(png_image_begin_read_from_file(&image, path.c_str()), 0);
-    EXPECT_EQ(image.width, width);
+    EXPECT_EQ(image.width, WIDTH);
     image.format = PNG_FORMAT_RGB;
     std::vector<record::Colour> pixels(PNG_IMAGE_SIZE(image) / 3);
     EXPECT_NE(png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr), 0);
@@ -103,15 +103,15 @@ TEST(Hdf5, HoldsFramesTimesMetadataAndSettings)
     EXPECT_THAT(folder.names(), ElementsAre("run.h5"));
 
     const support::Hdf5File file(path);
-    EXPECT_THAT(file.shape("/entry/instrument/detector/data"), ElementsAre(3, height, width));
+    EXPECT_THAT(file.shape("/entry/instrument/detector/data"), ElementsAre(3, HEIGHT, WIDTH));
     const auto counts = file.numbers("/entry/instrument/detector/data");
     const auto second = file.numbers("/entry/data/data_counter1");
     for (std::size_t i = 0; i < counts.size(); i += 1777) {
-        const std::size_t pixel = i % (width * height);
-        ASSERT_EQ(counts[i], countAt(indexes[i / (width * height)], 0, pixel)) << i;
-        ASSERT_EQ(second[i], countAt(indexes[i / (width * height)], 1, pixel)) << i;
+        const std::size_t pixel = i % (WIDTH * HEIGHT);
+        ASSERT_EQ(counts[i], countAt(indexes[i / (WIDTH * HEIGHT)], 0, pixel)) << i;
+        ASSERT_EQ(second[i], countAt(indexes[i / (WIDTH * HEIGHT)], 1, pixel)) << i;
     }
-    EXPECT_EQ(counts[5], Picture::bad);
+    EXPECT_EQ(counts[5], Picture::BAD);
     EXPECT_THAT(file.numbers("/entry/data/frame"), ElementsAre(0, 1, 3));
     EXPECT_THAT(file.numbers("/entry/data/time"), ElementsAre(0, 0.5, 1.5));
     EXPECT_THAT(file.numbers("/entry/instrument/detector/frame_metadata/RowAcqTimes"),
@@ -136,7 +136,7 @@ TEST(Tiff, HoldsOnePageForEachPicture)
         const auto told = nlohmann::json::parse(pages[i].description);
         EXPECT_EQ(told["frame"], i / 2);
         EXPECT_EQ(told.contains("series"), i == 0);
-        ASSERT_EQ(pages[i].counts.size(), std::size_t{width} * height);
+        ASSERT_EQ(pages[i].counts.size(), std::size_t{WIDTH} * HEIGHT);
         for (std::size_t pixel = 0; pixel < pages[i].counts.size(); pixel += 997)
             ASSERT_EQ(pages[i].counts[pixel], countAt(static_cast<long>(i / 2), i % 2, pixel)) << i;
     }
@@ -166,7 +166,7 @@ TEST(Output, ShortFramesKeepTheirCountsInEveryFormat)
     const record::PictureMaker maker(2, record::Layout::sideBySide(2), record::Counting::Short);
     auto info = seriesOf(1);
     info.bitsPerPixel = 16;
-    for (const char* name : names) {
+    for (const char* name : NAMES) {
         auto options = outputTo(folder / name);
         options.range = record::ContrastRange{0, 11810};
         write(options, info, {{0, 0, 0, maker.make(*frame), {}}});
@@ -180,9 +180,9 @@ TEST(Output, ShortFramesKeepTheirCountsInEveryFormat)
     const auto inPng = readPng(folder / "run.png");
     const auto& colours = record::colormap(record::ColormapName::Viridis).colours;
     const std::uint16_t stored[] = {0, 1, 11810, 0xFFFF};
-    const record::Colour shown[] = {colours[0], colours[0], colours[254], colours[record::Colormap::badIndex]};
+    const record::Colour shown[] = {colours[0], colours[0], colours[254], colours[record::Colormap::BAD_INDEX]};
     for (std::size_t pixel = 0; pixel < inHdf5.size(); pixel += 101) {
-        const std::size_t which = (pixel % width / 256 + pixel % width % 256 + pixel / width) % 4;
+        const std::size_t which = (pixel % WIDTH / 256 + pixel % WIDTH % 256 + pixel / WIDTH) % 4;
         ASSERT_EQ(inHdf5[pixel], stored[which]) << pixel;
         ASSERT_EQ(inTiff.counts.at(pixel), stored[which]) << pixel;
         ASSERT_EQ(inPng[pixel], shown[which]) << pixel;
@@ -208,7 +208,7 @@ protected:
     record::OutputOptions options = outputTo(folder / GetParam());
 };
 
-INSTANTIATE_TEST_SUITE_P(Formats, OutputTest, testing::ValuesIn(names),
+INSTANTIATE_TEST_SUITE_P(Formats, OutputTest, testing::ValuesIn(NAMES),
                          [](const auto& format) { return std::string(format.param).substr(4); });
 
 TEST_P(OutputTest, NothingIsLeftOfWhatWasNotFinished)

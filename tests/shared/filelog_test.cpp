@@ -131,21 +131,21 @@ TEST_F(FileLogTest, KeepsTheFormerFileOnlyWhenItWouldBeTruncated)
 
 TEST_F(FileLogTest, DumpsOfSeveralThreadsStayInOnePiece)
 {
-    constexpr int rounds = 20;
+    constexpr int ROUNDS = 20;
     std::vector<std::thread> threads;
     for (char mark : {'A', 'B', 'C'}) {
         threads.emplace_back([this, mark] {
             const std::string bytes(40, mark);
             log.setLogLevel(MSG);
             log.setLogBufferContent(true);
-            for (int i = 0; i < rounds; ++i)
+            for (int i = 0; i < ROUNDS; ++i)
                 log.logBuffer(MSG, bytes.data(), bytes.size(), std::string(1, mark).c_str(), true);
         });
     }
     for (std::thread& thread : threads)
         thread.join();
     const std::vector<std::string> all = lines();
-    ASSERT_EQ(all.size(), 3U * rounds * 5);
+    ASSERT_EQ(all.size(), 3U * ROUNDS * 5);
     for (std::size_t i = 0; i < all.size(); ++i)
         EXPECT_TRUE(i % 5 == 0 || i % 5 == 4 || all[i].at(3 + 52) == all[i - i % 5].back()) << all[i];
 }

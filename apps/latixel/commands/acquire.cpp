@@ -19,8 +19,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t queueBytes = std::size_t{256} << 20;
-constexpr double tellingHold = 0.5; // seconds for which the disk may hold a series up before it is told
+constexpr std::size_t QUEUE_BYTES = std::size_t{256} << 20;
+constexpr double TELLING_HOLD = 0.5; // seconds for which the disk may hold a series up before it is told
 
 /// A series that is over, with what became of its frames.
 struct Outcome {
@@ -85,7 +85,7 @@ void configure(refhost::Device& device, const AcquireOptions& options, const Acq
         device.setDacs(forAllChips(values.dacs, device.dacsPerChip(), device.chipCount(), options.dacs));
     if (!options.pixelConfig.empty())
         device.setPixelCfg(forAllChips(values.pixelConfig,
-                                       std::size_t{refhost::Device::pixelsPerChip} * device.pixelCfgBytes(),
+                                       std::size_t{refhost::Device::PIXELS_PER_CHIP} * device.pixelCfgBytes(),
                                        device.chipCount(), options.pixelConfig));
     if (options.bias)
         device.setBias(*options.bias);
@@ -156,7 +156,7 @@ Outcome takeFrames(refhost::Device& device, record::FrameSink& sink, const Acqui
     info.seconds = options.seconds;
     sink.begin(info);
 
-    record::FrameWriter writer(sink, maker, queueBytes);
+    record::FrameWriter writer(sink, maker, QUEUE_BYTES);
     refhost::SeriesRequest request;
     request.frames = options.frames;
     request.seconds = options.seconds;
@@ -176,7 +176,7 @@ void tell(const Outcome& outcome, const record::FrameSink& sink, const AcquireOp
         std::cout << series.frames << (series.frames == 1 ? " frame" : " frames") << " of " << duration(options.seconds)
                   << " in " << sink.place() << " (" << fixed(series.frames / std::max(outcome.elapsed, 1e-6), 2)
                   << " frames/s)" << std::endl;
-    if (outcome.held > tellingHold)
+    if (outcome.held > TELLING_HOLD)
         std::cerr << "latixel: the disk held the series up for " << duration(outcome.held)
                   << ": try --compression 0, or a faster disk\n";
     if (series.lost > 0)

@@ -11,11 +11,11 @@ namespace tool {
 namespace {
 
 // The board counts frames in 24 bits, and in time delay integration rows.
-constexpr unsigned mostFrames = 1u << 24;
-constexpr unsigned mostTdiFrames = 1u << 16;
-constexpr double longestExposure = 86400; // seconds
-constexpr double slowestClock = 1e-6;     // MHz
-constexpr double fastestClock = 50;       // MHz; the board divides this one by a whole number
+constexpr unsigned MOST_FRAMES = 1u << 24;
+constexpr unsigned MOST_TDI_FRAMES = 1u << 16;
+constexpr double LONGEST_EXPOSURE = 86400; // seconds
+constexpr double SLOWEST_CLOCK = 1e-6;     // MHz
+constexpr double FASTEST_CLOCK = 50;       // MHz; the board divides this one by a whole number
 
 /// The check without its own words in the help: the option's text says what it takes.
 CLI::Validator quiet(CLI::Validator validator)
@@ -31,12 +31,12 @@ void addSeries(CLI::App& command, AcquireOptions& o)
         ->group(group);
     command.add_option("-n,--frames", o.frames, "Number of frames")
         ->type_name("N")
-        ->check(quiet(CLI::Range(1u, mostFrames)))
+        ->check(quiet(CLI::Range(1u, MOST_FRAMES)))
         ->capture_default_str()
         ->group(group);
     command.add_option("-t,--time", o.seconds, "Exposure of one frame in seconds; with tdi of one whole frame")
         ->type_name("SECONDS")
-        ->check(quiet(CLI::Range(0.0, longestExposure)))
+        ->check(quiet(CLI::Range(0.0, LONGEST_EXPOSURE)))
         ->capture_default_str()
         ->group(group);
     command
@@ -214,15 +214,15 @@ AcquirePlan makePlan(const AcquireOptions& o)
 {
     if (!(o.seconds > 0))
         throw Failure(ExitCode::Arguments, "--time must be above 0 seconds");
-    if (o.clock && !(*o.clock >= slowestClock && *o.clock <= fastestClock))
+    if (o.clock && !(*o.clock >= SLOWEST_CLOCK && *o.clock <= FASTEST_CLOCK))
         throw Failure(ExitCode::Arguments, "--clock must lie from 0.000001 to 50 MHz");
     if (o.mode == "crw" && (o.depth == 24 || o.counter == "both"))
         throw Failure(ExitCode::Arguments, "--mode crw reads one counter while the other counts: take --depth 12 or "
                                            "less and --counter 0 or 1");
     if (o.trigger == "soft" && o.mode != "normal")
         throw Failure(ExitCode::Arguments, "--trigger soft starts single frames: take it with --mode normal");
-    if (o.mode == "tdi" && o.frames > mostTdiFrames)
-        throw Failure(ExitCode::Arguments, "--mode tdi takes at most " + std::to_string(mostTdiFrames) + " frames");
+    if (o.mode == "tdi" && o.frames > MOST_TDI_FRAMES)
+        throw Failure(ExitCode::Arguments, "--mode tdi takes at most " + std::to_string(MOST_TDI_FRAMES) + " frames");
     AcquirePlan plan;
     plan.config = configOf(o);
     plan.acqMode = acqModeOf(o);

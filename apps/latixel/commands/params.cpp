@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t shownItems = 10;
+constexpr std::size_t SHOWN_ITEMS = 10;
 
 struct ParamsOptions {
     std::string device;
@@ -29,7 +29,7 @@ void addRows(Table& table, const std::vector<refhost::Param*>& params, bool bulk
 {
     for (refhost::Param* param : params) {
         const bool isText = param->type() == refhost::DataType::Char;
-        const bool hidden = param->size() > shownItems && !isText && !bulkToo;
+        const bool hidden = param->size() > SHOWN_ITEMS && !isText && !bulkToo;
         const std::string value = hidden ? "(" + std::to_string(param->size()) + " values)" : param->getString();
         table.row({printable(param->name()), printable(value), std::string(refhost::nameOf(param->type())),
                    access(*param), printable(param->description())});

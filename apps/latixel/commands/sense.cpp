@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-constexpr unsigned channelsPerBoard = 16;
+constexpr unsigned CHANNELS_PER_BOARD = 16;
 
 std::string current(double amperes)
 {
@@ -33,8 +33,8 @@ ExitCode sense(const GlobalOptions& global, const std::string& which)
             table.row({"Temperature", fixed(temperature->getFloat(), 1) + " C"});
     for (unsigned index = 0; index < device.adcCount(); ++index) {
         const std::string board =
-            device.adcCount() > channelsPerBoard ? "board " + std::to_string(index / channelsPerBoard) + " " : "";
-        table.row({board + "ADC " + std::to_string(index % channelsPerBoard), fixed(device.adc(index), 4) + " V"});
+            device.adcCount() > CHANNELS_PER_BOARD ? "board " + std::to_string(index / CHANNELS_PER_BOARD) + " " : "";
+        table.row({board + "ADC " + std::to_string(index % CHANNELS_PER_BOARD), fixed(device.adc(index), 4) + " V"});
     }
     table.print(std::cout);
     return ExitCode::Success;

@@ -123,10 +123,10 @@ inline void sleepMs(int milliseconds)
 }
 
 /// A device with the host's side of it: folder, log of events, frames. `Pixel` is what the device's frames consist of.
-template <typename DeviceClass, typename BoardClass, typename Pixel_>
+template <typename DeviceClass, typename BoardClass, typename PixelType>
 class BenchBase {
 public:
-    using Pixel = Pixel_;
+    using Pixel = PixelType;
     using Pixels = std::vector<Pixel>;
 
     BenchBase(const BenchBase&) = delete;

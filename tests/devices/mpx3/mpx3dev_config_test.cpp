@@ -247,7 +247,7 @@ TEST(Mpx3Config, BiasAndAdc)
     ASSERT_EQ(bench->senseDac(0, 3), 0);
     EXPECT_EQ(bench->analogValue(5, &analog), 0);
     bench.board([&](sim::Mpx3Board& board) {
-        EXPECT_EQ(board.chip(0).omr().get(sim::OmrField::senseDac), 4U);
+        EXPECT_EQ(board.chip(0).omr().get(sim::OmrField::SenseDac), 4U);
         EXPECT_NEAR(analog, *board.chip(0).senseVolts(), 0.01);
     });
     for (const unsigned dac : {31U, 1000U, 0xFFFFFFFFU})

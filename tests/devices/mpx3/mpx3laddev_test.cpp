@@ -114,7 +114,7 @@ TEST_F(Mpx3Lad, DacsPixelsAndSenseGoToTheirChips)
     ASSERT_EQ(bench->senseDac(3, 4), 0);
     ASSERT_EQ(bench->analogValue(3, &volts), 0);
     chip(3, [&](auto& c) {
-        EXPECT_EQ(c.omr().get(sim::OmrField::senseDac), 5U);
+        EXPECT_EQ(c.omr().get(sim::OmrField::SenseDac), 5U);
         EXPECT_NEAR(volts, *c.senseVolts(), 0.01);
     });
     EXPECT_EQ(bench->senseDac(4, 4), 1);

@@ -47,8 +47,8 @@ TEST(Pictures, TwoCountersComeApartWithTheirOwnBadPixels)
         host, 1, [&](unsigned, unsigned x, unsigned y) { return y == 0 && x < 4 ? words[x] : 0x00020001; });
     const auto pictures = PictureMaker(1, {1, 1}, Counting::Double).make(*frame);
     ASSERT_EQ(pictures.size(), 2u);
-    const std::uint32_t low[] = {0, 0xFFF, Picture::bad, 0x123, 1};
-    const std::uint32_t high[] = {0xFFF, 1, Picture::bad, Picture::bad, 2};
+    const std::uint32_t low[] = {0, 0xFFF, Picture::BAD, 0x123, 1};
+    const std::uint32_t high[] = {0xFFF, 1, Picture::BAD, Picture::BAD, 2};
     for (unsigned x = 0; x < 5; ++x) {
         EXPECT_EQ(at(pictures[0], x, 0), low[x]) << x;
         EXPECT_EQ(at(pictures[1], x, 0), high[x]) << x;
@@ -72,13 +72,13 @@ TEST(Contrast, BadPixelsDoNotStretchIt)
     EXPECT_NEAR(clean.low, 2, 1);
     EXPECT_NEAR(clean.high, 199, 1);
     for (std::size_t i = 0; i < 10000; i += 10)
-        picture.pixels[i] = Picture::bad;
+        picture.pixels[i] = Picture::BAD;
     const auto spoilt = record::automaticRange(picture);
     EXPECT_NEAR(spoilt.low, clean.low, 2);
     EXPECT_NEAR(spoilt.high, clean.high, 2);
 
     const auto indexes = record::colourIndexes(picture, {50, 150});
-    EXPECT_EQ(indexes[10], record::Colormap::badIndex);
+    EXPECT_EQ(indexes[10], record::Colormap::BAD_INDEX);
     EXPECT_EQ(indexes[49], 0);
     EXPECT_EQ(indexes[151], 254);
     EXPECT_EQ(indexes[199], 254);
@@ -90,7 +90,7 @@ TEST(Contrast, FlatAndHopelessPicturesHaveARangeToo)
     const Picture flat{2, 1, {7, 7}};
     EXPECT_EQ(record::automaticRange(flat).low, 7);
     EXPECT_EQ(record::automaticRange(flat).high, 8);
-    const Picture hopeless{2, 1, {Picture::bad, Picture::bad}};
+    const Picture hopeless{2, 1, {Picture::BAD, Picture::BAD}};
     EXPECT_LT(record::automaticRange(hopeless).low, record::automaticRange(hopeless).high);
     EXPECT_EQ(record::parseRange("0.5:20")->high, 20);
     for (const char* bad : {"", ":", "1", "1:", "2:1", "1:1", "nan:1", "1:inf", "1:2:3"})
@@ -102,10 +102,10 @@ TEST(Colours, GetBrighterAndNeverLookLikeABadPixel)
     const auto brightness = [](record::Colour c) { return 0.3 * c.red + 0.59 * c.green + 0.11 * c.blue; };
     for (const auto name : {record::ColormapName::Viridis, record::ColormapName::Grey, record::ColormapName::Inferno}) {
         const auto& colours = record::colormap(name).colours;
-        for (std::size_t i = 1; i < record::Colormap::steps; ++i)
+        for (std::size_t i = 1; i < record::Colormap::STEPS; ++i)
             EXPECT_GE(brightness(colours[i]), brightness(colours[i - 1]) - 0.7) << i;
         EXPECT_GT(brightness(colours[254]) - brightness(colours[0]), 180);
-        const auto bad = colours[record::Colormap::badIndex];
+        const auto bad = colours[record::Colormap::BAD_INDEX];
         EXPECT_EQ(std::count(colours.begin(), colours.end(), bad), 1);
     }
 }

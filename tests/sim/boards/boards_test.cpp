@@ -14,18 +14,18 @@ namespace {
 template <typename Wire>
 void expectObedience(Wire& wire, std::uint64_t ticksPerMs)
 {
-    constexpr std::uint32_t onTrigger = 2, untilTrigger = 4;
+    constexpr std::uint32_t ON_TRIGGER = 2, UNTIL_TRIGGER = 4;
     const auto lengthOf = [&](const Bytes& stream) { return packetNumber(stream, 0, 3) / ticksPerMs; };
-    wire.start(onTrigger);
+    wire.start(ON_TRIGGER);
     EXPECT_EQ(wire.readAfter(1h), Bytes());
     wire.pulseTrigger();
     EXPECT_EQ(lengthOf(wire.readAfter(10ms)), 10U);
 
-    wire.start(untilTrigger);
+    wire.start(UNTIL_TRIGGER);
     EXPECT_EQ(wire.readAfter(1s), Bytes());
     wire.pulseTrigger();
     EXPECT_EQ(lengthOf(wire.read()), 1000U);
-    wire.start(onTrigger | untilTrigger);
+    wire.start(ON_TRIGGER | UNTIL_TRIGGER);
     wire.wait(1s);
     wire.pulseTrigger();
     wire.wait(1s);
@@ -37,13 +37,13 @@ void expectObedience(Wire& wire, std::uint64_t ticksPerMs)
     wire.stop();
     EXPECT_EQ(lengthOf(wire.read()), 3U) << "cut by a stop";
     wire.stop();
-    wire.start(onTrigger);
+    wire.start(ON_TRIGGER);
     wire.stop();
     wire.pulseTrigger();
     EXPECT_EQ(wire.readAfter(1s), Bytes()) << "a stop while it waits leaves no frame";
 
     wire.setTrigger(1);
-    wire.start(onTrigger);
+    wire.start(ON_TRIGGER);
     EXPECT_EQ(lengthOf(wire.readAfter(10ms)), 10U) << "the input rests at the level that starts";
     wire.start();
     wire.select(1, 2);
@@ -66,7 +66,7 @@ TEST(ShutterTest, TimepixBoardObeysTimerTriggersAndStop)
 TEST(ShutterTest, Medipix3BoardObeysTimerTriggersAndStop)
 {
     ReadyWire wire(mpx3Entry({{""}}), 1);
-    expectObedience(wire, tenMs / 10);
+    expectObedience(wire, TEN_MS / 10);
 }
 
 TEST(TriggerLineTest, MasterWaitsForFollowersOnItsLine)
@@ -82,8 +82,8 @@ TEST(TriggerLineTest, MasterWaitsForFollowersOnItsLine)
         follower.now = master.now;
         follower.start(2);
         EXPECT_EQ(follower.read(), Bytes());
-        EXPECT_EQ(packetTime(master.readAfter(10ms)), tenMs);
-        EXPECT_EQ(packetTime(follower.readAfter(10ms)), tenMs);
+        EXPECT_EQ(packetTime(master.readAfter(10ms)), TEN_MS);
+        EXPECT_EQ(packetTime(follower.readAfter(10ms)), TEN_MS);
     }
 }
 
@@ -94,9 +94,9 @@ TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
     TriggerInput follower(entry);
     master.set(4 | 8);
     follower.set(4);
-    constexpr int frames = 5000;
+    constexpr int FRAMES = 5000;
     const auto taken = [](TriggerInput& input) {
-        for (int frame = 0; frame < frames; ++frame) {
+        for (int frame = 0; frame < FRAMES; ++frame) {
             Shutter shutter;
             shutter.start({.startWaits = true, .period = 1}, Clock::now());
             const Time limit = Clock::now() + 20s;
@@ -107,11 +107,11 @@ TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
                 std::this_thread::yield();
             }
         }
-        return frames;
+        return FRAMES;
     };
     auto followed = std::async(std::launch::async, taken, std::ref(follower));
-    EXPECT_EQ(taken(master), frames);
-    EXPECT_EQ(followed.get(), frames);
+    EXPECT_EQ(taken(master), FRAMES);
+    EXPECT_EQ(followed.get(), FRAMES);
 }
 
 TEST(BenchesTest, ShippedBenchesLoadAndBadEntriesAreRefused)

@@ -70,7 +70,7 @@ TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
     wire.timer(500000);
     wire.frame(1s);
     const Bytes stream = wire.readChip();
-    const auto count = [&](unsigned row, unsigned column) { return countIn(stream, onlyChip, row, column); };
+    const auto count = [&](unsigned row, unsigned column) { return countIn(stream, ONLY_CHIP, row, column); };
     EXPECT_EQ(count(0, 0), 5U);
     EXPECT_NEAR(count(0, 1), 5 * 2.5 * 5, 1) << "time over threshold";
     EXPECT_EQ(count(0, 2), 1U) << "first hit";
@@ -82,10 +82,10 @@ TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
     wire.timer(500000 * 100);
     wire.frame(2s);
     wire.frame(2s);
-    EXPECT_EQ(countIn(wire.readChip(), onlyChip, 0, 8), 1000U);
+    EXPECT_EQ(countIn(wire.readChip(), ONLY_CHIP, 0, 8), 1000U);
     wire.timer(500000 * 8000U);
     wire.frame(81s);
-    EXPECT_EQ(countIn(wire.readChip(), onlyChip, 5, 8), 11810U);
+    EXPECT_EQ(countIn(wire.readChip(), ONLY_CHIP, 5, 8), 11810U);
     EXPECT_EQ(wire.board.chip(0).configuration()[256], 1U << 8U);
     EXPECT_EQ(wire.board.chip(0).dac(6), 300U);
     wire.pins(0);
@@ -146,21 +146,21 @@ TEST(Mpx2BoardTest, RecordsWhatNoFirmwareUnderstands)
     expectRecorded<Mpx2Wire>(
         mpx2Entry({{""}}),
         {
-            {"pattern that nobody takes", on | M0 | ENIN, {0x55, 0, 1, 3, 0, 0, 0, 0, 0xAA}},
-            {"sixth module", on, {0x55, 0, 1, 2, 0, 0, 0, 0x20, 0xAA}},
-            {"clock divided by 0", on, {0x55, 0, 5, 19, 0, 0, 0, 0, 0xAA}},
-            {"DACs of the wrong size", on | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 34, 0xAA}, 34},
-            {"DACs of two chips", on | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 66, 0xAA}, 66},
-            {"DACs with the pins of a matrix read", on | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
+            {"pattern that nobody takes", ON | M0 | ENIN, {0x55, 0, 1, 3, 0, 0, 0, 0, 0xAA}},
+            {"sixth module", ON, {0x55, 0, 1, 2, 0, 0, 0, 0x20, 0xAA}},
+            {"clock divided by 0", ON, {0x55, 0, 5, 19, 0, 0, 0, 0, 0xAA}},
+            {"DACs of the wrong size", ON | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 34, 0xAA}, 34},
+            {"DACs of two chips", ON | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 66, 0xAA}, 66},
+            {"DACs with the pins of a matrix read", ON | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
             {"DACs of chips in reset", PWR | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
-            {"matrix of the wrong size", on | M1, {0x55, 7, 1, 0, 0, 1, 0xC0, 0x20, 0xAA}, 114720},
-            {"pattern with the wrong pins", on | M0 | ENIN | OUTEN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
-            {"readout with PS", on | OUTEN | PS, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
-            {"readout that was not announced", on | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
+            {"matrix of the wrong size", ON | M1, {0x55, 7, 1, 0, 0, 1, 0xC0, 0x20, 0xAA}, 114720},
+            {"pattern with the wrong pins", ON | M0 | ENIN | OUTEN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
+            {"readout with PS", ON | OUTEN | PS, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
+            {"readout that was not announced", ON | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
             {"start without power", RST | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
-            {"start while chips are shifted", on | OUTEN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
-            {"start of two frames", on | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 2, 0xAA}},
-            {"continuous series", on | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 0, 1, 0xAA}},
+            {"start while chips are shifted", ON | OUTEN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
+            {"start of two frames", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 2, 0xAA}},
+            {"continuous series", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 0, 1, 0xAA}},
         });
 
     Mpx2Wire wire(mpx2Entry({{""}}));

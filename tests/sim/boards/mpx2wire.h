@@ -16,8 +16,8 @@ inline json mpx2Entry(json modules, const json& more = json::object())
 
 // Control pins.
 constexpr unsigned PWR = 1, RST = 2, ENIN = 4, M0 = 8, M1 = 16, PS = 64, OUTEN = 256, ACQOVER = 1024;
-constexpr unsigned resting = 0x08A0; ///< pins that no step changes
-constexpr unsigned on = PWR | RST;
+constexpr unsigned RESTING = 0x08A0; ///< pins that no step changes
+constexpr unsigned ON = PWR | RST;
 
 /// A board out of reset, with the steps that a host makes.
 template <typename BoardClass>
@@ -33,8 +33,8 @@ public:
         alive(ENIN);
     }
 
-    void pins(unsigned levels) { number(1, 1, resting | levels); }
-    void alive(unsigned levels) { pins(on | levels); }
+    void pins(unsigned levels) { number(1, 1, RESTING | levels); }
+    void alive(unsigned levels) { pins(ON | levels); }
     void mux(unsigned mask, int flags = 0) { number(1, 2, mask, flags); }
     /// Shifts a stream into the DACs; returns the old contents.
     Bytes dacs(unsigned mask, const Bytes& stream)
@@ -103,7 +103,7 @@ inline StreamPlace chipIn(std::size_t lines, std::size_t line, std::size_t chips
 {
     return {.start = line + lines * (1 + chips + chip * 114720), .stride = lines, .depth = 14};
 }
-const StreamPlace onlyChip = chipIn(1, 0, 1, 0);
+const StreamPlace ONLY_CHIP = chipIn(1, 0, 1, 0);
 
 /// A command that no firmware understands, at pins where it may be sent.
 struct BadFrame {

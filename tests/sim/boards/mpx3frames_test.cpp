@@ -4,8 +4,8 @@
 namespace sim {
 namespace {
 
-constexpr std::size_t chipBytes = 98308; ///< of a counter of 12 bits, with its share of the header
-constexpr std::size_t frameBytes = 9 + chipBytes + 9;
+constexpr std::size_t CHIP_BYTES = 98308; ///< of a counter of 12 bits, with its share of the header
+constexpr std::size_t FRAME_BYTES = 9 + CHIP_BYTES + 9;
 
 TEST(Mpx3FramesTest, DepthsBlocksAndCounters)
 {
@@ -40,12 +40,12 @@ TEST(Mpx3FramesTest, DepthsBlocksAndCounters)
 
     ReadyWire deep(mpx3Entry({{""}}), 1, 3);
     deep.images(3);
-    deep.timer(100 * tenMs);
+    deep.timer(100 * TEN_MS);
     for (int round = 0; round < 2; ++round) {
         const Bytes frame = deep.frame(1s);
-        ASSERT_EQ(frame.size(), 9 + 2 * (chipBytes + 9));
+        ASSERT_EQ(frame.size(), 9 + 2 * (CHIP_BYTES + 9));
         const unsigned upper = countIn(frame, {.start = 12}, 200, 50);
-        const unsigned lower = countIn(frame, {.start = 12 + chipBytes + 9}, 200, 50);
+        const unsigned lower = countIn(frame, {.start = 12 + CHIP_BYTES + 9}, 200, 50);
         EXPECT_NEAR(upper * 4096 + lower, 100000 * gradient(200, 50), 0.51) << "24 bits stand in both counters";
     }
 }
@@ -59,7 +59,7 @@ TEST(Mpx3FramesTest, ChannelsOfTwoChips)
     const std::size_t perChip = std::size_t{98309} * 2;
     const std::size_t half = 2 * perChip + 18;
     ASSERT_EQ(frame.size(), 9 + 2 * half);
-    EXPECT_EQ(packetTime(frame), tenMs);
+    EXPECT_EQ(packetTime(frame), TEN_MS);
     EXPECT_EQ(Bytes(frame.end() - 9, frame.end()), Bytes(frame.begin(), frame.begin() + 9));
     for (std::size_t i = 9; i < 9 + 4 * 2; ++i)
         EXPECT_NE(frame[i], 0) << "header";
@@ -80,21 +80,21 @@ TEST(Mpx3FramesTest, EraseClearsAndSendsPacketsAlone)
     wire.channels(0, 1); // the frame's data stay on the board
     EXPECT_EQ(wire.readAfter(10ms).size(), 18U);
     wire.frame();
-    EXPECT_EQ(wire.readCounters(3, frameBits).size(), 18U);
+    EXPECT_EQ(wire.readCounters(3, FRAME_BITS).size(), 18U);
     wire.channels(1, 1);
-    const Bytes cleared = wire.readCounters(3, frameBits);
-    ASSERT_EQ(cleared.size(), 2 * (chipBytes + 9));
+    const Bytes cleared = wire.readCounters(3, FRAME_BITS);
+    ASSERT_EQ(cleared.size(), 2 * (CHIP_BYTES + 9));
     expectGradient(cleared, {}, 0);
-    expectGradient(cleared, {.start = 3 + chipBytes + 9}, 0);
+    expectGradient(cleared, {.start = 3 + CHIP_BYTES + 9}, 0);
 
     wire.frame();
-    expectGradient(wire.readCounters(1, frameBits), {}, 1000); // the counter that was not read still holds it
+    expectGradient(wire.readCounters(1, FRAME_BITS), {}, 1000); // the counter that was not read still holds it
 
     wire.frame();
     wire.pins(3);
     wire.payload(1, 0, Bytes(80), 5); // fast clear
     wire.pins(7);
-    expectGradient(wire.readCounters(1, frameBits), {}, 0);
+    expectGradient(wire.readCounters(1, FRAME_BITS), {}, 0);
 }
 
 TEST(Mpx3FramesTest, SameFrameAgainIsTheSameAndMaskedPixelsAreDark)
@@ -102,13 +102,13 @@ TEST(Mpx3FramesTest, SameFrameAgainIsTheSameAndMaskedPixelsAreDark)
     ReadyWire wire(mpx3Entry({{""}, {""}}), 3);
     const auto frame = [&wire] {
         const Bytes bytes = wire.frame();
-        EXPECT_EQ(bytes.size(), 9 + 2 * chipBytes + 9);
+        EXPECT_EQ(bytes.size(), 9 + 2 * CHIP_BYTES + 9);
         return Bytes(bytes.begin() + 9, bytes.end() - 9);
     };
     const Bytes first = frame();
     EXPECT_EQ(frame(), first);
     wire.channels(1, 2 | 1); // one channel alone is another stream
-    EXPECT_EQ(wire.frame().size(), frameBytes);
+    EXPECT_EQ(wire.frame().size(), FRAME_BYTES);
 
     wire.channels(0, 2);
     wire.omr(6);
@@ -122,7 +122,7 @@ TEST(Mpx3FramesTest, SameFrameAgainIsTheSameAndMaskedPixelsAreDark)
     wire.pins(0x0F);
     wire.pins(7);
     wire.channels(0, 3);
-    wire.readCounters(3, frameBits);
+    wire.readCounters(3, FRAME_BITS);
     wire.channels(3, 3);
     const Bytes masked = frame();
     EXPECT_EQ(countIn(masked, {.start = 6 + 1, .stride = 2}, 128, 248), 0U);
@@ -135,11 +135,11 @@ TEST(Mpx3FramesTest, ContinuousSeriesRunsAheadAndStops)
     ReadyWire wire(mpx3Entry({{""}}, {{"fifo_bytes", 1000000}}), 1);
     wire.number(1, 9, 1);
     wire.start(8, 4);
-    EXPECT_EQ(wire.readAfter(35ms).size(), 3 * frameBytes);
+    EXPECT_EQ(wire.readAfter(35ms).size(), 3 * FRAME_BYTES);
     wire.stop();
     const Bytes cut = wire.read();
-    ASSERT_EQ(cut.size(), frameBytes);
-    EXPECT_EQ(packetTime(cut), tenMs / 2);
+    ASSERT_EQ(cut.size(), FRAME_BYTES);
+    EXPECT_EQ(packetTime(cut), TEN_MS / 2);
     expectGradient(cut, {.start = 12}, 500);
     EXPECT_EQ(wire.readAfter(1s), Bytes());
 
@@ -148,10 +148,10 @@ TEST(Mpx3FramesTest, ContinuousSeriesRunsAheadAndStops)
     std::size_t bytes = 0;
     for (int second = 0; second < 20; ++second) {
         const std::size_t more = wire.readAfter(1s).size();
-        EXPECT_LE(more, 1000000 + frameBytes);
+        EXPECT_LE(more, 1000000 + FRAME_BYTES);
         bytes += more;
     }
-    EXPECT_EQ(bytes, 100 * frameBytes);
+    EXPECT_EQ(bytes, 100 * FRAME_BYTES);
     wire.number(1, 9, 0);
 }
 
@@ -162,14 +162,14 @@ TEST(Mpx3FramesTest, RowSeriesShowsThePictureRowByRow)
         ReadyWire wire(mpx3Entry(channels), 0x1F);
         wire.images(2, 0, 0, false, 0);
         wire.order(selection, bitsOf(1, 256, 12));
-        wire.timer(tenMs / 256);
+        wire.timer(TEN_MS / 256);
         wire.start(0, 2 * 256 - 1);
         const Bytes rows = wire.readAfter(30ms);
         const std::size_t record = selection == 3 ? (388 * 5 + 18) * 2 - 9 : 388 * 5 + 18;
         ASSERT_EQ(rows.size(), 512 * record);
-        const double photonsOfStep = 100000 * (tenMs / 256) * 1e-8;
+        const double photonsOfStep = 100000 * (TEN_MS / 256) * 1e-8;
         for (const unsigned index : {0U, 100U, 255U, 300U, 511U}) {
-            EXPECT_EQ(packetTime(rows, index * record), tenMs / 256);
+            EXPECT_EQ(packetTime(rows, index * record), TEN_MS / 256);
             for (std::size_t at = 9 + 15; at < record; at += 388 * 5 + 9)
                 EXPECT_NEAR(countIn(rows, {.start = index * record + at + 2, .stride = 5}, 0, 40),
                             gradient(index % 256, 40) * std::min(index + 1, 256U) * photonsOfStep, 0.51);

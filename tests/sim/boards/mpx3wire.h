@@ -67,14 +67,14 @@ public:
     }
 };
 
-constexpr unsigned tenMs = 1000000; ///< in units of 10 ns
+constexpr unsigned TEN_MS = 1000000; ///< in units of 10 ns
 
 /// Bits that the host asks for.
 inline unsigned bitsOf(unsigned rows, unsigned columns, unsigned planes, bool two = false)
 {
     return rows * columns * planes + 34 + (two ? 13 : 0);
 }
-constexpr unsigned frameBits = 786466; ///< of whole frames of 12 bits
+constexpr unsigned FRAME_BITS = 786466; ///< of whole frames of 12 bits
 
 /// A board that is ready to take whole frames of 12 bits and 10 ms.
 class ReadyWire : public Mpx3Wire {
@@ -82,7 +82,7 @@ public:
     ReadyWire(const json& entry, int mask, unsigned selection = 0, bool two = false) : Mpx3Wire(entry)
     {
         number(1, 10, two ? 1 : 0);
-        timer(tenMs);
+        timer(TEN_MS);
         images(2);
         order(selection, bitsOf(256, 256, 12, two));
         channels(mask, mask);

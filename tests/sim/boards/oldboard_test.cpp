@@ -6,7 +6,7 @@
 namespace sim {
 namespace {
 
-const Bytes refusal = {0xFF, 0xFF, 0xFF};
+const Bytes REFUSAL = {0xFF, 0xFF, 0xFF};
 
 json oldEntry(json modules, const json& more = json::object())
 {
@@ -21,7 +21,7 @@ Bytes operator+(Bytes first, const Bytes& second)
 
 class OldWire : public BoardWire<OldBoard> {
 public:
-    explicit OldWire(const json& entry, OldBoard::Kind kind = OldBoard::Kind::fenxel) : BoardWire(kind, entry) {}
+    explicit OldWire(const json& entry, OldBoard::Kind kind = OldBoard::Kind::Fenxel) : BoardWire(kind, entry) {}
 
     static Bytes frame(int command, int p0, int p1, int p2)
     {
@@ -73,9 +73,9 @@ public:
     void selectModule(int address) { EXPECT_EQ(ask(0x43, 0, 0, address), Bytes(3)); }
 };
 
-const Bytes opened = OldWire::frame(6, 0x22, 0x22, 0x22);
-const Bytes closed = OldWire::frame(6, 0x44, 0x44, 0x44);
-const Bytes started = OldWire::frame(0x22, 0, 0, 0);
+const Bytes OPENED = OldWire::frame(6, 0x22, 0x22, 0x22);
+const Bytes CLOSED = OldWire::frame(6, 0x44, 0x44, 0x44);
+const Bytes STARTED = OldWire::frame(0x22, 0, 0, 0);
 
 /// The fuses of chip `chip`, in what comes out of the DAC registers of two chips; of the third byte those in use.
 unsigned fusesIn(const Bytes& records, std::size_t chip)
@@ -99,7 +99,7 @@ TEST(OldBoardTest, BringUpSwitchesModulesAndFindsChips)
     EXPECT_EQ(version.at(1) & 0x1F, 30);
     EXPECT_EQ(version.at(2), 42);
     EXPECT_EQ(wire.chips(), 0) << "no module at address 0";
-    EXPECT_EQ(wire.ask(0x20), refusal);
+    EXPECT_EQ(wire.ask(0x20), REFUSAL);
     wire.selectModule(3);
     EXPECT_EQ(wire.chips(), 2);
     EXPECT_EQ(wire.chips(1), 1) << "the host's word is taken";
@@ -111,11 +111,11 @@ TEST(OldBoardTest, BringUpSwitchesModulesAndFindsChips)
     wire.selectModule(9);
     EXPECT_EQ(fusesIn(wire.exchange(0x24, Bytes(66, 0xFF)), 1), 15U << 16U | 44U << 8U | 1U | 8U) << "O12-W0300";
 
-    OldWire usb2(oldEntry(modules), OldBoard::Kind::usb2);
+    OldWire usb2(oldEntry(modules), OldBoard::Kind::Usb2);
     EXPECT_EQ(usb2.ask(0x68, 1, 1, 1), Bytes(3));
     EXPECT_EQ(usb2.board.activeAddress(), 1);
-    EXPECT_EQ(usb2.ask(0x43, 0, 0, 0), refusal) << "the other kind's command";
-    EXPECT_EQ(usb2.ask(0x68, 0, 0, 1), refusal);
+    EXPECT_EQ(usb2.ask(0x43, 0, 0, 0), REFUSAL) << "the other kind's command";
+    EXPECT_EQ(usb2.ask(0x68, 0, 0, 1), REFUSAL);
     EXPECT_EQ(usb2.complaints(), 2U);
 }
 
@@ -140,13 +140,13 @@ TEST(OldBoardTest, SupplyAndSense)
     record[1 + 27] = 1 << 6;
     const double volts = 0.05 + 100 * 2.1 / 256;
     for (const auto& [kind, channel, range] :
-         {std::tuple{OldBoard::Kind::usb2, 2, 3.0}, std::tuple{OldBoard::Kind::fenxel, 0, 5.0}}) {
+         {std::tuple{OldBoard::Kind::Usb2, 2, 3.0}, std::tuple{OldBoard::Kind::Fenxel, 0, 5.0}}) {
         OldWire sensing(oldEntry(R"([[""]])"_json), kind);
         sensing.ask(0x13);
         ASSERT_EQ(sensing.exchange(0x24, record).size(), 33U);
         const Bytes answer = sensing.ask(0x40, 0, 0, channel);
         EXPECT_NEAR(((answer.at(0) & 0xF) << 8 | answer.at(1)) * range / 4096, volts, range / 4096);
-        EXPECT_EQ(sensing.ask(0x40, 0, 0, 8) == refusal, kind == OldBoard::Kind::usb2);
+        EXPECT_EQ(sensing.ask(0x40, 0, 0, 8) == REFUSAL, kind == OldBoard::Kind::Usb2);
     }
 }
 
@@ -160,11 +160,11 @@ TEST(OldBoardTest, MeasurementsAreToldTimedAndCounted)
     }
     wire.timer(4'800'000); // 100 ms
     wire.ask(0x14, 0, 0, 0x80);
-    EXPECT_EQ(wire.raw(0x22, 0x40), started + opened);
-    EXPECT_EQ(wire.ask(0x20), refusal) << "while the shutter is open";
-    EXPECT_EQ(wire.ask(0x22, 0x40), refusal);
+    EXPECT_EQ(wire.raw(0x22, 0x40), STARTED + OPENED);
+    EXPECT_EQ(wire.ask(0x20), REFUSAL) << "while the shutter is open";
+    EXPECT_EQ(wire.ask(0x22, 0x40), REFUSAL);
     EXPECT_EQ(wire.readAfter(99ms), Bytes());
-    EXPECT_EQ(wire.readAfter(1ms), closed);
+    EXPECT_EQ(wire.readAfter(1ms), CLOSED);
     for (const int address : {0, 1}) {
         wire.selectModule(address);
         for (const double seconds : {0.1, 0.0}) { // reading clears
@@ -175,13 +175,13 @@ TEST(OldBoardTest, MeasurementsAreToldTimedAndCounted)
     }
 
     wire.ask(0x14, 0, 3, 0);
-    EXPECT_EQ(wire.raw(0x22, 0x40), started);
+    EXPECT_EQ(wire.raw(0x22, 0x40), STARTED);
     EXPECT_EQ(wire.readAfter(10s), Bytes());
     wire.pulseTrigger();
-    EXPECT_EQ(wire.read(), opened);
+    EXPECT_EQ(wire.read(), OPENED);
     EXPECT_EQ(wire.readAfter(20s), Bytes());
     wire.pulseTrigger();
-    EXPECT_EQ(wire.read(), closed);
+    EXPECT_EQ(wire.read(), CLOSED);
     EXPECT_EQ(endOf(wire.exchange(0x20, {})), OldWire::ticks(960'000'000));
 
     const Bytes broken = OldWire::frame(0x23, 0, 0, 0);
@@ -192,11 +192,11 @@ TEST(OldBoardTest, MeasurementsAreToldTimedAndCounted)
     EXPECT_EQ(wire.board.timerCount(), 0x123456789ABCU);
     wire.raw(0x22, 0x40);
     wire.wait(50ms);
-    EXPECT_EQ(wire.raw(0x23), closed + broken);
+    EXPECT_EQ(wire.raw(0x23), CLOSED + broken);
     EXPECT_EQ(endOf(wire.exchange(0x20, {})), OldWire::ticks(2'400'000));
     wire.raw(0x22, 0x40);
     EXPECT_EQ(wire.ask(0x41, 0, 0, 0), Bytes(3)) << "without power there is nothing to measure";
-    EXPECT_EQ(wire.ask(0x22, 0x40), refusal);
+    EXPECT_EQ(wire.ask(0x22, 0x40), REFUSAL);
     EXPECT_EQ(wire.board.framesTaken(), 3U);
 }
 
@@ -232,7 +232,7 @@ TEST(OldBoardTest, RecordsWhatNoFirmwareUnderstands)
     EXPECT_EQ(wire.complaints(), 2U);
     for (const auto& [command, p0, p1, p2] :
          {std::array{0x02, 0, 0, 0}, {7, 0x19, 5, 5}, {7, 0x18, 5, 6}, {0x22, 0, 0, 0}, {0x14, 0, 4, 0}})
-        EXPECT_EQ(wire.ask(command, p0, p1, p2), refusal) << command;
+        EXPECT_EQ(wire.ask(command, p0, p1, p2), REFUSAL) << command;
     EXPECT_EQ(wire.complaints(), 5U);
 
     wire.ask(0x13);

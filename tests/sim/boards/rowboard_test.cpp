@@ -8,11 +8,11 @@
 namespace sim {
 namespace {
 
-const json sevenChips = {"A01-W0001", "A02-W0001", "A03-W0001", "A04-W0001", "A05-W0001", "A06-W0001", "A07-W0001"};
-const json threeChips = {"", "D08-W0231", "O12-W0000", "", "", "A00-W2047"};
-constexpr unsigned three = 0b100110; ///< mask of their channels
-constexpr unsigned wholeChip = 917767;
-const StreamPlace onlyRowChip = chipIn(1, 0, 0, 0);
+const json SEVEN_CHIPS = {"A01-W0001", "A02-W0001", "A03-W0001", "A04-W0001", "A05-W0001", "A06-W0001", "A07-W0001"};
+const json THREE_CHIPS = {"", "D08-W0231", "O12-W0000", "", "", "A00-W2047"};
+constexpr unsigned THREE = 0b100110; ///< mask of their channels
+constexpr unsigned WHOLE_CHIP = 917767;
+const StreamPlace ONLY_ROW_CHIP = chipIn(1, 0, 0, 0);
 
 json rowEntry(json channels, const json& more = json::object())
 {
@@ -42,7 +42,7 @@ public:
     /// Starts a series of blocks of rows on chips whose counters are clear.
     void series(unsigned mask, std::uint32_t rows, std::uint32_t blocks, std::uint32_t triggers = 0)
     {
-        readout(mask, wholeChip);
+        readout(mask, WHOLE_CHIP);
         number(1, 5, rows * 3592 - 1, 2);
         start(1 | triggers, blocks);
     }
@@ -59,7 +59,7 @@ Bytes channelBytes(const Bytes& stream, std::size_t from, std::size_t count, std
 
 TEST(RowBoardTest, ReadsMatricesWholeOrRowByRow)
 {
-    RowWire wire(rowEntry(threeChips));
+    RowWire wire(rowEntry(THREE_CHIPS));
     std::minstd_rand random(7);
     Bytes image(114721);
     std::generate_n(image.begin() + 1, 114688, [&] { return static_cast<std::uint8_t>(random() >> 8U); });
@@ -71,23 +71,23 @@ TEST(RowBoardTest, ReadsMatricesWholeOrRowByRow)
     const Bytes row = wire.readout(2, 3591);
     ASSERT_EQ(row.size(), 458U);
     EXPECT_TRUE(std::equal(row.begin(), row.begin() + 449, image.begin()));
-    const Bytes stream = wire.readout(three, wholeChip);
+    const Bytes stream = wire.readout(THREE, WHOLE_CHIP);
     ASSERT_EQ(stream.size(), 3 * 114721 + 9U);
     EXPECT_EQ(packetOf(1, stream, 3 * 114721), 3 * 114721U);
     const Bytes channel = channelBytes(stream, 0, 3, 0, 114721);
     EXPECT_EQ(channel[0], 0xFF);
     EXPECT_TRUE(std::equal(image.begin() + 449, image.end() - 32, channel.begin() + 1));
-    EXPECT_EQ(countIn(channel, onlyRowChip, 255, 9), 0U) << "a clear row came in behind";
+    EXPECT_EQ(countIn(channel, ONLY_ROW_CHIP, 255, 9), 0U) << "a clear row came in behind";
 }
 
 TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
 {
     for (const unsigned rows : {1U, 4U}) {
-        RowWire wire(rowEntry(threeChips));
+        RowWire wire(rowEntry(THREE_CHIPS));
         const unsigned blocks = 2 * 256 / rows;
         const std::size_t blockBytes = std::size_t{3} * 449 * rows + 18;
         wire.timer(100000); // 1 ms
-        wire.series(three, rows, blocks);
+        wire.series(THREE, rows, blocks);
         EXPECT_EQ(wire.readAfter(1ms).size(), blockBytes) << "the first block";
         const Bytes series = wire.readAfter(1s);
         ASSERT_EQ(series.size(), (blocks - 1) * blockBytes) << "and no more than were asked for";
@@ -102,7 +102,8 @@ TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
                     const unsigned steps = std::min(block, (255 - k) / rows) + 1; // on the way over the chip
                     const unsigned row = (block * rows + k) % 256;
                     for (const unsigned column : {0U, 77U, 255U})
-                        ASSERT_NEAR(countIn(channel, onlyRowChip, k, column), gradient(row, column) * 10 * steps, 0.51)
+                        ASSERT_NEAR(countIn(channel, ONLY_ROW_CHIP, k, column), gradient(row, column) * 10 * steps,
+                                    0.51)
                             << block;
                 }
                 for (unsigned pad = 0; pad + 1 < rows; ++pad)
@@ -112,21 +113,21 @@ TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
     }
 
     const json still = {{"scene", {{"kind", "gradient"}, {"flux", 10000}, {"noise", false}, {"speed", 0}}}};
-    RowWire wire(rowEntry(threeChips, still));
+    RowWire wire(rowEntry(THREE_CHIPS, still));
     wire.timer(100000);
-    wire.series(three, 1, 300);
+    wire.series(THREE, 1, 300);
     const Bytes series = wire.readAfter(1s);
     for (const std::size_t block : {260U, 290U})
-        EXPECT_NEAR(countIn(channelBytes(series, block * 1365 + 9, 3, 0, 449), onlyRowChip, 0, 77),
+        EXPECT_NEAR(countIn(channelBytes(series, block * 1365 + 9, 3, 0, 449), ONLY_ROW_CHIP, 0, 77),
                     (gradient(0, 77) + gradient(255, 77)) / 2 * 2560, 0.51)
             << "a picture at rest is smeared";
 }
 
 TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
 {
-    RowWire wire(rowEntry(threeChips, {{"fifo_bytes", 20 * 1365}}));
+    RowWire wire(rowEntry(THREE_CHIPS, {{"fifo_bytes", 20 * 1365}}));
     wire.timer(100000);
-    wire.series(three, 1, 100, 2);
+    wire.series(THREE, 1, 100, 2);
     EXPECT_EQ(wire.readAfter(1s), Bytes());
     wire.pulseTrigger();
     EXPECT_EQ(wire.readAfter(2500us).size(), 2 * 1365U) << "one trigger for the whole series";
@@ -134,14 +135,14 @@ TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
     EXPECT_EQ(packetOf(5, wire.read()), 50000U) << "the stop reads the block that it cuts";
     EXPECT_EQ(wire.readAfter(1s), Bytes());
 
-    wire.series(three, 1, 100, 4);
+    wire.series(THREE, 1, 100, 4);
     EXPECT_EQ(wire.readAfter(30ms), Bytes());
     wire.pulseTrigger();
     EXPECT_EQ(packetOf(5, wire.read()), 3000000U) << "pulses in place of the timer";
     wire.stop();
     wire.read();
 
-    wire.series(three, 1, 100);
+    wire.series(THREE, 1, 100);
     std::size_t got = wire.readAfter(1s).size();
     EXPECT_EQ(got, 21 * 1365U) << "what is not fetched holds the series up";
     for (int i = 0; i < 10; ++i)
@@ -151,7 +152,7 @@ TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
 
 TEST(RowBoardTest, FaultsShowOnTheWire)
 {
-    RowWire wire(rowEntry(sevenChips));
+    RowWire wire(rowEntry(SEVEN_CHIPS));
     wire.fault({{"kind", "chip_missing"}, {"channel", 1}});
     wire.fault({{"kind", "stuck_line"}, {"channel", 6}, {"level", 1}});
     const Bytes reply = wire.detect();
@@ -168,18 +169,18 @@ TEST(RowBoardTest, FaultsShowOnTheWire)
 TEST(RowBoardTest, RecordsWhatNoFirmwareUnderstands)
 {
     expectRecorded<RowWire>(
-        rowEntry(sevenChips),
+        rowEntry(SEVEN_CHIPS),
         {
-            {"pattern of a board with modules", on | M0 | ENIN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
+            {"pattern of a board with modules", ON | M0 | ENIN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
             {"bytes past chips in reset", PWR | ENIN | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 5, 0xAA}, 5},
-            {"bits of another board's readout", on | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
-            {"row bits of 32 bits", on | OUTEN, {0x55, 2, 1, 5, 1, 0, 0, 0, 0xAA}},
-            {"series without row bits", on | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 1, 0, 0xAA}},
-            {"series with the pins of DACs", on | ENIN | ACQOVER | M0, {0x55, 2, 5, 1, 1, 0, 1, 0, 0xAA}},
+            {"bits of another board's readout", ON | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
+            {"row bits of 32 bits", ON | OUTEN, {0x55, 2, 1, 5, 1, 0, 0, 0, 0xAA}},
+            {"series without row bits", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 1, 0, 0xAA}},
+            {"series with the pins of DACs", ON | ENIN | ACQOVER | M0, {0x55, 2, 5, 1, 1, 0, 1, 0, 0xAA}},
         });
-    RowWire wire(rowEntry(sevenChips));
+    RowWire wire(rowEntry(SEVEN_CHIPS));
     EXPECT_EQ(wire.dacs(0, Bytes(33, 0x12)), Bytes(33, 0xFF)) << "the host has no way to the last channels alone";
-    wire.readout(0, wholeChip);
+    wire.readout(0, WHOLE_CHIP);
     wire.timer(100000);
     wire.series(1, 1, 10);
     wire.number(1, 4, 3591, 2); // while the series runs
