@@ -136,6 +136,22 @@ TEST_F(IbFlashTest, SmallValuesComeAtOnceAndBigOnesWhenFirstRead)
     EXPECT_THAT(takeReads(), IsEmpty());
 }
 
+TEST_F(IbFlashTest, ParametersOutliveTheirManagerAndLoadAgainBehindTheNext)
+{
+    image = Image().add("Big", DT_CHAR, 11, word(0)).build();
+    load(true);
+    flash.attach(nullptr);
+    takeReads();
+    access("Big", true);
+    EXPECT_THAT(takeReads(), IsEmpty());
+    EXPECT_EQ(Bytes(11, 0x42), params["Big"].bytes);
+    flash.attach(&mgr);
+    image[image.size() - 30] = 0x43;
+    access("Big", true);
+    EXPECT_THAT(takeReads(), ElementsAre(1020, image.size()));
+    EXPECT_EQ(0x43, params["Big"].bytes[0]);
+}
+
 TEST_F(IbFlashTest, AListOf1008BytesTakesASecondRead)
 {
     image = Image{Bytes(1007)}.build();
