@@ -3,9 +3,9 @@
 //
 // Keys of every such board in a bench:
 //   "firmware"      text of up to 29 characters
-//   "flash"         parameter store or raw image (sim/flash.h); missing: no flash answers, all bits 1
-//   "cpu"           the board's CPU (sim/boardcpu.h); missing or null: none
-//   "bias"          the bias supply (sim/analog.h)
+//   "flash"         parameter store or raw image (sim/boards/flash.h); missing: no flash answers, all bits 1
+//   "cpu"           the board's CPU (sim/boards/boardcpu.h); missing or null: none
+//   "bias"          the bias supply (sim/boards/analog.h)
 //   "temperature"   of the board, degrees Celsius (31.5)
 //   "adc"           volts on further ADC channels, as {"3": 1.52}
 //

@@ -1,7 +1,7 @@
 // The Medipix2 and Timepix readout board: its firmware with the command tables, and up to five modules of up to ten
 // chips behind a multiplexer, written from the wire's point of view.
 //
-// Keys of its entry in a bench, beside those of sim/mpx2firmware.h:
+// Keys of its entry in a bench, beside those of sim/boards/mpx2firmware.h:
 //   "modules"  list of up to five modules, each a list of up to ten chip identifiers, as [["C07-W0123"], []]
 //   "chip"     "timepix" (the default) or "medipix2"
 // A CPU that publishes "*BiasSet" makes the bias: "BiasVolt", "BiasCurr" and "TempDet" follow it.

@@ -1,8 +1,9 @@
 // What the firmware of all boards with Medipix2 or Timepix chips does alike: chips on data lines behind a multiplexer,
 // their pins, registers and triggers, and the frames that a shutter takes.
 //
-// Keys of such a board in a bench, beside those of every board, of sim/interfaceboard.h and of sim/triggerinput.h:
-//   "scene"       the picture behind the sensor (sim/scene.h); also a key of the bench, for all boards
+// Keys of such a board in a bench, beside those of every board, of sim/boards/interfaceboard.h and of
+// sim/world/triggerinput.h:
+//   "scene"       the picture behind the sensor (sim/world/scene.h); also a key of the bench, for all boards
 //   "fifo_bytes"  a series pauses while more than this lies on the output (16777216)
 //
 // Faults of such a board; those of streams hit "readouts" readouts, or all if it is missing. A line is a "module" or a

@@ -1,10 +1,10 @@
 // The Medipix3 readout board: its firmware with the command tables, and up to five channels of chips, written from the
 // wire's point of view.
 //
-// Keys of its entry in a bench, beside those of every board, of sim/interfaceboard.h, sim/framepace.h and
-// sim/triggerinput.h:
+// Keys of its entry in a bench, beside those of every board, of sim/boards/interfaceboard.h, sim/wire/framepace.h and
+// sim/world/triggerinput.h:
 //   "channels"      list of up to five channels, each a list of up to two chip identifiers, as [["C07-W0123"], []]
-//   "scene"         the picture behind the sensor (sim/scene.h); also a key of the bench, for all boards
+//   "scene"         the picture behind the sensor (sim/world/scene.h); also a key of the bench, for all boards
 //
 // Faults of its own:
 //   {"kind": "stuck_channel", "channel": c, "level": 0 or 1}

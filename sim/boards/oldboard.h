@@ -17,8 +17,8 @@
 //   08  divider of the Timepix clock, 16 bits; p2 is 1 for a clock that is not divided
 //   13  chips of a module, in the low 5 bits of p2; counted on the active module, or told by p2 of the host
 //   14  p1: bit 0 for a trigger that starts measurements, bit 1 for one that ends them; p2: 80 or 0
-//   20  reads the matrix: FF for each chip, the images of all chips as in sim/mpx2readout.h, and the length of the last
-//       measurement in ticks as two frames, 55 03 with bytes 5 4 3, and 55 04 with bytes 2 1 0
+//   20  reads the matrix: FF for each chip, the images of all chips as in sim/boards/mpx2readout.h, and the length of
+//       the last measurement in ticks as two frames, 55 03 with bytes 5 4 3, and 55 04 with bytes 2 1 0
 //   21  writes the matrix: FF, the images, and what fills up 114721 bytes for each chip
 //   22  starts a measurement of all modules: 40, 0, 0
 //   23  breaks it
@@ -38,7 +38,7 @@
 //   "firmware_number"  0 to 255 (23)
 //   "firmware_date"    from 2010 to 2025 ("2012-09-14")
 //   "timer_mhz"        1 to 100 (100), "timepix_mhz" 1 to 255 (50)
-//   "scene"            the picture behind the sensor (sim/scene.h); also a key of the bench, for all boards
+//   "scene"            the picture behind the sensor (sim/world/scene.h); also a key of the bench, for all boards
 //
 // Faults of its own. Those of frames hit "frames" of them, or all if it is missing, of the "command", named as in the
 // table of commands, or of any:

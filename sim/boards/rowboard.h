@@ -1,13 +1,13 @@
 // The row board: its firmware with the command tables, and up to seven Timepix chips side by side, each on a channel of
 // its own, written from the wire's point of view. The channels are clocked together and delivered byte by byte in turn.
-// What every byte of a readout and of a block of rows is stands in sim/mpx2readout.h.
+// What every byte of a readout and of a block of rows is stands in sim/boards/mpx2readout.h.
 //
 // In a continuous series the shutter stays open, and the charges move over the chips with the rows: at each step of the
 // timer a block of rows is read, and all others move up. A step takes no less than 10 ns for each bit that it clocks.
 // With the start trigger the series waits for one pulse; with the stop trigger each pulse ends a step in place of the
 // timer, as the encoder of a belt does. A stop reads the block that it cuts; a series of no blocks has ended at once.
 //
-// Keys of its entry in a bench, beside those of sim/mpx2firmware.h:
+// Keys of its entry in a bench, beside those of sim/boards/mpx2firmware.h:
 //   "channels"  list of up to seven chip identifiers, as ["C07-W0123", ""]; "" stands for a channel without a chip
 //
 // Faults of its own:
