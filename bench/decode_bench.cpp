@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -378,7 +379,7 @@ std::string argument(int argc, char** argv, std::string_view name)
 } // namespace
 
 int main(int argc, char** argv)
-{
+try {
     const std::regex filter(argument(argc, argv, "--benchmark_filter="));
     const std::string out = argument(argc, argv, "--benchmark_out=");
     pin();
@@ -391,4 +392,7 @@ int main(int argc, char** argv)
     if (!out.empty())
         std::ofstream(out) << nlohmann::ordered_json{{"paths", paths}}.dump(2) << "\n";
     return 0;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "decode_bench: %s\n", error.what());
+    return 1;
 }

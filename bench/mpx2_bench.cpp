@@ -22,7 +22,7 @@ void decode(benchmark::State& state, bool serial, bool convert)
 {
     const std::vector<unsigned char> stream = randomBytes(MPX2_STREAM_STRIDE);
     std::vector<unsigned short> matrix(MPX2_CHIP_PIXELS);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::memset(matrix.data(), 0, matrix.size() * sizeof(unsigned short));
         deserializeMpx2(stream.data(), stream.size(), matrix.data(), matrix.size(), serial);
         if (convert)
@@ -36,7 +36,7 @@ void encode(benchmark::State& state, bool serial)
 {
     const std::vector<unsigned short> matrix = randomValues<unsigned short>(MPX2_CHIP_PIXELS, 1U << MPX2_PLANES);
     std::vector<unsigned char> stream(MPX2_STREAM_STRIDE);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         serializeMpx2(matrix.data(), matrix.size(), stream.data(), stream.size(), serial);
         benchmark::ClobberMemory();
     }
@@ -49,7 +49,7 @@ void takeApart(benchmark::State& state, std::size_t modules, bool decodeToo)
     const std::vector<unsigned char> source = randomBytes(mpx2ParallelReadout(modules, modules).bytes);
     std::vector<unsigned char> scratch(MPX2_STREAM_STRIDE + 1);
     std::vector<unsigned short> matrix(modules * MPX2_CHIP_PIXELS);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (decodeToo)
             std::memset(matrix.data(), 0, matrix.size() * sizeof(unsigned short));
         for (std::size_t module = 0; module < modules; ++module) {
@@ -70,7 +70,7 @@ void convertCounts(benchmark::State& state, bool pseudoToCount)
     if (pseudoToCount)
         convertCountsMpx2(counts.data(), counts.size(), false);
     std::vector<unsigned short> matrix(counts.size());
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::memcpy(matrix.data(), counts.data(), counts.size() * sizeof(unsigned short));
         convertCountsMpx2(matrix.data(), matrix.size(), pseudoToCount);
         benchmark::ClobberMemory();
@@ -83,7 +83,7 @@ void convertPixelCfg(benchmark::State& state)
 {
     const std::vector<unsigned char> cfg = randomBytes(MPX2_CHIP_PIXELS);
     std::vector<unsigned short> matrix(cfg.size());
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         pixelCfgToMatrixMpx2(cfg.data(), cfg.size(), true, matrix.data());
         benchmark::ClobberMemory();
     }
@@ -95,7 +95,7 @@ void buildDacStream(benchmark::State& state)
     std::array<unsigned short, MPX2_TPX_DAC_COUNT> dacs;
     dacs.fill(0x0A5);
     std::array<unsigned char, MPX2_DAC_STREAM_SIZE> stream;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(dacs);
         dacsToStreamTPX(dacs.data(), stream.data(), 1, 0, 5, 0, 0xFF);
         benchmark::DoNotOptimize(stream);

@@ -46,7 +46,7 @@ void decode(benchmark::State& state, unsigned char countL, int channels, bool co
 {
     const Readout readout(countL, channels);
     std::vector<unsigned> matrix(static_cast<std::size_t>(channels) * MPX3_CHIP_PIXELS);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (convert)
             std::memset(matrix.data(), 0, matrix.size() * sizeof(unsigned));
         convertMpx3MatrixStream(readout.shape, readout.stream, readout.stream.size(), matrix, matrix.size(),
@@ -63,7 +63,7 @@ void decodeTdi(benchmark::State& state, int channels)
     const std::size_t record = mpx3TdiRecordSize(shape.omr, false, channels, false);
     const std::vector<unsigned char> stream = randomBytes(record * MPX3_SIDE);
     std::vector<unsigned> matrix(static_cast<std::size_t>(channels) * MPX3_CHIP_PIXELS);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         deserializeMpx3Tdi(stream.data(), matrix.data(), MPX3_COUNTER_BITS, 0, 0, 0, 1, true, channels);
         benchmark::ClobberMemory();
     }
@@ -74,7 +74,7 @@ void encode(benchmark::State& state, bool lowCounter)
 {
     const std::vector<unsigned> matrix = randomCounts(MPX3_CHIP_PIXELS, 28);
     std::vector<unsigned char> stream(MPX3_MATRIX_STREAM_SIZE);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         serializeMpx3(matrix.data(), matrix.size(), stream.data(), stream.size(), lowCounter, false);
         benchmark::ClobberMemory();
     }
@@ -86,7 +86,7 @@ void encode(benchmark::State& state, bool lowCounter)
 void convertCounts(benchmark::State& state, unsigned char depth)
 {
     std::vector<unsigned> matrix = randomCounts(MPX3_CHIP_PIXELS, depth);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         convertCountsMpx3(matrix.data(), matrix.size(), depth, true, true);
         benchmark::ClobberMemory();
     }
@@ -97,7 +97,7 @@ void buildOmr(benchmark::State& state)
 {
     OMR omr;
     std::array<unsigned char, MPX3_OMR_SIZE> image;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(omr);
         omr.bytes(image.data());
         benchmark::DoNotOptimize(image);
@@ -110,7 +110,7 @@ void buildDacRecord(benchmark::State& state)
     std::array<unsigned short, MPX3_DAC_COUNT> dacs;
     dacs.fill(0x0A5);
     std::array<unsigned char, MPX3_DAC_RECORD_SIZE> record;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(dacs);
         fillMpx3DacRecord(dacs.data(), record.data());
         benchmark::DoNotOptimize(record);

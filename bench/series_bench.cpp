@@ -171,7 +171,7 @@ void series(benchmark::State& state, const Run& run)
     Detector detector(run.boards);
     run.configure(detector.device());
     Taken all;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const Taken taken = take(detector.device(), run);
         if (!taken.finished || taken.frames != run.frames) {
             state.SkipWithError(("series ended early: " + detector.device().errorLine()).c_str());

@@ -38,7 +38,7 @@ inline void copyBytes(benchmark::State& state, std::size_t size)
 {
     const std::vector<unsigned char> from = randomBytes(size);
     std::vector<unsigned char> to(size);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::memcpy(to.data(), from.data(), size);
         benchmark::ClobberMemory();
     }
