@@ -24,8 +24,8 @@ public:
     /// `biasType` is the variant letter of the name, which chooses the bias rule. With `useSerialSection` the settings
     /// come from the section with the device's serial, so that each member of a composite has its own, else from
     /// "Settings". Does no I/O.
-    Mpx2Dev(std::string name, IDorvet* dorvet, std::string logDir, std::string settingsFile, std::string biasType,
-            bool useSerialSection);
+    Mpx2Dev(std::string name, IDorvet* dorvet, std::string logDir, std::string settingsFile,
+            const std::string& biasType, bool useSerialSection);
     ~Mpx2Dev() override;
 
     // Life cycle (mpx2dev_bringup.cpp)

@@ -50,9 +50,9 @@ constexpr Mpx2BoardKind BOARD_KIND{
 
 } // namespace
 
-Mpx2Dev::Mpx2Dev(std::string name, IDorvet* host, std::string logFolder, std::string settings, std::string biasType,
-                 bool serialSection)
-    : AMpx2Dev(BOARD_KIND, std::move(name), host, std::move(logFolder), std::move(settings), std::move(biasType)),
+Mpx2Dev::Mpx2Dev(std::string name, IDorvet* host, std::string logFolder, std::string settings,
+                 const std::string& biasType, bool serialSection)
+    : AMpx2Dev(BOARD_KIND, std::move(name), host, std::move(logFolder), std::move(settings), biasType),
       useSerialSection(serialSection)
 {
 }
