@@ -2,6 +2,7 @@
 #pragma once
 
 #include "chipdata/kernels/kernels.h"
+#include "chipdata/randomvalues.h"
 
 #include <gtest/gtest.h>
 

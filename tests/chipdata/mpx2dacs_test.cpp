@@ -1,15 +1,14 @@
 // DAC streams and chip identifiers of Medipix2 and Timepix chips, against an oracle that walks the register bit by bit.
 #include "chipdata/bits.h"
 #include "chipdata/mpx2dacs.h"
+#include "chipdata/randomvalues.h"
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <vector>
+#include <algorithm>
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
 using Words = std::vector<unsigned short>;
 
 struct Settings {
@@ -58,15 +57,13 @@ Bytes oracleStream(const Words& dacs, int chips, bool timepix, const Settings& s
 
 TEST(Mpx2Dacs, StreamHoldsEveryBitOfEveryField)
 {
-    std::mt19937 random(5);
     for (const bool timepix : {false, true})
         for (int run = 0; run < 50; ++run) {
             const int chips = 1 + run % 4;
             // The chip may be none of the module; negative and wide values must not leave their fields.
-            const Settings s{run % 6 - 1, static_cast<int>(random()), run % 5 - 1, static_cast<unsigned>(random())};
-            Words dacs(static_cast<std::size_t>(chips * (timepix ? 14 : 15)));
-            for (unsigned short& dac : dacs)
-                dac = static_cast<unsigned short>(random());
+            const auto wide = randomValues<unsigned>(2);
+            const Settings s{run % 6 - 1, static_cast<int>(wide[0]), run % 5 - 1, wide[1]};
+            const auto dacs = randomValues<unsigned short>(static_cast<std::size_t>(chips * (timepix ? 14 : 15)));
             const Bytes expected = oracleStream(dacs, chips, timepix, s);
             Bytes out(expected.size(), 0xEE);
             dacsToStreamMPX2(dacs.data(), out.data(), chips, timepix, s.chip, s.senseDac, s.extDac, s.ctpr);
@@ -79,12 +76,11 @@ TEST(Mpx2Dacs, StreamHoldsEveryBitOfEveryField)
 TEST(Mpx2Dacs, TimepixStreamReadsBack)
 {
     constexpr int CHIPS = 3;
-    std::mt19937 random(6);
     for (int run = 0; run < 20; ++run) {
-        const Settings s{run % 4, static_cast<int>(random() & 15), run % 3, static_cast<unsigned>(random())};
-        Words dacs(std::size_t{CHIPS} * MPX2_TPX_DAC_COUNT);
+        const Settings s{run % 4, run % 16, run % 3, randomValues<unsigned>(1)[0]};
+        auto dacs = randomValues<unsigned short>(std::size_t{CHIPS} * MPX2_TPX_DAC_COUNT);
         for (std::size_t i = 0; i < dacs.size(); ++i)
-            dacs[i] = static_cast<unsigned short>(random() & (i % 14 == 6 ? 0x3FF : i % 14 == 7 ? 0xF : 0xFF));
+            dacs[i] &= i % 14 == 6 ? 0x3FF : i % 14 == 7 ? 0xF : 0xFF;
         Bytes stream = oracleStream(dacs, CHIPS, true, s);
         stream.resize(1 + 32 * CHIPS);
         Words back(dacs.size(), 0xEEEE);
@@ -103,36 +99,29 @@ TEST(Mpx2Dacs, TimepixStreamReadsBack)
 TEST(Mpx2Dacs, ChipIdentifiers)
 {
     struct Case {
-        const char* id;
-        unsigned char place, waferLow, waferHigh;
+        std::string id;
+        Bytes fuses; // place, low and high byte of the wafer
         bool timepix;
     };
     const Case cases[] = {
-        {"C05-W0123", 0x73, 0x7B, 0x00, false}, {"A12-W0512", 0x01, 0x00, 0x0A, true},
-        {"@11-W0000", 0x10, 0x00, 0x00, false}, {"@12-W0001", 0x00, 0x01, 0xF8, true},
-        {"O-3-W2047", 0xFF, 0xFF, 0xFF, true},  {"000-W0000", 0x00, 0x00, 0xF8, false},
+        {"C05-W0123", {0x73, 0x7B, 0x00}, false}, {"A12-W0512", {0x01, 0x00, 0x0A}, true},
+        {"@11-W0000", {0x10, 0x00, 0x00}, false}, {"@12-W0001", {0x00, 0x01, 0xF8}, true},
+        {"O-3-W2047", {0xFF, 0xFF, 0xFF}, true},  {"000-W0000", {0x00, 0x00, 0xF8}, false},
     };
-    const auto put = [](Bytes& stream, std::size_t record, const Case& c) {
-        const unsigned char fuses[] = {c.place, c.waferLow, c.waferHigh};
-        for (std::size_t i = 0; i < 3; ++i)
-            stream[record + 5 + i] = reverseBitsInByte(fuses[i]);
-    };
-    std::vector<std::string> ids{"kept"};
-    for (const Case& c : cases)
+    for (const Case& first : cases)
         for (const Case& last : cases) {
             Bytes stream(2 * MPX2_DAC_STREAM_SIZE, 0);
-            put(stream, 2, c);
-            put(stream, 2 + 32, last);
-            const bool lastReadable = last.id != std::string("000-W0000");
-            bool timepix = !c.timepix;
+            std::transform(first.fuses.begin(), first.fuses.end(), stream.begin() + 7, reverseBitsInByte);
+            std::transform(last.fuses.begin(), last.fuses.end(), stream.begin() + 7 + 32, reverseBitsInByte);
+            bool timepix = !first.timepix;
+            std::vector<std::string> ids{"kept"};
             getChipIDsFromDACStreamMpx2(stream.data(), 2, &timepix, ids);
-            EXPECT_EQ(timepix, lastReadable ? last.timepix : c.timepix);
+            EXPECT_EQ(timepix, last.id == "000-W0000" ? first.timepix : last.timepix);
+            EXPECT_EQ(ids, (std::vector<std::string>{"kept", first.id, last.id}));
             std::vector<char> text(2 * MPX2_CHIP_ID_SIZE + 1, 'x');
             getChipIDsFromDACStreamMpx2(stream.data(), 2, text.data(), &timepix);
-            EXPECT_EQ(std::string(text.data()), std::string(c.id) + last.id);
-            EXPECT_EQ(ids[ids.size() - 2] + ids.back(), text.data());
+            EXPECT_EQ(text.data(), first.id + last.id);
         }
-    EXPECT_TRUE(ids.front() == "kept" && ids.size() == 1 + 2 * std::size(cases) * std::size(cases));
     bool timepix = true;
     char none = 'x';
     getChipIDsFromDACStreamMpx2(nullptr, 0, &none, &timepix);
