@@ -45,10 +45,12 @@ TEST(IbBiasParamsTest, WithoutACalibrationTheTypeRules)
 
 TEST(IbBiasParamsTest, FlashCalibrationReplacesTheRule)
 {
-    TestParamMgr flash;
+    refhost::ParamMgr flash = hostParams();
     const auto read = [&flash](IBBiasParams& params, const std::map<const char*, double>& values) {
-        for (const auto& [name, value] : values)
-            flash[name].setDouble(value);
+        for (const auto& [name, value] : values) {
+            flash.addDouble(name, "", value, nullptr, 0, 0); // if it is new
+            flash.find(name)->setDouble(value);
+        }
         params.readFlashParameters(&flash);
     };
     IBBiasParams params("A", false);
@@ -56,7 +58,7 @@ TEST(IbBiasParamsTest, FlashCalibrationReplacesTheRule)
     read(params, {});
     EXPECT_EQ(100.0, params.maxBias());
 
-    flash["BiasCurChannel"].setByte(9);
+    flash.addByte("BiasCurChannel", "", 9, nullptr, 0, 0);
     read(params, {{"BiasMin", -10}, {"BiasMax", 300}, {"BiasSetA", 2}, {"BiasSetB", -4}, {"BiasVoltA", 3}});
     read(params, {{"BiasVoltB", 1}, {"BiasCurrCoeff1", 500}, {"BiasCurrCoeff2", 10}, {"BiasCurrCoeff3", 0.5}});
     EXPECT_EQ(-10.0, params.minBias());

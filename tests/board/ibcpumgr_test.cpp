@@ -69,20 +69,24 @@ TEST_F(IbCpuMgrTest, ValuesArePairedAndTheirNamesReadOnce)
     EXPECT_EQ("Temp = 22\n*Bias = 6\n", mgr.dumpValuesToString());
     EXPECT_EQ(3U, cpu.requests.size());
 
-    TestParamMgr params;
-    const dv::ParamFunc hook = [](dv::IParam*, bool, long) { return 0; };
+    refhost::ParamMgr params = hostParams();
+    static std::vector<std::string> asked;
+    const dv::ParamFunc hook = [](dv::IParam* param, bool isRead, long user) {
+        if (isRead)
+            asked.push_back(param->name() + std::to_string(user));
+        return 0;
+    };
     mgr.dumpValuesAndCreateParams(&params, hook, 7);
-    EXPECT_EQ(1U, params["Temp"].flags);
-    EXPECT_EQ(7, params["Temp"].user);
-    EXPECT_EQ(hook, params["*Bias"].callback);
-    EXPECT_EQ(0U, params["*Bias"].flags);
     EXPECT_EQ(1, mgr.parameterIndex("*Bias"));
     cpu.texts[4] = "23;6;9;full";
     mgr.dumpValuesToParams(&params);
-    EXPECT_EQ("23", params["Temp"].getString());
-    EXPECT_EQ(nullptr, params["Fan"].callback);
+    EXPECT_EQ("23", params.find("Temp")->getString());
+    EXPECT_EQ("6", params.find("*Bias")->getString());
+    EXPECT_EQ("full", params.find("Fan")->getString());
+    EXPECT_THAT(asked, ElementsAre("Temp7", "*Bias7"));
+    EXPECT_TRUE(params.find("Temp")->readOnly() && params.find("Fan")->readOnly());
+    EXPECT_EQ(dv::PARAM_LIVE, params.find("*Bias")->flags());
     EXPECT_EQ(-1, mgr.parameterIndex("Fan"));
-    EXPECT_EQ(4U, params.count());
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "board/ibflash.h"
 
 #include "board/boarddoubles.h"
+#include "shared/datatype.h"
 
 #include <gmock/gmock.h>
 
@@ -27,11 +28,10 @@ Bytes word(std::size_t value)
 struct Image {
     Image& add(const std::string& name, unsigned char type, std::size_t size, const Bytes& tail)
     {
-        append(records, Bytes(name.begin(), name.end()));
-        records.resize(records.size() + 25 - name.size());
-        records.push_back(type);
-        append(records, word(size));
-        append(records, tail);
+        Bytes field(name.begin(), name.end());
+        field.resize(25);
+        for (const Bytes& part : {field, Bytes{type}, word(size), tail})
+            append(records, part);
         return *this;
     }
     Bytes build(std::size_t totalSize, std::size_t recordSize, std::size_t version = 1) const
@@ -63,12 +63,12 @@ struct IbFlashTest : testing::Test {
     int load(bool all) { return flash.loadParameters(&params, all); }
     /// Bytes of data in each exchange since the last call.
     std::vector<unsigned long> takeReads() { return std::exchange(reads, {}); }
-    /// What the host does around an access to a parameter.
-    void access(const char* name, bool read) { params[name].callback(&params[name], read, params[name].user); }
+    /// A parameter's value, as the host reads it.
+    Bytes valueOf(const char* name) { return params.find(name)->data(); }
 
     RecordingManager mgr;
     IBFlashFpxMpx3<RecordingManager> flash{&mgr};
-    TestParamMgr params;
+    refhost::ParamMgr params = hostParams();
     Bytes image;
     std::vector<unsigned long> reads;
 };
@@ -114,25 +114,22 @@ TEST_F(IbFlashTest, SmallValuesComeAtOnceAndBigOnesWhenFirstRead)
                 .add(longName, DT_U16, 3, {1, 2, 3})
                 .add("Known", DT_BYTE, 1, {7})
                 .build();
-    TestParam& known = params["Known"];
+    params.addByte("Known", "", 0, nullptr, 0, dv::PARAM_LIVE);
     EXPECT_EQ(0, load(false));
     EXPECT_THAT(takeReads(), ElementsAre(1020));
     EXPECT_EQ(5U, params.count());
-    EXPECT_EQ(Bytes{7}, known.bytes);
-    EXPECT_EQ(99U, known.flags) << "it is the same object";
-    EXPECT_EQ(1U, params["Ten"].flags);
-    EXPECT_EQ(1U, params[longName.c_str()].size());
-    EXPECT_EQ(Bytes(11), params["Eleven"].bytes);
+    EXPECT_EQ(Bytes{7}, valueOf("Known"));
+    EXPECT_TRUE(params.find("Ten")->readOnly());
+    EXPECT_EQ(1U, params.find(longName)->size());
 
-    access("Ten", true);
-    access("Doubles", true);
-    access("Eleven", false);
+    EXPECT_EQ(Bytes(10, 5), valueOf("Ten"));
+    EXPECT_EQ(Bytes(16), valueOf("Doubles"));
+    params.find("Eleven")->setString("written");
     EXPECT_THAT(takeReads(), IsEmpty()) << "two doubles are too few items, and a write loads nothing";
-    access("Eleven", true);
+    EXPECT_EQ(Bytes(11, 0x42), valueOf("Eleven"));
     EXPECT_THAT(takeReads(), ElementsAre(1020, image.size()));
-    EXPECT_EQ(Bytes(11, 0x42), params["Eleven"].bytes);
-    EXPECT_EQ(Bytes(16, 0x42), params["Doubles"].bytes);
-    access("Eleven", true);
+    EXPECT_EQ(Bytes(16, 0x42), valueOf("Doubles"));
+    EXPECT_EQ(Bytes(11, 0x42), valueOf("Eleven"));
     EXPECT_THAT(takeReads(), IsEmpty());
 }
 
@@ -142,24 +139,21 @@ TEST_F(IbFlashTest, ParametersOutliveTheirManagerAndLoadAgainBehindTheNext)
     load(true);
     flash.attach(nullptr);
     takeReads();
-    access("Big", true);
+    EXPECT_EQ(Bytes(11, 0x42), valueOf("Big"));
     EXPECT_THAT(takeReads(), IsEmpty());
-    EXPECT_EQ(Bytes(11, 0x42), params["Big"].bytes);
     flash.attach(&mgr);
     image[image.size() - 30] = 0x43;
-    access("Big", true);
+    EXPECT_EQ(0x43, valueOf("Big")[0]);
     EXPECT_THAT(takeReads(), ElementsAre(1020, image.size()));
-    EXPECT_EQ(0x43, params["Big"].bytes[0]);
 }
 
 TEST_F(IbFlashTest, AListOf1008BytesTakesASecondRead)
 {
-    image = Image{Bytes(1007)}.build();
-    EXPECT_EQ(0, load(false));
-    EXPECT_THAT(takeReads(), ElementsAre(1020));
-    image = Image{Bytes(1008)}.build();
-    EXPECT_EQ(0, load(false));
-    EXPECT_THAT(takeReads(), ElementsAre(1020, 1024));
+    for (const std::size_t size : {1007, 1008}) {
+        image = Image{Bytes(size)}.build();
+        EXPECT_EQ(0, load(false));
+    }
+    EXPECT_THAT(takeReads(), ElementsAre(1020, 1020, 1024));
 }
 
 TEST_F(IbFlashTest, HeadersThatCantBeAreRefused)
@@ -193,12 +187,12 @@ TEST_F(IbFlashTest, DamagedRecordsArePassedOver)
     image = list.build();
     EXPECT_EQ(0, load(true));
     EXPECT_EQ(2U, params.count());
-    EXPECT_EQ(0U, params["Empty"].size());
-    EXPECT_EQ(Bytes(11, 0x42), params["Good"].bytes);
+    EXPECT_EQ(Bytes(), valueOf("Empty"));
+    EXPECT_EQ(Bytes(11, 0x42), valueOf("Good"));
 
     // A list that is longer than its store ends with the store.
     for (const std::size_t recordSize : {500UL, 5000UL, 0xFFFFFFFFUL}) {
-        TestParamMgr fresh;
+        refhost::ParamMgr fresh = hostParams();
         image = Image().add("First", DT_BYTE, 1, {1}).add("Behind", DT_BYTE, 1, {2}).build(31, recordSize);
         EXPECT_EQ(0, flash.loadParameters(&fresh, false));
         EXPECT_EQ(1U, fresh.count());
@@ -214,7 +208,7 @@ TEST_F(IbFlashTest, NoiseDoesNoHarm)
         image = good;
         for (int hits = 0; hits < 4; ++hits)
             image[10 + random() % (image.size() - 10)] = static_cast<unsigned char>(random());
-        TestParamMgr fresh;
+        refhost::ParamMgr fresh = hostParams();
         flash.loadParameters(&fresh, i % 2 == 0);
     }
 }
