@@ -39,20 +39,10 @@ struct Listener {
     Event arrived;
 };
 
-TEST(HwEventDispatcher, NeedsNoWorkerForSynchronousEvents)
-{
-    HwEventDispatcher dispatcher;
-    dispatcher.setEvent(1, 10, false);
-    Listener listener(dispatcher);
-    dispatcher.setEvent(2, -20, false);
-    dispatcher.setFunc(nullptr, nullptr);
-    dispatcher.setEvent(3, 30, false);
-    EXPECT_EQ(listener.events, (Events{{2, -20}}));
-}
-
 TEST(HwEventDispatcher, DeliversTheNewestPendingEventOnOneWorker)
 {
     HwEventDispatcher dispatcher;
+    dispatcher.setEvent(8, 80, false); // nobody listens
     Listener listener(dispatcher);
     listener.reaction = [&](unsigned int type) {
         if (type == 1) {
@@ -65,15 +55,18 @@ TEST(HwEventDispatcher, DeliversTheNewestPendingEventOnOneWorker)
             dispatcher.setEvent(5, 50, true);
         }
     };
-    dispatcher.setEvent(9, 90, true); // no worker: dropped by the start
+    dispatcher.setEvent(9, 90, true);   // no worker: dropped by the start
+    dispatcher.setEvent(7, -70, false); // this one needs none
     dispatcher.startThread();
     dispatcher.setEvent(1, 10, true);
-    listener.waitForEvents(3);
+    listener.waitForEvents(4);
     dispatcher.stopThreadAndWait();
     dispatcher.setEvent(6, 60, false);
-    EXPECT_EQ(listener.events, (Events{{1, 10}, {3, 30}, {5, 50}, {6, 60}}));
-    const pthread_t worker = listener.threads[0];
-    EXPECT_EQ(listener.threads, (std::vector{worker, worker, worker, getCurThreadId()}));
+    dispatcher.setFunc(nullptr, nullptr);
+    dispatcher.setEvent(8, 80, false);
+    EXPECT_EQ(listener.events, (Events{{7, -70}, {1, 10}, {3, 30}, {5, 50}, {6, 60}}));
+    const pthread_t worker = listener.threads[1];
+    EXPECT_EQ(listener.threads, (std::vector{getCurThreadId(), worker, worker, worker, getCurThreadId()}));
     EXPECT_NE(worker, getCurThreadId());
 }
 

@@ -3,32 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <future>
 #include <limits>
-#include <utility>
 
 namespace {
 
-struct Job {
-    explicit Job(std::function<void()> toDo) : work(std::move(toDo)) { EXPECT_NE(createThread(&Job::run, this), 0U); }
-    ~Job() { EXPECT_TRUE(done.wait(WAIT_FOREVER)); }
-    static void run(void* arg)
-    {
-        static_cast<Job*>(arg)->work();
-        static_cast<Job*>(arg)->done.set();
-    }
-
-    std::function<void()> work;
-    Event done;
-};
-
 bool freeForOthers(ThreadSyncObject& sync)
 {
-    bool got = false;
-    {
-        Job other([&] { got = ThreadLockTimeout(&sync, 0).locked(); });
-    }
-    return got;
+    return std::async(std::launch::async, [&] { return ThreadLockTimeout(&sync, 0).locked(); }).get();
 }
 
 TEST(ThreadSyncObject, IsHeldUntilTheLastUnlock)
@@ -40,14 +22,14 @@ TEST(ThreadSyncObject, IsHeldUntilTheLastUnlock)
     EXPECT_FALSE(freeForOthers(sync));
 
     Event waiting;
-    Job other([&] {
+    auto other = std::async(std::launch::async, [&] {
         EXPECT_FALSE(sync.lock(1));
         waiting.set();
-        EXPECT_TRUE(ThreadLockTimeout(&sync, 60000).locked());
+        return ThreadLockTimeout(&sync, 60000).locked();
     });
-    while (!waiting.wait(500)) {
-    }
+    EXPECT_TRUE(waiting.wait(WAIT_FOREVER));
     EXPECT_TRUE(sync.unlock());
+    EXPECT_TRUE(other.get());
 }
 
 TEST(ThreadSyncObject, ManualGuardsReleaseOnce)
