@@ -14,12 +14,8 @@ using CmdMgrTest = ManagerTest<CmdMgr>;
 
 TEST_F(CmdMgrTest, NamesEndWithTheirTables)
 {
-    EXPECT_STREQ("RST", perifStr(6));
     EXPECT_STREQ("???", perifStr(8));
-    EXPECT_STREQ("READOUT", perifCmd(1, 4));
-    EXPECT_STREQ("", perifCmd(1, 5));
-    EXPECT_STREQ("DIV3", perifCmd(5, 21));
-    EXPECT_STREQ("???", perifCmd(5, 22));
+    EXPECT_EQ("DIV3???", std::string(perifCmd(5, 21)) + perifCmd(5, 22));
     EXPECT_EQ("", perifData(1, 2, 0, 0, 0, 1)) << "pins belong to one command";
 }
 
@@ -27,19 +23,15 @@ TEST_F(CmdMgrTest, AFailingReceiveLeavesTheLinkAlone)
 {
     unsigned long size = 10;
     ftdi.reads = {{"", -4}, {"left"}};
-    EXPECT_EQ(-4, mgr.receiveRaw(buffer.data(), &size, 0.01, false));
+    EXPECT_EQ("-4: Could not receive data, error: -4 (words of libftdi)",
+              told(mgr.receiveRaw(buffer.data(), &size, 0.01, false)));
     EXPECT_EQ(10U, size);
-    EXPECT_STREQ("Could not receive data, error: -4 (words of libftdi)", mgr.getLastError());
-    EXPECT_EQ(1U, ftdi.reads.size());
     EXPECT_EQ(0, mgr.receiveRaw(buffer.data(), &size, 0.01, true));
     EXPECT_EQ(4U, size);
 
     unsigned char pattern[9] = {'0', '1', '2', '3', '4', '5', '6', '7', '8'};
     ftdi.reads = {{"xy"}, {"012345678"}};
     EXPECT_EQ(11, mgr.receiveAllDataUntil(buffer.data(), buffer.size(), pattern, 0.5));
-    ftdi.reads = {{"", -4}};
-    EXPECT_EQ(-1, mgr.receiveAllDataUntil(buffer.data(), buffer.size(), pattern, 0.5));
-    EXPECT_STREQ("Timeout. Not received data & frame", mgr.getLastError());
 }
 
 TEST_F(CmdMgrTest, SwitchesGateWhatTheLogShows)

@@ -26,9 +26,10 @@ std::string frame(int command, int p0 = 0, int p1 = 0, int p2 = 0)
 }
 
 struct CmdMgrOldTest : ManagerTest<NamedManager> {
-    int exchange(unsigned long outSize, unsigned long inSize)
+    std::string exchange(unsigned long outSize, unsigned long inSize)
     {
-        return mgr.sendCmd(oldcmd::WRITE_FSR, CmdMgrOld::ZEROPARS, "out", outSize, ack, in.get(), inSize, dataAck, 0);
+        return told(
+            mgr.sendCmd(oldcmd::WRITE_FSR, CmdMgrOld::ZEROPARS, "out", outSize, ack, in.get(), inSize, dataAck, 0));
     }
 
     char ack[3] = {};
@@ -47,23 +48,21 @@ TEST_F(CmdMgrOldTest, AWrongCheckByteMakesABadFrame)
         EXPECT_EQ(result, mgr.receiveFrame(taken.get(), 0.01));
         EXPECT_THAT(mgr.getLastError(), HasSubstr(result == 6 ? "Invalid frame received (" : "Invalid frame (55 |"));
     }
-    EXPECT_STREQ("Invalid frame (55 | 40 |01 02 03 |41)", mgr.getLastError());
+    EXPECT_THAT(logText(), HasSubstr("Invalid frame (55 | 40 |01 02 03 |41)\n"));
     EXPECT_THAT(logText(), AllOf(HasSubstr("(1x)"), HasSubstr("(2x)"), HasSubstr("(4x)"), Not(HasSubstr("(3x)"))));
 
     ftdi.reads = {{frame(0x40, 1, 2, 3)}, {'T' + frame(0).substr(1)}};
     EXPECT_EQ(0, mgr.receiveFrame(taken.get(), 0.01));
     EXPECT_THAT(logText(), HasSubstr("[DBG]: CMD <<< [40| 01 02 03] Read AD\n"));
-    EXPECT_EQ(6, mgr.receiveFrame(taken.get(), 0.01));
-    EXPECT_STREQ("Invalid frame received (1x)", mgr.getLastError()) << "the good frame began a new row";
+    EXPECT_EQ("6: Invalid frame received (1x)", told(mgr.receiveFrame(taken.get(), 0.01)))
+        << "the good frame began a new row";
 }
 
 TEST_F(CmdMgrOldTest, WhatIsNoWholeFrameIsNoAnswer)
 {
-    EXPECT_EQ(-1, mgr.receiveFrame(taken.get(), 0.01));
-    EXPECT_STREQ("Could not receive frame, error: -1 (Timeout)", mgr.getLastError());
+    EXPECT_EQ("-1: Could not receive frame, error: -1 (Timeout)", told(mgr.receiveFrame(taken.get(), 0.01)));
     ftdi.reads = {{frame(0).substr(0, 4)}};
-    EXPECT_EQ(4, mgr.receiveFrame(taken.get(), 0.01));
-    EXPECT_STREQ("Could not receive frame, error: 4 (Timeout)", mgr.getLastError());
+    EXPECT_EQ("4: Could not receive frame, error: 4 (Timeout)", told(mgr.receiveFrame(taken.get(), 0.01)));
     ftdi.reads = {{"", -666}};
     EXPECT_EQ(-666, silent.receiveFrame(taken.get(), 0.01));
     EXPECT_STREQ("Could not receive frame, error: -666 (words of libftdi)", silent.getLastError());
@@ -89,11 +88,11 @@ TEST_F(CmdMgrOldTest, WaitingEndsByTheFrameTheFlagOrTheDeadline)
 
     abort = false;
     ftdi.reads = {{"", -4}, {"", -4}};
-    EXPECT_EQ(-1, mgr.waitForFrame(oldcmd::MEAS_STATUS, nullptr, 0.05, &abort, true, false));
-    EXPECT_STREQ("Timeout. Not received frame for command [06]", mgr.getLastError());
+    EXPECT_EQ("-1: Timeout. Not received frame for command [06]",
+              told(mgr.waitForFrame(oldcmd::MEAS_STATUS, nullptr, 0.05, &abort, true, false)));
     EXPECT_EQ(1U, ftdi.reads.size()) << "a failing link is not asked without a pause";
-    EXPECT_EQ(-1, mgr.waitForFrame(oldcmd::MEAS_STATUS, nullptr, 0, nullptr, false, false));
-    EXPECT_THAT(mgr.getLastError(), HasSubstr("Could not receive frame"));
+    EXPECT_THAT(told(mgr.waitForFrame(oldcmd::MEAS_STATUS, nullptr, 0, nullptr, false, false)),
+                HasSubstr("-1: Could not receive frame"));
 }
 
 TEST_F(CmdMgrOldTest, ACommandIsAFrameAndItsAnswer)
@@ -101,25 +100,24 @@ TEST_F(CmdMgrOldTest, ACommandIsAFrameAndItsAnswer)
     ftdi.reads = {{frame(0x41)}, {frame(0x00, 0xFF, 0xFF, 0xFF)}, {frame(7, 0, 0xFF, 0xFF)}};
     EXPECT_EQ(0, mgr.sendCmd(0x41, 0, 0, 1, 1.0));
     EXPECT_EQ("55 41 00 00 01 40", wire());
-    EXPECT_EQ(-2, mgr.sendCmd(oldcmd::TEST, CmdMgrOld::ZEROPARS, ack, 1.0));
-    EXPECT_STREQ("Command \"Test\" failed (FF FF FF).", mgr.getLastError());
+    EXPECT_EQ("-2: Command \"Test\" failed (FF FF FF).",
+              told(mgr.sendCmd(oldcmd::TEST, CmdMgrOld::ZEROPARS, ack, 1.0)));
     EXPECT_TRUE(CmdMgrOld::frameEquals(ack, 0xFF, 0xFF, 0xFF)) << "the caller sees the refusal";
     EXPECT_EQ(0, silent.sendCmd(oldcmd::BIAS, 0x18, 0xFA, 0xFA, 1.0));
     EXPECT_THAT(logText(), HasSubstr("\n" + std::string(60, '-') + "\n("));
     EXPECT_THAT(logText(), HasSubstr("[DBG]: CMD >>> [41| 00 00 01] Mpx Power\n"));
 
     ftdi.writeResults = {-3};
-    EXPECT_EQ(-3, mgr.sendCmd(oldcmd::ERASE_MATRIX, 0, 0, 0, 1.0));
-    EXPECT_STREQ("Sending command \"Erase Matrix\" failed. Error: -3 (words of libftdi).", mgr.getLastError());
+    EXPECT_EQ("-3: Sending command \"Erase Matrix\" failed. Error: -3 (words of libftdi).",
+              told(mgr.sendCmd(oldcmd::ERASE_MATRIX, 0, 0, 0, 1.0)));
     ftdi.reads = {{"", -4}};
-    EXPECT_EQ(-1, mgr.sendCmd(oldcmd::ERASE_MATRIX, 0, 0, 0, 0));
-    EXPECT_STREQ("Timeout. Not received frame for command [27]", mgr.getLastError());
+    EXPECT_EQ("-1: Timeout. Not received frame for command [27]", told(mgr.sendCmd(oldcmd::ERASE_MATRIX, 0, 0, 0, 0)));
 }
 
 TEST_F(CmdMgrOldTest, DataGoBetweenTwoAnswers)
 {
     ftdi.reads = {{frame(0x24, 1, 2, 3) + "ABCD" + frame(0x24, 4, 5, 6)}};
-    EXPECT_EQ(0, exchange(3, 4));
+    EXPECT_EQ("0", exchange(3, 4));
     EXPECT_EQ("55 24 00 00 00 24 6F 75 74", wire());
     EXPECT_EQ("ABCD", std::string(in.get(), 4));
     EXPECT_TRUE(CmdMgrOld::frameEquals(ack, 1, 2, 3) && CmdMgrOld::frameEquals(dataAck, 4, 5, 6));
@@ -128,33 +126,27 @@ TEST_F(CmdMgrOldTest, DataGoBetweenTwoAnswers)
     const std::string shown = logText();
     mgr.setLogBuffers(false);
     ftdi.reads = {{frame(0x24) + "ABCD" + frame(0x24, 0xFF, 0xFF, 0xFF)}};
-    EXPECT_EQ(-4, exchange(3, 4));
-    EXPECT_STREQ("Command (Write FSR) data not OK  (FF FF FF).", mgr.getLastError());
+    EXPECT_EQ("-4: Command (Write FSR) data not OK  (FF FF FF).", exchange(3, 4));
     EXPECT_THAT(logText().substr(shown.size()), Not(HasSubstr(" data:")));
     wire();
 
     ftdi.reads = {{frame(0x24, 0xFF, 0xFF, 0xFF)}};
-    EXPECT_EQ(-2, exchange(3, 4));
+    EXPECT_EQ("-2: Command \"Write FSR\" failed (FF FF FF).", exchange(3, 4));
     EXPECT_EQ("55 24 00 00 00 24", wire()) << "no data for a refused command";
     ftdi.reads = {{frame(0x24)}};
     ftdi.writeResults = {6, -1};
-    EXPECT_EQ(-3, exchange(3, 0));
-    EXPECT_STREQ("Sending data failed, error=-1 (words of libftdi)", mgr.getLastError());
-    ftdi.reads = {{frame(0x24)}, {"", -4}};
-    EXPECT_EQ(-1, exchange(0, 4));
-    EXPECT_STREQ("Command data not received, error=-4 (words of libftdi)", mgr.getLastError());
-    ftdi.reads = {{frame(0x24)}, {"", -4}};
-    EXPECT_EQ(-1, exchange(3, 0));
-    EXPECT_STREQ("Timeout. Not received frame for command [24]", mgr.getLastError()) << "no second answer";
+    EXPECT_EQ("-3: Sending data failed, error=-1 (words of libftdi)", exchange(3, 0));
+    ftdi.reads = {{frame(0x24)}, {"", -4}, {frame(0x24)}, {"", -4}};
+    EXPECT_EQ("-1: Command data not received, error=-4 (words of libftdi)", exchange(0, 4));
+    EXPECT_EQ("-1: Timeout. Not received frame for command [24]", exchange(3, 0)) << "no second answer";
 }
 
 TEST_F(CmdMgrOldTest, BareTransfersOfData)
 {
     int received = 9;
     ftdi.reads = {{"ABC"}};
-    EXPECT_EQ(-2, mgr.receiveData(in.get(), 4, &received, 0.01));
+    EXPECT_EQ("-2: Received data too short (3 < 4) (Timeout).", told(mgr.receiveData(in.get(), 4, &received, 0.01)));
     EXPECT_EQ(3, received);
-    EXPECT_STREQ("Received data too short (3 < 4) (Timeout).", mgr.getLastError());
     ftdi.reads = {{"xy"}, {"z"}};
     EXPECT_EQ(3, mgr.receiveAll(in.get(), 4));
     ftdi.reads = {{"", -4}};
@@ -164,14 +156,14 @@ TEST_F(CmdMgrOldTest, BareTransfersOfData)
     char all[10];
     ftdi.reads = {{"data"}, {end}, {"data"}, {"", -4}};
     EXPECT_EQ(10, mgr.receiveAllDataUntil(all, sizeof(all), end.data(), 5.0));
-    EXPECT_EQ(-1, mgr.receiveAllDataUntil(all, sizeof(all), end.data(), 5.0));
-    EXPECT_STREQ("Timeout. Not received data & frame", mgr.getLastError());
+    EXPECT_EQ("-1: Timeout. Not received data & frame",
+              told(mgr.receiveAllDataUntil(all, sizeof(all), end.data(), 5.0)));
 
     ftdi.reads = {{"matrix" + end.substr(0, 2)}, {end.substr(2)}};
     EXPECT_EQ(0, mgr.skipAllDataUntilFrame(oldcmd::MEAS_BREAK, CmdMgrOld::ZEROPARS, 5.0));
     ftdi.reads = {{"", -4}};
-    EXPECT_EQ(-1, mgr.skipAllDataUntilFrame(oldcmd::MEAS_BREAK, CmdMgrOld::ZEROPARS, 5.0));
-    EXPECT_STREQ("Timeout. Not received frame for command [23] ", mgr.getLastError());
+    EXPECT_EQ("-1: Timeout. Not received frame for command [23] ",
+              told(mgr.skipAllDataUntilFrame(oldcmd::MEAS_BREAK, CmdMgrOld::ZEROPARS, 5.0)));
 }
 
 TEST_F(CmdMgrOldTest, TheLogNamesCommandsWithinTheTableOnly)

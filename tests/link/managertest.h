@@ -20,6 +20,11 @@ struct ManagerTest : testing::Test {
 
     /// What was written since the last call.
     std::string wire() { return hex(std::exchange(ftdi.written, "")); }
+    /// A result, with what the manager says of a failure.
+    std::string told(int result) const
+    {
+        return std::to_string(result) + (result == 0 ? "" : std::string(": ") + mgr.getLastError());
+    }
     std::string logText() const { return folder.read("manager.log"); }
 
     support::TempFolder folder;
