@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <functional>
 #include <thread>
 
@@ -12,16 +13,13 @@
 class FakeDevice final : public dv::IHwDevMpx2 {
 public:
     explicit FakeDevice(IDorvet* dorvet, const char* deviceName = "Fake A sn: 1 WA") : host(dorvet), name(deviceName) {}
-    virtual ~FakeDevice() { join(); }
 
     /// What the acquisition thread does; `startAcquisition` returns `startResult`.
     std::function<void(FakeDevice&)> script;
     int startResult = 0;
     int kind = 1;
     unsigned frameChips = 1; ///< chips in the frames, to tell a wrong size
-    bool noFrames = false;
-    bool timepix = true;
-    double clockMade = 0; ///< what `setTimepixClock` answers with
+    int framesLeft = 1000;   ///< then it has none to fetch
     std::atomic<bool> stopped{false};
     std::atomic<int> softTriggers{0};
 
@@ -32,18 +30,13 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     void log(unsigned level, const char* text) { logFunc(level, text, logUser); }
-    void join()
-    {
-        if (thread.joinable())
-            thread.join();
-    }
 
     int deviceType() const override { return kind; }
     int devInfo(dv::_DevInfo*) const override { return 0; }
     int initDevice() override { return 0; }
     int closeDevice() override
     {
-        join();
+        thread = {}; // waits for its end
         return 0;
     }
     bool isConnected() const override { return true; }
@@ -56,7 +49,7 @@ public:
     }
     dv::IMpxFrame* lastData() override
     {
-        return noFrames ? nullptr : host->frameFactory()->createFrame(256 * frameChips, 256, 2);
+        return framesLeft-- <= 0 ? nullptr : host->frameFactory()->createFrame(256 * frameChips, 256, 2);
     }
     dv::IParamMgr* parameters() const override { return nullptr; }
     dv::IParamMgr* inDeviceConfigParameters() const override { return nullptr; }
@@ -88,10 +81,10 @@ public:
     int eraseMatrix() override { return 0; }
     int startAcquisition(unsigned, double) override
     {
-        join();
+        thread = {};
         stopped = false;
         if (startResult == 0)
-            thread = std::thread([this] { script(*this); });
+            thread = std::jthread([this] { script(*this); });
         return startResult;
     }
     int stopAcquisition() override
@@ -138,10 +131,10 @@ public:
     int sendTestPulses(unsigned, double, double) override { return 0; }
     int setTimepixClock(double* mhz) override
     {
-        *mhz = clockMade;
+        *mhz = HUGE_VAL; // which no board makes
         return 0;
     }
-    bool isTimepix() const override { return timepix; }
+    bool isTimepix() const override { return true; }
 
 private:
     IDorvet* host;
@@ -150,7 +143,7 @@ private:
     void* eventUser = nullptr;
     dv::LogMsgFunc logFunc = nullptr;
     void* logUser = nullptr;
-    std::thread thread;
+    std::jthread thread; // the first to end, while the rest is there
 };
 
 /// A library object over devices that the test made.

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <limits>
 
 namespace {
 
@@ -23,6 +22,7 @@ struct FakeEvent {
     long data = 0;
 };
 using Events = std::vector<FakeEvent>;
+constexpr FakeEvent UNTIL_STOPPED{9999}; // no event, but a wait
 
 /// What the Error that `call` throws says, or nothing.
 std::string errorOf(const std::function<void()>& call)
@@ -114,35 +114,25 @@ TEST(Plugin, ListsDevicesAndNoticesWhatIsLeftAfterClose)
 
 class SeriesTest : public testing::Test {
 protected:
-    SeriesTest()
-    {
-        request.frames = 3;
-        request.seconds = 0.001;
-        request.silence = 300ms;
-        request.errorGrace = 50ms;
-        request.rest = 5ms;
-    }
     ~SeriesTest() override { fake.closeDevice(); }
 
-    /// The device sends these in the next series.
+    /// The device complains and sends these in the next series.
     void play(const Events& events)
     {
         fake.script = [events](FakeDevice& d) {
+            d.log(1, "the board said no\n");
             for (const auto& [event, data] : events)
-                d.send(event, data);
+                event == UNTIL_STOPPED.type ? d.waitForStop() : d.send(event, data);
         };
     }
-    refhost::SeriesResult run()
-    {
-        return refhost::runSeries(device, request,
-                                  [this](refhost::SeriesFrame taken) { indexes.push_back(taken.index); });
-    }
+    refhost::SeriesResult run() { return refhost::runSeries(device, request, takeIndex); }
 
     refhost::Host host{"config", "logs"};
     FakeDevice fake{&host};
     refhost::Device device{host, &fake};
-    refhost::SeriesRequest request;
+    refhost::SeriesRequest request{.frames = 3, .seconds = 0.001, .silence = 300ms, .errorGrace = 50ms, .rest = 5ms};
     std::vector<long> indexes;
+    const refhost::FrameSink takeIndex = [this](refhost::SeriesFrame taken) { indexes.push_back(taken.index); };
 };
 
 TEST_F(SeriesTest, CountsFramesThatNeverCameAndComplainsOfNonsense)
@@ -163,13 +153,8 @@ TEST_F(SeriesTest, CountsFramesThatNeverCameAndComplainsOfNonsense)
 
     host.clearComplaints();
     fake.frameChips = 2;
-    fake.script = [](auto& d) {
-        d.send(HWEVENT_FRAME_READY, 0);
-        d.noFrames = true;
-        d.send(HWEVENT_FRAME_READY, 1);
-        d.send(HWEVENT_FRAME_READY, 2);
-        d.send(HWEVENT_ACQ_FINISHED);
-    };
+    fake.framesLeft = 1;
+    play({{HWEVENT_FRAME_READY, 0}, {HWEVENT_FRAME_READY, 1}, {HWEVENT_FRAME_READY, 2}, {HWEVENT_ACQ_FINISHED}});
     EXPECT_EQ(run().lost, 3u);
     EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("131072 pixels")));
 }
@@ -191,13 +176,8 @@ TEST_F(SeriesTest, EveryWayToFailEndsIt)
     };
     for (const Case& one : cases) {
         play(one.events);
-        fake.script = [sends = fake.script](auto& d) {
-            d.log(1, "the board said no\n");
-            sends(d);
-        };
         const auto result = run();
-        EXPECT_EQ(result.end, one.end) << one.what;
-        EXPECT_EQ(result.errorCode, one.code) << one.what;
+        EXPECT_EQ(std::pair(result.end, result.errorCode), std::pair(one.end, one.code)) << one.what;
         EXPECT_THAT(result.error, HasSubstr(one.end == SeriesEnd::Failed ? "" : "no sign of life"));
         EXPECT_THAT(result.error, HasSubstr("the board said no"));
     }
@@ -211,12 +191,8 @@ TEST_F(SeriesTest, StopEndsASeriesThatWaitsForATriggerBeyondAllLimits)
 {
     request.silence = 50ms;
     device.setAcqMode(dv::ACQMODE_SOFT_TRIGGER);
-    fake.script = [](auto& d) {
-        d.send(HWEVENT_WAIT_TRIGGER);
-        d.send(HWEVENT_FRAME_READY, 0); // of the time before: its event was on its way on another thread
-        d.waitForStop();
-        d.send(HWEVENT_ACQ_ABORTED);
-    };
+    // The frame is of the time before: its event was on its way on another thread.
+    play({{HWEVENT_WAIT_TRIGGER}, {HWEVENT_FRAME_READY, 0}, UNTIL_STOPPED, {HWEVENT_ACQ_ABORTED}});
     refhost::Series series(device, request, {});
     series.start();
     EXPECT_FALSE(series.waitFor(120ms));
@@ -237,13 +213,9 @@ TEST_F(SeriesTest, StopEndsASeriesThatWaitsForATriggerBeyondAllLimits)
 
 TEST_F(SeriesTest, AFrameThatAStopCameBeforeIsNotFetched)
 {
-    fake.script = [](auto& d) {
-        d.send(HWEVENT_FRAME_READY, 0);
-        d.waitForStop();
-        d.send(HWEVENT_FRAME_READY, 1); // its event was under way: the device would read the cut exposure now
-        d.send(HWEVENT_ACQ_ABORTED);
-    };
-    refhost::Series series(device, request, [&](refhost::SeriesFrame taken) { indexes.push_back(taken.index); });
+    // The event of frame 1 was under way: the device would read the cut exposure now.
+    play({{HWEVENT_FRAME_READY, 0}, UNTIL_STOPPED, {HWEVENT_FRAME_READY, 1}, {HWEVENT_ACQ_ABORTED}});
+    refhost::Series series(device, request, takeIndex);
     series.start();
     while (series.progress().frames == 0)
         std::this_thread::sleep_for(1ms);
@@ -252,20 +224,6 @@ TEST_F(SeriesTest, AFrameThatAStopCameBeforeIsNotFetched)
     EXPECT_EQ(result.end, SeriesEnd::Stopped);
     EXPECT_EQ(result.lost, 0u);
     EXPECT_THAT(indexes, ElementsAre(0));
-}
-
-TEST_F(SeriesTest, TellsTheClockThatTheBoardMakes)
-{
-    fake.clockMade = 50.0 / 7;
-    EXPECT_EQ(device.setTimepixClock(7), 50.0 / 7);
-    fake.clockMade = std::numeric_limits<double>::infinity();
-    EXPECT_THROW(device.setTimepixClock(200), refhost::Error);
-    EXPECT_THROW(device.setTimepixClock(std::nan("")), refhost::Error);
-    fake.clockMade = 10;
-    fake.timepix = false;
-    EXPECT_THROW(device.setTimepixClock(10), refhost::Error);
-    EXPECT_EQ(device.timepixClock(), 50.0 / 7) << "what failed leaves it";
-    EXPECT_EQ(device.dacsPerChip(), 15u);
 }
 
 TEST_F(SeriesTest, ASlowSinkIsNoSilenceAndNoSeriesStartsInsideAnEvent)
@@ -289,6 +247,9 @@ TEST_F(SeriesTest, RefusalsCarryTheDevicesWords)
     EXPECT_THAT(errorOf([&] { device.setBias(101); }), HasSubstr("cannot set the bias of Fake A sn: 1 WA: Too much"));
     EXPECT_THAT(errorOf([&] { device.setDacs({1, 2}); }), HasSubstr("take 14 DAC values, not 2"));
     EXPECT_THAT(errorOf([&] { device.setAcqMode(dv::ACQMODE_TDI); }), HasSubstr("does not offer TDI"));
+    for (const double clock : {200.0, std::nan("")})
+        EXPECT_THROW(device.setTimepixClock(clock), refhost::Error);
+    EXPECT_EQ(device.timepixClock(), 10) << "what failed leaves it";
 }
 
 } // namespace
