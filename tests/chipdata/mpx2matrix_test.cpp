@@ -91,15 +91,6 @@ TEST_P(Mpx2Matrix, DecodesAsFarAsStreamAndMatrixGo)
                       static_cast<int>(c.chips));
             EXPECT_TRUE(matrix.is(expected)) << c.size << " bytes, " << c.pixels << " pixels, serial " << serial;
         }
-    const Bytes stream = randomValues<unsigned char>(MPX2_PARALLEL_SIZE);
-    for (const auto single : {deserializeSingleMpx2Fast, deserializeSingleMpx2, deserializeSingleMpx2Parallel}) {
-        Pixels expected = randomValues<unsigned short>(CHIP);
-        Guarded matrix(expected);
-        oracleDecode(stream, 0, expected, 0, single != deserializeSingleMpx2Parallel,
-                     single == deserializeSingleMpx2Fast);
-        single(stream.data(), matrix.values().data());
-        EXPECT_TRUE(matrix.is(expected));
-    }
 }
 
 TEST_P(Mpx2Matrix, DecodesInterleavedReadouts)
