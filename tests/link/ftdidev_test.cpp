@@ -55,11 +55,11 @@ TEST_F(FtdiDevTest, ListingFindsChipsByTheBeginningOfTheirDescription)
     EXPECT_EQ("", list({"Other"}, false, false).at(0).serial);
 
     std::vector<FtdiDevInfo> none;
-    ftdi.results["find_all"] = -3;
-    EXPECT_EQ(-2, FtdiDev::listDevicesByName(nullptr, 0, none, true, true));
-    EXPECT_EQ(0, ftdi.liveContexts);
-    ftdi.results["init"] = -1;
-    EXPECT_EQ(-1, FtdiDev::listDevicesByName(nullptr, 0, none, true, true));
+    for (const auto& [call, result] : {std::pair{"find_all", -2}, std::pair{"init", -1}}) {
+        ftdi.results[call] = -3;
+        EXPECT_EQ(result, FtdiDev::listDevicesByName(nullptr, 0, none, true, true));
+        EXPECT_EQ(0, ftdi.liveContexts);
+    }
 }
 
 TEST_F(FtdiDevTest, ChannelBIsReadAgainUntilItGoesAway)
