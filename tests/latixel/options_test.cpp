@@ -87,13 +87,12 @@ TEST(Paths, LibrariesAreFoundFromTheProgramUnlessAFolderIsNamed)
     const support::TempFolder folder;
     unsetenv("LATIXEL_PLUGIN_DIR");
     const auto program = folder / "bin";
-    for (const char* name : {"lib/latixel", "own"})
-        std::filesystem::create_directories(folder / name);
+    std::filesystem::create_directories(folder / "lib/latixel");
     const auto installed = folder.write("lib/latixel/liblatixel.so", "x");
     EXPECT_EQ(tool::findLibrary("liblatixel.so", program), installed);
     EXPECT_EQ(codeOf([&] { tool::findLibrary("liblatixelsim.so", program); }), ExitCode::Plugin);
-    const auto own = folder.write("own/liblatixel.so", "x");
-    setenv("LATIXEL_PLUGIN_DIR", own.parent_path().c_str(), 1);
+    const auto own = folder.write("liblatixel.so", "x");
+    setenv("LATIXEL_PLUGIN_DIR", folder.path().c_str(), 1);
     EXPECT_EQ(tool::findLibrary("liblatixel.so", program), own);
     unsetenv("LATIXEL_PLUGIN_DIR");
 }

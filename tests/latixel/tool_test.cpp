@@ -150,16 +150,12 @@ TEST_F(ToolTest, TakesFramesOfTimepixAndMedipix2Boards)
                          "--pixel-config times.bin -o m.h5");
     auto soft = start("--simulate timepix-cpu -v acquire --trigger soft -n 2 -t 0.05 --bias 60 -o s.h5", "\n\n");
     auto quad = start("--simulate mpx2-quad -v acquire -t 0.1 --dacs quad.txt -o q.tif");
-    auto interrupted = start("--simulate timepix-single -v acquire -n 1000 -t 0.05 -o i.h5", {}, " frames/s,");
     EXPECT_THAT(info.get().out,
                 AllOf(HasSubstr("Medipix2\n"), HasSubstr("chip 3    F04-W0034"), Not(HasSubstr("Clock"))));
     const Ended clocked = modules.get();
     EXPECT_THAT(clocked.out, HasSubstr("Timepix clock: 7.142857 MHz\n"));
     for (const Ended& ended : {clocked, soft.get(), quad.get()})
         expectClean(ended);
-    const Ended stopped = interrupted.get();
-    expectCode(ExitCode::Incomplete, stopped);
-    EXPECT_THAT(stopped.err, AllOf(Not(HasSubstr("complaint")), Not(HasSubstr("were lost"))));
 
     const auto file = hdf5("m.h5");
     EXPECT_THAT(file.shape("/entry/data/data"), ElementsAre(3, 256, 1024));
@@ -170,21 +166,24 @@ TEST_F(ToolTest, TakesFramesOfTimepixAndMedipix2Boards)
         << "150 hits, each 2.5 us long";
     EXPECT_THAT(hdf5("s.h5").shape("/entry/instrument/detector/frame_metadata/BiasVoltageSense"), ElementsAre(2));
     EXPECT_THAT(hdf5("s.h5").numbers("/entry/instrument/detector/bias/voltage"), ElementsAre(DoubleNear(60, 3)));
-    EXPECT_GT(hdf5("i.h5").shape("/entry/data/data")[0], 0u);
     EXPECT_NEAR(openBeam("q.tif", 1024), 30 * 400, 30 * 20) << "400 counts a pixel in the open beam";
 }
 
 TEST_F(ToolTest, AnInterruptedSeriesKeepsItsFrames)
 {
+    auto timepix = start("--simulate timepix-single -v acquire -n 1000 -t 0.05 -o p.h5", {}, " frames/s,");
     auto interrupted = start("--simulate acquire -n 1000 -t 0.05 -o i.h5", {}, " frames/s,");
     auto early = start("--simulate acquire -t 1000 -o e.h5", {}, "/1 frames,");
     auto triggersEnd = start("--simulate acquire --trigger soft -n 5 -t 0.02 -o t.h5", "\nno whole line");
 
-    const Ended ended = interrupted.get();
-    expectCode(ExitCode::Incomplete, ended);
-    const auto frames = hdf5("i.h5").shape("/entry/data/data")[0];
-    EXPECT_THAT(ended.out, HasSubstr(std::to_string(frames) + " frame"));
-    EXPECT_GT(frames, 0u);
+    for (auto& [file, series] : {std::pair{"i.h5", &interrupted}, std::pair{"p.h5", &timepix}}) {
+        const Ended ended = series->get();
+        expectCode(ExitCode::Incomplete, ended);
+        EXPECT_THAT(ended.err, AllOf(Not(HasSubstr("complaint")), Not(HasSubstr("were lost"))));
+        const auto frames = hdf5(file).shape("/entry/data/data")[0];
+        EXPECT_THAT(ended.out, HasSubstr(std::to_string(frames) + " frame"));
+        EXPECT_GT(frames, 0u);
+    }
     expectCode(ExitCode::Incomplete, early.get());
     EXPECT_FALSE(std::filesystem::exists(folder / "e.h5"));
     expectCode(ExitCode::Incomplete, triggersEnd.get());
@@ -214,13 +213,11 @@ TEST_F(ToolTest, FailuresAreOneLineAndACode)
         {"--simulate acquire -o none/x.h5", ExitCode::Output, "cannot write"},
         {"--simulate acquire --bias 500 -o x.h5", ExitCode::Arguments, "110.0 V"},
         {"--simulate acquire --dacs dacs.txt -o x.h5", ExitCode::Arguments, "108 for 4"},
-        {"--simulate acquire --clock 10 -o x.h5", ExitCode::Arguments, "no Timepix chips"},
-        {"--simulate mpx2-quad acquire --clock 10 -o x.h5", ExitCode::Arguments, "no Timepix chips: leave out --clock"},
+        {"--simulate acquire --clock 10 -o x.h5", ExitCode::Arguments, "no Timepix chips: leave out --clock"},
         {"--simulate timepix-single acquire --depth 12 --csm --mode crw -o x.h5", ExitCode::Arguments,
          "no Medipix3 chips: leave out --depth, --csm, --mode crw"},
         {"--simulate timepix-single acquire --mode tdi -o x.h5", ExitCode::Arguments,
          "no time delay integration: leave out --mode tdi"},
-        {"--simulate mpx2-quad acquire --dacs dacs.txt -o x.h5", ExitCode::Arguments, "60 for 4"},
         {"--simulate acquire --layout 1x1 -o x.h5", ExitCode::Arguments, "4 chips"},
     };
     std::vector<std::future<Ended>> started;
