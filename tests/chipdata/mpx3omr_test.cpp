@@ -60,7 +60,4 @@ TEST(Mpx3Omr, RowsAndBlocks)
     const std::array<unsigned char, 24> block{0x30, 0, 0xE8, 0x20, 0,    0,    0x10, 1, 0,    0,
                                               0,    0, 0x30, 0,    0xE8, 0x20, 0,    0, 0x10, 1};
     EXPECT_EQ(mpx3OmrBlock(omr), block);
-    const Mpx3ReadoutImage image = mpx3ReadoutImage(omr, MPX3_MODE_READ_SECOND);
-    EXPECT_EQ(image.first, (std::array<unsigned char, 4>{0x30, 0, 0x28, 0x20}));
-    EXPECT_EQ(image.second, (std::array<unsigned char, 4>{0, 0, 0x10, 1}));
 }

@@ -11,15 +11,12 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-struct Release {
-    void operator()(dv::IParamMgr* manager) const { manager->destroy(); }
-};
-
 class ParamTest : public testing::Test {
 protected:
+    ~ParamTest() override { manager.destroy(); }
+
     refhost::Host host{"config", "logs"};
-    std::unique_ptr<dv::IParamMgr, Release> owned{host.createParamMgr()};
-    dv::IParamMgr& manager{*owned};
+    dv::IParamMgr& manager{*host.createParamMgr()};
     refhost::Param& param(const char* name) { return *static_cast<refhost::ParamMgr&>(manager).find(name); }
 };
 
@@ -86,7 +83,7 @@ TEST_F(ParamTest, MisuseIsRecordedAndHarmless)
 
     host.clearComplaints();
     dv::IParam* kept = manager.get("a");
-    owned.release()->destroy();
+    manager.destroy();
     EXPECT_EQ(host.liveManagers(), 0u);
     EXPECT_EQ(kept->setByte(3), -1);
     manager.destroy();
