@@ -42,21 +42,16 @@ TEST(ByteQueueTest, KeepsBytesInOrder)
     std::deque<std::uint8_t> oracle;
     std::mt19937 random(1);
     for (int step = 0; step < 2000; ++step) {
-        Bytes block(random() % 300);
+        Bytes block(random() % 300, static_cast<std::uint8_t>(step));
         if (random() % 2 == 0) {
-            std::ranges::generate(block, [&] { return static_cast<std::uint8_t>(random()); });
             queue.push(block);
             oracle.insert(oracle.end(), block.begin(), block.end());
         } else {
-            const std::size_t expected = std::min(block.size(), oracle.size());
             block.resize(queue.pop(block));
-            ASSERT_EQ(block.size(), expected);
-            ASSERT_TRUE(std::equal(block.begin(), block.end(), oracle.begin()));
-            oracle.erase(oracle.begin(), oracle.begin() + static_cast<std::ptrdiff_t>(block.size()));
-        }
-        if (step % 500 == 0) {
-            queue.truncate(500);
-            oracle.resize(std::min<std::size_t>(oracle.size(), 500));
+            for (const std::uint8_t byte : block) {
+                ASSERT_EQ(byte, oracle.front());
+                oracle.pop_front();
+            }
         }
         ASSERT_TRUE(std::ranges::equal(queue.view(), oracle));
     }
@@ -188,7 +183,10 @@ TEST_F(BusTest, ReadsBringWhatHasArrived)
     auto answered = std::chrono::nanoseconds(1h);
     for (int attempt = 0; attempt < 10 && answered >= 250ms; ++attempt) // the machine may have other things to do
         answered = timeOf([&] {
-            sim::inspect<EchoBoard>(0, [](EchoBoard& board) { board.sendLater(ramp(50000), 5ms); });
+            const std::jthread board([] {
+                std::this_thread::sleep_for(5ms);
+                sim::inspect<EchoBoard>(0, [](EchoBoard& echo) { echo.emit(ramp(50000)); });
+            });
             EXPECT_EQ(host.fetch(50000), ramp(50000));
         });
     EXPECT_GE(answered, 5ms);
@@ -199,13 +197,12 @@ TEST_F(BusTest, BytesBeyondTheRequestStayInTheContext)
 {
     Host host("A");
     ftdi_read_data_set_chunksize(&host.ftdi, 65536);
-    const auto lastByte = [](std::size_t size) { return ramp(size).back(); };
     host.write(ramp(20000));
     EXPECT_EQ(host.fetch(10), ramp(10));
     sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.pending(), 20000U - 16320U); });
     EXPECT_EQ(host.read(19989), 19989);
-    EXPECT_EQ(host.got.back(), lastByte(19999));
-    EXPECT_EQ(host.fetch(1), Bytes{lastByte(20000)});
+    EXPECT_EQ(host.got.back(), ramp(19999).back());
+    EXPECT_EQ(host.fetch(1), Bytes{ramp(20000).back()});
 
     host.write(ramp(100));
     host.read(1);
@@ -233,10 +230,6 @@ TEST_F(BusTest, BoardTalksInFifoModeOnly)
     ASSERT_EQ(sim::violations().size(), 1U);
     EXPECT_EQ(sim::violations()[0].board, "A");
     EXPECT_EQ(sim::violations()[0].bytes, Bytes{2});
-    sim::clearTraffic();
-    EXPECT_TRUE(sim::written(0).empty());
-    sim::pulseTrigger(0);
-    EXPECT_EQ(kept(0, &EchoBoard::triggers), 1);
 }
 
 TEST_F(BusTest, LinkKeepsItsPace)
@@ -309,8 +302,7 @@ TEST_F(BusTest, BadBenchesAreToldAboutAndLeaveTheBusAlone)
 TEST_F(BusTest, BenchesAreLoadedFromFilesThroughTheCInterface)
 {
     const support::TempFolder folder;
-    const std::string path = folder / "bench.json";
-    folder.write("bench.json", "// Comments are allowed.\n" + echoBench({"From file"}).dump());
+    const std::string path = folder.write("bench.json", "// Comments are allowed.\n" + echoBench({"From file"}).dump());
     EXPECT_EQ(latixelsimLoadBench(path.c_str()), 0);
     EXPECT_THAT(listed(), ElementsAre("From file"));
     EXPECT_EQ(latixelsimLoadBench("no such bench"), -1);
@@ -326,19 +318,12 @@ TEST_F(BusTest, BenchesAreLoadedFromFilesThroughTheCInterface)
 TEST(BenchEnvironmentTest, TakesTheBenchThatTheEnvironmentNames)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto chipsOf = [](const std::string& bench) {
-        setenv("LATIXELSIM_BENCH", bench.c_str(), 1);
-        registerEcho();
-        return static_cast<int>(listed().size());
+    const auto countChips = [](const char* bench) {
+        setenv("LATIXELSIM_BENCH", bench, 1);
+        std::exit(static_cast<int>(listed().size()));
     };
-    const auto chipsOfFile = [&] {
-        const support::TempFolder folder;
-        folder.write("bench.json", echoBench({"From environment"}).dump());
-        return chipsOf(folder / "bench.json");
-    };
-    EXPECT_EXIT(std::exit(chipsOfFile()), testing::ExitedWithCode(1), "");
-    EXPECT_EXIT(std::exit(chipsOf("nowhere.json")), testing::ExitedWithCode(0),
-                "latixelsim: there is no bench \"nowhere.json\"");
+    EXPECT_EXIT(countChips("old-two"), testing::ExitedWithCode(2), "");
+    EXPECT_EXIT(countChips("nowhere"), testing::ExitedWithCode(0), "latixelsim: there is no bench \"nowhere\"");
 }
 
 } // namespace

@@ -144,7 +144,8 @@ TEST_F(FaultsTest, PlugIsPulledDuringATransferAndPutBack)
     ftdi_usb_close(&host.ftdi);
     while (host.open("A") != 0) {
     }
-    EXPECT_EQ(host.read(1), 0);
+    host.write({1});
+    EXPECT_EQ(host.read(1), 0) << "not in FIFO mode any more";
     EXPECT_EQ(kept(0, &EchoBoard::powered), 2);
 
     fault(R"({"kind": "unplug", "when": {"after_s": 0.01}})");

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <optional>
+#include <thread>
 
 namespace simtest {
 
@@ -18,25 +18,17 @@ using namespace std::chrono_literals;
 using nlohmann::json;
 using sim::Bytes;
 
-/// Echoes what it receives. Tests let it send more, at once or later.
+/// Echoes what it receives. Tests let it send more.
 class EchoBoard : public sim::Board {
 public:
     using Board::Board;
+    using Board::emit;
 
     void receive(std::span<const std::uint8_t> bytes, sim::Time /*now*/) override { emit(bytes); }
 
-    void advance(sim::Time now) override
-    {
-        ++advanced;
-        if (due && now >= *due) {
-            due.reset();
-            emit(later);
-        }
-    }
-
+    void advance(sim::Time /*now*/) override { ++advanced; }
     void setBitMode(std::uint8_t /*mask*/, std::uint8_t mode, sim::Time /*now*/) override { modes.push_back(mode); }
     void powerCycle(sim::Time /*now*/) override { ++powered; }
-    void externalTrigger(sim::Time /*now*/) override { ++triggers; }
 
     bool applyFault(const json& fault) override
     {
@@ -46,18 +38,9 @@ public:
 
     void clearFaults() override { hot = false; }
 
-    void sendLater(Bytes bytes, sim::Clock::duration after)
-    {
-        later = std::move(bytes);
-        due = sim::Clock::now() + after;
-    }
-
     Bytes modes;
-    Bytes later;
-    std::optional<sim::Time> due;
     int advanced = 0;
     int powered = 0;
-    int triggers = 0;
     bool hot = false;
 };
 
@@ -100,13 +83,6 @@ inline Bytes ramp(std::size_t size)
     return bytes;
 }
 
-inline void registerEcho()
-{
-    sim::registerBoardKind("echo", [](const json& board, const json&) {
-        return std::make_unique<EchoBoard>(board.at("description").get<std::string>());
-    });
-}
-
 /// A bench of echo boards with these descriptions, and with the keys of `more` in the last one.
 inline json echoBench(std::initializer_list<const char*> descriptions, const json& more = json::object())
 {
@@ -139,7 +115,9 @@ class BusTest : public testing::Test {
 protected:
     explicit BusTest(const json& bench = echoBench({"A", "B"}))
     {
-        registerEcho();
+        sim::registerBoardKind("echo", [](const json& board, const json&) {
+            return std::make_unique<EchoBoard>(board.at("description").get<std::string>());
+        });
         sim::loadBench(bench);
     }
     ~BusTest() override
