@@ -71,12 +71,21 @@ public:
     Time now = Time{} + std::chrono::hours(1);
 };
 
-inline std::uint8_t reversed(std::uint8_t byte)
+inline Bytes bytesOf(std::initializer_list<int> values)
 {
-    std::uint8_t turned = 0;
-    for (unsigned bit = 0; bit < 8; ++bit)
-        turned = static_cast<std::uint8_t>(turned << 1U | (byte >> bit & 1U));
-    return turned;
+    Bytes bytes;
+    for (const int value : values)
+        bytes.push_back(static_cast<std::uint8_t>(value));
+    return bytes;
+}
+
+/// `size` bytes of a stream from a place on, or every `stride`th one.
+inline Bytes slice(const Bytes& stream, std::size_t from, std::size_t size, std::size_t stride = 1)
+{
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = stream.at(from + i * stride);
+    return bytes;
 }
 
 /// Number in the bytes from `first` on of a packet that stands at a place in a
@@ -102,10 +111,7 @@ public:
 
     void bare(int peripheral, int command, int d0, int d1, int d2, int d3, int flags = 0)
     {
-        Bytes frame;
-        for (const int byte : {0x55, flags, peripheral, command, d0, d1, d2, d3, 0xAA})
-            frame.push_back(static_cast<std::uint8_t>(byte));
-        write(frame);
+        write(bytesOf({0x55, flags, peripheral, command, d0, d1, d2, d3, 0xAA}));
     }
     /// A command with one number of 32 bits.
     void number(int peripheral, int command, std::uint32_t value, int flags = 0)
@@ -175,11 +181,12 @@ inline unsigned mostIn(unsigned depth)
 /// Timepix and Medipix2, the others Medipix3.
 inline const std::vector<unsigned>& countsOfStates(unsigned depth)
 {
+    static const std::map<unsigned, unsigned> TAPS = {{1, 0}, {6, 0x21}, {12, 0x829}, {14, 0x2001}};
     static std::map<unsigned, std::vector<unsigned>> tables;
     std::vector<unsigned>& counts = tables[depth];
     if (!counts.empty())
         return counts;
-    const unsigned taps = std::map<unsigned, unsigned>{{1, 0}, {6, 0x21}, {12, 0x829}, {14, 0x2001}}.at(depth);
+    const unsigned taps = TAPS.at(depth);
     const unsigned mask = (1U << depth) - 1;
     unsigned state = depth == 14 ? mask : 0;
     counts.assign(mask + 1, ~0U);

@@ -6,20 +6,6 @@
 namespace sim {
 namespace {
 
-/// A matrix stream of a chip whose pixels have a word that `word(row, column)` gives.
-template <typename Word>
-Bytes matrixStream(Word word)
-{
-    Bytes stream(114721);
-    stream[0] = 0xFF;
-    for (std::size_t i = 0; i < std::size_t{65536} * 14; ++i) {
-        const std::size_t at = i % 256;
-        const unsigned bit = word(i / 3584, 255 - at) >> (13 - i % 3584 / 256) & 1U;
-        stream[1 + i / 8] = static_cast<std::uint8_t>(stream[1 + i / 8] | bit << (7 - at % 8));
-    }
-    return stream;
-}
-
 TEST(Mpx2BoardTest, FramesShowTheSceneUprightInAllModulesAtOnce)
 {
     struct Case {
@@ -52,11 +38,17 @@ TEST(Mpx2BoardTest, FramesShowTheSceneUprightInAllModulesAtOnce)
 
 TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
 {
-    const auto word = [](std::size_t row, std::size_t column) {
-        const auto mode = static_cast<unsigned>(column % 8);
-        const unsigned bits = (mode & 1U) << 9U | (mode >> 1U & 1U) << 6U | (mode >> 2U) << 7U; // the last one masks
-        return row == 0 ? bits : 1U << 8U; // one step of adjustment
+    Bytes matrix(114721);
+    matrix[0] = 0xFF;
+    /// Sets a bit of a row's pixels: in each eight columns those that `columns` has.
+    const auto set = [&](std::size_t row, std::size_t bit, std::uint8_t columns) {
+        std::fill_n(matrix.begin() + 1 + static_cast<std::ptrdiff_t>((row * 14 + 13 - bit) * 32), 32, columns);
     };
+    set(0, 9, 0b10101010);
+    set(0, 6, 0b11001100);
+    set(0, 7, 0b11110000); // masked
+    for (std::size_t row = 1; row < 256; ++row)
+        set(row, 8, 0xFF); // one step of adjustment
     const json scene = {{"kind", "flat"}, {"flux", 1000}, {"noise", false}, {"adjust_step", 12}};
     Mpx2Wire wire(mpx2Entry({{""}}, {{"scene", scene}}));
     wire.number(5, 19, 10); // 5 MHz
@@ -65,7 +57,7 @@ TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
     dacs[1 + 31 - 12] = 300 << 4 & 0xFF; // the cutoff, from bit 100 on: half of the photons
     dacs[1 + 31 - 13] = 300 >> 4;
     wire.dacs(1, dacs);
-    wire.writeMatrix(1, matrixStream(word));
+    wire.writeMatrix(1, matrix);
     wire.readChip();
     wire.timer(500000);
     wire.frame(1s);
@@ -120,20 +112,9 @@ TEST(Mpx2BoardTest, FaultsShowOnTheWire)
     EXPECT_NE(late[114728 - 8], 0x01);
     EXPECT_EQ(wire.readChip().size(), 114728U);
 
-    // A board that hangs forgets the frame, and is back after the reset that a host makes.
-    wire.timer(50000);
-    wire.start();
-    wire.fault({{"kind", "hang"}});
-    wire.number(2, 1, 0, 2);
-    EXPECT_EQ(wire.readAfter(1s), Bytes());
-    wire.board.setBitMode(0xFF, 1, wire.now);
-    wire.board.setBitMode(0xFF, 0x40, wire.now);
-    EXPECT_EQ(wire.read(), Bytes());
-    wire.number(2, 1, 0, 2);
-    EXPECT_EQ(wire.read().size(), 29U) << "text of the firmware";
-
     // Chips that were switched off by the heat have forgotten, and nothing is the host's fault.
     wire.fault({{"kind", "cpu_overheated"}});
+    wire.timer(50000);
     EXPECT_EQ(wire.frame(2ms).size(), 9U);
     wire.board.clearFaults();
     EXPECT_EQ(registerIn(wire.readModules(1, 1, 2, 2), chipIn(1, 0, 2, 0), 3, 3), 0U);
@@ -150,7 +131,6 @@ TEST(Mpx2BoardTest, RecordsWhatNoFirmwareUnderstands)
             {"sixth module", ON, {0x55, 0, 1, 2, 0, 0, 0, 0x20, 0xAA}},
             {"clock divided by 0", ON, {0x55, 0, 5, 19, 0, 0, 0, 0, 0xAA}},
             {"DACs of the wrong size", ON | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 34, 0xAA}, 34},
-            {"DACs of two chips", ON | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 66, 0xAA}, 66},
             {"DACs with the pins of a matrix read", ON | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
             {"DACs of chips in reset", PWR | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
             {"matrix of the wrong size", ON | M1, {0x55, 7, 1, 0, 0, 1, 0xC0, 0x20, 0xAA}, 114720},
@@ -159,7 +139,6 @@ TEST(Mpx2BoardTest, RecordsWhatNoFirmwareUnderstands)
             {"readout that was not announced", ON | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
             {"start without power", RST | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
             {"start while chips are shifted", ON | OUTEN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
-            {"start of two frames", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 2, 0xAA}},
             {"continuous series", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 0, 1, 0xAA}},
         });
 

@@ -16,7 +16,7 @@ inline json mpx3Entry(json channels, const json& more = json::object())
 /// A board under power, with the host's end of its link.
 class Mpx3Wire : public InterfaceWire<Mpx3Board> {
 public:
-    explicit Mpx3Wire(const json& entry) : InterfaceWire(entry) { pins(7); }
+    explicit Mpx3Wire(const json& entry = mpx3Entry({{""}})) : InterfaceWire(entry) { pins(7); }
 
     void pins(std::uint32_t levels) { number(1, 1, levels); }
     void channels(int enabled, int selected) { bare(1, 3, 0, 0, enabled, selected); }
@@ -26,29 +26,18 @@ public:
     /// given.
     void omr(unsigned mode, Bytes rest = {0x20, 0, 0, 0x10, 0})
     {
-        rest.insert(rest.begin(), {0x30, 0x00, static_cast<std::uint8_t>(firstByte(mode))});
+        const unsigned modeBits = (mode & 1U) << 7U | (mode >> 1U & 1U) << 6U | (mode >> 2U & 1U) << 5U;
+        rest.insert(rest.begin(), {0x30, 0x00, static_cast<std::uint8_t>(modeBits | 8)});
         rest.resize(12);
         shift(rest);
     }
-    /// Register byte 2 with the mode, its lowest bit first, and positive
-    /// polarity.
-    static unsigned firstByte(unsigned mode, unsigned columnCount = 0)
+    /// Stores both readout images, of which three bytes differ: how many columns, the depth with the block of columns,
+    /// and the rows.
+    void images(int columns, int depthAndBlock, int rows = 0)
     {
-        return (mode & 1U) << 7U | (mode >> 1U & 1U) << 6U | (mode >> 2U & 1U) << 5U | 8U | (columnCount & 1U) << 2U |
-               (columnCount & 2U);
-    }
-    /// Stores both readout images: counter depth code, columns and rows by their
-    /// codes.
-    void images(unsigned countL, unsigned columnCount = 0, unsigned block = 0, bool blockSel = false, int rowBlock = -1)
-    {
-        const unsigned byte3 = (countL & 1U) << 6U | (countL >> 1U & 1U) << 5U | (block & 1U) << 4U |
-                               (block >> 1U & 1U) << 3U | (block >> 2U & 1U) << 2U | (blockSel ? 2U : 0U) |
-                               (rowBlock >= 0 ? static_cast<unsigned>(rowBlock) & 1U : 0U);
-        const auto rows = static_cast<unsigned>(std::max(rowBlock, 0));
-        const unsigned byte4 = (rows >> 1U & 1U) << 7U | (rows >> 2U & 1U) << 6U | (rowBlock >= 0 ? 0x20U : 0U);
-        for (const auto& [mode, command] : {std::pair{0U, 6}, {4U, 8}}) {
-            bare(1, command, 0x30, 0, static_cast<int>(firstByte(mode, columnCount)), static_cast<int>(byte3));
-            bare(1, command - 1, static_cast<int>(byte4), 0, 0x10, 0);
+        for (const auto& [mode, command] : {std::pair{0x00, 6}, {0x20, 8}}) {
+            bare(1, command, 0x30, 0, mode | 8 | columns, depthAndBlock);
+            bare(1, command - 1, rows, 0, 0x10, 0);
         }
     }
     /// Stores what a frame delivers: the selection of counters, and the bits of
@@ -75,15 +64,17 @@ inline unsigned bitsOf(unsigned rows, unsigned columns, unsigned planes, bool tw
     return rows * columns * planes + 34 + (two ? 13 : 0);
 }
 constexpr unsigned FRAME_BITS = 786466; ///< of whole frames of 12 bits
+constexpr int DEPTH_12 = 0x20;          ///< in a readout image
 
 /// A board that is ready to take whole frames of 12 bits and 10 ms.
 class ReadyWire : public Mpx3Wire {
 public:
-    ReadyWire(const json& entry, int mask, unsigned selection = 0, bool two = false) : Mpx3Wire(entry)
+    explicit ReadyWire(const json& entry = mpx3Entry({{""}}), int mask = 1, unsigned selection = 0, bool two = false)
+        : Mpx3Wire(entry)
     {
         number(1, 10, two ? 1 : 0);
         timer(TEN_MS);
-        images(2);
+        images(0, DEPTH_12);
         order(selection, bitsOf(256, 256, 12, two));
         channels(mask, mask);
     }

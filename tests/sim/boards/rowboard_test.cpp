@@ -8,7 +8,7 @@
 namespace sim {
 namespace {
 
-const json SEVEN_CHIPS = {"A01-W0001", "A02-W0001", "A03-W0001", "A04-W0001", "A05-W0001", "A06-W0001", "A07-W0001"};
+const json SEVEN_CHIPS = json(7, "A01-W0001");
 const json THREE_CHIPS = {"", "D08-W0231", "O12-W0000", "", "", "A00-W2047"};
 constexpr unsigned THREE = 0b100110; ///< mask of their channels
 constexpr unsigned WHOLE_CHIP = 917767;
@@ -23,14 +23,6 @@ class RowWire : public PinWire<RowBoard> {
 public:
     using PinWire::PinWire;
 
-    /// What comes back on all channels for bytes that pass the chips.
-    Bytes detect()
-    {
-        alive(OUTEN | ENIN);
-        mux(0xFF, 2);
-        payload(1, 0, {0xAA, 0xFF, 0x55, 0xAA, 0xFF}, 7);
-        return read();
-    }
     Bytes readout(unsigned mask, std::uint32_t clocks)
     {
         mux(mask);
@@ -39,44 +31,34 @@ public:
         alive(ENIN);
         return read();
     }
-    /// Starts a series of blocks of rows on chips whose counters are clear.
+    /// Starts a series of blocks of rows, 1 ms each, on chips whose counters are clear.
     void series(unsigned mask, std::uint32_t rows, std::uint32_t blocks, std::uint32_t triggers = 0)
     {
+        timer(100000);
         readout(mask, WHOLE_CHIP);
         number(1, 5, rows * 3592 - 1, 2);
         start(1 | triggers, blocks);
     }
 };
 
-/// What channel number `number` of `count` delivers from a place of the stream on.
-Bytes channelBytes(const Bytes& stream, std::size_t from, std::size_t count, std::size_t number, std::size_t size)
-{
-    Bytes bytes;
-    for (std::size_t i = 0; i < size; ++i)
-        bytes.push_back(stream.at(from + i * count + number));
-    return bytes;
-}
-
 TEST(RowBoardTest, ReadsMatricesWholeOrRowByRow)
 {
     RowWire wire(rowEntry(THREE_CHIPS));
     std::minstd_rand random(7);
-    Bytes image(114721);
+    Bytes image(114721, 0xFF);
     std::generate_n(image.begin() + 1, 114688, [&] { return static_cast<std::uint8_t>(random() >> 8U); });
-    image[0] = 0xFF;
     wire.writeMatrix(2, image);
     EXPECT_EQ(wire.read(), Bytes());
 
     // A row of one channel, and then what is left of all.
     const Bytes row = wire.readout(2, 3591);
     ASSERT_EQ(row.size(), 458U);
-    EXPECT_TRUE(std::equal(row.begin(), row.begin() + 449, image.begin()));
+    EXPECT_EQ(slice(row, 0, 449), slice(image, 0, 449));
     const Bytes stream = wire.readout(THREE, WHOLE_CHIP);
-    ASSERT_EQ(stream.size(), 3 * 114721 + 9U);
-    EXPECT_EQ(packetOf(1, stream, 3 * 114721), 3 * 114721U);
-    const Bytes channel = channelBytes(stream, 0, 3, 0, 114721);
+    EXPECT_EQ(packetOf(1, stream, stream.size() - 9), 3 * 114721U);
+    const Bytes channel = slice(stream, 0, 114721, 3);
     EXPECT_EQ(channel[0], 0xFF);
-    EXPECT_TRUE(std::equal(image.begin() + 449, image.end() - 32, channel.begin() + 1));
+    EXPECT_EQ(slice(channel, 1, 255 * 448), slice(image, 449, 255 * 448));
     EXPECT_EQ(countIn(channel, ONLY_ROW_CHIP, 255, 9), 0U) << "a clear row came in behind";
 }
 
@@ -86,7 +68,6 @@ TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
         RowWire wire(rowEntry(THREE_CHIPS));
         const unsigned blocks = 2 * 256 / rows;
         const std::size_t blockBytes = std::size_t{3} * 449 * rows + 18;
-        wire.timer(100000); // 1 ms
         wire.series(THREE, rows, blocks);
         EXPECT_EQ(wire.readAfter(1ms).size(), blockBytes) << "the first block";
         const Bytes series = wire.readAfter(1s);
@@ -96,7 +77,7 @@ TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
             ASSERT_EQ(packetOf(5, series, start), 100000U);
             ASSERT_EQ(packetOf(1, series, start + blockBytes - 9), blockBytes - 18);
             for (std::size_t n = 0; n < 3; ++n) {
-                const Bytes channel = channelBytes(series, start + 9, 3, n, std::size_t{449} * rows);
+                const Bytes channel = slice(series, start + 9 + n, std::size_t{449} * rows, 3);
                 ASSERT_EQ(channel[0], 0xFF);
                 for (unsigned k = 0; k < rows; ++k) {
                     const unsigned steps = std::min(block, (255 - k) / rows) + 1; // on the way over the chip
@@ -106,19 +87,17 @@ TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
                                     0.51)
                             << block;
                 }
-                for (unsigned pad = 0; pad + 1 < rows; ++pad)
-                    ASSERT_EQ(channel[1 + 448 * rows + pad], 0xE0 + pad);
+                ASSERT_EQ(slice(channel, 1 + 448 * rows, rows - 1), slice({0xE0, 0xE1, 0xE2}, 0, rows - 1));
             }
         }
     }
 
     const json still = {{"scene", {{"kind", "gradient"}, {"flux", 10000}, {"noise", false}, {"speed", 0}}}};
     RowWire wire(rowEntry(THREE_CHIPS, still));
-    wire.timer(100000);
     wire.series(THREE, 1, 300);
     const Bytes series = wire.readAfter(1s);
     for (const std::size_t block : {260U, 290U})
-        EXPECT_NEAR(countIn(channelBytes(series, block * 1365 + 9, 3, 0, 449), ONLY_ROW_CHIP, 0, 77),
+        EXPECT_NEAR(countIn(slice(series, block * 1365 + 9, 449, 3), ONLY_ROW_CHIP, 0, 77),
                     (gradient(0, 77) + gradient(255, 77)) / 2 * 2560, 0.51)
             << "a picture at rest is smeared";
 }
@@ -126,7 +105,6 @@ TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
 TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
 {
     RowWire wire(rowEntry(THREE_CHIPS, {{"fifo_bytes", 20 * 1365}}));
-    wire.timer(100000);
     wire.series(THREE, 1, 100, 2);
     EXPECT_EQ(wire.readAfter(1s), Bytes());
     wire.pulseTrigger();
@@ -155,13 +133,18 @@ TEST(RowBoardTest, FaultsShowOnTheWire)
     RowWire wire(rowEntry(SEVEN_CHIPS));
     wire.fault({{"kind", "chip_missing"}, {"channel", 1}});
     wire.fault({{"kind", "stuck_line"}, {"channel", 6}, {"level", 1}});
-    const Bytes reply = wire.detect();
-    ASSERT_EQ(reply.size(), 35U);
-    EXPECT_EQ(channelBytes(reply, 0, 7, 1, 5), Bytes(5));
-    EXPECT_EQ(channelBytes(reply, 0, 7, 6, 5), Bytes(5, 0xFF));
-    EXPECT_EQ(channelBytes(reply, 7, 7, 0, 4), (Bytes{0xAA, 0xFF, 0x55, 0xAA}));
+    // What comes back on all channels for bytes that pass the chips: a chip holds each byte back for one.
+    wire.alive(OUTEN | ENIN);
+    wire.mux(0xFF, 2);
+    wire.payload(1, 0, {0xAA, 0xBB, 0xCC}, 7);
+    const Bytes reply = wire.read();
+    ASSERT_EQ(reply.size(), 21U);
+    EXPECT_EQ(slice(reply, 0, 3, 7), (Bytes{0, 0xAA, 0xBB}));
+    EXPECT_EQ(slice(reply, 1, 3, 7), Bytes(3));
+    EXPECT_EQ(slice(reply, 6, 3, 7), Bytes(3, 0xFF));
     wire.board.clearFaults();
-    EXPECT_EQ(channelBytes(wire.detect(), 7, 7, 6, 1), Bytes(1, 0xAA));
+    wire.payload(1, 0, {0xDD}, 7);
+    EXPECT_EQ(wire.read(), (Bytes{0xCC, 0, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
     EXPECT_FALSE(wire.board.applyFault({{"kind", "module_silent"}, {"channel", 0}}));
     EXPECT_THROW(wire.board.applyFault({{"kind", "chip_missing"}, {"channel", 7}}), std::runtime_error);
 }
@@ -181,7 +164,6 @@ TEST(RowBoardTest, RecordsWhatNoFirmwareUnderstands)
     RowWire wire(rowEntry(SEVEN_CHIPS));
     EXPECT_EQ(wire.dacs(0, Bytes(33, 0x12)), Bytes(33, 0xFF)) << "the host has no way to the last channels alone";
     wire.readout(0, WHOLE_CHIP);
-    wire.timer(100000);
     wire.series(1, 1, 10);
     wire.number(1, 4, 3591, 2); // while the series runs
     EXPECT_EQ(wire.complaints(), 2U);
