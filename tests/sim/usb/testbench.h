@@ -7,10 +7,9 @@
 #include "sim/usb/bench.h"
 #include "sim/usb/latixelsim.h"
 
-#include <cstring>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 namespace simtest {
 
@@ -30,19 +29,19 @@ public:
     void setBitMode(std::uint8_t /*mask*/, std::uint8_t mode, sim::Time /*now*/) override { modes.push_back(mode); }
     void powerCycle(sim::Time /*now*/) override { ++powered; }
 
-    bool applyFault(const json& fault) override
-    {
-        hot = fault.at("kind") == "hot";
-        return hot;
-    }
-
-    void clearFaults() override { hot = false; }
-
     Bytes modes;
     int advanced = 0;
     int powered = 0;
-    bool hot = false;
 };
+
+/// The bytes 0, 1, 2, ... up to 250 and again.
+inline Bytes ramp(std::size_t size)
+{
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::uint8_t>(i % 251);
+    return bytes;
+}
 
 /// A host's context, with a session once it is opened. The link is in synchronous FIFO mode then.
 class Host {
@@ -68,20 +67,17 @@ public:
     }
     /// Reads what comes, up to `size` bytes.
     Bytes fetch(int size) { return read(size) >= 0 ? got : Bytes{}; }
+    /// What a board's answer of `size` bytes looks like when it is asked for at once.
+    Bytes answer(std::size_t size)
+    {
+        EXPECT_EQ(write(ramp(size)), static_cast<int>(size));
+        return fetch(static_cast<int>(size));
+    }
     std::string error() { return ftdi_get_error_string(&ftdi); }
 
     ftdi_context ftdi{};
     Bytes got;
 };
-
-/// The bytes 0, 1, 2, ... up to 250 and again.
-inline Bytes ramp(std::size_t size)
-{
-    Bytes bytes(size);
-    for (std::size_t i = 0; i < size; ++i)
-        bytes[i] = static_cast<std::uint8_t>(i % 251);
-    return bytes;
-}
 
 /// A bench of echo boards with these descriptions, and with the keys of `more` in the last one.
 inline json echoBench(std::initializer_list<const char*> descriptions, const json& more = json::object())
