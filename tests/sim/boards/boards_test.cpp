@@ -15,7 +15,7 @@ template <typename Wire>
 void expectObedience(Wire& wire, std::uint64_t ticksPerMs)
 {
     constexpr std::uint32_t ON_TRIGGER = 2, UNTIL_TRIGGER = 4;
-    const auto lengthOf = [&](const Bytes& stream) { return packetNumber(stream, 0, 3) / ticksPerMs; };
+    const auto lengthOf = [&](const Bytes& stream) { return packetNumber(stream) / ticksPerMs; };
     wire.start(ON_TRIGGER);
     EXPECT_EQ(wire.readAfter(1h), Bytes());
     wire.pulseTrigger();
@@ -23,12 +23,6 @@ void expectObedience(Wire& wire, std::uint64_t ticksPerMs)
 
     wire.start(UNTIL_TRIGGER);
     EXPECT_EQ(wire.readAfter(1s), Bytes());
-    wire.pulseTrigger();
-    EXPECT_EQ(lengthOf(wire.read()), 1000U);
-    wire.start(ON_TRIGGER | UNTIL_TRIGGER);
-    wire.wait(1s);
-    wire.pulseTrigger();
-    wire.wait(1s);
     wire.pulseTrigger();
     EXPECT_EQ(lengthOf(wire.read()), 1000U);
 
@@ -58,33 +52,15 @@ void expectObedience(Wire& wire, std::uint64_t ticksPerMs)
 
 TEST(ShutterTest, TimepixBoardObeysTimerTriggersAndStop)
 {
-    Mpx2Wire wire(mpx2Entry({{""}}));
+    Mpx2Wire wire;
     wire.timer(500000);
     expectObedience(wire, 50000);
 }
 
 TEST(ShutterTest, Medipix3BoardObeysTimerTriggersAndStop)
 {
-    ReadyWire wire(mpx3Entry({{""}}), 1);
+    ReadyWire wire;
     expectObedience(wire, TEN_MS / 10);
-}
-
-TEST(TriggerLineTest, MasterWaitsForFollowersOnItsLine)
-{
-    const json entry = mpx3Entry({{""}}, {{"trigger_line", "test"}});
-    ReadyWire master(entry, 1);
-    ReadyWire follower(entry, 1);
-    master.setTrigger(4 | 8);
-    follower.setTrigger(4);
-    for (int frame = 0; frame < 2; ++frame) {
-        master.start(2);
-        EXPECT_EQ(master.readAfter(100ms), Bytes()) << "the follower is not ready";
-        follower.now = master.now;
-        follower.start(2);
-        EXPECT_EQ(follower.read(), Bytes());
-        EXPECT_EQ(packetTime(master.readAfter(10ms)), TEN_MS);
-        EXPECT_EQ(packetTime(follower.readAfter(10ms)), TEN_MS);
-    }
 }
 
 TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
@@ -96,18 +72,17 @@ TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
     follower.set(4);
     constexpr int FRAMES = 5000;
     const auto taken = [](TriggerInput& input) {
-        for (int frame = 0; frame < FRAMES; ++frame) {
-            Shutter shutter;
-            shutter.start({.startWaits = true, .period = 1}, Clock::now());
-            const Time limit = Clock::now() + 20s;
-            while (!shutter.next(Clock::now())) {
-                if (Clock::now() > limit)
-                    return frame;
-                input.serve(shutter, Clock::now());
-                std::this_thread::yield();
-            }
+        int frames = 0;
+        Shutter shutter;
+        const Time limit = Clock::now() + 30s;
+        while (frames < FRAMES && Clock::now() < limit) {
+            if (shutter.idle())
+                shutter.start({.startWaits = true, .period = 1}, Clock::now());
+            input.serve(shutter, Clock::now());
+            frames += shutter.next(Clock::now()) ? 1 : 0;
+            std::this_thread::yield();
         }
-        return FRAMES;
+        return frames;
     };
     auto followed = std::async(std::launch::async, taken, std::ref(follower));
     EXPECT_EQ(taken(master), FRAMES);
@@ -124,25 +99,24 @@ TEST(BenchesTest, ShippedBenchesLoadAndBadEntriesAreRefused)
     clearBus();
 
     const std::pair<const char*, std::vector<const char*>> cases[] = {
-        {R"({"kind": "mpx2", "modules": [[""]]})",
+        {R"({"kind": "mpx2", "description": "sn: 7 A", "modules": [[""]]})",
          {R"({"modules": [["X99"]]})", R"({"modules": [["A13-W0001"]]})", R"({"modules": ["A01-W0001"]})",
           R"({"modules": [[], [], [], [], [], []]})", R"({"chip": "medipix9"})"}},
-        {R"({"kind": "mpx3", "channels": [[""]]})",
+        {R"({"kind": "mpx3", "description": "sn: 7 A", "channels": [[""]]})",
          {R"({"channels": [["X99"]]})", R"({"channels": [["", "", ""]]})", R"({"scene": {"kind": "nothing"}})",
           R"({"scene": {"fluxx": 1}})", R"({"adc": {"16": 1}})",
           R"({"flash": {"parameters": [{"name": "A", "type": "int", "value": 1}]}})",
           R"({"firmware": "A text that goes on for more than it may"})"}},
-        {R"({"kind": "mpxrow", "channels": [""]})",
+        {R"({"kind": "mpxrow", "description": "sn: 7 A", "channels": [""]})",
          {R"({"channels": ["X99"]})", R"({"channels": [["A01-W0001"]]})", R"({"channels": [1]})",
           R"({"channels": ["", "", "", "", "", "", "", ""]})"}},
-        {R"({"kind": "fenxel", "modules": [[""]]})",
+        {R"({"kind": "fenxel", "description": "sn: 7 A", "modules": [[""]]})",
          {R"({"modules": []})", R"({"modules": [[""], ["", ""]]})", R"({"modules": [[], [], [], [], []]})",
           R"({"addresses": [256]})", R"({"timer_mhz": 0})", R"({"firmware_date": "2009-01-01"})",
           R"({"firmware_date": "01.01.2012"})"}},
     };
     const auto load = [](const char* good, const char* bad) {
-        json entry = {{"description", "Latixel sn: 7 A"}};
-        entry.merge_patch(json::parse(good));
+        json entry = json::parse(good);
         entry.merge_patch(json::parse(bad));
         loadBench({{"boards", {entry}}});
     };

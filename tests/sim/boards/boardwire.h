@@ -73,9 +73,13 @@ public:
 
 inline Bytes bytesOf(std::initializer_list<int> values)
 {
-    Bytes bytes;
-    for (const int value : values)
-        bytes.push_back(static_cast<std::uint8_t>(value));
+    return {values.begin(), values.end()};
+}
+
+/// Bytes with zeros behind them, `size` in all.
+inline Bytes padded(Bytes bytes, std::size_t size)
+{
+    bytes.resize(size);
     return bytes;
 }
 
@@ -89,8 +93,8 @@ inline Bytes slice(const Bytes& stream, std::size_t from, std::size_t size, std:
 }
 
 /// Number in the bytes from `first` on of a packet that stands at a place in a
-/// stream.
-inline std::uint64_t packetNumber(const Bytes& stream, std::size_t at, std::size_t first)
+/// stream: in the usual packet, the time that the shutter was open.
+inline std::uint64_t packetNumber(const Bytes& stream, std::size_t at = 0, std::size_t first = 3)
 {
     EXPECT_EQ(stream.at(at), 0x55);
     EXPECT_EQ(stream.at(at + 8), 0xAA);
@@ -141,11 +145,7 @@ public:
         outputToChips();
         return answer;
     }
-    Bytes cpu(std::size_t size, Bytes command)
-    {
-        command.resize(size);
-        return spi(4, 50, 7, command);
-    }
+    Bytes cpu(std::size_t size, const Bytes& command) { return spi(4, 50, 7, padded(command, size)); }
 };
 
 /// Where the pixels of one counter of a chip lie in a stream, and how they are
@@ -159,8 +159,24 @@ struct StreamPlace {
     unsigned rows = 256;
 };
 
-/// A pixel's register in a stream.
-inline unsigned registerIn(const Bytes& stream, const StreamPlace& place, unsigned row, unsigned column)
+/// Count that a register stands for: how often the counter steps from zero to it, and more than any count for one that
+/// it never reaches. 14 bits are Timepix and Medipix2, the others Medipix3.
+inline unsigned countOf(unsigned state, unsigned depth)
+{
+    const unsigned taps = std::map<unsigned, unsigned>{{1, 0}, {6, 0x21}, {12, 0x829}, {14, 0x2001}}.at(depth);
+    const unsigned mask = (1U << depth) - 1;
+    unsigned reached = depth == 14 ? mask : 0;
+    unsigned count = 0;
+    for (; reached != state && count <= mask; ++count) {
+        const bool turned = depth != 14 && (reached & mask >> 1U) == 0;
+        const unsigned fedBack = static_cast<unsigned>(std::popcount(reached & taps)) + (turned ? 1U : 0U);
+        reached = (reached << 1U | (fedBack & 1U)) & mask;
+    }
+    return count;
+}
+
+/// Count of a pixel in a stream.
+inline unsigned countIn(const Bytes& stream, const StreamPlace& place, unsigned row, unsigned column)
 {
     const unsigned fromLast = place.firstColumn + place.columns - 1 - column;
     unsigned state = 0;
@@ -168,40 +184,7 @@ inline unsigned registerIn(const Bytes& stream, const StreamPlace& place, unsign
         const std::size_t byte = (std::size_t{row} * place.depth + plane) * (place.columns / 8) + fromLast / 8;
         state = state << 1U | (stream.at(place.start + byte * place.stride) >> (7 - fromLast % 8) & 1U);
     }
-    return state;
-}
-
-/// Highest count of a counter.
-inline unsigned mostIn(unsigned depth)
-{
-    return depth == 14 ? 11810 : (1U << depth) - 1;
-}
-
-/// Counts of all states of a counter, by stepping it from zero. 14 bits are
-/// Timepix and Medipix2, the others Medipix3.
-inline const std::vector<unsigned>& countsOfStates(unsigned depth)
-{
-    static const std::map<unsigned, unsigned> TAPS = {{1, 0}, {6, 0x21}, {12, 0x829}, {14, 0x2001}};
-    static std::map<unsigned, std::vector<unsigned>> tables;
-    std::vector<unsigned>& counts = tables[depth];
-    if (!counts.empty())
-        return counts;
-    const unsigned taps = TAPS.at(depth);
-    const unsigned mask = (1U << depth) - 1;
-    unsigned state = depth == 14 ? mask : 0;
-    counts.assign(mask + 1, ~0U);
-    for (unsigned count = 0; count <= mostIn(depth); ++count) {
-        counts[state] = count;
-        const bool turned = depth != 14 && (state & mask >> 1U) == 0;
-        const unsigned fedBack = static_cast<unsigned>(std::popcount(state & taps)) + (turned ? 1U : 0U);
-        state = (state << 1U | (fedBack & 1U)) & mask;
-    }
-    return counts;
-}
-
-inline unsigned countIn(const Bytes& stream, const StreamPlace& place, unsigned row, unsigned column)
-{
-    return countsOfStates(place.depth).at(registerIn(stream, place, row, column));
+    return countOf(state, place.depth);
 }
 
 /// What the gradient scene gives a pixel, as a part of its flux.
@@ -215,10 +198,10 @@ inline double gradient(unsigned row, unsigned column)
 inline void expectGradient(const Bytes& stream, const StreamPlace& place, double photons)
 {
     const unsigned last = place.columns - 1;
+    const double most = place.depth == 14 ? 11810 : (1U << place.depth) - 1;
     for (const unsigned row : {0U, (place.rows - 1) / 3, place.rows - 1})
         for (const unsigned column : {place.firstColumn, place.firstColumn + last / 2, place.firstColumn + last})
-            EXPECT_NEAR(countIn(stream, place, row, column),
-                        std::min<double>(photons * gradient(row, column), mostIn(place.depth)), 0.51)
+            EXPECT_NEAR(countIn(stream, place, row, column), std::min(photons * gradient(row, column), most), 0.51)
                 << row << ", " << column;
 }
 

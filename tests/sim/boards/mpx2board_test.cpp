@@ -20,7 +20,7 @@ TEST(Mpx2BoardTest, FramesShowTheSceneUprightInAllModulesAtOnce)
         Mpx2Wire wire(mpx2Entry(one.modules));
         wire.timer(500000); // 10 ms
         const auto readOut = [&] { return wire.readModules(one.mask, one.count, one.chips, one.less); };
-        EXPECT_EQ(registerIn(readOut(), chipIn(one.count, 0, one.chips, 0), 9, 9), 0U) << "as switched on";
+        EXPECT_GT(countIn(readOut(), chipIn(one.count, 0, one.chips, 0), 9, 9), 11810U) << "as switched on";
         for (const std::uint32_t ticks : {500000U, 500000U, 250000U}) { // each readout clears
             wire.timer(ticks);
             const Bytes packet = wire.frame(11ms);
@@ -38,8 +38,7 @@ TEST(Mpx2BoardTest, FramesShowTheSceneUprightInAllModulesAtOnce)
 
 TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
 {
-    Bytes matrix(114721);
-    matrix[0] = 0xFF;
+    Bytes matrix = padded({0xFF}, 114721);
     /// Sets a bit of a row's pixels: in each eight columns those that `columns` has.
     const auto set = [&](std::size_t row, std::size_t bit, std::uint8_t columns) {
         std::fill_n(matrix.begin() + 1 + static_cast<std::ptrdiff_t>((row * 14 + 13 - bit) * 32), 32, columns);
@@ -52,8 +51,7 @@ TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
     const json scene = {{"kind", "flat"}, {"flux", 1000}, {"noise", false}, {"adjust_step", 12}};
     Mpx2Wire wire(mpx2Entry({{""}}, {{"scene", scene}}));
     wire.number(5, 19, 10); // 5 MHz
-    Bytes dacs(33);
-    dacs[0] = 0xFF;
+    Bytes dacs = padded({0xFF}, 33);
     dacs[1 + 31 - 12] = 300 << 4 & 0xFF; // the cutoff, from bit 100 on: half of the photons
     dacs[1 + 31 - 13] = 300 >> 4;
     wire.dacs(1, dacs);
@@ -78,16 +76,11 @@ TEST(Mpx2BoardTest, PixelsCountByConfigurationAndFillUp)
     wire.timer(500000 * 8000U);
     wire.frame(81s);
     EXPECT_EQ(countIn(wire.readChip(), ONLY_CHIP, 5, 8), 11810U);
-    EXPECT_EQ(wire.board.chip(0).configuration()[256], 1U << 8U);
-    EXPECT_EQ(wire.board.chip(0).dac(6), 300U);
-    wire.pins(0);
-    EXPECT_EQ(wire.board.chip(0).configuration()[256], 0);
-    EXPECT_EQ(wire.board.chip(0).dac(6), 0U);
 }
 
 TEST(Mpx2BoardTest, ChipsHaveTheirClocksBeforeTheShutterOpens)
 {
-    Mpx2Wire wire(mpx2Entry({{""}}));
+    Mpx2Wire wire;
     wire.timer(500000);
     wire.number(5, 16, 1000); // 0.1 ms of clocks, and 0.1 ms of rest
     wire.number(5, 17, 5);
@@ -105,11 +98,6 @@ TEST(Mpx2BoardTest, FaultsShowOnTheWire)
     Mpx2Wire wire(mpx2Entry(R"([["", ""]])"_json));
     wire.fault({{"kind", "chip_missing"}, {"module", 0}, {"position", 0}});
     wire.dacs(1, Bytes(66, 0xFF)); // from a host that has counted before
-    wire.fault({{"kind", "tail_out_of_step"}, {"readouts", 1}});
-    const Bytes late = wire.readChip();
-    EXPECT_EQ(late.size(), 114728U + 64);
-    EXPECT_NE(late[114728 - 9], 0x55);
-    EXPECT_NE(late[114728 - 8], 0x01);
     EXPECT_EQ(wire.readChip().size(), 114728U);
 
     // Chips that were switched off by the heat have forgotten, and nothing is the host's fault.
@@ -117,32 +105,30 @@ TEST(Mpx2BoardTest, FaultsShowOnTheWire)
     wire.timer(50000);
     EXPECT_EQ(wire.frame(2ms).size(), 9U);
     wire.board.clearFaults();
-    EXPECT_EQ(registerIn(wire.readModules(1, 1, 2, 2), chipIn(1, 0, 2, 0), 3, 3), 0U);
+    EXPECT_GT(countIn(wire.readModules(1, 1, 2, 2), chipIn(1, 0, 2, 0), 3, 3), 11810U);
     EXPECT_FALSE(wire.board.applyFault({{"kind", "short_read"}}));
     EXPECT_THROW(wire.board.applyFault({{"kind", "module_silent"}, {"module", 5}}), std::runtime_error);
 }
 
 TEST(Mpx2BoardTest, RecordsWhatNoFirmwareUnderstands)
 {
-    expectRecorded<Mpx2Wire>(
-        mpx2Entry({{""}}),
-        {
-            {"pattern that nobody takes", ON | M0 | ENIN, {0x55, 0, 1, 3, 0, 0, 0, 0, 0xAA}},
-            {"sixth module", ON, {0x55, 0, 1, 2, 0, 0, 0, 0x20, 0xAA}},
-            {"clock divided by 0", ON, {0x55, 0, 5, 19, 0, 0, 0, 0, 0xAA}},
-            {"DACs of the wrong size", ON | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 34, 0xAA}, 34},
-            {"DACs with the pins of a matrix read", ON | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
-            {"DACs of chips in reset", PWR | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
-            {"matrix of the wrong size", ON | M1, {0x55, 7, 1, 0, 0, 1, 0xC0, 0x20, 0xAA}, 114720},
-            {"pattern with the wrong pins", ON | M0 | ENIN | OUTEN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
-            {"readout with PS", ON | OUTEN | PS, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
-            {"readout that was not announced", ON | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
-            {"start without power", RST | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
-            {"start while chips are shifted", ON | OUTEN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
-            {"continuous series", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 0, 1, 0xAA}},
-        });
+    expectRecorded<Mpx2Wire>({
+        {"pattern that nobody takes", ON | M0 | ENIN, {0x55, 0, 1, 3, 0, 0, 0, 0, 0xAA}},
+        {"sixth module", ON, {0x55, 0, 1, 2, 0, 0, 0, 0x20, 0xAA}},
+        {"clock divided by 0", ON, {0x55, 0, 5, 19, 0, 0, 0, 0, 0xAA}},
+        {"DACs of the wrong size", ON | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 34, 0xAA}, 34},
+        {"DACs with the pins of a matrix read", ON | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
+        {"DACs of chips in reset", PWR | M0 | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 33, 0xAA}, 33},
+        {"matrix of the wrong size", ON | M1, {0x55, 7, 1, 0, 0, 1, 0xC0, 0x20, 0xAA}, 114720},
+        {"pattern with the wrong pins", ON | M0 | ENIN | OUTEN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
+        {"readout with PS", ON | OUTEN | PS, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
+        {"readout that was not announced", ON | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
+        {"start without power", RST | ENIN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
+        {"start while chips are shifted", ON | OUTEN | ACQOVER, {0x55, 2, 5, 1, 0, 0, 0, 1, 0xAA}},
+        {"continuous series", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 0, 1, 0xAA}},
+    });
 
-    Mpx2Wire wire(mpx2Entry({{""}}));
+    Mpx2Wire wire;
     wire.dacs(0, Bytes(33, 0xFF)); // to no module
     wire.dacs(1, Bytes(33));       // without lead byte
     EXPECT_EQ(wire.readMatrix(1, 114721, 917766).size(), 114721 + 9U) << "more than is clocked";

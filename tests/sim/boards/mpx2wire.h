@@ -62,7 +62,7 @@ public:
 
 class Mpx2Wire : public PinWire<Mpx2Board> {
 public:
-    using PinWire::PinWire;
+    explicit Mpx2Wire(const json& entry = mpx2Entry({{""}})) : PinWire(entry) {}
 
     Bytes readMatrix(unsigned mask, std::uint32_t announced, std::uint32_t bits)
     {
@@ -115,10 +115,10 @@ struct BadFrame {
 
 /// Expects that the board records each of these commands.
 template <typename Wire>
-void expectRecorded(const json& entry, const std::vector<BadFrame>& frames)
+void expectRecorded(const std::vector<BadFrame>& frames)
 {
     for (BadFrame one : frames) {
-        Wire wire(entry);
+        Wire wire;
         wire.mux(1);
         wire.pins(one.pins);
         one.frame.resize(one.frame.size() + one.payload, 0xFF);

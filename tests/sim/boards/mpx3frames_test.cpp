@@ -1,11 +1,10 @@
-// Frames of the Medipix3 board: layout and size of every readout, series, and what the pixels have counted.
+// Frames of the Medipix3 board: layout and size of every readout, and what the pixels have counted.
 #include "sim/boards/mpx3wire.h"
 
 namespace sim {
 namespace {
 
 constexpr std::size_t CHIP_BYTES = 98308; ///< of a counter of 12 bits, with its share of the header
-constexpr std::size_t FRAME_BYTES = 9 + CHIP_BYTES + 9;
 
 TEST(Mpx3FramesTest, DepthsBlocksAndCounters)
 {
@@ -38,34 +37,11 @@ TEST(Mpx3FramesTest, DepthsBlocksAndCounters)
     ReadyWire deep(mpx3Entry({{""}}), 1, 3);
     deep.images(0, 0x60);
     deep.timer(100 * TEN_MS);
-    for (int round = 0; round < 2; ++round) {
-        const Bytes frame = deep.frame(1s);
-        ASSERT_EQ(frame.size(), 9 + 2 * (CHIP_BYTES + 9));
-        const unsigned upper = countIn(frame, {.start = 12}, 200, 50);
-        const unsigned lower = countIn(frame, {.start = 12 + CHIP_BYTES + 9}, 200, 50);
-        EXPECT_NEAR(upper * 4096 + lower, 100000 * gradient(200, 50), 0.51) << "24 bits stand in both counters";
-    }
-}
-
-TEST(Mpx3FramesTest, ChannelsOfTwoChips)
-{
-    const json scene = {{"kind", "gradient"}, {"flux", 100000}, {"layout", "span"}, {"noise", false}};
-    ReadyWire wire(mpx3Entry(R"([["", ""], [], ["", ""]])"_json, {{"scene", scene}}), 5, 3, true);
-    EXPECT_EQ(wire.frame(9999999ns), Bytes()) << "still exposing";
-    const Bytes frame = wire.readAfter(1ns);
-    const std::size_t perChip = std::size_t{98309} * 2;
-    const std::size_t half = 2 * perChip + 18;
-    ASSERT_EQ(frame.size(), 9 + 2 * half);
-    EXPECT_EQ(packetTime(frame), TEN_MS);
-    EXPECT_EQ(slice(frame, frame.size() - 9, 9), slice(frame, 0, 9));
-    for (unsigned chip = 0; chip < 4; ++chip)
-        for (const std::size_t counter : {std::size_t{0}, half}) {
-            const std::size_t start = 9 + counter + (chip % 2 == 0 ? 4 * 2 : perChip + 5 * 2) + chip / 2;
-            const double expected = 1000 * (0.1 + 0.6 * (chip * 256 + 10.5) / 1024 + 0.3 * 3.5 / 256);
-            EXPECT_NEAR(countIn(frame, {.start = start, .stride = 2}, 3, 10), expected, 0.51) << chip;
-        }
-    wire.channels(0, 5);
-    EXPECT_EQ(wire.readCounters(3, bitsOf(256, 256, 12, true)).size(), 18U) << "erase";
+    const Bytes frame = deep.frame(1s);
+    ASSERT_EQ(frame.size(), 9 + 2 * (CHIP_BYTES + 9));
+    const unsigned upper = countIn(frame, {.start = 12}, 200, 50);
+    const unsigned lower = countIn(frame, {.start = 12 + CHIP_BYTES + 9}, 200, 50);
+    EXPECT_NEAR(upper * 4096 + lower, 100000 * gradient(200, 50), 0.51) << "24 bits stand in both counters";
 }
 
 TEST(Mpx3FramesTest, EraseClearsAndSendsPacketsAlone)
@@ -97,8 +73,7 @@ TEST(Mpx3FramesTest, MaskedPixelsAreDark)
     ReadyWire wire(mpx3Entry({{""}, {""}}), 3);
     wire.channels(0, 2);
     wire.omr(6);
-    Bytes half(49207);
-    half[1] = 0xA0;
+    Bytes half = padded({0, 0xA0}, 49207);
     half[3 + 11 * 32] = 0x01; // plane 0 of the half's first row: pixel 248
     half[49156] = 0x5A;       // what falls out at the end may hold anything
     wire.shift(half);
@@ -115,42 +90,6 @@ TEST(Mpx3FramesTest, MaskedPixelsAreDark)
     EXPECT_EQ(count(1, 248), 0U);
     EXPECT_NE(count(1, 247), 0U);
     EXPECT_NE(count(0, 248), 0U) << "the other chip has no mask";
-}
-
-TEST(Mpx3FramesTest, ContinuousSeriesIsCutByAStop)
-{
-    ReadyWire wire;
-    wire.number(1, 9, 1);
-    wire.start(8, 4);
-    EXPECT_EQ(wire.readAfter(35ms).size(), 3 * FRAME_BYTES);
-    wire.stop();
-    const Bytes cut = wire.read();
-    ASSERT_EQ(cut.size(), FRAME_BYTES);
-    EXPECT_EQ(packetTime(cut), TEN_MS / 2);
-    expectGradient(cut, {.start = 12}, 500);
-    EXPECT_EQ(wire.readAfter(1s), Bytes());
-}
-
-TEST(Mpx3FramesTest, RowSeriesShowsThePictureRowByRow)
-{
-    const json channels = R"([[""], [""], [""], [""], [""]])"_json;
-    for (const unsigned selection : {0U, 3U}) {
-        ReadyWire wire(mpx3Entry(channels), 0x1F);
-        wire.images(0, DEPTH_12, 0x20);
-        wire.order(selection, bitsOf(1, 256, 12));
-        wire.timer(TEN_MS / 256);
-        wire.start(0, 2 * 256 - 1);
-        const Bytes rows = wire.readAfter(30ms);
-        const std::size_t record = selection == 3 ? (388 * 5 + 18) * 2 - 9 : 388 * 5 + 18;
-        ASSERT_EQ(rows.size(), 512 * record);
-        const double photonsOfStep = 100000 * (TEN_MS / 256) * 1e-8;
-        for (const unsigned index : {0U, 100U, 255U, 300U, 511U}) {
-            EXPECT_EQ(packetTime(rows, index * record), TEN_MS / 256);
-            for (std::size_t at = 9 + 15; at < record; at += 388 * 5 + 9)
-                EXPECT_NEAR(countIn(rows, {.start = index * record + at + 2, .stride = 5}, 0, 40),
-                            gradient(index % 256, 40) * std::min(index + 1, 256U) * photonsOfStep, 0.51);
-        }
-    }
 }
 
 } // namespace

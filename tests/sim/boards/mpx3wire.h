@@ -28,8 +28,7 @@ public:
     {
         const unsigned modeBits = (mode & 1U) << 7U | (mode >> 1U & 1U) << 6U | (mode >> 2U & 1U) << 5U;
         rest.insert(rest.begin(), {0x30, 0x00, static_cast<std::uint8_t>(modeBits | 8)});
-        rest.resize(12);
-        shift(rest);
+        shift(padded(rest, 12));
     }
     /// Stores both readout images, of which three bytes differ: how many columns, the depth with the block of columns,
     /// and the rows.
@@ -59,9 +58,9 @@ public:
 constexpr unsigned TEN_MS = 1000000; ///< in units of 10 ns
 
 /// Bits that the host asks for.
-inline unsigned bitsOf(unsigned rows, unsigned columns, unsigned planes, bool two = false)
+inline unsigned bitsOf(unsigned rows, unsigned columns, unsigned planes)
 {
-    return rows * columns * planes + 34 + (two ? 13 : 0);
+    return rows * columns * planes + 34;
 }
 constexpr unsigned FRAME_BITS = 786466; ///< of whole frames of 12 bits
 constexpr int DEPTH_12 = 0x20;          ///< in a readout image
@@ -69,13 +68,11 @@ constexpr int DEPTH_12 = 0x20;          ///< in a readout image
 /// A board that is ready to take whole frames of 12 bits and 10 ms.
 class ReadyWire : public Mpx3Wire {
 public:
-    explicit ReadyWire(const json& entry = mpx3Entry({{""}}), int mask = 1, unsigned selection = 0, bool two = false)
-        : Mpx3Wire(entry)
+    explicit ReadyWire(const json& entry = mpx3Entry({{""}}), int mask = 1, unsigned selection = 0) : Mpx3Wire(entry)
     {
-        number(1, 10, two ? 1 : 0);
         timer(TEN_MS);
         images(0, DEPTH_12);
-        order(selection, bitsOf(256, 256, 12, two));
+        order(selection, bitsOf(256, 256, 12));
         channels(mask, mask);
     }
 
@@ -85,11 +82,5 @@ public:
         return readAfter(time);
     }
 };
-
-/// What the packet says of the shutter's time, in units of 10 ns.
-inline std::uint64_t packetTime(const Bytes& stream, std::size_t at = 0)
-{
-    return packetNumber(stream, at, 3);
-}
 
 } // namespace sim
