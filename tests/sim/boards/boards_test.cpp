@@ -63,6 +63,22 @@ TEST(ShutterTest, Medipix3BoardObeysTimerTriggersAndStop)
     expectObedience(wire, TEN_MS / 10);
 }
 
+TEST(TriggerLineTest, MasterWaitsForFollowersOnItsLine)
+{
+    const json entry = mpx3Entry({{""}}, {{"trigger_line", "test"}});
+    ReadyWire master(entry);
+    ReadyWire follower(entry);
+    master.setTrigger(4 | 8);
+    follower.setTrigger(4);
+    master.start(2);
+    EXPECT_EQ(master.readAfter(100ms), Bytes()) << "the follower is not ready";
+    follower.now = master.now;
+    follower.start(2);
+    EXPECT_EQ(follower.read(), Bytes());
+    EXPECT_EQ(packetNumber(master.readAfter(10ms)), TEN_MS);
+    EXPECT_EQ(packetNumber(follower.readAfter(10ms)), TEN_MS);
+}
+
 TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
 {
     const json entry = {{"trigger_line", "threads"}};

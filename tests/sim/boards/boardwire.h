@@ -145,7 +145,6 @@ public:
         outputToChips();
         return answer;
     }
-    Bytes cpu(std::size_t size, const Bytes& command) { return spi(4, 50, 7, padded(command, size)); }
 };
 
 /// Where the pixels of one counter of a chip lie in a stream, and how they are

@@ -6,20 +6,6 @@
 namespace sim {
 namespace {
 
-TEST(Mpx3BoardTest, CpuHoldsThePowerOfTheChips)
-{
-    Mpx3Wire wire(mpx3Entry({{""}}, R"({"cpu": {"values": [["Temp", 31.5]]}})"_json));
-    wire.channels(1, 1);
-    wire.omr(7);
-    wire.fault({{"kind", "cpu_overheated"}, {"text", "hot"}});
-    EXPECT_EQ(wire.cpu(4, {2}), (Bytes{0, 0, 4, 0}));
-    EXPECT_FALSE(wire.board.chipsPowered());
-    EXPECT_EQ(wire.board.chip(0).omr().mode(), 0U) << "chips that were off have forgotten";
-    wire.cpu(6, {0x80, 0});
-    EXPECT_TRUE(wire.board.chipsPowered());
-    EXPECT_EQ(wire.cpu(4, {2}).at(2), 0);
-}
-
 TEST(Mpx3BoardTest, SensesBiasByItsCalibration)
 {
     const json calibrated = {{"set_a", 2.0},    {"set_b", 5.0},  {"volt_a", 25.0}, {"volt_b", -1.0}, {"curr_a", 10.0},
@@ -144,6 +130,9 @@ TEST(Mpx3BoardTest, FaultsOfChipsAndFlash)
     // A header, a record with its value, one that points to its own, and that one; then blank cells.
     EXPECT_EQ(wire.spi(4, 2, 3, {3, 0, 0, 16 + 31 + 34 + 10, 0, 0, 0, 0}),
               (Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xCD, 0xAB, 0xFF, 0xFF}));
+
+    wire.fault({{"kind", "cpu_overheated"}});
+    EXPECT_EQ(wire.board.chip(0).omr().mode(), 0U) << "chips that were off have forgotten";
 }
 
 } // namespace

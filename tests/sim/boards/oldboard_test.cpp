@@ -162,10 +162,6 @@ TEST(OldBoardTest, FaultsShowOnTheWire)
     wire.wait(1499ms);
     EXPECT_EQ(wire.raw(0x41, 0, 0, 1), Bytes()) << "waits its turn";
     EXPECT_EQ(wire.readAfter(1ms).size(), 12U);
-    wire.fault(R"({"kind": "module_silent", "module": 0})"_json);
-    EXPECT_EQ(wire.chips(), 0);
-    wire.board.clearFaults();
-    EXPECT_EQ(wire.chips(), 2);
     for (const char* bad : {R"({"kind": "refuse", "command": "Nothing"})", R"({"kind": "late_frame"})",
                             R"({"kind": "module_silent", "module": 1})", R"({"kind": "refuse", "frame": 1})"})
         EXPECT_THROW(wire.board.applyFault(json::parse(bad)), std::runtime_error) << bad;
