@@ -92,5 +92,17 @@ TEST(Mpx3FramesTest, MaskedPixelsAreDark)
     EXPECT_NE(count(0, 248), 0U) << "the other chip has no mask";
 }
 
+TEST(Mpx3FramesTest, ContinuousSeriesIsCutByAStop)
+{
+    ReadyWire wire;
+    wire.number(1, 9, 1);
+    wire.start(8, 4);
+    EXPECT_EQ(wire.readAfter(35ms).size(), 3 * (9 + CHIP_BYTES + 9));
+    wire.stop();
+    const Bytes cut = wire.read();
+    EXPECT_EQ(packetNumber(cut), TEN_MS / 2);
+    expectGradient(cut, {.start = 12}, 500);
+}
+
 } // namespace
 } // namespace sim

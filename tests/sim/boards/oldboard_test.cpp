@@ -70,13 +70,20 @@ Bytes endOf(const Bytes& data)
 
 TEST(OldBoardTest, BringUpSwitchesModulesAndFindsChips)
 {
-    const json modules = R"([["", ""], ["", ""]])"_json;
+    const json modules = R"([["D08-W0231", "A00-W2047"], ["", ""]])"_json;
     OldWire wire(oldEntry(modules, {{"addresses", {3, 9}}}));
     EXPECT_EQ(wire.chips(), 0) << "no module at address 0";
     EXPECT_EQ(wire.ask(0x20), REFUSAL);
     wire.selectModule(3);
     EXPECT_EQ(wire.chips(), 2);
     EXPECT_EQ(wire.chips(1), 1) << "the host's word is taken";
+    wire.ask(0x13);
+    wire.raw(0x24);
+    wire.write(padded({0xFF}, 30)); // the data come in two pieces
+    wire.write(Bytes(36));
+    const Bytes dacs = wire.read();
+    EXPECT_EQ(slice(dacs, 7, 3), (Bytes{0x22, 0xE7, 0x1A})) << "the fuses, lowest bits first";
+    EXPECT_EQ(slice(dacs, 39, 3), (Bytes{0x83, 0xFF, 0xFA}));
     wire.selectModule(9);
     EXPECT_EQ(wire.chips(), 2);
 

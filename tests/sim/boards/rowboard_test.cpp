@@ -86,6 +86,19 @@ TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
     EXPECT_EQ(got, 100 * 1365U);
 }
 
+TEST(RowBoardTest, FaultsShowOnTheWire)
+{
+    RowWire wire;
+    wire.fault({{"kind", "chip_missing"}, {"channel", 1}});
+    wire.alive(OUTEN | ENIN);
+    wire.mux(0xFF);
+    wire.payload(1, 0, {0xAA, 0xBB, 0xCC}, 7); // past the chips, each of which holds one byte
+    const Bytes reply = wire.read();
+    EXPECT_EQ(slice(reply, 1, 3, 7), Bytes(3));
+    EXPECT_EQ(slice(reply, 2, 3, 7), (Bytes{0, 0xAA, 0xBB}));
+    EXPECT_THROW(wire.board.applyFault({{"kind", "chip_missing"}, {"channel", 7}}), std::runtime_error);
+}
+
 TEST(RowBoardTest, RecordsWhatNoFirmwareUnderstands)
 {
     expectRecorded<RowWire>({

@@ -48,24 +48,6 @@ TEST_F(BusTest, ListsPluggedChipsNewestFirst)
     EXPECT_EQ(kept(1, &EchoBoard::powered), 2);
 }
 
-TEST_F(BusTest, StringsAreCutToTheRoomAndEndWithZero)
-{
-    Host host;
-    ftdi_device_list* list = nullptr;
-    sim::loadBench(echoBench({"Board one"}));
-    ASSERT_EQ(ftdi_usb_find_all(&host.ftdi, &list, 0x0403, 0x6010), 1);
-    char maker[16];
-    char text[6];
-    char serial[16];
-    EXPECT_EQ(ftdi_usb_get_strings(&host.ftdi, list->dev, maker, 16, text, 6, serial, 16), 0);
-    EXPECT_STREQ(maker, "FTDI");
-    EXPECT_STREQ(text, "Board");
-    EXPECT_STREQ(serial, "S");
-    sim::unplug(0);
-    EXPECT_EQ(ftdi_usb_get_strings(&host.ftdi, list->dev, maker, 16, text, 6, serial, 16), -4);
-    ftdi_list_free(&list);
-}
-
 TEST_F(BusTest, SessionsAndContextsAreCounted)
 {
     Host host;
