@@ -114,7 +114,6 @@ TEST(Mpx3BoardTest, FaultsOfChipsAndFlash)
     wire.fault({{"kind", "stuck_channel"}, {"channel", 0}, {"level", 1}});
     wire.fault({{"kind", "chip_missing"}, {"channel", 1}});
     wire.fault({{"kind", "flash"}, {"version", 2}});
-    EXPECT_FALSE(wire.board.applyFault({{"kind", "short_read"}}));
     EXPECT_THROW(wire.board.applyFault({{"kind", "stuck_channel"}, {"channel", 5}}), std::runtime_error);
     EXPECT_EQ(fuses(1), Bytes(38, 0xFF));
     EXPECT_EQ(fuses(2), Bytes(38, 0x00));

@@ -187,7 +187,6 @@ TEST_F(BusTest, LinkKeepsItsPace)
     EXPECT_GE(wrote, 29ms);
     const auto read = timeOf([&] { EXPECT_EQ(host.fetch(300000), ramp(300000)); });
     EXPECT_GE(read, 28ms);
-    EXPECT_LT(read, 3s);
 }
 
 TEST_F(BusTest, PullingTheCableEndsAWaitingRead)
@@ -228,7 +227,6 @@ TEST_F(BusTest, BadBenchesAreToldAboutAndLeaveTheBusAlone)
         {R"({"kind": null})", R"(board 2 ("B"): "kind" is missing)"},
         {R"({"product_id": "6010"})", R"("product_id" must be a number or a text like "0x6010")"},
         {R"({"vendor_id": 65536})", R"("vendor_id" must be a number from 0 to 65535)"},
-        {R"({"link": {"rate": 40}})", R"(unknown key "rate")"},
         {R"({"link": {"latency_ms": -1}})", R"("latency_ms" must be a time)"},
         {R"({"faults": [{"kind": "flood"}]})", R"(board 2 ("B"): fault "flood": unknown kind)"},
     };
