@@ -16,7 +16,6 @@ TEST(IbBiasParamsTest, TypeComesFromTheName)
     EXPECT_EQ("E", IBBiasParams::getBiasType("WE sn:"));
     EXPECT_EQ("D", IBBiasParams::getBiasType("WA"));
     EXPECT_EQ(200.0, IBBiasParams("Latixel WB sn:12", true).maxBias());
-    EXPECT_EQ(0.0, IBBiasParams("Ardixel WB sn:12", true).maxBias());
     EXPECT_EQ(0.0, IBBiasParams("WA sn:", false).maxBias());
 }
 
@@ -28,13 +27,10 @@ TEST(IbBiasParamsTest, WithoutACalibrationTheTypeRules)
         EXPECT_EQ(code, a.getBiasCode(volts, false)) << volts;
     EXPECT_EQ(145, a.getBiasCode(50.0, true)); // 258 - 112.2
     EXPECT_EQ(1, IBBiasParams("C", false).getBiasCode(50.0, false)) << "0 over 0";
-    EXPECT_EQ(0.0, IBBiasParams("C", false).adcToSenseVoltage(4095));
 
     IBBiasParams b("B", false);
     EXPECT_EQ(141, b.getBiasCode(100.0, false)); // 255 - 113.8
-    EXPECT_EQ(0.0, b.adcToSenseVoltage(2048));
     EXPECT_DOUBLE_EQ(2.5 * 100 * 2 / 1.3, b.adcToSenseVoltage(4096));
-    EXPECT_EQ(0.0, b.adcToSenseCurrent(4095));
     for (const int type : {0, 1, 2, 3, 4}) {
         b.setDeviceType(type);
         EXPECT_DOUBLE_EQ(type % 4 == 0 ? 0.0 : 85.0, b.adcToSenseVoltage(2048));

@@ -12,11 +12,6 @@ namespace {
 class IniFileTest : public testing::Test {
 protected:
     void load(const std::string& text) { EXPECT_EQ(ini.load(dir.write("x.ini", text).c_str()), 0); }
-    std::string saved()
-    {
-        EXPECT_EQ(ini.save(nullptr), 0);
-        return dir.read("x.ini");
-    }
 
     support::TempFolder dir;
     IniFile ini{(dir / "x.ini").c_str(), "="};
@@ -39,12 +34,9 @@ TEST_F(IniFileTest, ReadsSectionsAndItemsAsTheyStand)
     EXPECT_EQ(ini.get("S", "a", ""), "b=c");
     EXPECT_EQ(ini.get("S", "blank ", "") + ini.get("S", "blank", "none"), " vnone");
     EXPECT_EQ(ini.get("s", "a", "other case"), "other case");
-    EXPECT_THAT(ini.getSectionKeys("cut"), ElementsAre("other", "k"));
-    EXPECT_EQ(ini.getSectionItems("cut")[1].value, "3");
+    EXPECT_EQ(ini.getSectionItems("cut").at(1).value, "3") << "the last of two counts";
     EXPECT_EQ(ini.get("", "last", ""), "no line end");
     EXPECT_EQ(ini.getSectionCount(), 4);
-    ini.set("S", "a", "1");
-    EXPECT_EQ(ini.getSectionCount(), 4); // "!" counts now, the repeated header of "S" no more
 }
 
 TEST_F(IniFileTest, TakesLinesOfAnyLengthAndContent)
@@ -66,43 +58,22 @@ TEST_F(IniFileTest, NumbersAndSwitchesFallBackOnTheDefault)
     EXPECT_THAT((std::vector{number("hex"), number("wide"), number("badhex"), number("minus"), number("real")}),
                 ElementsAre(16, -1, 7, -1, 1));
     EXPECT_THAT((std::vector{number("text"), number("empty"), number("absent")}), ElementsAre(7, 7, 7));
-    EXPECT_EQ(ini.getDouble("!", "wide", 0), 8589934591.0);
     EXPECT_EQ(ini.getDouble("!", "real", 0), 1.5);
     EXPECT_EQ(ini.getDouble("!", "text", 2.5), 2.5);
-    for (const bool def : {false, true}) {
-        EXPECT_EQ(ini.getBool("!", "empty", def), def);
-        EXPECT_EQ(ini.getBool("!", "absent", def), def);
-        EXPECT_TRUE(ini.getBool("!", "yes", def) && ini.getBool("!", "one", def));
-        EXPECT_FALSE(ini.getBool("!", "shout", def) || ini.getBool("!", "text", def));
-    }
+    EXPECT_TRUE(ini.getBool("!", "empty", true) && ini.getBool("!", "absent", true));
+    EXPECT_TRUE(ini.getBool("!", "yes", false) && ini.getBool("!", "one", false));
+    EXPECT_FALSE(ini.getBool("!", "shout", true) || ini.getBool("!", "text", true));
 }
 
 TEST_F(IniFileTest, SavesSortedWithItsOwnLineEnds)
 {
-    load("[b]\nz=1\ny=2\n; note\n[a]\nk=v\n");
+    load("[b]\nz=1\ny=2\n[a]\nk=v\n[gone]\nk=v\n");
     ini.set("!", "third", 1.0 / 3);
-    ini.set("a b", "n", -5);
-    EXPECT_EQ(saved(), "third=0.333333\r\n\n[a b]\r\nn=-5\r\n\n[a]\r\nk=v\r\n\n[b]\r\n; note=\r\ny=2\r\nz=1\r\n");
-    ini.removeSection("!");
-    ini.removeSection("a b");
-    ini.removeSection("b");
-    EXPECT_EQ(saved(), "[a]\r\nk=v\r\n");
-    ini.set(" early", "k", "v"); // its name sorts before "!", which then needs a header
-    ini.set("!", "k", "v");
-    EXPECT_EQ(saved(), "[ early]\r\nk=v\r\n\n[!]\r\nk=v\r\n\n[a]\r\nk=v\r\n");
-}
-
-TEST_F(IniFileTest, SetKeepsThePlaceOfAKnownItemAndRemoveMissesIt)
-{
-    load("[s]\nb=1\na=2\n");
-    ini.set("s", "b", "new");
-    ini.set("s", "0", 0);
-    EXPECT_THAT(ini.getSectionKeys("s"), ElementsAre("b", "a", "0"));
-    EXPECT_EQ(ini.get("s", "b", ""), "new");
-    ini.remove("s", "b");
-    EXPECT_TRUE(ini.itemExists("s", "b"));
-    ini.remove("s|", "b");
-    EXPECT_FALSE(ini.itemExists("s", "b"));
+    ini.set("b", "y", -5);
+    ini.remove("b|", "z");
+    ini.removeSection("gone");
+    EXPECT_EQ(ini.save(nullptr), 0);
+    EXPECT_EQ(dir.read("x.ini"), "third=0.333333\r\n\n[a]\r\nk=v\r\n\n[b]\r\ny=-5\r\n");
 }
 
 TEST_F(IniFileTest, AFailedLoadLeavesNothing)

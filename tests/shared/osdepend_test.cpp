@@ -40,15 +40,6 @@ TEST(ThreadSyncObject, ManualGuardsReleaseOnce)
     EXPECT_TRUE(guard.unlock());
     EXPECT_FALSE(guard.unlock());
     EXPECT_TRUE(freeForOthers(sync));
-    EXPECT_FALSE(ThreadLockManual(&sync, false).unlock());
-}
-
-TEST(ThreadSyncObjectDeathTest, MisuseEndsTheProcess)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    ThreadSyncObject sync;
-    EXPECT_DEATH(sync.unlock(), "Assertion `0' failed");
-    EXPECT_DEATH(ThreadLock(nullptr), "Assertion `sync' failed");
 }
 
 TEST(Event, KeepsASignalForOneWait)

