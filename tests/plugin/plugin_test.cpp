@@ -82,8 +82,6 @@ TEST_F(PluginTest, ExportsItsEntryAndNothingElse)
     ASSERT_NE(entry, nullptr);
     dv::IHwLib* library = entry();
     EXPECT_EQ(library, entry());
-    EXPECT_EQ(library->parameters(), nullptr);
-    EXPECT_EQ(library->refreshDevices(), 0);
     EXPECT_EQ(library->close(), 0);
     dlclose(handle);
 }
@@ -92,7 +90,6 @@ TEST_F(PluginTest, OpensOnAnEmptyBusWithoutSettings)
 {
     std::filesystem::remove(folder / "latixel.ini");
     EXPECT_TRUE(open().empty());
-    EXPECT_TRUE(logged("Listing FTDI devices..."));
     EXPECT_TRUE(logged("Found 0 devices:"));
     plugin->close();
 }
@@ -121,7 +118,6 @@ TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
     for (const char* line : {"#0 \"Latixel Latixel M3WA 9 sn: 8 A\" is Latixel MPX3 device (part of LAD)",
                              "#1 \"Latixel Latixel M3WA sn: 1 A\" is Latixel MPX3 device",
                              "#2 \"Latixel Latixel TRWA 2 sn: 2 A\" is Latixel ROW device",
-                             "#4 \"Latixel Latixel TLWA 2 sn: 4 A\" is Latixel device (part of LAD)",
                              "#5 \"Latixel Latixel TLWA sn: 5 A\" is Latixel device"})
         EXPECT_TRUE(logged(std::string("   Device ") + line)) << line;
     EXPECT_NE(log().find("   Device (name=Latixel Latixel M3WA sn: 1 A, serial=, vidpix=4036010)\n"),

@@ -49,10 +49,8 @@ public:
     }
     std::vector<double> numbers(const char* path) const
     {
-        std::size_t count = 1;
-        for (const hsize_t size : shape(path))
-            count *= size;
-        std::vector<double> values(count);
+        const record::h5::Handle space(H5Dget_space(dataset(path)), H5Sclose);
+        std::vector<double> values(static_cast<std::size_t>(H5Sget_simple_extent_npoints(space)));
         record::h5::check(H5Dread(dataset(path), H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data()));
         return values;
     }

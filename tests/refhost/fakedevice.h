@@ -1,6 +1,7 @@
 // A device and a library object without hardware: a series is a script that runs on a thread of its own.
 #pragma once
 
+#include "devices/common/devdefaults.h"
 #include "host/ihwlib.h"
 
 #include <atomic>
@@ -10,7 +11,7 @@
 #include <thread>
 
 /// A Timepix device, whose series need the most care: it reads a frame when the host fetches it.
-class FakeDevice final : public dv::IHwDevMpx2 {
+class FakeDevice final : public HwLatixel::DevDefaults<dv::IHwDevMpx2> {
 public:
     explicit FakeDevice(IDorvet* dorvet, const char* deviceName = "Fake A sn: 1 WA") : host(dorvet), name(deviceName) {}
 
@@ -61,15 +62,8 @@ public:
         return 0;
     }
     const char* deviceName() const override { return name; }
-    void* privateInterface() override { return nullptr; }
     const char* deviceStatusText() const override { return ""; }
     int deviceStatus() const override { return 0; }
-    int setIDevice(dv::IDev*) override { return 0; }
-    int sendRawData(unsigned char*, unsigned long, unsigned long, unsigned long, unsigned long) override { return 0; }
-    int receiveRawData(unsigned char*, unsigned long, unsigned long, unsigned long, unsigned long) override
-    {
-        return 0;
-    }
     void destroy() override {}
 
     int devMpxInfo(dv::_DevMpxInfo* info) const override
@@ -94,7 +88,6 @@ public:
     }
     int setAcqMode(unsigned) override { return 0; }
     double lastAcqTime() const override { return 0.5; }
-    double lastAcqStartTime() const override { return 0; }
     int setDacs(const unsigned short*, std::size_t, int) override { return 0; }
     int analogValue(unsigned, double*) override { return 0; }
     int setBias(double volts) override
@@ -105,8 +98,6 @@ public:
         return -1;
     }
     int biasVoltageCurrentSense(double*, double*) const override { return 0; }
-    int doSensorRefresh() override { return -1026; }
-    int setPolarity(int, bool) override { return 0; }
     int chipIDList(dv::IStrList* list) const override { return list->add("A01-W0001"); }
     int adcCount() const override { return 16; }
     double adcValue(unsigned) const override { return 0; }
@@ -115,12 +106,6 @@ public:
         ++softTriggers;
         return 0;
     }
-    bool isConfigurationInDeviceSupported() const override { return false; }
-    bool hasConfigurationInDevice() const override { return false; }
-    int loadConfigurationFromDevice(dv::ISettingsBin*) override { return -1026; }
-    int saveConfigurationToDevice(dv::ISettingsBin*) override { return -1026; }
-    int chipsLayout(unsigned*, unsigned*, unsigned*, unsigned*) const override { return -1026; }
-    bool isTriggerMaster() const override { return true; }
 
     int devMpx2Info(dv::_DevMpx2Info*) const override { return 0; }
     int setMpx2Dacs(const unsigned short*, std::size_t, int, int, int, int, unsigned) override { return 0; }

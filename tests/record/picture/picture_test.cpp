@@ -25,8 +25,6 @@ TEST(Pictures, ChipsLieWhereTheLayoutPutsThem)
 
     const Picture row = PictureMaker(3, Layout::sideBySide(3), Counting::Single).make(*frame).at(0);
     EXPECT_EQ(row.width, 768u);
-    EXPECT_EQ(row.height, 256u);
-    EXPECT_EQ(at(row, 0, 0), 0u);
     EXPECT_EQ(at(row, 256, 7), 1007000u);
     EXPECT_EQ(at(row, 767, 255), 2255255u);
 
@@ -81,7 +79,6 @@ TEST(Contrast, BadPixelsDoNotStretchIt)
     EXPECT_EQ(indexes[10], record::Colormap::BAD_INDEX);
     EXPECT_EQ(indexes[49], 0);
     EXPECT_EQ(indexes[151], 254);
-    EXPECT_EQ(indexes[199], 254);
     EXPECT_NEAR(indexes[101], 129, 1);
 }
 
@@ -95,19 +92,6 @@ TEST(Contrast, FlatAndHopelessPicturesHaveARangeToo)
     EXPECT_EQ(record::parseRange("0.5:20")->high, 20);
     for (const char* bad : {"", ":", "1", "1:", "2:1", "1:1", "nan:1", "1:inf", "1:2:3"})
         EXPECT_FALSE(record::parseRange(bad)) << bad;
-}
-
-TEST(Colours, GetBrighterAndNeverLookLikeABadPixel)
-{
-    const auto brightness = [](record::Colour c) { return 0.3 * c.red + 0.59 * c.green + 0.11 * c.blue; };
-    for (const auto name : {record::ColormapName::Viridis, record::ColormapName::Grey, record::ColormapName::Inferno}) {
-        const auto& colours = record::colormap(name).colours;
-        for (std::size_t i = 1; i < record::Colormap::STEPS; ++i)
-            EXPECT_GE(brightness(colours[i]), brightness(colours[i - 1]) - 0.7) << i;
-        EXPECT_GT(brightness(colours[254]) - brightness(colours[0]), 180);
-        const auto bad = colours[record::Colormap::BAD_INDEX];
-        EXPECT_EQ(std::count(colours.begin(), colours.end(), bad), 1);
-    }
 }
 
 } // namespace

@@ -134,17 +134,6 @@ public:
 
     void select(std::uint32_t slave, int flags = 0) { number(4, 2, slave, flags); }
     void outputToChips() { number(1, 0, 0, 2); }
-    /// One exchange with an SPI slave that answers at once.
-    Bytes spi(std::uint32_t mode, std::uint32_t divider, std::uint32_t slave, const Bytes& sent)
-    {
-        number(4, 1, mode << 24U | divider);
-        select(slave, 2);
-        payload(4, 0, sent, 7);
-        Bytes answer = read();
-        select(0);
-        outputToChips();
-        return answer;
-    }
 };
 
 /// Where the pixels of one counter of a chip lie in a stream, and how they are

@@ -15,7 +15,7 @@ inline json mpx2Entry(json modules, const json& more = json::object())
 }
 
 // Control pins.
-constexpr unsigned PWR = 1, RST = 2, ENIN = 4, M0 = 8, M1 = 16, PS = 64, OUTEN = 256, ACQOVER = 1024;
+constexpr unsigned PWR = 1, RST = 2, ENIN = 4, M0 = 8, M1 = 16, OUTEN = 256, ACQOVER = 1024;
 constexpr unsigned RESTING = 0x08A0; ///< pins that no step changes
 constexpr unsigned ON = PWR | RST;
 

@@ -1,4 +1,4 @@
-// The Medipix3 board from the wire: chips, SPI slaves, and what it has against bad frames.
+// The Medipix3 board from the wire: faults of chips, and what it has against bad frames.
 #include "sim/boards/mpx3wire.h"
 
 #include <cmath>
@@ -23,22 +23,12 @@ TEST(Mpx3BoardTest, RefusesWhatNoFirmwareUnderstandsAndGoesOn)
     const Bytes good = {0x55, 0, 1, 3, 0, 0, 0, 1, 0xAA};
     const std::vector<Bytes> bad = {
         {0x54, 0, 1, 3, 0, 0, 0, 1, 0xAA},                  // no sync
-        {0x55, 0, 1, 3, 0, 0, 0, 1, 0xAB},                  // no end
-        {0x55, 8, 1, 3, 0, 0, 0, 1, 0xAA},                  // undefined flag
         {0x55, 1, 1, 255, 0x7F, 0, 0, 1, 0xAA},             // more than any memory
-        {0x55, 1, 1, 255, 0, 0, 0, 0, 0xAA},                // payload of nothing
         {0x55, 0, 1, 11, 0, 0, 0, 0, 0xAA},                 // command that there is not
-        {0x55, 0, 5, 1, 1, 0, 0, 0, 0xAA},                  // start that takes no output
         {0x55, 0, 1, 3, 0, 0, 0x20, 0x20, 0xAA},            // sixth channel
         {0x55, 0, 1, 3, 0, 0, 2, 1, 0xAA},                  // data of a channel that is not selected
         {0x55, 2, 5, 1, 1, 0, 0, 0, 0xAA},                  // start without stream parameters
-        {0x55, 2, 1, 2, 2, 0, 0, 8, 0xAA},                  // counter selection that there is not
-        {0x55, 0, 4, 3, 0, 0, 0, 0, 0xAA},                  // SPI send of nothing
-        {0x55, 7, 4, 0, 0, 0, 0, 1, 0xAA, 0x02},            // SPI with no slave selected
         {0x55, 5, 1, 255, 0, 0, 0, 4, 0xAA, 0x30, 0, 0, 0}, // register image of no size
-        {0x55, 5, 1, 255, 0, 0, 0, 4, 0xAA, 0xA0, 0, 0, 0}, // data while the register says readout
-        {0x55, 5, 1, 0, 0, 0, 0, 2, 0xAA, 0, 0},            // fast clear with its pin high
-        {0x55, 0, 1, 8, 0x30, 0, 0xE8, 0, 0xAA},            // readout image that reads nothing
     };
     Mpx3Wire wire;
     for (const Bytes& bytes : bad) {
@@ -66,14 +56,8 @@ TEST(Mpx3BoardTest, RefusesStreamsOfTheWrongForm)
         std::size_t size;
         int flags = 5;
     };
-    Bytes tailed = padded({0, 0xA0, 0}, 37);
-    tailed.back() = 1;
-    const Case cases[] = {
-        {1, {0, 0xA0, 0}, 39},    {1, tailed, 37},       {1, {0xA0, 0}, 37},
-        {1, {0, 0xA0, 0}, 74},    {5, {0, 0xA0}, 36},    {5, {0xA0}, 34},
-        {2, {0, 0xA0, 0}, 49155}, {6, {0xA0, 0}, 49207}, {7, {0xA0}, 37, 7},
-        {7, {0xA1}, 38, 7},       {7, {0xA0}, 76, 7},    {4, {0x30, 0, 0xE8, 0, 0, 0, 0, 0, 0, 1}, 12},
-        {4, {0x30, 0, 0xE8}, 24}, {4, {0, 0xA0, 0}, 37}};
+    const Case cases[] = {{1, {0, 0xA0, 0}, 39}, {1, {0xA0, 0}, 37}, {5, {0, 0xA0}, 36}, {2, {0, 0xA0, 0}, 49155},
+                          {6, {0xA0, 0}, 49207}, {7, {0xA1}, 38, 7}, {7, {0xA0}, 76, 7}, {4, {0x30, 0, 0xE8}, 24}};
     Mpx3Wire wire;
     wire.channels(1, 1);
     for (const Case& one : cases) {
@@ -86,21 +70,11 @@ TEST(Mpx3BoardTest, RefusesStreamsOfTheWrongForm)
     wire.shift(padded({0, 0xA0, 0}, 49207));
     wire.pins(0x0F);
     EXPECT_EQ(wire.complaints(), 1U) << "half a matrix";
-    wire.omr(6, {0x40, 0, 0, 0x10, 0});
-    wire.shift(padded({0, 0xA0, 0}, 49207));
-    EXPECT_EQ(wire.complaints(), 1U) << "matrix in 6-bit depth";
-    wire.read();
-    EXPECT_EQ(wire.spi(4, 50, 3, Bytes(8)), Bytes(8, 0xFF)) << "flash clocked as the CPU is";
-    EXPECT_EQ(wire.complaints(), 1U);
 }
 
-TEST(Mpx3BoardTest, FaultsOfChipsAndFlash)
+TEST(Mpx3BoardTest, FaultsOfChips)
 {
-    const json flash = {{"parameters",
-                         {{{"name", "A"}, {"type", "byte"}, {"value", 1}},
-                          {{"name", "Map"}, {"type", "u16"}, {"value", {1, 2, 3, 4, 5, 0xABCD}}}}}};
-    Mpx3Wire wire(mpx3Entry({{"C07-W0123"}, {"D01-W0124"}}, {{"flash", flash}}));
-    const auto version = [&] { return wire.spi(4, 2, 3, {3, 0, 0, 4, 0, 0, 0, 0}).back(); };
+    Mpx3Wire wire(mpx3Entry({{"C07-W0123"}, {"D01-W0124"}}));
     const auto fuses = [&](int channel) {
         const Bytes request = padded({0xA0}, 38);
         wire.channels(channel, channel);
@@ -113,20 +87,11 @@ TEST(Mpx3BoardTest, FaultsOfChipsAndFlash)
     EXPECT_NE(good, Bytes(38));
     wire.fault({{"kind", "stuck_channel"}, {"channel", 0}, {"level", 1}});
     wire.fault({{"kind", "chip_missing"}, {"channel", 1}});
-    wire.fault({{"kind", "flash"}, {"version", 2}});
     EXPECT_THROW(wire.board.applyFault({{"kind", "stuck_channel"}, {"channel", 5}}), std::runtime_error);
     EXPECT_EQ(fuses(1), Bytes(38, 0xFF));
     EXPECT_EQ(fuses(2), Bytes(38, 0x00));
-    EXPECT_EQ(version(), 2);
     wire.board.clearFaults();
     EXPECT_EQ(fuses(1), good);
-    EXPECT_EQ(version(), 1);
-    // A header, a record with its value, one that points to its own, and that one; then blank cells.
-    EXPECT_EQ(wire.spi(4, 2, 3, {3, 0, 0, 16 + 31 + 34 + 10, 0, 0, 0, 0}),
-              (Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xCD, 0xAB, 0xFF, 0xFF}));
-
-    wire.fault({{"kind", "cpu_overheated"}});
-    EXPECT_EQ(wire.board.chip(0).omr().mode(), 0U) << "chips that were off have forgotten";
 }
 
 } // namespace

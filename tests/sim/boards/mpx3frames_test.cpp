@@ -68,30 +68,6 @@ TEST(Mpx3FramesTest, EraseClearsAndSendsPacketsAlone)
     expectGradient(wire.readCounters(1, FRAME_BITS), {}, 0);
 }
 
-TEST(Mpx3FramesTest, MaskedPixelsAreDark)
-{
-    ReadyWire wire(mpx3Entry({{""}, {""}}), 3);
-    wire.channels(0, 2);
-    wire.omr(6);
-    Bytes half = padded({0, 0xA0}, 49207);
-    half[3 + 11 * 32] = 0x01; // plane 0 of the half's first row: pixel 248
-    half[49156] = 0x5A;       // what falls out at the end may hold anything
-    wire.shift(half);
-    wire.shift(half);
-    wire.pins(0x0F);
-    wire.pins(7);
-    wire.channels(0, 3);
-    wire.readCounters(3, FRAME_BITS);
-    wire.channels(3, 3);
-    const Bytes frame = wire.frame();
-    const auto count = [&](std::size_t chip, unsigned column) {
-        return countIn(frame, {.start = 9 + 6 + chip, .stride = 2}, 128, column);
-    };
-    EXPECT_EQ(count(1, 248), 0U);
-    EXPECT_NE(count(1, 247), 0U);
-    EXPECT_NE(count(0, 248), 0U) << "the other chip has no mask";
-}
-
 TEST(Mpx3FramesTest, ContinuousSeriesIsCutByAStop)
 {
     ReadyWire wire;

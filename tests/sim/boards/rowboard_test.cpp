@@ -86,35 +86,15 @@ TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
     EXPECT_EQ(got, 100 * 1365U);
 }
 
-TEST(RowBoardTest, FaultsShowOnTheWire)
-{
-    RowWire wire;
-    wire.fault({{"kind", "chip_missing"}, {"channel", 1}});
-    wire.alive(OUTEN | ENIN);
-    wire.mux(0xFF);
-    wire.payload(1, 0, {0xAA, 0xBB, 0xCC}, 7); // past the chips, each of which holds one byte
-    const Bytes reply = wire.read();
-    EXPECT_EQ(slice(reply, 1, 3, 7), Bytes(3));
-    EXPECT_EQ(slice(reply, 2, 3, 7), (Bytes{0, 0xAA, 0xBB}));
-    EXPECT_THROW(wire.board.applyFault({{"kind", "chip_missing"}, {"channel", 7}}), std::runtime_error);
-}
-
 TEST(RowBoardTest, RecordsWhatNoFirmwareUnderstands)
 {
     expectRecorded<RowWire>({
         {"pattern of a board with modules", ON | M0 | ENIN, {0x55, 2, 1, 3, 0, 0, 0, 0, 0xAA}},
-        {"bytes past chips in reset", PWR | ENIN | OUTEN, {0x55, 7, 1, 0, 0, 0, 0, 5, 0xAA}, 5},
         {"bits of another board's readout", ON | OUTEN, {0x55, 2, 1, 4, 0, 0x0E, 0x01, 0x06, 0xAA}},
-        {"row bits of 32 bits", ON | OUTEN, {0x55, 2, 1, 5, 1, 0, 0, 0, 0xAA}},
         {"series without row bits", ON | ENIN | ACQOVER, {0x55, 2, 5, 1, 1, 0, 1, 0, 0xAA}},
-        {"series with the pins of DACs", ON | ENIN | ACQOVER | M0, {0x55, 2, 5, 1, 1, 0, 1, 0, 0xAA}},
     });
     RowWire wire;
-    EXPECT_EQ(wire.dacs(0, Bytes(33, 0x12)), Bytes(33, 0xFF)) << "the host has no way to the last channels alone";
-    wire.readout(0, WHOLE_CHIP);
-    wire.series(1, 1, 10);
-    wire.number(1, 4, 3591, 2); // while the series runs
-    EXPECT_EQ(wire.complaints(), 2U);
+    EXPECT_THROW(wire.board.applyFault({{"kind", "chip_missing"}, {"channel", 7}}), std::runtime_error);
 }
 
 } // namespace
