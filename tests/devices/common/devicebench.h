@@ -17,11 +17,15 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace support {
+
+using Strings = std::vector<std::string>;
 
 struct Seen {
     unsigned event;
@@ -101,9 +105,73 @@ private:
     std::vector<Seen> events;
 };
 
+/// Keeps what a device tells its host as an error, from any thread.
+class ErrorLines {
+public:
+    explicit ErrorLines(dv::IHwDev& device) { device.setLogMsgFunc(&ErrorLines::keep, this); }
+
+    /// The lines since the last call.
+    Strings take()
+    {
+        const std::lock_guard lock(mutex);
+        return std::exchange(lines, {});
+    }
+
+private:
+    static void keep(unsigned level, const char* text, void* user)
+    {
+        auto& errors = *static_cast<ErrorLines*>(user);
+        const std::lock_guard lock(errors.mutex);
+        if (level == 1)
+            errors.lines.push_back(text);
+    }
+
+    std::mutex mutex;
+    Strings lines; ///< under `mutex`
+};
+
 inline nlohmann::json flatScene(double flux)
 {
     return {{"kind", "flat"}, {"flux", flux}, {"noise", false}};
+}
+
+/// So many chips on each module or channel.
+inline nlohmann::json chipNames(const std::vector<int>& counts)
+{
+    nlohmann::json modules = nlohmann::json::array();
+    for (std::size_t m = 0; m < counts.size(); ++m) {
+        modules.push_back(nlohmann::json::array());
+        for (int k = 0; k < counts[m]; ++k)
+            modules[m].push_back("C0" + std::to_string(m) + "-W010" + std::to_string(k));
+    }
+    return modules;
+}
+
+/// A board without chips: flash with a highest bias and a value that is read late, CPU without bias. The serial in its
+/// description is 7.
+inline nlohmann::json boardOf(const std::string& kind, const std::string& type)
+{
+    nlohmann::json board = nlohmann::json::parse(R"({
+        "flash": {"parameters": [
+            {"name": "BiasMax", "type": "double", "value": 90.0},
+            {"name": "Table", "type": "i32", "value": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12]}]},
+        "cpu": {"version": "CPU 1.2", "values": [["TempCpu", "35.5"], ["*Fan", "1"]]}
+    })");
+    board.update({{"kind", kind}, {"description", "Latixel Latixel " + type + " sn: 7 A"}});
+    return board;
+}
+
+/// A fault that begins once the host has written a command so often.
+inline nlohmann::json behind(const std::string& command, nlohmann::json fault, int times = 1)
+{
+    fault["when"] = {{"after_written", command}, {"occurrence", times}};
+    return fault;
+}
+
+/// So many reads or writes fail.
+inline nlohmann::json linkError(const std::string& on, int times = 1)
+{
+    return {{"kind", "error"}, {"on", on}, {"result", -9}, {"text", "overflow"}, {"times", times}};
 }
 
 /// Waits until something has come about; false after twenty seconds.
@@ -133,7 +201,6 @@ public:
     BenchBase& operator=(const BenchBase&) = delete;
 
     DeviceClass* operator->() const { return device; }
-    DeviceClass& dev() const { return *device; }
 
     template <typename Look>
     static void board(std::size_t index, Look look)
@@ -150,6 +217,50 @@ public:
     {
         for (const auto& violation : sim::violations())
             ADD_FAILURE() << violation.what << ": " << hex(violation.bytes, 32);
+    }
+    dv::_DevMpxInfo info() const
+    {
+        dv::_DevMpxInfo info{};
+        device->devMpxInfo(&info);
+        return info;
+    }
+    /// The chips that the host is told.
+    Strings chipIds() const
+    {
+        dv::StrList ids;
+        EXPECT_EQ(device->chipIDList(&ids), 0);
+        return ids.vect();
+    }
+    std::size_t pixels() const { return chipIds().size() * 65536; }
+    /// The names of its parameters, each with a blank in front of it.
+    std::string paramNames() const
+    {
+        std::string names;
+        for (auto* param : device->parameters()->params())
+            names += std::string(" ") + param->name();
+        return names;
+    }
+    void set(const char* param, int value) const { device->parameters()->get(param)->setInt32(value); }
+    std::string param(const char* name) const { return device->parameters()->get(name)->getString(); }
+    bool logged(const std::string& text) const { return folder.read(logName).find(text) != std::string::npos; }
+    void expectError(const std::string& beginning) const
+    {
+        EXPECT_TRUE(std::string(device->lastError()).starts_with(beginning)) << device->lastError();
+    }
+
+    // The device's operations on arrays.
+    int setDacs(const std::vector<unsigned short>& dacs, int chip = -1) const
+    {
+        return device->setDacs(dacs.data(), dacs.size(), chip);
+    }
+    int setPixelCfg(const std::vector<unsigned char>& cfg) const { return device->setPixelCfg(cfg.data(), cfg.size()); }
+    int write(const Pixels& matrix, bool convert = true) const
+    {
+        return device->writeMatrix(matrix.data(), matrix.size(), convert);
+    }
+    int read(Pixels& matrix, bool convert = true) const
+    {
+        return device->readMatrix(matrix.data(), matrix.size(), convert);
     }
     /// The frame of `lastData` as pixels; empty where there is none.
     Pixels frame() const
@@ -177,15 +288,17 @@ public:
     TempFolder folder;
     refhost::Host host{folder.path(), folder.path()};
     std::unique_ptr<EventLog> events;
+    std::unique_ptr<ErrorLines> errors;
 
 protected:
-    BenchBase() = default;
+    explicit BenchBase(std::string log) : logName(std::move(log)) {}
     ~BenchBase() = default;
 
     void take(DeviceClass* made)
     {
         device = made;
         events = std::make_unique<EventLog>(*device);
+        errors = std::make_unique<ErrorLines>(*device);
     }
     /// Ends the device, which may call its callbacks to the last.
     void end()
@@ -193,36 +306,37 @@ protected:
         device->closeDevice();
         device->destroy();
         host.complainOfLeftovers();
-        EXPECT_EQ(host.complaints(), std::vector<std::string>{});
+        EXPECT_EQ(host.complaints(), Strings{});
         EXPECT_EQ(sim::openSessions(), 0);
         EXPECT_EQ(sim::liveContexts(), 0);
         sim::clearBus();
     }
 
 private:
+    const std::string logName;
     DeviceClass* device = nullptr;
 };
 
-/// A device of a class that is made from name, host, folders, bias type and perhaps more, on its board. The serial in
-/// the board's description is 7.
+constexpr const char* TOO_HOT = "Device allowed temperature exceeded, chips turned off.";
+
+/// A device of a class that is made from name, host, folders, bias type and perhaps more, on its board.
 template <typename DeviceClass, typename BoardClass, typename Pixel>
 class DeviceBench : public BenchBase<DeviceClass, BoardClass, Pixel> {
     using Base = BenchBase<DeviceClass, BoardClass, Pixel>;
 
 public:
-    using Base::folder;
+    using Base::folder, Base::logged, Base::errors;
 
     /// Puts the board on the bus and makes the device, which is not brought up yet. Without `settings` there is no
     /// settings file. `more` are the last arguments of the device's constructor.
     template <typename... More>
-    DeviceBench(const nlohmann::json& board, const std::string& settings, const nlohmann::json& scene, More... more)
+    DeviceBench(const nlohmann::json& board, const std::string& settings, More... more) : Base("latixel_7.log")
     {
-        sim::loadBench({{"boards", {board}}, {"scene", scene}});
+        sim::loadBench({{"boards", {board}}, {"scene", flatScene(1000)}});
         if (!settings.empty())
             folder.write("latixel.ini", settings);
         const std::string name = board.at("description");
         Base::take(new DeviceClass(name, &this->host, folder.path(), folder / "latixel.ini", "A", more...));
-        (*this)->setLogMsgFunc(&DeviceBench::keepLine, this);
     }
     ~DeviceBench() { Base::end(); }
 
@@ -236,7 +350,6 @@ public:
     using Base::sent;
     /// How often a command went over the wire since the last call of `wire`.
     long sent(const std::string& frameBeginning) const { return sent(0, frameBeginning); }
-    std::string log() const { return folder.read("latixel_7.log"); }
     using Base::board;
     template <typename Look>
     void board(Look look) const
@@ -244,13 +357,62 @@ public:
         board(0, look);
     }
 
-    std::vector<std::string> errors; ///< lines of level 1; of interest while no series runs
-
-private:
-    static void keepLine(unsigned level, const char* text, void* user)
+    /// Checks that the device fails without its board, and that it comes up on a link that fails on the way, though
+    /// perhaps without chips. On a sound link it finds one.
+    void expectBringUpOnBadLinks(const std::vector<nlohmann::json>& faults)
     {
-        if (level == 1)
-            static_cast<DeviceBench*>(user)->errors.push_back(text);
+        auto& bench = *this;
+        sim::unplug(0);
+        EXPECT_EQ(bench->initDevice(), -1);
+        EXPECT_FALSE(bench->isConnected());
+        EXPECT_TRUE(logged(std::string("[ERR]: Cannot open device ") + bench->deviceName() + ", error=-1 ("));
+        sim::plug(0);
+        for (const auto& fault : faults) {
+            SCOPED_TRACE(fault.dump());
+            sim::addFault(0, fault);
+            EXPECT_EQ(bench->initDevice(), 0);
+            EXPECT_LE(bench->chipCount(), 50);
+            this->frame();
+            sim::clearFaults(0);
+            sim::plug(0);
+        }
+        ASSERT_EQ(bench->initDevice(), 0);
+        EXPECT_EQ(bench->chipCount(), 1);
+    }
+    /// Checks what a device answers that was closed.
+    void expectClosedAnswers()
+    {
+        auto& bench = *this;
+        double volts = 10;
+        EXPECT_EQ(bench->setBias(50), 1);
+        EXPECT_STREQ(bench->lastError(), "Device not connected");
+        EXPECT_EQ(bench->analogValue(0, &volts), 0);
+        EXPECT_EQ(volts, 0.0);
+        bench->biasVoltageCurrentSense(&volts, nullptr);
+        EXPECT_NE(bench->eraseMatrix(), 0);
+        EXPECT_EQ(bench->lastData(), nullptr);
+        EXPECT_EQ(bench->deviceStatus(), 0);
+        EXPECT_EQ(bench->closeDevice(), 0);
+    }
+    /// Checks that there is neither bias nor an error line where the flash tells no limits.
+    void expectNoBiasWithoutLimits() const
+    {
+        EXPECT_EQ((*this)->setBias(20), -1);
+        EXPECT_EQ(errors->take(), Strings{});
+        EXPECT_EQ(wire(), WireLines{});
+    }
+    /// Overheats the board, which the host is told once, and the log at each poll with the CPU's values.
+    void overheat()
+    {
+        auto& bench = *this;
+        EXPECT_EQ(bench->deviceStatus(), 0);
+        sim::addFault(0, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
+        for (int poll = 0; poll < 2; ++poll)
+            EXPECT_EQ(bench->deviceStatus(), 2);
+        EXPECT_STREQ(bench->deviceStatusText(), "81 degrees");
+        EXPECT_EQ(errors->take(), Strings{"Maximal allowed temperature exceeded ! Let the device cool down and then "
+                                          "reconnect it in SW or restart SW.\nDevice error: 81 degrees\n"});
+        EXPECT_TRUE(logged("Device error. Dumping values:\nTempCpu = 35.5\n"));
     }
 };
 
@@ -261,7 +423,7 @@ public:
     template <typename... Args>
     explicit BroughtUp(Args&&... args) : BenchClass(std::forward<Args>(args)...)
     {
-        EXPECT_EQ(this->dev().initDevice(), 0);
+        EXPECT_EQ((*this)->initDevice(), 0);
         sim::clearTraffic();
     }
     ~BroughtUp() { BenchClass::expectNoViolations(); }
@@ -306,6 +468,11 @@ protected:
     /// Brings the device up, sets it as the tests need it, and calls `takeFrames`.
     virtual void bringUp() = 0;
 
+    void reconnect()
+    {
+        bench->closeDevice();
+        bringUp();
+    }
     /// Takes each frame when it is announced, as a host does, or so long behind that.
     void takeFrames(int delayMs = 0)
     {
@@ -326,6 +493,34 @@ protected:
     {
         return soon([&] { return bench.sent(MEMBERS - 1, START) >= times; });
     }
+    /// Starts a series, and waits until it exposes for the first time or for a later one.
+    void startAndExpose(unsigned count, double time, long times = 1)
+    {
+        start(count, time);
+        ASSERT_TRUE(soonStarted(times));
+    }
+    /// Starts a series, and waits until so many frames have been told.
+    void startAndTake(unsigned count, double time, std::size_t told)
+    {
+        start(count, time);
+        ASSERT_TRUE(soon([&] { return bench.events->seen().size() >= told; }));
+    }
+    /// Starts three frames for a host that takes none: the boards expose one ahead of it, and wait.
+    void startWithoutReader()
+    {
+        bench.events->onFrame = nullptr;
+        startAndExpose(3, 0.02, 2);
+        sleepMs(400);
+        EXPECT_EQ(bench.events->seen(), (Events{{READY, 0}}));
+        for (std::size_t m = 0; m < MEMBERS; ++m)
+            EXPECT_EQ(bench.sent(m, START), 2) << m;
+    }
+    /// A read into too small an array takes nothing, but lets the series go on.
+    void readTooLittle()
+    {
+        typename BenchClass::Pixels pixel(1);
+        EXPECT_EQ(bench.read(pixel), 1);
+    }
     /// Lets a series run to its end.
     void run(unsigned count, double time)
     {
@@ -342,22 +537,51 @@ protected:
             expectBlocks(frame, MEMBERS, 2, static_cast<unsigned>(std::lround(1000 * time)));
     }
     /// Checks that a series of the plain kind works after whatever was done before.
-    void expectNextSeriesWorks()
+    virtual void expectNextSeriesWorks()
     {
         bench->setAcqMode(0);
         takeFrames();
         expectSeries(3, 0.02);
         EXPECT_FALSE(bench->isBusy());
     }
-    /// Stops the series that runs, which ends long before its time.
-    void expectStop()
+    /// Lets a series run that fails behind so many frames, of which the host is told no end.
+    void expectGivenUp(unsigned count, double time, long taken = 0)
+    {
+        start(count, time);
+        ASSERT_TRUE(bench.events->waitFor({FAILED}));
+        sleepMs(100);
+        Events events = readyEvents(taken, FAILED);
+        events.back().data = -1;
+        EXPECT_EQ(bench.events->seen(), events);
+    }
+    /// Stops the series that runs, which ends long before its time; behind so many frames, where that is certain.
+    void expectStop(std::optional<long> taken = {})
     {
         const auto begin = Clock::now();
         EXPECT_EQ(bench->stopAcquisition(), 0);
         ASSERT_TRUE(bench.events->waitForEnd());
         EXPECT_LT(Clock::now() - begin, STOP_LIMIT);
-        EXPECT_EQ(bench.events->seen().back(), (Seen{ABORTED, 0}));
+        const Events events = bench.events->seen();
+        EXPECT_EQ(events.back(), (Seen{ABORTED, 0}));
+        EXPECT_EQ(events, taken ? readyEvents(*taken, ABORTED) : events);
         EXPECT_FALSE(bench->isBusy());
+    }
+    /// Takes frames by software triggers, and stops a series that waits for one: nothing is exposed then.
+    void expectSoftwareTriggers()
+    {
+        constexpr Seen WAITS{HWEVENT_WAIT_TRIGGER, 0};
+        bench->setAcqMode(dv::ACQMODE_SOFT_TRIGGER);
+        bench.events->onWaitTrigger = [&] { bench->doSoftwareTrigger(0); };
+        run(3, 0.01);
+        EXPECT_EQ(std::ranges::count(bench.events->seen(), WAITS), 3);
+        EXPECT_EQ(frames.size(), 3U);
+        bench.events->onWaitTrigger = nullptr;
+        start(5, 30);
+        ASSERT_TRUE(bench.events->waitFor({HWEVENT_WAIT_TRIGGER}));
+        expectStop();
+        EXPECT_EQ(bench.events->seen(), (Events{WAITS, {ABORTED, 0}}));
+        EXPECT_EQ(bench.sent(0, START), 0);
+        expectNextSeriesWorks();
     }
     /// Closes the device so long behind the start of a series whose frames nobody takes, and brings it up again.
     void expectCloseInSeries(double time, int delayMs)

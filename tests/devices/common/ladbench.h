@@ -10,28 +10,6 @@
 
 namespace support {
 
-/// Keeps what a device tells its host as an error, from any thread.
-class ErrorLines {
-public:
-    static void keep(unsigned level, const char* text, void* user)
-    {
-        auto& lines = *static_cast<ErrorLines*>(user);
-        const std::lock_guard lock(lines.mutex);
-        if (level == 1)
-            lines.texts.push_back(text);
-    }
-    /// The lines since the last call.
-    std::vector<std::string> take()
-    {
-        const std::lock_guard lock(mutex);
-        return std::exchange(texts, {});
-    }
-
-private:
-    std::mutex mutex;
-    std::vector<std::string> texts; ///< under `mutex`
-};
-
 /// A composite with its members' boards on the bus in the order in which they stand in it. Each has a flux of its own:
 /// 1000 times its position, from 1 on, in counts per second.
 template <typename LadClass, typename BoardClass, typename Pixel>
@@ -44,8 +22,9 @@ public:
 
     /// Makes the composite, which is not brought up yet, with the boards' descriptions as its names, behind those of
     /// `missing` boards.
-    explicit LadBench(nlohmann::json boards, const std::string& settings = "", std::vector<std::string> missing = {})
-        : names(std::move(missing))
+    explicit LadBench(nlohmann::json boards, const std::string& settings = "", Strings missing = {})
+        : Base("lad.log"),
+          names(std::move(missing))
     {
         double flux = 0;
         for (auto& board : boards) {
@@ -57,23 +36,16 @@ public:
         log = std::make_unique<FileLog>((folder / "lad.log").string(), true, false, false, true);
         log->setLogLevel(MSG);
         Base::take(new LadClass(&this->host, folder.path(), log.get(), folder / "latixel.ini", names));
-        (*this)->setLogMsgFunc(&ErrorLines::keep, &errors);
     }
     ~LadBench() { Base::end(); }
 
-    bool logged(const std::string& line) const
-    {
-        return folder.read("lad.log").find("[MSG]: " + line + "\n") != std::string::npos;
-    }
-    std::string param(const char* name) const { return (*this)->parameters()->get(name)->getString(); }
     /// The text of a failure of a member, with the name that goes with it.
     static std::string failure(const std::string& name, const std::string& error)
     {
         return "Device " + name + " reported error: " + error;
     }
 
-    std::vector<std::string> names;
-    ErrorLines errors;
+    Strings names;
     std::unique_ptr<FileLog> log;
 };
 
@@ -107,23 +79,19 @@ void expectOneDetector(nlohmann::json boards, int chipKind, unsigned modes)
         Lad lad(boards, "", {gone});
         ASSERT_EQ(lad->initDevice(), 0);
         EXPECT_TRUE(lad->isConnected());
-        dv::_DevMpxInfo mpx{};
-        lad->devMpxInfo(&mpx);
-        EXPECT_EQ(mpx.chipTotal, 4U);
-        EXPECT_EQ(mpx.pixelTotal, 4U * Lad::CHIP);
-        EXPECT_EQ(mpx.chipKind, chipKind);
-        EXPECT_EQ(mpx.acqModeMask, modes);
+        EXPECT_EQ(lad.info().chipTotal, 4U);
+        EXPECT_EQ(lad.info().pixelTotal, 4U * Lad::CHIP);
+        EXPECT_EQ(lad.info().chipKind, chipKind);
+        EXPECT_EQ(lad.info().acqModeMask, modes);
         EXPECT_EQ(serial(lad), 1);
         EXPECT_EQ(lad.param("DeviceSerials"), "101 102 ");
         EXPECT_EQ(lad.param("Firmware"), "Firmware of the last");
         EXPECT_EQ(lad->adcCount(), 32);
-        EXPECT_NE(lad.folder.read("lad.log").find("Initialization of Latixel device " + gone + " failed: "),
-                  std::string::npos);
-        EXPECT_TRUE(lad.logged("Initialized Latixel device " + lad.names[2]));
+        EXPECT_TRUE(lad.logged("[MSG]: Initialization of Latixel device " + gone + " failed: "));
+        EXPECT_TRUE(lad.logged("[MSG]: Initialized Latixel device " + lad.names[2] + "\n"));
         // Names go by position, and so a failure of the second member carries the first one's.
-        const std::vector<unsigned short> dacs(54, 5);
-        EXPECT_EQ(lad->setDacs(dacs.data(), dacs.size(), -1), 1);
-        EXPECT_TRUE(std::string(lad->lastError()).starts_with(Lad::failure(lad.names[1], ""))) << lad->lastError();
+        EXPECT_EQ(lad.setDacs(std::vector<unsigned short>(54, 5)), 1);
+        lad.expectError(Lad::failure(lad.names[1], ""));
         EXPECT_EQ(lad.series(1, 0.02).at(0).size(), 4 * Lad::CHIP);
         EXPECT_EQ(lad->closeDevice(), 0);
         EXPECT_FALSE(lad->isConnected());
@@ -150,14 +118,11 @@ protected:
     using Base::bench;
     static constexpr std::size_t CHIP = Lad::CHIP;
 
-    void set(const char* param, int value) { bench->parameters()->get(param)->setInt32(value); }
-
     /// Checks the last error, which is a member's and carries its name.
     void expectFailure(int result, std::size_t member, const std::string& beginning = "") const
     {
         EXPECT_EQ(result, 1);
-        EXPECT_TRUE(std::string(bench->lastError()).starts_with(Lad::failure(bench.names[member], beginning)))
-            << bench->lastError();
+        bench.expectError(Lad::failure(bench.names[member], beginning));
     }
     /// Writes counts below a limit and reads them; arrays that are too short are refused.
     void expectMatricesComeBack(unsigned limit)
@@ -165,12 +130,10 @@ protected:
         typename Lad::Pixels written(4 * CHIP);
         std::mt19937 random(5);
         std::ranges::generate(written, [&] { return static_cast<typename Lad::Pixel>(random() % limit); });
-        ASSERT_EQ(bench->writeMatrix(written.data(), written.size(), true), 0);
-        typename Lad::Pixels back(4 * CHIP);
-        ASSERT_EQ(bench->readMatrix(back.data(), back.size(), true), 0);
-        EXPECT_TRUE(back == written);
+        ASSERT_EQ(bench.write(written), 0);
+        EXPECT_TRUE(bench.frame() == written);
         for (const int result : {bench->writeMatrix(written.data(), written.size() - 1, true),
-                                 bench->readMatrix(back.data(), back.size() - 1, true)}) {
+                                 bench->readMatrix(written.data(), written.size() - 1, true)}) {
             EXPECT_EQ(result, 1);
             EXPECT_STREQ(bench->lastError(), "Invalid size for matrix (262143 < 262144)");
         }
@@ -194,34 +157,14 @@ protected:
             << "at the latest once a series' threads are gone";
         EXPECT_EQ(bench->resetMedipix(), 0);
     }
-    /// Starts three frames for a host that takes none: the boards expose one ahead of it, and wait.
-    void startWithoutReader()
-    {
-        bench.events->onFrame = nullptr;
-        this->start(3, 0.02);
-        ASSERT_TRUE(this->soonStarted(2));
-        sleepMs(400);
-        EXPECT_EQ(bench.events->seen(), (std::vector<Seen>{{HWEVENT_FRAME_READY, 0}}));
-        for (std::size_t m = 0; m < 2; ++m)
-            EXPECT_EQ(Lad::sent(m, Base::START), 2) << m;
-    }
-    /// A read into too small an array takes nothing, but lets the series go on.
-    void readTooLittle()
-    {
-        typename Lad::Pixel pixel = 0;
-        EXPECT_EQ(bench->readMatrix(&pixel, 1, true), 1);
-    }
     /// Stops a series right behind its start, in an exposure, while frames come in, and twice.
     void expectStops()
     {
         this->start(100, 60);
         this->expectStop();
-        this->start(100, 60);
-        ASSERT_TRUE(this->soonStarted());
-        this->expectStop();
-        EXPECT_EQ(bench.events->seen(), readyEvents(1, HWEVENT_ACQ_ABORTED)) << "the frame in progress comes";
-        this->start(100000, 0.001);
-        ASSERT_TRUE(soon([&] { return bench.events->seen().size() > 5; }));
+        this->startAndExpose(100, 60);
+        this->expectStop(1); // the frame in progress comes
+        this->startAndTake(100000, 0.001, 6);
         this->expectStop();
         this->start(100, 0.02);
         bench->stopAcquisition();

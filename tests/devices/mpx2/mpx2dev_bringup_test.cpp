@@ -13,16 +13,16 @@ Mpx2Wire bringUpWire()
 {
     constexpr unsigned AWAKE = ENIN | M0;
     Mpx2Wire wire;
-    wire.identify().cpu({5}, 100).powerCycle(AWAKE | OUTEN);
-    wire.reset(AWAKE).cmd(2, 1, 3);
-    wire.reset(AWAKE).cmd(2, 1, 3);
+    wire.identify().cpu({5}, 100);
+    wire.powerCycle(AWAKE | OUTEN).reset(AWAKE).cmd(2, MPX, 3);
+    wire.reset(AWAKE).cmd(2, MPX, 3);
     wire.reset(AWAKE).powerCycle(AWAKE).reset(AWAKE).reset(AWAKE);
     for (const int mask : {1, 4}) {
         wire.mux(mask).stream(Bytes(14, 0xFF)).alive(AWAKE | OUTEN).stream(Bytes(14));
         wire.pins(PWR | AWAKE | OUTEN).alive(AWAKE);
     }
     wire.reset(AWAKE).mux(1).readIds(1).mux(4).readIds(2);
-    wire.cmd(0, 5, 0x13, 0, 0, 0, 5);
+    wire.cmd(0, ACQ, 0x13, 0, 0, 0, 5);
     return wire;
 }
 
@@ -53,21 +53,18 @@ TEST(Mpx2BringUp, FindsChipsAndTellsTheHost)
             ASSERT_EQ(bench->initDevice(), 0);
             EXPECT_EQ(bench->isTimepix(), timepix);
             EXPECT_EQ(bench->dacCount(), timepix ? 14 : 15);
-            EXPECT_EQ(bench.chipIds(), (std::vector<std::string>{"C00-W0100", "C00-W0101", "C02-W0100"}));
+            EXPECT_EQ(bench.chipIds(), (Strings{"C00-W0100", "C00-W0101", "C02-W0100"}));
         }
-        EXPECT_TRUE(bench.errors.empty());
+        EXPECT_EQ(bench.errors->take(), Strings{});
         EXPECT_EQ(bench.info().chipTotal, 3U);
         EXPECT_EQ(bench.info().pixelTotal, 3U * 65536);
         EXPECT_EQ(bench.info().acqModeMask, 7U);
         EXPECT_EQ(bench.info().biasMax, 90.0);
         EXPECT_TRUE(bench.logged("Module 2, ChipID 0 is: C02-W0100\n"));
         EXPECT_TRUE(bench.logged("Param[Table] = <BIGDATA>"));
-        std::string names;
-        for (auto* param : bench->parameters()->params())
-            names += std::string(" ") + param->name();
-        EXPECT_EQ(names, " HwLibVer Firmware DebugLog PreShutterClockCount PreShutterClockDivider "
-                         "PreShutterDelayClockCount TriggerStg TriggerWaitForReady TriggerMaster TriggerOutLevel "
-                         "TempCpu *Fan");
+        EXPECT_EQ(bench.paramNames(),
+                  " HwLibVer Firmware DebugLog PreShutterClockCount PreShutterClockDivider PreShutterDelayClockCount "
+                  "TriggerStg TriggerWaitForReady TriggerMaster TriggerOutLevel TempCpu *Fan");
         // The big table comes with its first read, and not through a closed link.
         bench->closeDevice();
         EXPECT_EQ(bench->inDeviceConfigParameters()->get("Table")->getInt32(), 0);
@@ -81,7 +78,7 @@ TEST(Mpx2BringUp, SettingsChooseTheModules)
     struct Case {
         const char* settings;
         bool ownSection;
-        std::vector<std::string> ids;
+        Strings ids;
     };
     const Case cases[] = {
         {"", false, {"C00-W0100", "C01-W0100"}},
@@ -100,8 +97,8 @@ TEST(Mpx2BringUp, SettingsChooseTheModules)
         Mpx2Bench bench(mpx2Board({2}), std::string("[Settings]\nModule3=1\nReadParallel=") + way + "\n");
         ASSERT_EQ(bench->initDevice(), 0);
         ASSERT_EQ(bench->chipCount(), 2);
-        std::vector<unsigned short> matrix(bench.pixels());
-        EXPECT_EQ(bench->readMatrix(matrix.data(), matrix.size(), true), result) << bench->lastError();
+        Mpx2Bench::Pixels matrix(bench.pixels());
+        EXPECT_EQ(bench.read(matrix), result) << bench->lastError();
     }
 }
 
@@ -114,8 +111,7 @@ TEST(Mpx2BringUp, BoardsWithoutAWorkingChipRefuseWithWords)
         const char* words;
         unsigned chipTotal;
     };
-    const nlohmann::json idsLost = {
-        {"kind", "error"}, {"on", "read"}, {"times", 1}, {"when", {{"after_written", "55 07 01 00 00 00 00 42"}}}};
+    const nlohmann::json idsLost = behind("55 07 01 00 00 00 00 42", linkError("read"));
     const Case cases[] = {
         {{}, "", nullptr, "No modules detected.", 1},
         {{1}, "", {{"kind", "module_silent"}, {"module", 0}}, "No modules detected.", 1},
@@ -137,12 +133,9 @@ TEST(Mpx2BringUp, BoardsWithoutAWorkingChipRefuseWithWords)
         EXPECT_EQ(bench.info().chipTotal, c.chipTotal);
 
         bench.wire();
-        const std::vector<unsigned short> words(65536);
-        const unsigned char cfg = 0;
-        for (const int result :
-             {bench->setDacs(words.data(), 14, -1), bench->writeMatrix(words.data(), words.size(), true),
-              bench->setPixelCfg(&cfg, 1), bench->eraseMatrix(), bench->setInterfaceDac(0, 1.0), bench->setTimer(1.0),
-              -bench->prepareAcquisition(0.1), bench->stopAcquisition()})
+        for (const int result : {bench.setDacs(Mpx2Bench::Pixels(14)), bench.write(Mpx2Bench::Pixels(65536)),
+                                 bench.setPixelCfg({0}), bench->eraseMatrix(), bench->setInterfaceDac(0, 1.0),
+                                 bench->setTimer(1.0), -bench->prepareAcquisition(0.1), bench->stopAcquisition()})
             EXPECT_EQ(result, 1);
         EXPECT_STREQ(bench->lastError(), "Device not connected or no chip");
         EXPECT_TRUE(bench.wire().empty());
@@ -153,7 +146,7 @@ TEST(Mpx2BringUp, BoardsWithoutAWorkingChipRefuseWithWords)
     Mpx2Bench bench(mpx2Board({3, 1}));
     sim::addFault(0, {{"kind", "chip_missing"}, {"module", 0}, {"position", 1}});
     ASSERT_EQ(bench->initDevice(), 0);
-    EXPECT_EQ(bench.chipIds(), (std::vector<std::string>{"C00-W0100", "C00-W0102", "C01-W0100"}));
+    EXPECT_EQ(bench.chipIds(), (Strings{"C00-W0100", "C00-W0102", "C01-W0100"}));
 }
 
 TEST(Mpx2BringUp, FirmwareThatIsUnknownIsToldAndTakenAllTheSame)
@@ -183,78 +176,45 @@ TEST(Mpx2BringUp, FirmwareThatIsUnknownIsToldAndTakenAllTheSame)
 TEST(Mpx2BringUp, LinkThatDoesNotOpenOrDiesOnTheWay)
 {
     Mpx2Bench bench(mpx2Board({1}));
-    sim::unplug(0);
-    EXPECT_EQ(bench->initDevice(), -1);
-    EXPECT_FALSE(bench->isConnected());
-    EXPECT_TRUE(bench.logged("[ERR]: Cannot open device Latixel Latixel TLWA sn: 7 A, error=-1 ("));
-    sim::plug(0);
     // Behind the firmware text; in the count of chips; a board that sends noise, or stops sending.
-    const nlohmann::json faults[] = {
-        {{"kind", "unplug"}, {"when", {{"after_reads", 1}}}},
-        {{"kind", "error"}, {"result", -4}, {"when", {{"after_written", "55 07 01 00 00 00 00 0E"}}}},
-        {{"kind", "garbage"}, {"times", 1000}, {"seed", 4}},
-        {{"kind", "silence"}, {"when", {{"after_written", "55 02 01 03"}}}},
-    };
-    for (const auto& fault : faults) {
-        SCOPED_TRACE(fault.dump());
-        sim::addFault(0, fault);
-        EXPECT_EQ(bench->initDevice(), 0);
-        EXPECT_LE(bench->chipCount(), 50);
-        bench.frame();
-        sim::clearFaults(0);
-        sim::plug(0);
-    }
-    ASSERT_EQ(bench->initDevice(), 0);
-    EXPECT_EQ(bench->chipCount(), 1);
+    bench.expectBringUpOnBadLinks({{{"kind", "unplug"}, {"when", {{"after_reads", 1}}}},
+                                   behind("55 07 01 00 00 00 00 0E", linkError("transfers", 1000)),
+                                   {{"kind", "garbage"}, {"times", 1000}, {"seed", 4}},
+                                   behind("55 02 01 03", {{"kind", "silence"}})});
 }
 
 TEST(Mpx2BringUp, ClosedDeviceAnswersWithoutALink)
 {
     Up bench(mpx2Board({2}));
     bench->closeDevice();
-    double volts = 10;
+    bench.expectClosedAnswers();
+    double mhz = 10;
     unsigned char raw[6] = {2, 1};
-    std::vector<unsigned short> words(2 * 65536);
+    Mpx2Bench::Pixels words(2 * 65536);
     for (const int result :
-         {bench->setBias(50), bench->getADC(3, words.data(), true), bench->setTimepixClock(&volts),
-          bench->readMatrix(words.data(), words.size(), true), bench->writeMatrix(words.data(), words.size(), true),
+         {bench->getADC(3, words.data(), true), bench->setTimepixClock(&mhz), bench.read(words), bench.write(words),
           bench->sendRawData(raw, 6, 0, 2, 0), -bench->recoverDevice(), bench->startSingleAcquisition(),
           bench->waitForAcqFinish(true), bench->doSingleAcquisition()})
         EXPECT_EQ(result, 1);
     EXPECT_LT(bench->receiveRawData(raw, 6, 0, 0, 0), 0);
-    EXPECT_EQ(bench->analogValue(0, &volts), 0);
-    EXPECT_EQ(volts, 0.0);
-    bench->biasVoltageCurrentSense(&volts, nullptr);
-    EXPECT_STREQ(bench->lastError(), "Device not connected");
-    EXPECT_EQ(bench->lastData(), nullptr);
-    EXPECT_EQ(bench->deviceStatus(), 0);
     bench->parameters()->get("*Fan")->setString("0");
-    EXPECT_EQ(bench->closeDevice(), 0);
 }
 
 TEST(Mpx2BringUp, OverheatedBoardIsToldOnceAndRefusesBias)
 {
     Up bench(mpx2Board({1}));
-    EXPECT_EQ(bench->deviceStatus(), 0);
     // Another error is the log's affair alone.
     sim::addFault(0, {{"kind", "cpu_status"}, {"text", "5 V missing"}});
     EXPECT_EQ(bench->deviceStatus(), 2);
     EXPECT_STREQ(bench->lastError(), "Device error: 5 V missing\n");
-    EXPECT_TRUE(bench.errors.empty());
+    EXPECT_EQ(bench.errors->take(), Strings{});
     EXPECT_EQ(bench->setBias(10), 0);
+    sim::clearFaults(0);
 
-    sim::addFault(0, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
-    EXPECT_EQ(bench->deviceStatus(), 2);
-    EXPECT_EQ(bench->deviceStatus(), 2);
-    EXPECT_STREQ(bench->deviceStatusText(), "81 degrees");
-    EXPECT_EQ(bench.errors, std::vector<std::string>{
-                                "Maximal allowed temperature exceeded ! Let the device cool down and then reconnect it "
-                                "in SW or restart SW.\nDevice error: 81 degrees\n"});
-    EXPECT_TRUE(bench.logged("Device error. Dumping values:\nTempCpu = 35.5\n"));
+    bench.overheat();
     EXPECT_EQ(bench->setBias(20), 1);
-    EXPECT_STREQ(bench->lastError(), "Device allowed temperature exceeded, chips turned off.");
-    // The rest goes on.
-    EXPECT_EQ(bench.series(1, 0.01).size(), 1U);
+    EXPECT_STREQ(bench->lastError(), TOO_HOT);
+    EXPECT_EQ(bench.series(1, 0.01).size(), 1U) << "the rest goes on";
     sim::clearFaults(0);
     EXPECT_EQ(bench->deviceStatus(), 0);
     EXPECT_EQ(bench->setBias(20), 1) << "until the device is connected anew";

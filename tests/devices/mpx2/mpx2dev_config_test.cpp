@@ -11,17 +11,15 @@ using namespace support;
 namespace {
 
 using Up = BroughtUp<Mpx2Bench>;
+using Pixels = Mpx2Bench::Pixels;
 
 const std::string SERIAL = "[Settings]\nReadParallel=0\n";
 const std::string PARALLEL = "[Settings]\nReadParallel=1\n";
 
-const nlohmann::json READ_ERROR = {
-    {"kind", "error"}, {"on", "read"}, {"result", -9}, {"text", "overflow"}, {"times", 1}};
-
 /// The configuration words of all chips, chip after chip.
-std::vector<unsigned short> configuration(const Mpx2Bench& bench)
+Pixels configuration(const Mpx2Bench& bench)
 {
-    std::vector<unsigned short> words;
+    Pixels words;
     bench.board([&](sim::Mpx2Board& board) {
         for (std::size_t m = 0; m < HwLatixel::Mpx2Dev::MODULES; ++m)
             for (std::size_t k = 0; k < board.module(m).size(); ++k) {
@@ -33,7 +31,7 @@ std::vector<unsigned short> configuration(const Mpx2Bench& bench)
 }
 
 /// Whether `all` begins with `first`, and has only zeros behind it.
-bool beginsAndEnds(const std::vector<unsigned short>& all, const std::vector<unsigned short>& first)
+bool beginsAndEnds(const Pixels& all, const Pixels& first)
 {
     const auto rest = std::ranges::mismatch(all, first);
     return rest.in2 == first.end() && std::all_of(rest.in1, all.end(), [](auto v) { return v == 0; });
@@ -53,22 +51,22 @@ TEST(Mpx2Config, ClocksTimerAndTriggersReachTheBoard)
         double mhz = wanted;
         EXPECT_EQ(bench->setTimepixClock(&mhz), 0);
         EXPECT_DOUBLE_EQ(mhz, got);
-        EXPECT_EQ(bench.wire(), Mpx2Wire().number(0, 5, 0x13, divider).lines());
+        EXPECT_EQ(bench.wire(), BoardWire().number(0, ACQ, 0x13, divider).lines());
     }
     for (double bad : {0.0, -1.0, std::nan("")})
         EXPECT_EQ(bench->setTimepixClock(&bad), 1);
 
-    bench->parameters()->get("PreShutterClockCount")->setInt32(0x00123456);
-    bench->parameters()->get("PreShutterClockDivider")->setInt32(0x0789ABCD);
-    bench->parameters()->get("PreShutterDelayClockCount")->setInt32(0x0001EF01);
+    bench.set("PreShutterClockCount", 0x00123456);
+    bench.set("PreShutterClockDivider", 0x0789ABCD);
+    bench.set("PreShutterDelayClockCount", 0x0001EF01);
     EXPECT_EQ(bench->setAcqClocks(), 0);
     EXPECT_EQ(bench.wire(), Mpx2Wire().clocks(0x123456, 0x0789ABCD, 0xEF01).lines());
-    bench->parameters()->get("TriggerWaitForReady")->setBool(true);
+    bench.set("TriggerWaitForReady", 1);
     bench->setTriggerSettings(3);
-    bench->parameters()->get("TriggerMaster")->setBool(true);
-    bench->parameters()->get("TriggerOutLevel")->setByte(2);
+    bench.set("TriggerMaster", 1);
+    bench.set("TriggerOutLevel", 2);
     bench->setTriggerSettings(0);
-    EXPECT_EQ(bench.wire(), Wire().cmd(0, 5, 5, 0, 0, 0, 0x07).cmd(0, 5, 5, 0, 0, 0, 0x1C).lines());
+    EXPECT_EQ(bench.wire(), BoardWire().number(0, ACQ, 5, 0x07).number(0, ACQ, 5, 0x1C).lines());
 
     for (const auto& [dac, value, result] : {std::tuple{4, 1.0, 0}, {9, -1.0, 0}, {5, 1.0, 1}})
         EXPECT_EQ(bench->setInterfaceDac(static_cast<char>(dac), value), result);
@@ -82,7 +80,7 @@ TEST(Mpx2Config, DacsGoToTheirChips)
         SCOPED_TRACE(timepix);
         Up bench(mpx2Board({2, 1}, chipKind(timepix)));
         const std::size_t count = timepix ? 14 : 15;
-        std::vector<unsigned short> dacs = randomWords(3 * count, 16);
+        Pixels dacs = randomWords(3 * count, 16);
         for (std::size_t chip = 0; chip < 3; ++chip)
             dacs[chip * count + 6] = static_cast<unsigned short>(1023 - chip); // a DAC of ten bits
         ASSERT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), 2, 1, 5, 2, 0x89ABCDEF), 0);
@@ -108,11 +106,11 @@ TEST(Mpx2Config, DacsGoToTheirChips)
 
         bench.wire();
         EXPECT_EQ(bench->setDacs(dacs.data(), dacs.size() - 1, -1), -1);
-        EXPECT_EQ(bench->setDacs(nullptr, 0, -1), -1);
+        EXPECT_EQ(bench.setDacs({}), -1);
         EXPECT_TRUE(bench.wire().empty());
-        sim::addFault(0, READ_ERROR);
-        EXPECT_EQ(bench->setDacs(dacs.data(), dacs.size(), -1), -9);
-        EXPECT_TRUE(std::string(bench->lastError()).starts_with("Cannot not set DACs (")) << bench->lastError();
+        sim::addFault(0, linkError("read"));
+        EXPECT_EQ(bench.setDacs(dacs), -9);
+        bench.expectError("Cannot not set DACs (");
     }
 }
 
@@ -124,21 +122,20 @@ TEST(Mpx2Config, MatricesComeBackAsTheyWereWritten)
             SCOPED_TRACE(settings + std::to_string(shape.size()) + " of " + std::to_string(shape[0]));
             const bool timepix = shape[0] != 2;
             Up bench(mpx2Board(shape, chipKind(timepix)), settings);
-            const std::size_t size = bench.pixels();
-            const auto counts = randomWords(size, 11811);
-            ASSERT_EQ(bench->writeMatrix(counts.data(), size, true), 0);
+            const auto counts = randomWords(bench.pixels(), 11811);
+            ASSERT_EQ(bench.write(counts), 0);
             EXPECT_TRUE(bench.frame() == counts);
             EXPECT_TRUE(beginsAndEnds(bench.frame(), {})) << "reading clears";
-            const auto raw = randomWords(size, 16384);
-            ASSERT_EQ(bench->writeMatrix(raw.data(), size, false), 0);
+            const auto raw = randomWords(bench.pixels(), 16384);
+            ASSERT_EQ(bench.write(raw, false), 0);
             EXPECT_TRUE(configuration(bench) == raw);
-            std::vector<unsigned short> words(size);
-            ASSERT_EQ(bench->readMatrix(words.data(), size, false), 0);
+            Pixels words(raw.size());
+            ASSERT_EQ(bench.read(words, false), 0);
             EXPECT_TRUE(words == raw);
 
             const std::vector<unsigned char> cfg(raw.begin(), raw.end());
-            pixelCfgToMatrixMpx2(cfg.data(), size, timepix, words.data());
-            ASSERT_EQ(bench->setPixelCfg(cfg.data(), size), 0);
+            pixelCfgToMatrixMpx2(cfg.data(), cfg.size(), timepix, words.data());
+            ASSERT_EQ(bench.setPixelCfg(cfg), 0);
             EXPECT_TRUE(configuration(bench) == words);
         }
 }
@@ -147,33 +144,30 @@ TEST(Mpx2Config, MatrixOnTheWire)
 {
     Up bench(mpx2Board({0, 1}), SERIAL);
     const auto matrix = randomWords(65536, 16384);
-    ASSERT_EQ(bench->writeMatrix(matrix.data(), matrix.size(), false), 0);
+    ASSERT_EQ(bench.write(matrix, false), 0);
     Bytes stream(114721);
     serializeMpx2(matrix.data(), matrix.size(), stream.data(), stream.size(), true);
     EXPECT_EQ(bench.wire(), Mpx2Wire().mux(2).alive(M1).stream(stream).alive(M1 | ENIN).alive(ENIN).lines());
-    sim::addFault(
-        0,
-        {{"kind", "error"}, {"on", "write"}, {"times", 1}, {"when", {{"after_written", "55 07 01 00 00 01 C0 21"}}}});
-    EXPECT_EQ(bench->writeMatrix(matrix.data(), matrix.size(), false), 1);
-    EXPECT_TRUE(std::string(bench->lastError()).starts_with("Cannot write matrix (")) << bench->lastError();
+    sim::addFault(0, behind("55 07 01 00 00 01 C0 21", linkError("write")));
+    EXPECT_EQ(bench.write(matrix, false), 1);
+    bench.expectError("Cannot write matrix (");
 }
 
 TEST(Mpx2Config, ArraysThatAreTooSmall)
 {
     for (const auto& settings : {SERIAL, PARALLEL}) {
         Up bench(mpx2Board({1, 1}), settings);
-        std::vector<unsigned short> back(2 * 65536);
+        Pixels back(2 * 65536);
         EXPECT_EQ(bench->readMatrix(back.data(), back.size() - 1, true), 1);
         EXPECT_STREQ(bench->lastError(), "Invalid size for matrix (131071 < 131072)");
-        EXPECT_EQ(bench->readMatrix(nullptr, 0, true), 1);
         bench->readMatrix(nullptr, back.size(), true);
         EXPECT_STREQ(bench->lastError(), "Read matrix: matrix cannot be NULL.");
         // What a matrix does not hold is written as zeros; the recovery knows no more of it either.
         for (const std::size_t size : {70000UL, 1000UL, 0UL}) {
             const auto counts = randomWords(size, 11811);
             for (const bool convert : {true, false}) {
-                ASSERT_EQ(bench->writeMatrix(counts.data(), size, convert), 0);
-                ASSERT_EQ(bench->readMatrix(back.data(), back.size(), convert), 0);
+                ASSERT_EQ(bench.write(counts, convert), 0);
+                ASSERT_EQ(bench.read(back, convert), 0);
                 EXPECT_TRUE(beginsAndEnds(back, counts));
             }
             EXPECT_EQ(bench->recoverDevice(), 0);
@@ -191,32 +185,31 @@ TEST(Mpx2Config, ReadoutsThatGoWrong)
     };
     const nlohmann::json outOfStep = {{"kind", "tail_out_of_step"}, {"readouts", 1}};
     const nlohmann::json cut = {{"kind", "short_stream"}, {"readouts", 1}};
-    const nlohmann::json silence = {{"kind", "silence"}, {"when", {{"after_written", "55 02 01 04"}}}};
+    const nlohmann::json silence = behind("55 02 01 04", {{"kind", "silence"}});
     const Case cases[] = {
-        {outOfStep, 0, 0, true, nullptr},
+        {outOfStep, 0, 0, true, ""},
         {cut, 1, -1, true, "Reading matrix failed - not enough data received (2284"},
         {silence, 1, -1, false, "Reading matrix failed - not enough data received (0 < "},
         // What is left of the readout before looks like a whole one.
-        {READ_ERROR, 1, 1, false, "Reading matrix failed -9 ("},
+        {linkError("read"), 1, 1, false, "Reading matrix failed -9 ("},
     };
     for (const bool serial : {true, false}) {
         Up bench(mpx2Board({2}), serial ? SERIAL : PARALLEL);
         const auto counts = randomWords(bench.pixels(), 11811);
-        std::vector<unsigned short> back(counts.size());
+        Pixels back(counts.size());
         for (const auto& c : cases) {
             SCOPED_TRACE((serial ? "serial " : "parallel ") + c.fault.dump());
-            bench.errors.clear();
-            ASSERT_EQ(bench->writeMatrix(counts.data(), counts.size(), true), 0);
+            ASSERT_EQ(bench.write(counts), 0);
             sim::addFault(0, c.fault);
-            EXPECT_EQ(bench->readMatrix(back.data(), back.size(), true), serial ? c.serial : c.parallel);
-            EXPECT_EQ(std::ranges::count(bench.errors, "Reading more data"), serial && c.moreData ? 1 : 0);
-            if (c.words != nullptr) {
-                ASSERT_FALSE(bench.errors.empty());
-                EXPECT_TRUE(bench.errors.back().starts_with(c.words)) << bench.errors.back();
+            const int result = serial ? c.serial : c.parallel;
+            EXPECT_EQ(bench.read(back), result);
+            EXPECT_EQ(std::ranges::count(bench.errors->take(), "Reading more data"), serial && c.moreData ? 1 : 0);
+            if (result != 0) {
+                bench.expectError(c.words);
                 sim::clearFaults(0);
                 bench->resetDevice();
-                ASSERT_EQ(bench->writeMatrix(counts.data(), counts.size(), true), 0);
-                EXPECT_EQ(bench->readMatrix(back.data(), back.size(), true), 0);
+                ASSERT_EQ(bench.write(counts), 0);
+                EXPECT_EQ(bench.read(back), 0);
             }
             EXPECT_TRUE(back == counts);
         }
@@ -227,9 +220,7 @@ TEST(Mpx2Config, BiasAndAdc)
 {
     Up bench(mpx2Board({1}));
     EXPECT_EQ(bench->setBias(50.0), 0);
-    Wire bias;
-    bias.cmd(0, 4, 1, 0x10, 0, 0, 5).cmd(2, 1, 0).data(0, 4, 0, {141}).cmd(0, 4, 2, 0, 0, 0, 4).cmd(0, 4, 3);
-    EXPECT_EQ(bench.wire(), bias.cmd(0, 4, 2).lines());
+    EXPECT_EQ(bench.wire(), BoardWire().bias(141, true).lines());
     bench.board([](sim::Mpx2Board& board) { EXPECT_EQ(board.biasCode(), 141); });
     EXPECT_EQ(bench->setBias(std::nan("")), 1) << "and no code, which would be the highest voltage";
     EXPECT_TRUE(bench.wire().empty());
@@ -237,7 +228,7 @@ TEST(Mpx2Config, BiasAndAdc)
     unsigned short code = 0;
     EXPECT_EQ(bench->getADC(13, &code, true), 0);
     EXPECT_EQ(bench.sent("55 02 01 00"), 0) << "the output comes back by the end of the selection";
-    EXPECT_EQ(bench.wire().back(), Wire().cmd(0, 4, 2).lines()[0]);
+    EXPECT_EQ(bench.wire().back(), Wire().cmd(0, SPI, 2).lines()[0]);
     EXPECT_NEAR(bench->adcValue(13), code * 5.0 / 4096, 0.01);
 
     double volts = 0;
@@ -252,12 +243,9 @@ TEST(Mpx2Config, BiasAndAdc)
     }
 
     sim::unplug(0);
-    bench.errors.clear();
     EXPECT_NE(bench->setBias(40), 0);
+    bench.expectError("Failed sending command (Sending of command failed.");
     EXPECT_NE(bench->getADC(3, &code, true), 0);
-    ASSERT_EQ(bench.errors.size(), 2U);
-    for (const auto& error : bench.errors)
-        EXPECT_TRUE(error.starts_with("Failed sending command (Sending of command failed.")) << error;
     EXPECT_EQ(bench->adcValue(3), 0.0);
 }
 
@@ -266,8 +254,7 @@ TEST(Mpx2Config, BoardWithoutBiasLimitsRefusesWithoutAWord)
     nlohmann::json board = mpx2Board({1});
     board["flash"]["parameters"][0]["value"] = 0.0;
     Up bench(board);
-    EXPECT_EQ(bench->setBias(20), -1);
-    EXPECT_TRUE(bench.errors.empty() && bench.wire().empty());
+    bench.expectNoBiasWithoutLimits();
 }
 
 TEST(Mpx2Config, BiasThatTheCpuMakes)
@@ -281,7 +268,7 @@ TEST(Mpx2Config, BiasThatTheCpuMakes)
             bench.board([&](sim::Mpx2Board& board) { EXPECT_EQ(board.cpu().values()[1].second, volts); });
         };
         EXPECT_EQ(bench->setBias(-50), 0);
-        EXPECT_EQ(bench.wire(), Mpx2Wire().cpu({0x80, 1, 0x42, 0x48, 0, 0}, 6).lines());
+        EXPECT_EQ(bench.wire(), BoardWire().cpu({0x80, 1, 0x42, 0x48, 0, 0}, 6).lines());
         expectCpuBias("50");
         double volts = 0;
         double current = 0;
@@ -295,14 +282,14 @@ TEST(Mpx2Config, BiasThatTheCpuMakes)
         // The host writes the CPU's value as a parameter; what is no number goes nowhere.
         dv::IParam* param = bench->parameters()->get("*BiasSet");
         param->setString("12.5");
-        EXPECT_EQ(bench.wire(), Mpx2Wire().cpu({0x80, 1, 0x41, 0x48, 0, 0}, 6).lines());
+        EXPECT_EQ(bench.wire(), BoardWire().cpu({0x80, 1, 0x41, 0x48, 0, 0}, 6).lines());
         param->setString("much");
         EXPECT_TRUE(bench.wire().empty());
         expectCpuBias("12.5");
         // Reading one refreshes all of them, but not again at once.
         sleepMs(510);
         EXPECT_EQ(bench->parameters()->get("BiasVolt")->getString(), "12.5");
-        EXPECT_EQ(bench.wire(), Mpx2Wire().cpu({4}, 4096).lines()) << "and nothing is written back";
+        EXPECT_EQ(bench.wire(), BoardWire().cpu({4}, 4096).lines()) << "and nothing is written back";
         EXPECT_EQ(param->getString(), "12.5");
         EXPECT_TRUE(bench.wire().empty());
 
@@ -319,8 +306,8 @@ TEST(Mpx2Config, RecoveryBringsBackWhatTheHostHadSet)
         const auto dacs = randomWords(2 * (timepix ? 14 : 15), 16);
         const auto words = randomWords(bench.pixels(), 16384);
         double mhz = 25;
-        ASSERT_EQ(bench->setDacs(dacs.data(), dacs.size(), -1), 0);
-        ASSERT_EQ(bench->writeMatrix(words.data(), words.size(), false), 0);
+        ASSERT_EQ(bench.setDacs(dacs), 0);
+        ASSERT_EQ(bench.write(words, false), 0);
         ASSERT_EQ(bench->setBias(50), 0);
         ASSERT_EQ(bench->setTimepixClock(&mhz), 0);
         sim::unplug(0);
@@ -340,11 +327,9 @@ TEST(Mpx2Config, RecoveryBringsBackWhatTheHostHadSet)
         bench.wire();
         EXPECT_EQ(bench->recoverDevice(), -1);
         EXPECT_STREQ(bench->lastError(), "Could not recover device");
-        EXPECT_EQ(bench.wire(), Wire().cmd(2, 2, 1).lines());
+        EXPECT_EQ(bench.wire(), Wire().cmd(2, INF, 1).lines());
         sim::clearFaults(0);
-        nlohmann::json fault = READ_ERROR;
-        fault["when"] = {{"after_written", "55 07 01 00 00 00 00 21"}};
-        sim::addFault(0, fault);
+        sim::addFault(0, behind("55 07 01 00 00 00 00 21", linkError("read")));
         EXPECT_EQ(bench->recoverDevice(), -2);
     }
 }
@@ -357,7 +342,6 @@ TEST(Mpx2Config, RawAccess)
     EXPECT_EQ(bench->sendRawData(command, 6, 0, 2, 0), 0);
     EXPECT_EQ(bench->receiveRawData(answer.data(), answer.size(), 0, 0, 0), 29);
     EXPECT_STREQ(reinterpret_cast<const char*>(answer.data()), "Firmware 1.7 TLA (18.10.2016)");
-    EXPECT_EQ(bench->receiveRawData(answer.data(), answer.size(), 0, 0, 0), 0);
     EXPECT_EQ(bench->receiveRawData(answer.data(), answer.size(), 1, 0, 0), -1);
     unsigned char payload[] = {4, 0, 0xA1, 0xA2};
     EXPECT_EQ(bench->sendRawData(payload, 4, 1, 0, 0), 0);

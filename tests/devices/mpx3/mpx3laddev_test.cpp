@@ -10,17 +10,17 @@ namespace {
 
 using Lad = LadBench<HwLatixel::Mpx3LadDev, sim::Mpx3Board, unsigned>;
 
-/// Boards of so many chips each; the first one's trigger output is wired to the others.
-nlohmann::json boards(std::size_t members, int chips)
+/// Boards with these channels; the first one's trigger output is wired to the others.
+nlohmann::json boards(std::size_t members, const std::vector<int>& channels)
 {
-    nlohmann::json board = mpx3Board(chips);
+    nlohmann::json board = mpx3Board(channels);
     board["trigger_line"] = "lad";
     return ladBoards(members, board);
 }
 
 class Mpx3Lad : public LadTest<Lad> {
 protected:
-    Mpx3Lad() : LadTest(boards(2, 2), "Module2=0\nModule3=0\nModule4=0\n") {}
+    Mpx3Lad() : LadTest(boards(2, {1, 1}), "Module2=0\nModule3=0\nModule4=0\n") {}
 
     void bringUp() override
     {
@@ -40,39 +40,37 @@ protected:
 
 TEST(LadNames, HighestBiasGoesByTheOrderOfTheNames)
 {
-    const auto volts = [](std::initializer_list<const char*> types) {
-        std::vector<std::string> names;
-        for (const std::string type : types)
-            names.push_back("Latixel Latixel M3W" + type + " sn: 1");
-        return HwLatixel::maxBiasOf(names);
+    const std::pair<Strings, double> cases[] = {
+        {{}, 100},
+        {{"M3WB", "M3WA"}, 200},
+        {{"M3WA", "M3WB"}, 200},
+        {{"M3WB", "M3WC"}, 0}, // a later C wipes out a B
+        {{"M3WC", "M3WA"}, 100},
+        {{"M3WC", "M3WB", "M3WX"}, 200},
+        {{"M3WB", "M3W"}, 200}, // three characters are no type
     };
-    EXPECT_EQ(volts({}), 100.0);
-    EXPECT_EQ(volts({"B", "A"}), 200.0);
-    EXPECT_EQ(volts({"A", "B"}), 200.0);
-    EXPECT_EQ(volts({"B", "C"}), 0.0) << "a later C wipes out a B";
-    EXPECT_EQ(volts({"C", "A"}), 100.0);
-    EXPECT_EQ(volts({"C", "B", "X"}), 200.0);
-    EXPECT_EQ(volts({"B", ""}), 200.0) << "three characters are no type";
+    for (auto [names, volts] : cases) {
+        for (auto& name : names)
+            name = "Latixel Latixel " + name + " sn: 1";
+        EXPECT_EQ(HwLatixel::maxBiasOf(names), volts) << testing::PrintToString(names);
+    }
     EXPECT_EQ(HwLatixel::maxBiasOf({"Latixel Latixel M3WB sn:1"}), 100.0) << "four words are no name";
     EXPECT_EQ(HwLatixel::biasTypeOf("Latixel Latixel M3WB sn:1"), "");
 }
 
 TEST(Mpx3LadBringUp, MembersThatComeUpAreOneDetector)
 {
-    expectOneDetector<Lad>(boards(2, 2), 3, 0x23);
-    auto list = boards(2, 2);
-    list[0]["flash"]["parameters"][0]["value"] = 20.0;
-    list[1]["flash"]["parameters"][0]["value"] = -10.0;
-    list[1]["flash"]["parameters"][1]["value"] = -210.0;
+    expectOneDetector<Lad>(boards(2, {1, 1}), 3, 0x23);
+    auto list = boards(2, {1, 1});
+    list[0]["flash"]["parameters"].push_back({{"name", "BiasMin"}, {"type", "double"}, {"value", 20.0}});
+    list[1]["flash"]["parameters"].push_back({{"name", "BiasMin"}, {"type", "double"}, {"value", -10.0}});
+    list[1]["flash"]["parameters"][0]["value"] = -210.0;
     Lad lad(list);
-    dv::_DevMpxInfo mpx{};
-    lad->devMpxInfo(&mpx);
-    EXPECT_EQ(mpx.biasMax, 100.0) << "by the names, until the members have told";
+    EXPECT_EQ(lad.info().biasMax, 100.0) << "by the names, until the members have told";
     ASSERT_EQ(lad->initDevice(), 0);
-    lad->devMpxInfo(&mpx);
-    EXPECT_EQ(mpx.biasMin, -10.0) << "magnitudes are compared";
-    EXPECT_EQ(mpx.biasMax, -210.0);
-    lad->parameters()->get("DebugLog")->setBool(true);
+    EXPECT_EQ(lad.info().biasMin, -10.0) << "magnitudes are compared";
+    EXPECT_EQ(lad.info().biasMax, -210.0);
+    lad.set("DebugLog", 1);
     EXPECT_TRUE(lad.logged("Debug log enabled: 1\n"));
 }
 
@@ -82,7 +80,7 @@ TEST_F(Mpx3Lad, DacsPixelsAndSenseGoToTheirChips)
     const auto setDacs = [&](unsigned first, int chip) {
         for (auto& dac : dacs)
             dac = static_cast<unsigned short>(first++);
-        return bench->setDacs(dacs.data(), dacs.size(), chip);
+        return bench.setDacs(dacs, chip);
     };
     const auto expectDacs = [&](std::size_t index, unsigned first) {
         chip(index, [&](auto& c) {
@@ -97,13 +95,14 @@ TEST_F(Mpx3Lad, DacsPixelsAndSenseGoToTheirChips)
     expectDacs(2, 54);
     expectDacs(3, 181);
     EXPECT_EQ(setDacs(0, 4), 0) << "no such chip";
-    EXPECT_EQ(bench->setDacs(dacs.data(), 3 * 27, 3), 0) << "a single chip fails silently";
-    expectFailure(bench->setDacs(dacs.data(), 3 * 27, -1), 1, "Cannot set DACs (chan=1, chip=1): too few values");
+    dacs.resize(3 * 27);
+    EXPECT_EQ(bench.setDacs(dacs, 3), 0) << "a single chip fails silently";
+    expectFailure(bench.setDacs(dacs), 1, "Cannot set DACs (chan=1, chip=1): too few values");
 
     std::vector<unsigned char> cfg(4 * CHIP * 2);
     for (std::size_t i = 0; i < cfg.size(); i += 2)
         cfg[i] = static_cast<unsigned char>((i / (2 * CHIP) + 1) << 3);
-    ASSERT_EQ(bench->setPixelCfg(cfg.data(), cfg.size()), 0);
+    ASSERT_EQ(bench.setPixelCfg(cfg), 0);
     for (std::size_t index = 0; index < 4; ++index)
         chip(index, [&](auto& c) {
             const auto own = [&](auto word) { return (word >> 1U & 0x1FU) == index + 1; };
@@ -122,21 +121,20 @@ TEST_F(Mpx3Lad, DacsPixelsAndSenseGoToTheirChips)
 
 TEST_F(Mpx3Lad, MatricesBiasAndAdcOfAllMembers)
 {
-    ASSERT_EQ(bench->setConfig({2, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0}), 0);
+    ASSERT_EQ(bench->setConfig(plainConfig()), 0);
     expectMatricesComeBack(4096);
     EXPECT_EQ(bench->eraseMatrix(), 0);
 
     double volts = 5;
     EXPECT_EQ(bench->biasVoltageCurrentSense(nullptr, nullptr), 0);
-    ASSERT_EQ(bench->setBias(100), 0);
+    ASSERT_EQ(bench->setBias(50), 0);
     for (std::size_t m = 0; m < 2; ++m)
-        bench.board(m, [](sim::Mpx3Board& board) { EXPECT_EQ(board.biasCode(), 27); });
+        bench.board(m, [](sim::Mpx3Board& board) { EXPECT_EQ(board.biasCode(), 141); });
     EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, nullptr), 0);
-    EXPECT_NEAR(volts, 100, 3);
+    EXPECT_NEAR(volts, 50, 3);
     // It is not measured in a series.
     const double before = volts;
-    start(1, 30);
-    ASSERT_TRUE(soonStarted());
+    startAndExpose(1, 30);
     sim::clearTraffic();
     EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, nullptr), 0);
     EXPECT_EQ(volts, before);
@@ -147,10 +145,9 @@ TEST_F(Mpx3Lad, MatricesBiasAndAdcOfAllMembers)
 
 TEST_F(Mpx3Lad, FailureOfAMemberEndsABroadcast)
 {
-    Lad::Pixels pixels(4 * CHIP);
     sim::addFault(1, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
     EXPECT_EQ(bench->deviceStatus(), 2);
-    expectFailure(bench->writeMatrix(pixels.data(), pixels.size(), true), 1);
+    expectFailure(bench.write(Lad::Pixels(4 * CHIP)), 1);
     expectFailure(bench->startAcquisition(1, 0.01), 1);
     EXPECT_EQ(bench->lastData(), nullptr);
     expectFailure(1, 1);
@@ -182,31 +179,30 @@ TEST_F(Mpx3Lad, FollowersStartWithTheMaster)
         bench.board(0, [&](sim::Mpx3Board& board) { EXPECT_EQ(board.triggerWord(), master); });
         bench.board(1, [&](sim::Mpx3Board& board) { EXPECT_EQ(board.triggerWord(), follower); });
     };
-    set("Synced", 1);
-    set("TriggerTdiSeries", 1);
-    set("TdiRowCount", 3);
+    bench.set("Synced", 1);
+    bench.set("TriggerTdiSeries", 1);
+    bench.set("TdiRowCount", 3);
     expectSeries(3, 0.05);
     constexpr unsigned TDI_SERIES = 0x20;
     expectWords(TDI_SERIES | 8 | 4, TDI_SERIES | 4);
     for (std::size_t m = 0; m < 2; ++m)
         EXPECT_EQ(Lad::sent(m, "55 02 05 01 03 00 00 00"), 3) << "frames start on a trigger";
-    set("TriggerTdiSeries", 0);
-    set("TriggerOutLevel", 1);
-    set("TriggerStg", 1);
+    bench.set("TriggerTdiSeries", 0);
+    bench.set("TriggerOutLevel", 1);
+    bench.set("TriggerStg", 1);
     expectSeries(2, 0.02);
     expectWords(0x10 | 8 | 4 | 1, 0x10 | 4 | 1);
-    set("TriggerOutLevel", 0);
+    bench.set("TriggerOutLevel", 0);
     expectSeries(2, 0.02);
     expectWords(8 | 4 | 1, 4);
     // An edge that does not come: everybody waits until the stop.
-    set("TriggerStg", 2);
-    start(2, 0.02);
-    ASSERT_TRUE(soonStarted());
+    bench.set("TriggerStg", 2);
+    startAndExpose(2, 0.02);
     sleepMs(100);
     EXPECT_TRUE(bench.events->seen().empty());
     EXPECT_EQ(bench->stopAcquisition(), 0);
     ASSERT_TRUE(bench.events->waitForEnd());
-    set("Synced", 0);
+    bench.set("Synced", 0);
     expectNextSeriesWorks();
 }
 
@@ -226,7 +222,7 @@ TEST_F(Mpx3Lad, HostPacesTheSeries)
 
 TEST_F(Mpx3Lad, MemberThatFailsEndsTheSeries)
 {
-    sim::addFault(1, {{"kind", "silence"}, {"when", {{"after_written", START}, {"occurrence", 3}}}, {"seconds", 3.0}});
+    sim::addFault(1, behind(START, {{"kind", "silence"}, {"seconds", 3.0}}, 3));
     run(5, 0.05);
     EXPECT_EQ(bench.events->seen(), (Events{{READY, 0}, {READY, 1}, {FAILED, 2}, {FINISHED, 0}}));
     EXPECT_EQ(frames.size(), 2U);
@@ -234,22 +230,18 @@ TEST_F(Mpx3Lad, MemberThatFailsEndsTheSeries)
     expectNextSeriesWorks();
     // The same where the host takes nothing, so that the other member's event waits.
     bench.events->onFrame = nullptr;
-    sim::addFault(0, {{"kind", "unplug"}, {"when", {{"after_written", START}}}});
+    sim::addFault(0, behind(START, {{"kind", "unplug"}}));
     run(5, 0.05);
     EXPECT_EQ(bench.events->seen(), (Events{{FAILED, 0}, {FINISHED, 0}}));
     sim::plug(0);
-    bench->closeDevice();
-    bringUp();
+    reconnect();
     expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Lad, StopInEachState)
 {
     expectStops();
-    bench.events->onFrame = nullptr;
-    start(100, 0.02); // while the second frame waits for the reader of the first
-    ASSERT_TRUE(soonStarted(2));
-    sleepMs(100);
+    startWithoutReader(); // the second frame waits for the reader of the first
     expectStop();
     expectNextSeriesWorks();
 }
@@ -260,12 +252,10 @@ TEST_F(Mpx3Lad, TdiSeriesEndsAndStops)
     run(3, 0.256);
     EXPECT_EQ(bench.events->seen(), readyEvents(3, FINISHED));
     EXPECT_EQ(frames.size(), 3U);
-    start(1000, 0.256);
-    ASSERT_TRUE(bench.events->waitFor({READY}));
+    startAndTake(1000, 0.256, 1);
     expectStop();
     bench.events->onFrame = nullptr;
-    start(1000, 0.1); // nobody takes a frame
-    ASSERT_TRUE(bench.events->waitFor({READY}));
+    startAndTake(1000, 0.1, 1); // by nobody
     sleepMs(400);
     expectStop();
     start(1000, 0.1);
@@ -315,13 +305,13 @@ TEST_F(Mpx3Lad, CloseDuringASeries)
 
 TEST(Mpx3LadStress, EightMembersUnderAllThatAHostDoes)
 {
-    Lad lad(boards(8, 1), "Module1=0\nModule2=0\nModule3=0\nModule4=0\n");
+    Lad lad(boards(8, {1}), "Module1=0\nModule2=0\nModule3=0\nModule4=0\n");
     ASSERT_EQ(lad->initDevice(), 0);
-    dv::IParamMgr& params = *lad->parameters();
-    const auto prepare = [&](Dice& dice) { params.get("Synced")->setBool(dice(2) == 0); };
+    const auto toggle = [&](const char* param, Dice& dice) { lad.set(param, static_cast<int>(dice(2))); };
     const auto writes = [&](Dice& dice) {
-        params.get("DebugLog")->setBool(dice(2) == 0);
-        params.get("TriggerOutLevel")->setByte(static_cast<unsigned char>(dice(2)));
+        toggle("DebugLog", dice);
+        toggle("TriggerOutLevel", dice);
     };
-    stressSeries(lad, prepare, writes);
+    stressSeries(
+        lad, [&](Dice& dice) { toggle("Synced", dice); }, writes);
 }

@@ -10,7 +10,6 @@ namespace {
 
 using namespace support;
 using Bench = LadBench<HwLatixel::ULadDev, sim::OldBoard, unsigned short>;
-using Lines = std::vector<std::string>;
 
 const nlohmann::json USB2 = {
     {"kind", "mpx2usb2"}, {"description", "MPX2 USB2 sn: 0112 A"}, {"modules", {{"B04-W0062"}, {"C04-W0062"}}}};
@@ -24,9 +23,9 @@ constexpr const char* SECTIONS = "[0112]\nModuleCount=2\nModule0=0\nModule1=1\nD
                                  "[0321]\nModuleCount=2\nModule0=0\nModule1=2\n";
 
 /// The frames that a board has seen since the last call.
-Lines commands(std::size_t index)
+Strings commands(std::size_t index)
 {
-    Lines lines;
+    Strings lines;
     sim::inspect<sim::OldBoard>(index, [&](sim::OldBoard& board) {
         for (const auto& frame : board.frames())
             lines.push_back(hex(frame.bytes(), 6) +
@@ -50,7 +49,7 @@ protected:
 
 TEST_F(OldDetector, BringUpOnTheWire)
 {
-    const Lines first = {
+    const Strings first = {
         "55 00 00 00 00 00 ",     "55 00 00 00 00 00 ",     "55 35 00 00 00 35 ",
         "55 36 00 00 00 36 ",                                                     // test, firmware, clocks
         "55 26 00 00 00 26 ",     "55 68 00 00 00 68 ",     "55 13 00 00 00 13 ", // reset, start module's number, chips
@@ -61,17 +60,13 @@ TEST_F(OldDetector, BringUpOnTheWire)
     };
     EXPECT_EQ(commands(0), first);
     EXPECT_EQ(std::ranges::count(commands(1), "55 43 00 00 02 41 "), 1) << "the second module by its bus value";
-    dv::StrList ids;
-    bench->chipIDList(&ids);
-    EXPECT_EQ(ids.vect(), (Lines{"B04-W0062", "C04-W0062", "D04-W0062", "E04-W0062"}));
+    EXPECT_EQ(bench.chipIds(), (Strings{"B04-W0062", "C04-W0062", "D04-W0062", "E04-W0062"}));
     EXPECT_TRUE(bench.logged("Initialized Latixel device MPX2 USB2 sn: 0112 A"));
     EXPECT_NE(bench.folder.read("latixel_0112.log").find("Firmware 23 (date: 14. 9. 2012)"), std::string::npos);
     EXPECT_EQ(bench.param("Version"), "Version 1.0");
-    dv::_DevMpxInfo info;
-    bench->devMpxInfo(&info);
-    EXPECT_EQ(info.chipTotal, 4U);
-    EXPECT_EQ(info.pixelTotal, 4U * 65536);
-    EXPECT_EQ(info.biasMax, 0.0);
+    EXPECT_EQ(bench.info().chipTotal, 4U);
+    EXPECT_EQ(bench.info().pixelTotal, 4U * 65536);
+    EXPECT_EQ(bench.info().biasMax, 0.0);
     EXPECT_EQ(bench->adcCount(), 32);
 }
 
@@ -87,17 +82,17 @@ TEST_F(OldDetector, Configuration)
     EXPECT_GE(volts, 0.0);
     EXPECT_EQ(bench->analogValue(4, &volts), -1005);
     EXPECT_EQ(bench->adcValue(32), -1005.0);
-    EXPECT_EQ(commands(0), (Lines{"55 07 18 01 01 1F ", "55 08 00 02 00 0A "}));
+    EXPECT_EQ(commands(0), (Strings{"55 07 18 01 01 1F ", "55 08 00 02 00 0A "}));
     EXPECT_EQ(bench->adcValue(9), 0.0) << "the first kind has eight channels";
     EXPECT_STREQ(bench->lastError(), "Invalid ADC index.") << "what a member refuses is told in its own log";
 
     std::vector<unsigned short> dacs(4 * 14);
     std::iota(dacs.begin(), dacs.end(), static_cast<unsigned short>(0));
-    EXPECT_EQ(bench->setDacs(dacs.data(), dacs.size(), -1), 0);
+    EXPECT_EQ(bench.setDacs(dacs), 0);
     for (std::size_t chip = 0; chip < 4; ++chip)
         bench.board(chip / 2, [&](sim::OldBoard& board) { EXPECT_EQ(board.chip(chip % 2).dac(0), chip * 14) << chip; });
     EXPECT_EQ(bench->setDacs(dacs.data(), 14, -1), -1) << "too few for a member, whose result it is";
-    EXPECT_EQ(bench->setDacs(dacs.data(), dacs.size(), 2), 0);
+    EXPECT_EQ(bench.setDacs(dacs, 2), 0);
 }
 
 TEST_F(OldDetector, MatricesGoThereAndBack)
@@ -105,24 +100,24 @@ TEST_F(OldDetector, MatricesGoThereAndBack)
     std::vector<unsigned short> matrix(4 * 65536);
     for (std::size_t i = 0; i < matrix.size(); ++i)
         matrix[i] = static_cast<unsigned short>((i * 7 + i / 65536) % 11810);
-    ASSERT_EQ(bench->writeMatrix(matrix.data(), matrix.size(), true), 0);
+    ASSERT_EQ(bench.write(matrix), 0);
     EXPECT_TRUE(bench.frame() == matrix);
     EXPECT_EQ(bench->readMatrix(matrix.data(), matrix.size() - 1, true), -1005);
     EXPECT_EQ(bench->writeMatrix(matrix.data(), matrix.size() - 1, true), -1005);
-    const std::vector<unsigned char> cfg(65536, 0);
-    EXPECT_EQ(bench->setPixelCfg(cfg.data(), cfg.size()), -1005);
+    EXPECT_EQ(bench.setPixelCfg(std::vector<unsigned char>(65536)), -1005);
 }
 
 TEST_F(OldDetector, SeriesOnTheWireAndAtTheHost)
 {
     commands(0);
     expectSeries(2, 0.05);
-    const Lines wire = {"55 04 4C 4B 40 43 ", "55 03 00 00 00 03 ", // 5,000,000 ticks
-                        "55 68 00 00 00 68 ", "55 27 00 00 00 27 ", "55 68 01 01 01 69 ", "55 27 00 00 00 27 ", // erase
-                        "55 14 00 00 80 94 ", "55 22 40 00 00 62 ", // settings, start
-                        "55 68 00 00 00 68 ", "55 20 00 00 00 20 ", "55 68 01 01 01 69 ", "55 20 00 00 00 20 ", // read
-                        "55 22 40 00 00 62 ", // next frame
-                        "55 68 00 00 00 68 ", "55 20 00 00 00 20 ", "55 68 01 01 01 69 ", "55 20 00 00 00 20 "};
+    const Strings wire = {
+        "55 04 4C 4B 40 43 ", "55 03 00 00 00 03 ",                                             // 5,000,000 ticks
+        "55 68 00 00 00 68 ", "55 27 00 00 00 27 ", "55 68 01 01 01 69 ", "55 27 00 00 00 27 ", // erase
+        "55 14 00 00 80 94 ", "55 22 40 00 00 62 ",                                             // settings, start
+        "55 68 00 00 00 68 ", "55 20 00 00 00 20 ", "55 68 01 01 01 69 ", "55 20 00 00 00 20 ", // read
+        "55 22 40 00 00 62 ",                                                                   // next frame
+        "55 68 00 00 00 68 ", "55 20 00 00 00 20 ", "55 68 01 01 01 69 ", "55 20 00 00 00 20 "};
     EXPECT_EQ(commands(0), wire);
     EXPECT_FALSE(bench->isBusy());
     EXPECT_EQ(bench->lastAcqTime(), 0.05);
@@ -136,8 +131,7 @@ TEST_F(OldDetector, StopEndsALongFrameAndTheNextSeriesWorks)
     start(5, 60.0);
     ASSERT_TRUE(soon([] { return std::ranges::count(commands(0), "55 22 40 00 00 62 ") > 0; }));
     sleepMs(200);
-    expectStop();
-    EXPECT_EQ(bench.events->seen(), readyEvents(1, ABORTED));
+    expectStop(1);
     sleepMs(300);
     expectSeries(1, 0.05);
 }
@@ -159,25 +153,19 @@ TEST_F(OldDetector, FailuresHaveTextAndEvents)
     for (const auto& [board, fault, error] : cases) {
         SCOPED_TRACE(error);
         sim::addFault(board, fault);
-        start(3, 0.02);
-        ASSERT_TRUE(bench.events->waitFor({FAILED}));
-        EXPECT_EQ(bench.events->seen(), (Events{{FAILED, -1}}));
-        EXPECT_TRUE(std::string(bench->lastError()).starts_with(Bench::failure(bench.names[board], error)))
-            << bench->lastError();
-        EXPECT_EQ(bench.errors.take(), Lines{}) << "the host's log callback is not called";
+        expectGivenUp(3, 0.02);
+        bench.expectError(Bench::failure(bench.names[board], error));
+        EXPECT_EQ(bench.errors->take(), Strings{}) << "the host's log callback is not called";
         bench->stopAcquisition();
         sim::clearFaults(board);
     }
-    const auto expectError = [&](const char* text) {
-        EXPECT_NE(std::string(bench->lastError()).find(text), std::string::npos) << bench->lastError();
-    };
     sim::addFault(0, {{"kind", "short_data"}, {"command", "Read Matrix"}, {"bytes", 1000}, {"frames", 1}});
-    std::vector<unsigned short> matrix(4 * 65536);
-    EXPECT_EQ(bench->readMatrix(matrix.data(), matrix.size(), true), 1);
-    expectError("Cannot read matrix (Received data too short");
+    Bench::Pixels matrix(4 * 65536);
+    EXPECT_EQ(bench.read(matrix), 1);
+    bench.expectError(Bench::failure(bench.names[0], "Cannot read matrix (Received data too short"));
     sim::addFault(1, {{"kind", "refuse_data"}, {"command", "Write Matrix"}, {"frames", 1}});
-    EXPECT_EQ(bench->writeMatrix(matrix.data(), matrix.size(), false), 1);
-    expectError("Cannot write matrix (Command (Write Matrix) data not OK");
+    EXPECT_EQ(bench.write(matrix, false), 1);
+    bench.expectError(Bench::failure(bench.names[1], "Cannot write matrix (Command (Write Matrix) data not OK"));
     sim::unplug(0);
     EXPECT_NE(bench->eraseMatrix(), 0);
 }
