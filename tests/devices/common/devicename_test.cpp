@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 using namespace HwLatixel;
 
 TEST(DeviceName, TellsWhatTheBoardIs)
@@ -10,28 +12,23 @@ TEST(DeviceName, TellsWhatTheBoardIs)
     struct Case {
         const char* name;
         bool complete;
-        const char *family, *type, *variant3, *variant; ///< "-" where the name does not reach it
-        const char* lad;
+        std::array<std::string, 5> parts; ///< family, type, variants, composite; "-" where the name does not reach it
     };
     const Case cases[] = {
-        {"Latixel  Latixel M3WB 1 sn: 12 A", true, "Latixel", "M3", "W", "B", "1"},
-        {"Latixel Latixel M3WA sn:", false, "-", "-", "-", "-", ""},
-        {"Latixel Fam M3W sn: 12 A", false, "Fam", "-", "-", "-", ""},
+        {"Latixel  Latixel M3WB 1 sn: 12 A", true, {"Latixel", "M3", "W", "B", "1"}},
+        {"Latixel Latixel M3WA sn:", false, {"-", "-", "-", "-", ""}},
+        {"Latixel Fam M3W sn: 12 A", false, {"Fam", "-", "-", "-", ""}},
         // The number of a composite is any numeric fourth word without a serial's mark.
-        {"a b M3WA sn: 12 A", true, "b", "M3", "W", "A", ""},
-        {"a b M3WA 12a sn: 12", true, "b", "M3", "W", "A", ""},
-        {"a b M3WA - sn: 12", true, "b", "M3", "W", "A", "-"},
-        {"a b M3WA 12sn 12", true, "b", "M3", "W", "A", ""},
+        {"a b M3WA sn: 12 A", true, {"b", "M3", "W", "A", ""}},
+        {"a b M3WA 12a sn: 12", true, {"b", "M3", "W", "A", ""}},
+        {"a b M3WA - sn: 12", true, {"b", "M3", "W", "A", "-"}},
+        {"a b M3WA 12sn 12", true, {"b", "M3", "W", "A", ""}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        std::string family = "-", type = "-", variant3 = "-", variant = "-", lad = "-";
-        EXPECT_EQ(parseDeviceName(c.name, &family, &type, &variant3, &variant, &lad), c.complete);
-        EXPECT_EQ(family, c.family);
-        EXPECT_EQ(type, c.type);
-        EXPECT_EQ(variant3, c.variant3);
-        EXPECT_EQ(variant, c.variant);
-        EXPECT_EQ(lad, c.lad);
+        std::array<std::string, 5> p = {"-", "-", "-", "-", "-"};
+        EXPECT_EQ(parseDeviceName(c.name, &p[0], &p[1], &p[2], &p[3], &p[4]), c.complete);
+        EXPECT_EQ(p, c.parts);
     }
 }
 

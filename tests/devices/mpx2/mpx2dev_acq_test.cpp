@@ -29,6 +29,7 @@ Mpx2Wire seriesWire(const Mpx2Wire& readout, int count)
 
 TEST_F(Mpx2Series, FramesOnTheWireAndAtTheHost)
 {
+    worksAtTheEnd = false;
     const Mpx2Wire readout = Mpx2Wire().mux(3).alive(OUTEN).readout(2 * 114721 + 9 - 10, 917766);
     double volts = 0;
     bench->setBias(50);
@@ -77,16 +78,9 @@ TEST(Mpx2SeriesShapes, SerialReadoutAndBiasByTheCpu)
     EXPECT_EQ(frame->findMetaData("DetectorTemperature")->numbers(), std::vector<double>{25.0});
 }
 
-TEST_F(Mpx2Series, AThousandFramesNoneLost)
+TEST_F(Mpx2Series, HundredsOfFramesNoneLost)
 {
-    std::atomic<long> wrong = 0;
-    bench.events->onFrame = [&](long) {
-        const auto frame = bench.frame();
-        wrong += frame.size() == bench.pixels() && frame.front() == 1 && frame.back() == 1 ? 0 : 1;
-    };
-    run(1000, 0.001);
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(bench.events->seen(), readyEvents(1000, FINISHED));
+    expectSeries(500, 0.001);
 }
 
 TEST_F(Mpx2Series, SoftwareTriggerStartsEachFrame)
@@ -118,7 +112,6 @@ TEST_F(Mpx2Series, ExternalTriggerStartsOrEndsTheFrame)
         startAndExpose(3, 0.02);
         expectStop(0);
     }
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, StopWithoutASeriesOrInALongFrame)
@@ -129,7 +122,6 @@ TEST_F(Mpx2Series, StopWithoutASeriesOrInALongFrame)
     startAndExpose(3, 60.0);
     expectStop(0);
     EXPECT_EQ(bench->lastAcqTime(), 60.0) << "the time asked for, whatever the board has measured";
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, StopWhileItWaitsForTheReader)
@@ -138,7 +130,6 @@ TEST_F(Mpx2Series, StopWhileItWaitsForTheReader)
     readTooLittle();
     EXPECT_TRUE(soon([&] { return bench.events->seen().size() == 2; }));
     expectStop(2);
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, StopIsNeverLost)
@@ -157,7 +148,6 @@ TEST_F(Mpx2Series, StopIsNeverLost)
     };
     run(2, 0.01);
     EXPECT_EQ(bench.events->seen(), readyEvents(2, ABORTED));
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, StatusPollsDoNotHangBehindAFrame)
@@ -195,7 +185,6 @@ TEST_F(Mpx2Series, FrameThatTimesOutIsRepeatedBehindARecovery)
         EXPECT_EQ(board.chip(1).dac(0), 9U);
         EXPECT_EQ(board.biasCode(), 141);
     });
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, ReadThatComesShortIsRepeated)
@@ -214,7 +203,6 @@ TEST_F(Mpx2Series, RecoveryThatFailsEndsTheSeriesWithoutAnEnd)
     sim::plug(0);
     reconnect();
     EXPECT_FALSE(bench->isBusy());
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, CloseDuringASeriesEndsIt)
@@ -225,7 +213,6 @@ TEST_F(Mpx2Series, CloseDuringASeriesEndsIt)
         expectCloseInSeries(time, 100);
         EXPECT_EQ(bench.events->seen().back(), (Seen{ABORTED, 0}));
     }
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Series, ExposureInTwoHalves)

@@ -70,7 +70,9 @@ TEST_F(Mpx3Series, NormalSeriesOnTheWireAndAtTheHost)
     wire.cmd(2, ACQ, 1, 1).cmd(2, ACQ, 1, 1);
     EXPECT_EQ(bench.wire(), wire.lines());
     EXPECT_NEAR(bench->lastAcqTime(), 0.15, 1e-6);
-    EXPECT_FALSE(bench->isBusy());
+    constexpr auto BUSY = HWEVENT_BUSY_CHANGED;
+    EXPECT_EQ(bench.events->all(),
+              (Events{{BUSY, 1}, {BUSY, 0}, {READY, 0}, {BUSY, 1}, {BUSY, 0}, {READY, 1}, {FINISHED, 0}}));
     // Rows and columns: what is not read is 0.
     ASSERT_EQ(bench->setConfig({2, 13, 4, 0, 1, 0, 0, 0, 1, 0, 0}), 0);
     run(1, 0.05);
@@ -115,7 +117,6 @@ TEST_F(Mpx3Series, ContinuousReadWrite)
     EXPECT_EQ(bench.wire(), wire.lines());
     // Short frames: the board does not wait for the host.
     expectSeries(30, 0.005);
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, TdiTakesOneStartForAllRowsAndTellsTheirTimes)
@@ -123,7 +124,8 @@ TEST_F(Mpx3Series, TdiTakesOneStartForAllRowsAndTellsTheirTimes)
     bench->setAcqMode(dv::ACQMODE_TDI);
     std::vector<std::vector<double>> times;
     bench.events->onFrame = [&](long) {
-        for (const auto& block : refhost::adopt(bench->lastData())->metaData())
+        const refhost::FramePtr frame = refhost::adopt(bench->lastData());
+        for (const auto& block : frame->metaData())
             times.push_back(block.numbers());
     };
     run(1, 0.256);
@@ -142,11 +144,11 @@ TEST_F(Mpx3Series, TdiTakesOneStartForAllRowsAndTellsTheirTimes)
     EXPECT_NEAR(times[0][255], 0.256, 1e-9);
     EXPECT_NEAR(times[2][7], 0.256, 1e-9);
     EXPECT_NEAR(times[3][0], 0.256, 1e-9);
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, CountZeroEndsAtOnce)
 {
+    worksAtTheEnd = false; // the board goes on with its rows
     expectSeries(0, 0.1);
     bench->setAcqMode(dv::ACQMODE_TDI);
     expectSeries(0, 0.1);
@@ -191,7 +193,6 @@ TEST_F(Mpx3Series, StopInEachState)
     bench->setAcqMode(dv::ACQMODE_TDI);
     startAndTake(1000, 0.2, 1);
     expectStop();
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, LinkThatFailsInAFrameEndsTheSeriesWithAnError)
@@ -211,7 +212,6 @@ TEST_F(Mpx3Series, LinkThatFailsInAFrameEndsTheSeriesWithAnError)
     EXPECT_EQ(bench.events->seen(), (Events{{FAILED, -1}, {FINISHED, 0}}));
     sim::plug(0);
     reconnect();
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, ShortAndGarbledStreamsAreDecodedAsTheyCame)
@@ -224,7 +224,6 @@ TEST_F(Mpx3Series, ShortAndGarbledStreamsAreDecodedAsTheyCame)
     sleepMs(50);
     runWithFault(1, {{"kind", "garbage"}, {"when", {{"after_reads", 1}}}, {"times", 20}});
     EXPECT_EQ(bench.events->seen().back().event, FINISHED);
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, StartCommandThatFailsInSingleStartSeries)
@@ -235,7 +234,6 @@ TEST_F(Mpx3Series, StartCommandThatFailsInSingleStartSeries)
     sim::clearFaults(0);
     reconnect();
     EXPECT_EQ(bench->omr().CRW_SRW, 0) << "bring-up forgets the series";
-    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx3Series, CloseDuringASeriesEndsIt)
@@ -243,7 +241,6 @@ TEST_F(Mpx3Series, CloseDuringASeriesEndsIt)
     expectCloseInSeries(0.2, 300);
     bench->setAcqMode(dv::ACQMODE_TDI); // which then waits for its reader
     expectCloseInSeries(0.2, 300);
-    expectNextSeriesWorks();
 }
 
 TEST(Mpx3SeriesShapes, EveryDepthAndCounter)

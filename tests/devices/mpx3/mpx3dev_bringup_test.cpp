@@ -160,12 +160,12 @@ TEST(Mpx3BringUp, DebugLogParameterSwitchesOnButNotOff)
 {
     Up bench(mpx3Board({1}), "[Settings]\n");
     bench->deviceStatus(); // from here on the log is at MSG
-    bench->resetDevice();
-    EXPECT_FALSE(bench.logged("\nReset Device\n"));
+    bench->setTimer(1);
+    EXPECT_FALSE(bench.logged("\nSet Timer\n"));
     for (const int on : {1, 0})
         bench.set("DebugLog", on);
     EXPECT_TRUE(bench.logged("Debug log enabled: 1\n"));
     EXPECT_FALSE(bench.logged("Debug log enabled: 0\n"));
-    bench->resetDevice();
-    EXPECT_TRUE(bench.logged("\nReset Device\n"));
+    bench->setTimer(1);
+    EXPECT_TRUE(bench.logged("\nSet Timer\n"));
 }

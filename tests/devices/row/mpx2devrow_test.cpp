@@ -93,6 +93,7 @@ TEST(RowBringUp, FindsTheChipsOfAllChannelsWithAnyFirmware)
 
 TEST_F(RowSeries, ConfigurationReachesTheChipsAndComesBack)
 {
+    worksAtTheEnd = false;
     const auto counts = randomWords(bench.pixels(), 11810);
     ASSERT_EQ(bench.write(counts), 0);
     RowBench::Pixels less(70000); // takes what fits
@@ -163,7 +164,6 @@ TEST_F(RowSeries, RowsOnTheWireAndAtTheHost)
     bench->setAcqMode(0);
     run(1, 0.02);
     EXPECT_TRUE(taken.back()->metaData().empty()) << "nor in a series of frames";
-    expectNextSeriesWorks();
 }
 
 TEST_F(RowSeries, AnyNumberOfRowsStaysInsideTheBuffers)
@@ -182,8 +182,7 @@ TEST_F(RowSeries, AnyNumberOfRowsStaysInsideTheBuffers)
         startAndExpose(2, 0.0512);
         expectStop();
     }
-    setRows(1);
-    expectNextSeriesWorks();
+    worksAtTheEnd = false;
     bench->closeDevice();
     EXPECT_EQ(bench->readContinuousMatrixFromDevice(~0UL), 0) << "more than any memory holds, from no link";
     bench->setAcqMode(dv::ACQMODE_TDI);
@@ -217,7 +216,6 @@ TEST_F(RowSeries, StopEndsEveryState)
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 60000));
         expectStop();
     }
-    expectNextSeriesWorks();
 }
 
 TEST_F(RowSeries, StopOfRowsGoesOutBeforeTheLinkIsEmptied)
@@ -234,7 +232,6 @@ TEST_F(RowSeries, StopOfRowsGoesOutBeforeTheLinkIsEmptied)
         expectStop();
         EXPECT_LT(Clock::now() - begin, std::chrono::seconds(9)) << "the link is not emptied without end";
     }
-    expectNextSeriesWorks();
 }
 
 TEST_F(RowSeries, SecondStartWaitsForTheGapBetweenFrames)
@@ -270,7 +267,6 @@ TEST_F(RowSeries, HeatRefusesAllButTheBias)
     EXPECT_EQ(bench->setBias(50), 0);
     sim::clearFaults(0);
     bringUp();
-    expectNextSeriesWorks();
 }
 
 TEST_F(RowSeries, FailedFrameIsRepeatedBehindARecovery)
@@ -287,7 +283,6 @@ TEST_F(RowSeries, FailedFrameIsRepeatedBehindARecovery)
         EXPECT_EQ(board.chip(3).configuration()[5], 1U << 12);
         EXPECT_EQ(board.biasCode(), 141);
     });
-    expectNextSeriesWorks();
 }
 
 TEST_F(RowSeries, FailuresForGood)
@@ -314,5 +309,4 @@ TEST_F(RowSeries, FailuresForGood)
     sim::plug(0);
     bringUp();
     EXPECT_FALSE(bench->isBusy());
-    expectNextSeriesWorks();
 }
