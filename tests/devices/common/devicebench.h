@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -159,6 +160,16 @@ inline nlohmann::json boardOf(const std::string& kind, const std::string& type)
     })");
     board.update({{"kind", kind}, {"description", "Latixel Latixel " + type + " sn: 7 A"}});
     return board;
+}
+
+/// Random numbers below `limit`, always the same ones.
+template <typename Number>
+std::vector<Number> randomNumbers(std::size_t size, unsigned limit)
+{
+    std::mt19937 random(7);
+    std::vector<Number> numbers(size);
+    std::ranges::generate(numbers, [&] { return static_cast<Number>(random() % limit); });
+    return numbers;
 }
 
 /// A fault that begins once the host has written a command so often.
@@ -390,13 +401,6 @@ public:
         EXPECT_EQ(bench->deviceStatus(), 0);
         EXPECT_EQ(bench->closeDevice(), 0);
     }
-    /// Checks that there is neither bias nor an error line where the flash tells no limits.
-    void expectNoBiasWithoutLimits() const
-    {
-        EXPECT_EQ((*this)->setBias(20), -1);
-        EXPECT_EQ(errors->take(), Strings{});
-        EXPECT_EQ(wire(), WireLines{});
-    }
     /// Overheats the board, which the host is told once, and the log at each poll with the CPU's values.
     void overheat()
     {
@@ -424,6 +428,18 @@ public:
     }
     ~BroughtUp() { BenchClass::expectNoViolations(); }
 };
+
+/// Checks that a device gives neither bias nor an error line where its board's flash tells no limits.
+template <typename BenchClass>
+void expectNoBiasWithoutLimits(nlohmann::json board)
+{
+    board["flash"]["parameters"][0]["value"] = 0.0;
+    BroughtUp<BenchClass> bench(board);
+    bench.errors->take();
+    EXPECT_EQ(bench->setBias(20), -1);
+    EXPECT_EQ(bench.errors->take(), Strings{});
+    EXPECT_EQ(bench.wire(), WireLines{});
+}
 
 /// Checks that each member's block of a frame holds one value, which is a multiple of the member's flux.
 template <typename Pixel>

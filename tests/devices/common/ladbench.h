@@ -6,7 +6,6 @@
 #include "shared/filelog.h"
 
 #include <cstdlib>
-#include <random>
 
 namespace support {
 
@@ -124,9 +123,7 @@ protected:
     /// Writes counts below a limit and reads them; arrays that are too short are refused.
     void expectMatricesComeBack(unsigned limit)
     {
-        typename Lad::Pixels written(4 * CHIP);
-        std::mt19937 random(5);
-        std::ranges::generate(written, [&] { return static_cast<typename Lad::Pixel>(random() % limit); });
+        auto written = randomNumbers<typename Lad::Pixel>(4 * CHIP, limit);
         ASSERT_EQ(bench.write(written), 0);
         EXPECT_TRUE(bench.frame() == written);
         for (const int result : {bench->writeMatrix(written.data(), written.size() - 1, true),
@@ -171,26 +168,20 @@ protected:
     }
 };
 
-/// A number below `limit`, at random.
-class Dice {
-public:
-    explicit Dice(unsigned seed) : random(seed) {}
-    unsigned operator()(unsigned limit) { return static_cast<unsigned>(random() % limit); }
-
-private:
-    std::mt19937 random;
-};
+/// A number below a limit, at random.
+using Dice = std::function<unsigned(unsigned limit)>;
 
 /// Runs each of `steps` on a thread of its own, again and again, for as long as a stress test takes: a few seconds, or
 /// what LATIXEL_STRESS_SECONDS says.
-inline void stress(const std::vector<std::function<void(Dice&)>>& steps)
+inline void stress(const std::vector<std::function<void(const Dice&)>>& steps)
 {
     const char* wanted = std::getenv("LATIXEL_STRESS_SECONDS");
     const auto length = std::chrono::duration<double>(wanted != nullptr ? std::atof(wanted) : 3.0);
     const auto end = std::chrono::steady_clock::now() + length;
     std::vector<std::jthread> threads;
     for (unsigned i = 0; i < steps.size(); ++i)
-        threads.emplace_back([&, i, dice = Dice(i + 1)]() mutable {
+        threads.emplace_back([&, i, random = std::mt19937(i + 1)]() mutable {
+            const Dice dice = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
             while (std::chrono::steady_clock::now() < end && !testing::Test::HasFatalFailure()) {
                 steps[i](dice);
                 std::this_thread::sleep_for(std::chrono::microseconds(dice(20000)));
@@ -201,10 +192,11 @@ inline void stress(const std::vector<std::function<void(Dice&)>>& steps)
 /// Lets a composite of eight members of one chip each take series, some of which are stopped, while other threads do
 /// all else that a host does. `prepare` runs before each series, `writes` at any time. The composite works afterwards.
 template <typename Lad>
-void stressSeries(Lad& lad, const std::function<void(Dice&)>& prepare, const std::function<void(Dice&)>& writes)
+void stressSeries(Lad& lad, const std::function<void(const Dice&)>& prepare,
+                  const std::function<void(const Dice&)>& writes)
 {
     lad.events->onFrame = [&](long) { lad.frame(); };
-    const auto control = [&](Dice& dice) {
+    const auto control = [&](const Dice& dice) {
         lad.events->clear();
         prepare(dice);
         const bool endless = dice(2) == 0;
@@ -215,7 +207,7 @@ void stressSeries(Lad& lad, const std::function<void(Dice&)>& prepare, const std
         }
         ASSERT_TRUE(lad.events->waitForEnd());
     };
-    const auto polls = [&](Dice&) {
+    const auto polls = [&](const Dice&) {
         lad->deviceStatus();
         lad->deviceStatusText();
         double volts = 0;
@@ -224,8 +216,8 @@ void stressSeries(Lad& lad, const std::function<void(Dice&)>& prepare, const std
         lad->isBusy();
         lad->lastError();
     };
-    const auto adc = [&](Dice& dice) { lad->adcValue(dice(130)); };
-    const auto stops = [&](Dice& dice) {
+    const auto adc = [&](const Dice& dice) { lad->adcValue(dice(130)); };
+    const auto stops = [&](const Dice& dice) {
         if (dice(20) == 0)
             lad->stopAcquisition();
     };

@@ -10,8 +10,6 @@
 #include "sim/boards/mpx2board.h"
 #include "sim/boards/rowboard.h"
 
-#include <random>
-
 namespace support {
 
 /// The board that most tests use, with so many chips in each module.
@@ -39,16 +37,6 @@ inline nlohmann::json biasCpu()
 {
     return nlohmann::json::parse(R"({"cpu": {"version": "LTX5x5 2.0", "values": [
         ["TempCpu", "35.5"], ["*BiasSet", "0"], ["BiasVolt", "0"], ["BiasCurr", "0"], ["TempDet", "24"]]}})");
-}
-
-/// Random words below `limit`, always the same ones.
-inline std::vector<unsigned short> randomWords(std::size_t size, int limit)
-{
-    std::mt19937 random(7);
-    std::uniform_int_distribution<int> word(0, limit - 1);
-    std::vector<unsigned short> words(size);
-    std::ranges::generate(words, [&] { return static_cast<unsigned short>(word(random)); });
-    return words;
 }
 
 /// What makes a board's chips Timepix or Medipix2 ones.

@@ -80,7 +80,7 @@ TEST(Mpx2Config, DacsGoToTheirChips)
         SCOPED_TRACE(timepix);
         Up bench(mpx2Board({2, 1}, chipKind(timepix)));
         const std::size_t count = timepix ? 14 : 15;
-        Pixels dacs = randomWords(3 * count, 16);
+        Pixels dacs = randomNumbers<unsigned short>(3 * count, 16);
         for (std::size_t chip = 0; chip < 3; ++chip)
             dacs[chip * count + 6] = static_cast<unsigned short>(1023 - chip); // a DAC of ten bits
         ASSERT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), 2, 1, 5, 2, 0x89ABCDEF), 0);
@@ -122,11 +122,11 @@ TEST(Mpx2Config, MatricesComeBackAsTheyWereWritten)
             SCOPED_TRACE(settings + std::to_string(shape.size()) + " of " + std::to_string(shape[0]));
             const bool timepix = shape[0] != 2;
             Up bench(mpx2Board(shape, chipKind(timepix)), settings);
-            const auto counts = randomWords(bench.pixels(), 11811);
+            const auto counts = randomNumbers<unsigned short>(bench.pixels(), 11811);
             ASSERT_EQ(bench.write(counts), 0);
             EXPECT_TRUE(bench.frame() == counts);
             EXPECT_TRUE(beginsAndEnds(bench.frame(), {})) << "reading clears";
-            const auto raw = randomWords(bench.pixels(), 16384);
+            const auto raw = randomNumbers<unsigned short>(bench.pixels(), 16384);
             ASSERT_EQ(bench.write(raw, false), 0);
             EXPECT_TRUE(configuration(bench) == raw);
             Pixels words(raw.size());
@@ -143,7 +143,7 @@ TEST(Mpx2Config, MatricesComeBackAsTheyWereWritten)
 TEST(Mpx2Config, MatrixOnTheWire)
 {
     Up bench(mpx2Board({0, 1}), SERIAL);
-    const auto matrix = randomWords(65536, 16384);
+    const auto matrix = randomNumbers<unsigned short>(65536, 16384);
     ASSERT_EQ(bench.write(matrix, false), 0);
     Bytes stream(114721);
     serializeMpx2(matrix.data(), matrix.size(), stream.data(), stream.size(), true);
@@ -164,7 +164,7 @@ TEST(Mpx2Config, ArraysThatAreTooSmall)
         EXPECT_STREQ(bench->lastError(), "Read matrix: matrix cannot be NULL.");
         // What a matrix does not hold is written as zeros; the recovery knows no more of it either.
         for (const std::size_t size : {70000UL, 1000UL, 0UL}) {
-            const auto counts = randomWords(size, 11811);
+            const auto counts = randomNumbers<unsigned short>(size, 11811);
             for (const bool convert : {true, false}) {
                 ASSERT_EQ(bench.write(counts, convert), 0);
                 ASSERT_EQ(bench.read(back, convert), 0);
@@ -195,7 +195,7 @@ TEST(Mpx2Config, ReadoutsThatGoWrong)
     };
     for (const bool serial : {true, false}) {
         Up bench(mpx2Board({2}), serial ? SERIAL : PARALLEL);
-        const auto counts = randomWords(bench.pixels(), 11811);
+        const auto counts = randomNumbers<unsigned short>(bench.pixels(), 11811);
         Pixels back(counts.size());
         for (const auto& c : cases) {
             SCOPED_TRACE((serial ? "serial " : "parallel ") + c.fault.dump());
@@ -218,6 +218,7 @@ TEST(Mpx2Config, ReadoutsThatGoWrong)
 
 TEST(Mpx2Config, BiasAndAdc)
 {
+    expectNoBiasWithoutLimits<Mpx2Bench>(mpx2Board({1}));
     Up bench(mpx2Board({1}));
     EXPECT_EQ(bench->setBias(50.0), 0);
     EXPECT_EQ(bench.wire(), BoardWire().bias(141, true).lines());
@@ -247,14 +248,6 @@ TEST(Mpx2Config, BiasAndAdc)
     bench.expectError("Failed sending command (Sending of command failed.");
     EXPECT_NE(bench->getADC(3, &code, true), 0);
     EXPECT_EQ(bench->adcValue(3), 0.0);
-}
-
-TEST(Mpx2Config, BoardWithoutBiasLimitsRefusesWithoutAWord)
-{
-    nlohmann::json board = mpx2Board({1});
-    board["flash"]["parameters"][0]["value"] = 0.0;
-    Up bench(board);
-    bench.expectNoBiasWithoutLimits();
 }
 
 TEST(Mpx2Config, BiasThatTheCpuMakes)
@@ -303,8 +296,8 @@ TEST(Mpx2Config, RecoveryBringsBackWhatTheHostHadSet)
     for (const bool timepix : {true, false}) {
         SCOPED_TRACE(timepix);
         Up bench(mpx2Board({1, 1}, chipKind(timepix)));
-        const auto dacs = randomWords(2 * (timepix ? 14 : 15), 16);
-        const auto words = randomWords(bench.pixels(), 16384);
+        const auto dacs = randomNumbers<unsigned short>(2 * (timepix ? 14 : 15), 16);
+        const auto words = randomNumbers<unsigned short>(bench.pixels(), 16384);
         double mhz = 25;
         ASSERT_EQ(bench.setDacs(dacs), 0);
         ASSERT_EQ(bench.write(words, false), 0);

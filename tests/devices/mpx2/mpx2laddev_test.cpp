@@ -225,7 +225,7 @@ TEST(Mpx2LadStress, EightMembersUnderAllThatAHostDoes)
     BroughtUp<Lad> lad(boards(8, {1}));
     countAll(lad);
     lad.set("ParallelReadout", 1);
-    const auto writes = [&](Dice& dice) {
+    const auto writes = [&](const Dice& dice) {
         lad.set("ParallelReadout", dice(8) != 0 ? 1 : 0);
         lad->setBias(dice(80));
         double mhz = 10;
@@ -233,5 +233,5 @@ TEST(Mpx2LadStress, EightMembersUnderAllThatAHostDoes)
         lad.setDacs(Lad::Pixels(8 * DACS, 9), dice(2) == 0 ? -1 : static_cast<int>(dice(8)));
     };
     stressSeries(
-        lad, [](Dice&) {}, writes);
+        lad, [](const Dice&) {}, writes);
 }

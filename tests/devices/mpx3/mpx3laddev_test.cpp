@@ -299,11 +299,11 @@ TEST_F(Mpx3Lad, CloseDuringASeries)
 TEST(Mpx3LadStress, EightMembersUnderAllThatAHostDoes)
 {
     BroughtUp<Lad> lad(boards(8, {1}), "Module1=0\nModule2=0\nModule3=0\nModule4=0\n");
-    const auto toggle = [&](const char* param, Dice& dice) { lad.set(param, static_cast<int>(dice(2))); };
-    const auto writes = [&](Dice& dice) {
+    const auto toggle = [&](const char* param, const Dice& dice) { lad.set(param, static_cast<int>(dice(2))); };
+    const auto writes = [&](const Dice& dice) {
         toggle("DebugLog", dice);
         toggle("TriggerOutLevel", dice);
     };
     stressSeries(
-        lad, [&](Dice& dice) { toggle("Synced", dice); }, writes);
+        lad, [&](const Dice& dice) { toggle("Synced", dice); }, writes);
 }

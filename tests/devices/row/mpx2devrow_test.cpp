@@ -94,7 +94,7 @@ TEST(RowBringUp, FindsTheChipsOfAllChannelsWithAnyFirmware)
 TEST_F(RowSeries, ConfigurationReachesTheChipsAndComesBack)
 {
     worksAtTheEnd = false;
-    const auto counts = randomWords(bench.pixels(), 11810);
+    const auto counts = randomNumbers<unsigned short>(bench.pixels(), 11810);
     ASSERT_EQ(bench.write(counts), 0);
     RowBench::Pixels less(70000); // takes what fits
     EXPECT_EQ(bench.read(less), 0);
