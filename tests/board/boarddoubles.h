@@ -30,9 +30,8 @@ public:
             answer = slave(payload);
         return record(hex(Bytes{perif, command}) + " [" + hex(payload) + "] " + hex(Bytes{flags}));
     }
-    int receiveRaw(unsigned char* buffer, unsigned long* size, double timeout)
+    int receiveRaw(unsigned char* buffer, unsigned long* size, double /*timeout*/)
     {
-        lastTimeout = timeout;
         *size = std::min<unsigned long>(*size, answer.size());
         std::copy_n(answer.begin(), *size, buffer);
         return record("receive " + std::to_string(*size));
@@ -42,7 +41,6 @@ public:
     Bytes answer;
     std::vector<std::string> lines;
     std::map<std::string, int> results; ///< Results by line; 0 if not here.
-    double lastTimeout = 0;
 
 private:
     int record(const std::string& line) { return lines.push_back(line), results[line]; }

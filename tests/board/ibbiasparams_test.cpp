@@ -16,7 +16,6 @@ TEST(IbBiasParamsTest, TypeComesFromTheName)
     EXPECT_EQ("E", IBBiasParams::getBiasType("WE sn:"));
     EXPECT_EQ("D", IBBiasParams::getBiasType("WA"));
     EXPECT_EQ(200.0, IBBiasParams("Latixel WB sn:12", true).maxBias());
-    EXPECT_EQ(0.0, IBBiasParams("WA sn:", false).maxBias());
 }
 
 TEST(IbBiasParamsTest, WithoutACalibrationTheTypeRules)
@@ -49,9 +48,6 @@ TEST(IbBiasParamsTest, FlashCalibrationReplacesTheRule)
     };
     IBBiasParams params("A", false);
     params.setVoltCurrentSenseChannels(15, 14);
-    read(params, {});
-    EXPECT_EQ(100.0, params.maxBias());
-
     flash.addByte("BiasCurChannel", "", 9, nullptr, 0, 0);
     read(params, {{"BiasMin", -10}, {"BiasMax", 300}, {"BiasSetA", 2}, {"BiasSetB", -4}, {"BiasVoltA", 3}});
     read(params, {{"BiasVoltB", 1}, {"BiasCurrCoeff1", 500}, {"BiasCurrCoeff2", 10}, {"BiasCurrCoeff3", 0.5}});

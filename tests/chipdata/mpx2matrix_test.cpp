@@ -157,7 +157,6 @@ TEST(Mpx2Readout, TakesModulesApart)
 TEST(Mpx2Readout, ReadoutSizes)
 {
     EXPECT_EQ(mpx2ModuleReadout(3).bytes, 344170U);
-    EXPECT_EQ(mpx2ModuleReadout(3).bits, 2753302U);
     const std::size_t extra[] = {9, 9, 3, 3, 3, 9, 9, 9, 9, 9}; // 9 chips are more than the corrections know
     for (std::size_t perModule = 0; perModule < std::size(extra); ++perModule)
         EXPECT_EQ(mpx2ParallelReadout(3 * perModule + 2, 3).bytes % 114721, extra[perModule]) << perModule;

@@ -93,7 +93,6 @@ TEST_F(CmdMgrMpx3Test, TheLogShowsNamesArgumentsPinsAndPayloads)
     const std::string text = logText();
     EXPECT_THAT(text, HasSubstr("[DBG]: CMD [00|01|01|00_A1_1a_0F]    (___|MPX|PINS|PWR RST FCLR     )\n"));
     EXPECT_THAT(text, HasSubstr("CMD [05|01|FF|00_00_00_02]    (D_A|MPX|???|2)\n"));
-    EXPECT_THAT(text, HasSubstr("Sent data:\n   01 02 "));
     EXPECT_THAT(text, HasSubstr("CPU Get %d Status\n"));
     EXPECT_THAT(text, HasSubstr("(_O_|SPI||)\n")) << "a command without a name";
     EXPECT_THAT(text, HasSubstr("(___|???|???|)\n"));

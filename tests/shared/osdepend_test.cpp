@@ -17,8 +17,9 @@ TEST(ThreadSyncObject, IsHeldUntilTheLastUnlock)
 {
     ThreadSyncObject sync;
     EXPECT_TRUE(sync.lock());
-    EXPECT_TRUE(sync.lock(0));
-    EXPECT_TRUE(sync.unlock());
+    ThreadLockManual guard(&sync, true);
+    EXPECT_TRUE(guard.unlock());
+    EXPECT_FALSE(guard.unlock()) << "a guard releases once";
     EXPECT_FALSE(freeForOthers(sync));
 
     Event waiting;
@@ -30,16 +31,6 @@ TEST(ThreadSyncObject, IsHeldUntilTheLastUnlock)
     EXPECT_TRUE(waiting.wait(WAIT_FOREVER));
     EXPECT_TRUE(sync.unlock());
     EXPECT_TRUE(other.get());
-}
-
-TEST(ThreadSyncObject, ManualGuardsReleaseOnce)
-{
-    ThreadSyncObject sync;
-    ThreadLockManual guard(&sync, true);
-    EXPECT_FALSE(freeForOthers(sync));
-    EXPECT_TRUE(guard.unlock());
-    EXPECT_FALSE(guard.unlock());
-    EXPECT_TRUE(freeForOthers(sync));
 }
 
 TEST(Event, KeepsASignalForOneWait)

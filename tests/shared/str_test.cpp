@@ -38,7 +38,6 @@ TEST(Str, ReadsAndWritesNumbers)
 {
     EXPECT_EQ(str::toNumDef<int>("99999999999", 7), 7);
     EXPECT_EQ(str::fromHexDef<unsigned>("0x1F", 0) + str::fromHexDef<unsigned>("1f", 0), 62U);
-    EXPECT_EQ(str::fromHexDef<unsigned char>("0x1234", 0), 0x34);
     int err = -1;
     EXPECT_EQ(str::toDouble(" -2.5V", &err), -2.5);
     EXPECT_EQ(err, 0);
