@@ -1,4 +1,4 @@
-// The Medipix3 board from the wire: faults of chips, and what it has against bad frames.
+// The Medipix3 board from the wire: faults of chips and flash, and what it has against bad frames.
 #include "sim/boards/mpx3wire.h"
 
 #include <cmath>
@@ -72,7 +72,7 @@ TEST(Mpx3BoardTest, RefusesStreamsOfTheWrongForm)
     EXPECT_EQ(wire.complaints(), 1U) << "half a matrix";
 }
 
-TEST(Mpx3BoardTest, FaultsOfChips)
+TEST(Mpx3BoardTest, FaultsOfChipsAndFlash)
 {
     Mpx3Wire wire(mpx3Entry({{"C07-W0123"}, {"D01-W0124"}}));
     const auto fuses = [&](int channel) {
@@ -90,6 +90,12 @@ TEST(Mpx3BoardTest, FaultsOfChips)
     EXPECT_THROW(wire.board.applyFault({{"kind", "stuck_channel"}, {"channel", 5}}), std::runtime_error);
     EXPECT_EQ(fuses(1), Bytes(38, 0xFF));
     EXPECT_EQ(fuses(2), Bytes(38, 0x00));
+    wire.fault(R"({"kind": "flash", "parameters": [], "version": 2})"_json);
+    wire.number(4, 1, 4U << 24U | 2);
+    wire.select(3, 2);
+    wire.payload(4, 0, {3, 0, 0, 4, 0, 0, 0, 0}, 7);
+    EXPECT_EQ(wire.read().back(), 2) << "of the flash's layout";
+    wire.outputToChips();
     wire.board.clearFaults();
     EXPECT_EQ(fuses(1), good);
 }
