@@ -64,7 +64,7 @@ TEST(Mpx2Dacs, StreamHoldsEveryBitOfEveryField)
             // The chip may be none of the module; negative and wide values must not leave their fields.
             const auto wide = randomValues<unsigned>(2);
             const Settings s{run % 6 - 1, static_cast<int>(wide[0]), run % 5 - 1, wide[1]};
-            const auto dacs = randomValues<unsigned short>(static_cast<std::size_t>(chips * (timepix ? 14 : 15)));
+            const auto dacs = randomValues<unsigned short>(static_cast<std::size_t>(chips) * (timepix ? 14 : 15));
             const Bytes expected = oracleStream(dacs, chips, timepix, s);
             Bytes out(expected.size(), 0xEE);
             dacsToStreamMPX2(dacs.data(), out.data(), chips, timepix, s.chip, s.senseDac, s.extDac, s.ctpr);

@@ -37,7 +37,7 @@ Bytes encoded(const Pixels& matrix, std::size_t outSize, bool serial)
 {
     Guarded out(Bytes(outSize, 0xEE));
     serializeMpx2(matrix.data(), matrix.size(), out.values().data(), outSize, serial);
-    const Bytes bytes(out.values().begin(), out.values().end());
+    Bytes bytes(out.values().begin(), out.values().end());
     EXPECT_TRUE(out.is(bytes));
     return bytes;
 }

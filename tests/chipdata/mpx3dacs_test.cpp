@@ -7,7 +7,7 @@
 TEST(Mpx3Dacs, StreamHoldsEveryBitOfEveryDac)
 {
     // The last chip is not whole and not written; the bits above a DAC's depth must not show.
-    const auto dacs = randomValues<unsigned short>(2 * MPX3_DAC_COUNT + 26);
+    const auto dacs = randomValues<unsigned short>(std::size_t{2} * MPX3_DAC_COUNT + 26);
     Bytes expected(2 * 39, 0);
     for (std::size_t chip = 0; chip < 2; ++chip) {
         expected[chip * 39 + 1] = 0xA0;
