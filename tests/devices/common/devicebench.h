@@ -599,6 +599,7 @@ protected:
         bench.events->onWaitTrigger = nullptr;
         start(5, 30);
         ASSERT_TRUE(bench.events->waitFor({HWEVENT_WAIT_TRIGGER}));
+        sleepMs(50);
         expectStop();
         EXPECT_EQ(bench.events->seen(), (Events{WAITS, {ABORTED, 0}}));
         EXPECT_EQ(bench.sent(START), 0);
