@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -101,14 +102,15 @@ TEST_P(Mpx2Matrix, DecodesInterleavedReadouts)
                 const std::size_t whole = streams * chips * CHIP;
                 const Bytes source = randomValues<unsigned char>(mpx2ParallelReadout(streams * chips, streams).bytes);
                 // A source and a matrix that end within a row, and a matrix that has more than the chips.
-                for (const std::size_t cut : {std::size_t{0}, source.size() / 3})
-                    for (const std::size_t pixels : {whole, whole + 100, whole / 2 + 77}) {
-                        const Bytes came = firstOf(source, source.size() - cut);
-                        Guarded matrix(randomValues<unsigned short>(pixels));
-                        decodeMpx2Modules(came, streams, chips, matrix.values(), convert);
-                        EXPECT_TRUE(matrix.is(oracleReadout(came, streams, chips, chips + 1, pixels, convert)))
-                            << streams << " of " << chips << " chips, cut " << cut << ", pixels " << pixels;
-                    }
+                for (const auto& [cut, pixels] : {std::pair{source.size() / 3, whole},
+                                                  {source.size(), whole + 100},
+                                                  {source.size(), whole / 2 + 77}}) {
+                    const Bytes came = firstOf(source, cut);
+                    Guarded matrix(randomValues<unsigned short>(pixels));
+                    decodeMpx2Modules(came, streams, chips, matrix.values(), convert);
+                    EXPECT_TRUE(matrix.is(oracleReadout(came, streams, chips, chips + 1, pixels, convert)))
+                        << streams << " of " << chips << " chips, source " << cut << ", pixels " << pixels;
+                }
                 Guarded matrix(randomValues<unsigned short>(whole));
                 decodeMpx2RowDevice(source, streams * chips, matrix.values(), convert);
                 EXPECT_TRUE(matrix.is(oracleReadout(source, streams * chips, 1, 1, whole, convert)));
