@@ -70,7 +70,7 @@ public:
         alive(OUTEN);
         number(1, 5, announced, 2);
         number(1, 4, bits, 2);
-        const Bytes stream = read();
+        Bytes stream = read();
         alive(ENIN);
         return stream;
     }
@@ -84,7 +84,7 @@ public:
     Bytes frame(std::chrono::nanoseconds time)
     {
         start();
-        const Bytes packet = readAfter(time);
+        Bytes packet = readAfter(time);
         alive(ENIN);
         return packet;
     }
