@@ -175,7 +175,7 @@ TEST_P(Mpx3Matrix, OverwritesWhatStoodInTheMatrix)
             const Mpx3StreamShape shape{omrOf(i % 4, 0, 0, 0), channels, i >= 8, false};
             const std::size_t full = mpx3ReadSize(shape.omr, shape.twoChips, channels, counters > 1);
             const Bytes stream = randomValues<unsigned char>(full);
-            const std::size_t whole = static_cast<std::size_t>(channels * (shape.twoChips ? 2 : 1) * CHIP);
+            const std::size_t whole = static_cast<std::size_t>(channels) * (shape.twoChips ? 2 : 1) * CHIP;
             struct Ends {
                 std::size_t received, pixels, converted;
             };
