@@ -1,3 +1,4 @@
+// The list of devices that every library object has.
 #include "plugin/ahwlib.h"
 
 int AHwLib::open(IDorvet* host)

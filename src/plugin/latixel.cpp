@@ -1,3 +1,4 @@
+// The library object: opening, closing, settings.
 #include "plugin/latixel.h"
 
 #include "shared/inifile.h"

@@ -1,3 +1,4 @@
+// The syntax of a device's name: serial, type, variant letter, number of a composite.
 #include "devices/common/devicename.h"
 
 #include "shared/str.h"

@@ -1,3 +1,4 @@
+// How a device tells what happens to it: log, last error, the host's log callback.
 #include "devices/common/devicereport.h"
 
 #include "shared/str.h"

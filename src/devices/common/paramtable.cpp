@@ -1,3 +1,4 @@
+// A device's parameters from a table, and their values.
 #include "devices/common/paramtable.h"
 
 #include "shared/datatype.h"

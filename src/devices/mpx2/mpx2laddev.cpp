@@ -1,3 +1,4 @@
+// Several Medipix2 or Timepix boards as one detector: bring-up, broadcasts, frames.
 #include "devices/mpx2/mpx2laddev.h"
 
 #include "shared/inifile.h"

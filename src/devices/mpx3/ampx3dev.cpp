@@ -1,3 +1,4 @@
+// The part of a Medipix3 device that needs no hardware.
 #include "devices/mpx3/ampx3dev.h"
 
 #include "devices/common/devicename.h"

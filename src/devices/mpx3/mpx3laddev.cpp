@@ -1,3 +1,4 @@
+// Several Medipix3 boards as one detector: bring-up, broadcasts, series of all members.
 #include "devices/mpx3/mpx3laddev.h"
 
 #include "devices/common/frames.h"

@@ -1,3 +1,4 @@
+// The boards of the older generation as one detector: broadcasts and frames.
 #include "devices/old/uladdev.h"
 
 #include <utility>
