@@ -1,4 +1,4 @@
-// The table of data types, and items as numbers and as texts.
+// Items of each data type as numbers and as texts.
 #include "refhost/datatypes.h"
 
 #include <array>
@@ -10,24 +10,6 @@
 
 namespace refhost {
 namespace {
-
-struct TypeRow {
-    std::string_view name;
-    std::size_t bytes;
-};
-
-constexpr std::array<TypeRow, 12> TYPES{{{"char", 1},
-                                         {"byte", 1},
-                                         {"i16", 2},
-                                         {"u16", 2},
-                                         {"i32", 4},
-                                         {"u32", 4},
-                                         {"i64", 8},
-                                         {"u64", 8},
-                                         {"float", 4},
-                                         {"double", 8},
-                                         {"bool", 4},
-                                         {"string", 8}}};
 
 template <typename Item>
 Item nearest(double value)
@@ -61,19 +43,19 @@ std::optional<bool> boolOf(std::string_view text)
 
 std::optional<DataType> dataTypeOf(int code)
 {
-    if (code < 0 || static_cast<std::size_t>(code) >= TYPES.size())
+    if (code < 0 || code >= DTYPE_UNKNOWN)
         return std::nullopt;
     return static_cast<DataType>(code);
 }
 
 std::size_t sizeOf(DataType type)
 {
-    return TYPES[static_cast<std::size_t>(type)].bytes;
+    return sizeofType[static_cast<std::size_t>(type)];
 }
 
 std::string_view nameOf(DataType type)
 {
-    return TYPES[static_cast<std::size_t>(type)].name;
+    return typeNames[static_cast<std::size_t>(type)];
 }
 
 double numberAt(DataType type, const void* place)

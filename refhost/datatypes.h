@@ -1,5 +1,7 @@
-// The host's knowledge of the data types that cross the boundary: codes, names, sizes.
+// Items of the data types that cross the boundary, as numbers and as texts.
 #pragma once
+
+#include "host/datatype.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,18 +13,18 @@ namespace refhost {
 
 /// The type of a parameter, of a frame's pixels or of a block of metadata, with the code that crosses the boundary.
 enum class DataType : int {
-    Char = 0,
-    Byte = 1,
-    Int16 = 2,
-    UInt16 = 3,
-    Int32 = 4,
-    UInt32 = 5,
-    Int64 = 6,
-    UInt64 = 7,
-    Float = 8,
-    Double = 9,
-    Bool = 10,
-    Text = 11,
+    Char = DTYPE_CHAR,
+    Byte = DTYPE_BYTE,
+    Int16 = DTYPE_I16,
+    UInt16 = DTYPE_U16,
+    Int32 = DTYPE_I32,
+    UInt32 = DTYPE_U32,
+    Int64 = DTYPE_I64,
+    UInt64 = DTYPE_U64,
+    Float = DTYPE_FLOAT,
+    Double = DTYPE_DOUBLE,
+    Bool = DTYPE_BOOL,
+    Text = DTYPE_STRING,
 };
 
 /// The type with that code, or nothing where no type has it.

@@ -18,9 +18,10 @@ constexpr std::uint8_t LATENCY_AT_POWER_ON_MS = 16;
 constexpr UsbResult NO_DEVICE{-4};
 constexpr UsbResult CABLE_PULLED{-1};
 constexpr UsbResult WRITE_FAILED{-1};
+constexpr UsbResult TIMED_OUT{-7};
 
 constexpr auto POLL_PERIOD = 100us;  ///< how often a waiting read looks at the board
-constexpr auto STALLED_PAUSE = 1ms;  ///< so that a host that tries again at once does not burn the processor
+constexpr auto STALLED_PERIOD = 1ms; ///< how often a wait for a chip that stalls looks at it
 constexpr auto OVERSLEEPING = 500us; ///< what a sleep may take too long without the wire losing its pace
 
 Plugging nextPlugging()
@@ -94,6 +95,12 @@ bool Bridge::release(Plugging session)
     return alive(session);
 }
 
+bool Bridge::awaitAnswer(Plugging session, Clock::duration limit)
+{
+    std::unique_lock lock(mutex);
+    return outlasts(lock, UsbStep::Control, session, Clock::now() + limit);
+}
+
 bool Bridge::answers(Plugging session)
 {
     const std::scoped_lock lock(mutex);
@@ -143,11 +150,15 @@ UsbResult Bridge::beginRead()
     return faults.refuse(UsbStep::Read, Clock::now()).value_or(UsbResult{});
 }
 
-UsbResult Bridge::transferIn(Plugging session, std::span<std::uint8_t> room, std::size_t wanted)
+UsbResult Bridge::transferIn(Plugging session, std::span<std::uint8_t> room, std::size_t wanted, Clock::duration limit)
 {
     std::unique_lock lock(mutex);
     if (!alive(session))
         return NO_DEVICE;
+    if (!outlasts(lock, UsbStep::Read, session, Clock::now() + limit))
+        return TIMED_OUT;
+    if (!alive(session))
+        return CABLE_PULLED;
     const Time deadline = Clock::now() + idlePeriod();
     std::size_t count = takeArrived(room, wanted);
     while (count == 0 && Clock::now() < deadline) {
@@ -170,25 +181,34 @@ void Bridge::endRead(std::size_t count)
     faults.endRead(count, Clock::now());
 }
 
-UsbResult Bridge::write(Plugging session, std::span<const std::uint8_t> bytes)
+UsbResult Bridge::write(Plugging session, std::span<const std::uint8_t> bytes, Clock::duration limit)
 {
     std::unique_lock lock(mutex);
     if (!alive(session))
         return WRITE_FAILED;
     if (const auto refusal = faults.refuse(UsbStep::Write, Clock::now()))
         return *refusal;
-    bytes = bytes.first(faults.writable(bytes.size(), Clock::now()));
-    if (bytes.empty()) {
-        faults.endWrite(bytes, Clock::now());
+    const Time deadline = Clock::now() + limit;
+    std::size_t moved = 0;
+    for (;;) {
+        const std::size_t movable = std::max(moved, faults.writable(bytes.size(), Clock::now()));
+        const auto part = bytes.subspan(moved, movable - moved);
+        occupyWire(lock, part.size());
+        if (!alive(session))
+            return WRITE_FAILED;
+        if (!part.empty())
+            deliver(part);
+        moved = movable;
+        if (moved == bytes.size() || Clock::now() >= deadline)
+            break;
         lock.unlock();
-        std::this_thread::sleep_for(STALLED_PAUSE);
-        return {};
+        std::this_thread::sleep_for(STALLED_PERIOD);
+        lock.lock();
+        if (!alive(session))
+            return WRITE_FAILED;
     }
-    occupyWire(lock, bytes.size());
-    if (!alive(session))
-        return WRITE_FAILED;
-    deliver(bytes);
-    return {static_cast<int>(bytes.size())};
+    faults.endWrite(bytes.first(moved), Clock::now());
+    return moved == bytes.size() ? UsbResult{static_cast<int>(moved)} : WRITE_FAILED;
 }
 
 Bytes Bridge::traffic()
@@ -304,7 +324,21 @@ void Bridge::deliver(std::span<const std::uint8_t> bytes)
     }
     recorded.insert(recorded.end(), bytes.begin(), bytes.end());
     board->receive(bytes, now);
-    faults.endWrite(bytes, now);
+}
+
+/// Whether the chip answers such a step before the deadline, or goes meanwhile.
+bool Bridge::outlasts(std::unique_lock<std::mutex>& lock, UsbStep step, Plugging session, Time deadline)
+{
+    while (alive(session) && faults.isMute(step, Clock::now())) {
+        if (Clock::now() >= deadline) {
+            faults.gaveUp();
+            return false;
+        }
+        lock.unlock();
+        std::this_thread::sleep_for(STALLED_PERIOD);
+        lock.lock();
+    }
+    return true;
 }
 
 void Bridge::occupyWire(std::unique_lock<std::mutex>& lock, std::size_t count)

@@ -55,6 +55,9 @@ public:
     /// Gives it back. Returns false if the chip is gone.
     bool release(Plugging session);
 
+    /// Waits until the chip answers control requests. Returns false if it does not within `limit`.
+    bool awaitAnswer(Plugging session, Clock::duration limit);
+
     // Control requests; false or nothing if the chip is gone.
     /// Any request without an effect on the bytes.
     bool answers(Plugging session);
@@ -68,12 +71,13 @@ public:
     UsbResult beginRead();
     /// One transfer to the host. It ends with what has arrived, of which up to `room.size()` bytes are moved, or with
     /// 0 after a latency period without any. `wanted` is what the host asked for, which may be less than there is
-    /// room for. Negative if the device is gone.
-    UsbResult transferIn(Plugging session, std::span<std::uint8_t> room, std::size_t wanted);
+    /// room for. Negative if the device is gone, or does not answer within `limit`.
+    UsbResult transferIn(Plugging session, std::span<std::uint8_t> room, std::size_t wanted, Clock::duration limit);
     /// The read ends, having brought `count` bytes.
     void endRead(std::size_t count);
-    /// Number of bytes moved to the board, or negative.
-    UsbResult write(Plugging session, std::span<const std::uint8_t> bytes);
+    /// Moves all bytes to the board and tells their number, or is negative: also when the board has not taken all
+    /// within `limit`.
+    UsbResult write(Plugging session, std::span<const std::uint8_t> bytes, Clock::duration limit);
 
     /// Everything that the host wrote to the board since `clearTraffic`.
     Bytes traffic();
@@ -98,6 +102,7 @@ private:
     void putOn(Time now);
     Clock::duration idlePeriod() const;
     std::size_t takeArrived(std::span<std::uint8_t> room, std::size_t wanted);
+    bool outlasts(std::unique_lock<std::mutex>& lock, UsbStep step, Plugging session, Time deadline);
     void deliver(std::span<const std::uint8_t> bytes);
     void occupyWire(std::unique_lock<std::mutex>& lock, std::size_t count);
 

@@ -158,6 +158,28 @@ private:
     std::size_t bytes;
 };
 
+class MuteFault : public Fault {
+public:
+    explicit MuteFault(const json& fault)
+    {
+        const auto on = readKey<std::string>(fault, "on", "all");
+        if (on != "all" && on != "read" && on != "control")
+            badKey("on", "\"all\", \"read\" or \"control\"");
+        reads = on != "control";
+        controls = on != "read";
+    }
+
+    bool isMute(UsbStep step) override
+    {
+        return (step == UsbStep::Read && reads) || (step == UsbStep::Control && controls);
+    }
+    std::size_t writable(std::size_t size) override { return reads && controls ? 0 : size; }
+
+private:
+    bool reads = true;
+    bool controls = true;
+};
+
 class UnplugFault : public Fault {
 public:
     explicit UnplugFault(const json& fault)
@@ -213,6 +235,7 @@ constexpr KindRow KINDS[] = {
     {"short_read", make<ShortReadFault>, 1, {"kind", "when", "bytes", "times", "seconds"}},
     {"garbage", make<GarbageFault>, 1, {"kind", "when", "offset", "bytes", "seed", "times", "seconds"}},
     {"stalled_write", make<StalledWriteFault>, FOR_GOOD, {"kind", "when", "bytes", "times", "seconds"}},
+    {"mute", make<MuteFault>, FOR_GOOD, {"kind", "when", "on", "times", "seconds"}},
     {"unplug", make<UnplugFault>, 0, {"kind", "when", "replug_after_s"}},
 };
 
@@ -406,6 +429,18 @@ void FaultLayer::endRead(std::size_t count, Time now)
         if (!plan.acting && count > 0)
             plan.trigger.countRead();
     settle(now);
+}
+
+bool FaultLayer::isMute(UsbStep step, Time now)
+{
+    settle(now);
+    bool mute = false;
+    for (Plan& plan : plans) {
+        const bool steps = plan.acting && plan.fault->isMute(step);
+        plan.hit = plan.hit || steps;
+        mute = mute || steps;
+    }
+    return mute;
 }
 
 std::size_t FaultLayer::writable(std::size_t size, Time now)

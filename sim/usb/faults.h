@@ -11,7 +11,10 @@
 //   late           the board's output stays away for "seconds"
 //   short_read     the output is cut to "bytes"; once
 //   garbage        "bytes" (all) of the output from "offset" (0) on are random from "seed" (1); once
-//   stalled_write  writes move only "bytes" (0); for good
+//   stalled_write  writes move only "bytes" (0), wait for the rest, and fail when the host's time limit is over; for
+//   good mute           the chip answers nothing until the host's time limit is over; "on": "all", or "read" or
+//   "control"
+//                  alone; for good
 //   unplug         the chip leaves the bus, and is back after "replug_after_s", or not at all
 // Every other kind is one of the board's own.
 #pragma once
@@ -35,8 +38,8 @@ struct UsbResult {
     const char* text = nullptr;
 };
 
-/// What the host does that an "error" fault can refuse.
-enum class UsbStep { Open, Strings, Read, Write };
+/// What the host does that a fault can refuse.
+enum class UsbStep { Open, Strings, Read, Write, Control };
 
 /// What faults act on: the bridge that the layer belongs to.
 class FaultTarget {
@@ -61,6 +64,8 @@ public:
     virtual bool spoil(Board& /*board*/, bool /*again*/) { return false; }
     /// True if the output is to stay where it is for now.
     virtual bool withholds() const { return false; }
+    /// True if the chip leaves the step without an answer for now.
+    virtual bool isMute(UsbStep /*step*/) { return false; }
     /// How many of `size` bytes a write moves.
     virtual std::size_t writable(std::size_t size) { return size; }
 };
@@ -118,7 +123,12 @@ public:
     /// A read of the host ended that brought it `count` bytes.
     void endRead(std::size_t count, Time now);
 
-    /// How many of `size` bytes the next write moves.
+    /// True if a fault leaves the step without an answer for now.
+    bool isMute(UsbStep step, Time now);
+    /// The host has waited for that answer until its time was over.
+    void gaveUp() { countHits(); }
+
+    /// How many of `size` bytes a write moves for now.
     std::size_t writable(std::size_t size, Time now);
     /// A write of the host ended that moved `bytes`.
     void endWrite(std::span<const std::uint8_t> bytes, Time now);

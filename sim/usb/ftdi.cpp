@@ -77,6 +77,16 @@ bool isStandardChip(const Sighting& chip)
     return std::ranges::any_of(STANDARD_PRODUCTS, [&](int product) { return matches(chip, 0x0403, product); });
 }
 
+std::chrono::milliseconds readLimit(const ftdi_context* ftdi)
+{
+    return std::chrono::milliseconds(ftdi->usb_read_timeout);
+}
+
+std::chrono::milliseconds writeLimit(const ftdi_context* ftdi)
+{
+    return std::chrono::milliseconds(ftdi->usb_write_timeout);
+}
+
 void forgetBuffered(ftdi_context* ftdi)
 {
     ftdi->readbuffer_offset = 0;
@@ -129,14 +139,17 @@ void copyText(const std::string& text, char* room, int size)
     room[count] = '\0';
 }
 
-/// One control request. `request(bridge, plugging)` returns false if the chip did not answer.
+/// One control request. `request(bridge, plugging)` returns false if the chip is gone.
 template <typename Request>
 int control(ftdi_context* ftdi, int notOpen, int failed, const char* text, Request request)
 {
     const Session* session = sessionOf(ftdi);
     if (session == nullptr)
         return fail(ftdi, notOpen, UNAVAILABLE);
-    return request(*session->chip.bridge, session->chip.plugging) ? 0 : fail(ftdi, failed, text);
+    Bridge& bridge = *session->chip.bridge;
+    const sim::Plugging plugging = session->chip.plugging;
+    const bool answered = bridge.awaitAnswer(plugging, writeLimit(ftdi)) && request(bridge, plugging);
+    return answered ? 0 : fail(ftdi, failed, text);
 }
 
 bool answers(Bridge& bridge, sim::Plugging plugging)
@@ -168,9 +181,10 @@ UsbResult transfer(ftdi_context* ftdi, const Session& session, std::span<std::ui
     const unsigned payload = chunk - STATUS * ((chunk + PACKET - 1) / PACKET);
     Bridge& bridge = *session.chip.bridge;
     if (room.size() >= payload)
-        return bridge.transferIn(session.chip.plugging, room.first(payload), payload);
+        return bridge.transferIn(session.chip.plugging, room.first(payload), payload, readLimit(ftdi));
     forgetBuffered(ftdi);
-    UsbResult result = bridge.transferIn(session.chip.plugging, {ftdi->readbuffer, payload}, room.size());
+    UsbResult result =
+        bridge.transferIn(session.chip.plugging, {ftdi->readbuffer, payload}, room.size(), readLimit(ftdi));
     if (result.value > 0) {
         ftdi->readbuffer_remaining = static_cast<unsigned>(result.value);
         result.value = static_cast<int>(takeBuffered(ftdi, room));
@@ -411,7 +425,7 @@ int ftdi_write_data(ftdi_context* ftdi, const unsigned char* buf, int size)
     if (size <= 0)
         return 0;
     const std::span bytes(buf, static_cast<std::size_t>(size));
-    const UsbResult result = session->chip.bridge->write(session->chip.plugging, bytes);
+    const UsbResult result = session->chip.bridge->write(session->chip.plugging, bytes, writeLimit(ftdi));
     if (result.value < 0)
         return fail(ftdi, result.value, result.text != nullptr ? result.text : "usb bulk write failed");
     return result.value;

@@ -46,6 +46,7 @@ int parseHeader(Bytes bytes, Header& header)
 
 Walk::Walk(Bytes storeBytes, const Header& header)
     : store(storeBytes),
+      valueBytesLeft(storeBytes.size()),
       recordsEnd(std::min(header.recordsEnd, storeBytes.size())),
       bigValues(HEADER_SIZE + header.recordSize),
       position(std::min(HEADER_SIZE, recordsEnd))
@@ -66,8 +67,11 @@ bool Walk::next(Record& record)
         const std::size_t place = big ? bigValues + wordAt(rest, VALUE_OFFSET) : position + VALUE_OFFSET;
         position += length;
         const unsigned char type = rest[TYPE_OFFSET];
-        if (type >= DT_UNKNOWN || place + size > store.size())
+        if (type >= DTYPE_UNKNOWN || place + size > store.size())
             continue;
+        if (rest.front() == 0 || size > valueBytesLeft)
+            continue;
+        valueBytesLeft -= size;
         std::copy_n(rest.begin(), NAME_SIZE, record.name.begin());
         record.type = static_cast<_DataType>(type);
         record.value = store.subspan(place, size);

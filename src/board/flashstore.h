@@ -2,7 +2,7 @@
 // Everything read here comes from outside: sizes, offsets and type codes are checked before they are used.
 #pragma once
 
-#include "shared/datatype.h"
+#include "host/datatype.h"
 
 #include <array>
 #include <cstddef>
@@ -39,15 +39,16 @@ int parseHeader(std::span<const unsigned char> bytes, Header& header);
 /// One record with its value.
 struct Record {
     std::array<char, NAME_SIZE + 1> name{}; ///< Terminated.
-    _DataType type = DT_UNKNOWN;
+    _DataType type = DTYPE_UNKNOWN;
     std::span<const unsigned char> value; ///< Inside the store.
 
     /// Number of items that the value holds.
     std::size_t itemCount() const { return value.size() / sizeofType[type]; }
 };
 
-/// Walks the records of a store in memory. A record whose value lies outside the store, or whose type is unknown, is
-/// passed over; a record that is cut by the list's end ends the walk.
+/// Walks the records of a store in memory. A record is passed over that has no name or an unknown type, whose value
+/// lies outside the store, or whose value together with those before is more than the store holds: values that share
+/// their bytes could ask the host for any amount of memory. A record that is cut by the list's end ends the walk.
 class Walk {
 public:
     /// `store` outlives the walk and has `header.storeSize` bytes.
@@ -58,6 +59,7 @@ public:
 
 private:
     std::span<const unsigned char> store;
+    std::size_t valueBytesLeft; ///< Room in the store for the values to come.
     std::size_t recordsEnd;
     std::size_t bigValues; ///< Where the big values begin.
     std::size_t position;

@@ -48,6 +48,12 @@ constexpr double MAX_CODE = 255;
 /// Boards without a calibration sense around this voltage of the ADC.
 constexpr double ADC_MIDDLE = 2.5;
 
+/// Null if there is none of that name.
+dv::IParam* find(dv::IParamMgr* manager, const char* name)
+{
+    return manager != nullptr && manager->exists(name) ? manager->get(name) : nullptr;
+}
+
 } // namespace
 
 const IBBiasParams::DoubleParam IBBiasParams::DOUBLE_PARAMS[] = {
@@ -114,17 +120,17 @@ void IBBiasParams::readFlashParameters(dv::IParamMgr* manager)
 
 void IBBiasParams::getPar(dv::IParamMgr* manager, const char* name, double& value)
 {
-    if (!manager->exists(name))
+    dv::IParam* param = find(manager, name);
+    if (param == nullptr)
         return;
-    if (dv::IParam* param = manager->get(name))
-        value = param->getFloat();
+    // A limit that is no number would limit nothing.
+    if (const double found = param->getFloat(); std::isfinite(found))
+        value = found;
 }
 
 void IBBiasParams::getBytePar(dv::IParamMgr* manager, const char* name, unsigned char& value)
 {
-    if (!manager->exists(name))
-        return;
-    if (dv::IParam* param = manager->get(name))
+    if (dv::IParam* param = find(manager, name))
         value = param->getByte();
 }
 

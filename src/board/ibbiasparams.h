@@ -25,7 +25,7 @@ public:
     /// value, so a board with no flash record keeps its type's rule.
     void readFlashParameters(dv::IParamMgr* manager);
 
-    /// Reads one parameter; leaves `value` alone if the manager has none of that name.
+    /// Reads one parameter; leaves `value` alone if there is no manager, none of that name, or no finite number in it.
     static void getPar(dv::IParamMgr* manager, const char* name, double& value);
     static void getBytePar(dv::IParamMgr* manager, const char* name, unsigned char& value);
 

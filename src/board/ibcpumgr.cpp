@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 namespace ibcpu {
 
@@ -46,13 +47,32 @@ std::string textOf(const Block& answer)
     return {begin, std::find(begin, answer.end(), '\0')};
 }
 
+/// A byte that begins every answer of a bus with nobody on it, and no text.
+constexpr char NOBODY = '\xFF';
+
+/// Keeps a parameter from calling back for the life of the guard.
+class Silenced {
+public:
+    explicit Silenced(dv::IParam& silenced) : param(silenced) { param.enableCallback(false); }
+    ~Silenced() { param.enableCallback(true); }
+    Silenced(const Silenced&) = delete;
+    Silenced& operator=(const Silenced&) = delete;
+
+private:
+    dv::IParam& param;
+};
+
 void storeValue(dv::IParamMgr* manager, const std::string& name, const std::string& value, dv::ParamFunc hook,
                 long user, unsigned flags)
 {
-    if (!manager->exists(name.c_str()))
+    if (manager == nullptr || name.empty())
+        return;
+    if (!manager->exists(name.c_str())) {
         manager->addString(name.c_str(), name.c_str(), value.c_str(), hook, user, flags);
-    else if (dv::IParam* param = manager->get(name.c_str()))
+    } else if (dv::IParam* param = manager->get(name.c_str())) {
+        const Silenced silenced(*param);
         param->setString(value.c_str());
+    }
 }
 
 } // namespace
@@ -87,6 +107,8 @@ IBCpu::Values IBCpu::getValues()
 {
     if (valueNames.empty())
         valueNames = askForList(GET_VALUE_NAMES);
+    if (valueNames.empty())
+        return {};
     const std::vector<std::string> texts = askForList(GET_VALUES);
     Values values;
     for (std::size_t i = 0; i < std::min(valueNames.size(), texts.size()); ++i)
@@ -104,17 +126,36 @@ std::string IBCpu::dumpValuesToString()
 
 void IBCpu::dumpValuesToParams(dv::IParamMgr* manager)
 {
-    for (const auto& [name, value] : getValues())
+    const Values values = getValues();
+    if (openCreation && !values.empty()) {
+        createParams(manager, values);
+        return;
+    }
+    for (const auto& [name, value] : values)
         storeValue(manager, name, value, nullptr, 0, dv::PARAM_READ_ONLY);
 }
 
 void IBCpu::dumpValuesAndCreateParams(dv::IParamMgr* manager, dv::ParamFunc hook, long user)
 {
+    constexpr int TRIES = 2;
     parameterIndexes.clear();
+    openCreation = {hook, user};
+    Values values;
+    for (int i = 0; i < TRIES && values.empty(); ++i)
+        values = getValues();
+    if (!values.empty())
+        createParams(manager, values);
+}
+
+/// Needs `openCreation`, and settles it.
+void IBCpu::createParams(dv::IParamMgr* manager, const Values& values)
+{
+    const Creation creation = *std::exchange(openCreation, std::nullopt);
     int position = 0;
-    for (const auto& [name, value] : getValues()) {
+    for (const auto& [name, value] : values) {
         parameterIndexes[name] = position++;
-        storeValue(manager, name, value, hook, user, name.starts_with('*') ? dv::PARAM_LIVE : dv::PARAM_READ_ONLY);
+        storeValue(manager, name, value, creation.hook, creation.user,
+                   name.starts_with('*') ? dv::PARAM_LIVE : dv::PARAM_READ_ONLY);
     }
 }
 
@@ -126,6 +167,8 @@ int IBCpu::parameterIndex(const std::string& name) const
 
 int IBCpu::setValue(int index, float value)
 {
+    if (index < 0 || index > std::numeric_limits<unsigned char>::max())
+        return 0;
     Command command = SET_VALUE;
     command.sub = static_cast<unsigned char>(index);
     const HwLatixel::CmdArgs bytes = HwLatixel::CmdArgs::word(std::bit_cast<std::uint32_t>(value));
@@ -145,7 +188,8 @@ int IBCpu::temperatureReset()
     return 0;
 }
 
-Block IBCpu::exchange(const Command& command, std::initializer_list<unsigned char> args)
+/// `received`, if given, takes the bytes that came; the others are zero.
+Block IBCpu::exchange(const Command& command, std::initializer_list<unsigned char> args, unsigned long* received)
 {
     logCommand(command.logText);
     Block request(command.size);
@@ -153,12 +197,19 @@ Block IBCpu::exchange(const Command& command, std::initializer_list<unsigned cha
     request[0] = command.code;
     request[1] = command.sub;
     std::copy(args.begin(), args.end(), request.begin() + ANSWER_OFFSET);
-    unsigned long received = 0;
-    sendReceiveSpi(request.data(), answer.data(), command.size, &received);
+    unsigned long count = command.size;
+    sendReceiveSpi(request.data(), answer.data(), command.size, &count);
+    if (received != nullptr)
+        *received = count;
     return answer;
 }
 
+/// Empty for an answer that was lost as a whole or in part.
 std::vector<std::string> IBCpu::askForList(const Command& command)
 {
-    return str::split(textOf(exchange(command)), ";", false, 0);
+    unsigned long received = 0;
+    const std::string text = textOf(exchange(command, {}, &received));
+    if (received < command.size || text.empty() || text.front() == NOBODY)
+        return {};
+    return str::split(text, ";", false, 0);
 }

@@ -8,6 +8,7 @@
 
 #include <initializer_list>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,9 +17,12 @@ namespace ibcpu {
 struct Command;
 } // namespace ibcpu
 
-/// One CPU. No operation reports a failure: a dead link shows as an all-zero answer, that is as no version, status 0
-/// and empty texts. Each call costs one SPI exchange (`getValues` the first time two) and ends with the output handed
-/// back to the chips. No lock: the device serialises it with other traffic.
+/// One CPU. No operation reports a failure: a dead link shows as an all-zero answer, that is as no version, status 0,
+/// empty texts and no values. Each call costs one SPI exchange (`getValues` two until the names are there) and ends
+/// with the output handed back to the chips. No lock: the device serialises it with other traffic.
+///
+/// What is written into parameters here comes from the CPU, so their callbacks are off meanwhile: they would send it
+/// back as the host's wish.
 class IBCpu {
 public:
     using Values = std::vector<std::pair<std::string, std::string>>;
@@ -43,19 +47,22 @@ public:
     /// The CPU's own words for its state.
     std::string getStatusText();
 
-    /// The published values as pairs of name and text, in the CPU's order; the names are read once.
+    /// The published values as pairs of name and text, in the CPU's order. The names are read once; an answer that is
+    /// empty or too short, for the names or for the values, gives no values, and the names are asked for again by the
+    /// next call.
     Values getValues();
     /// The values, each as a line "name = value".
     std::string dumpValuesToString();
-    /// Writes the values into `manager`; new parameters are read-only texts without a callback.
+    /// Writes the values into `manager`, all that have a name; new parameters are read-only texts without a callback.
     void dumpValuesToParams(dv::IParamMgr* manager);
     /// The same with `hook` and `user` for new parameters, and notes each value's position for `parameterIndex`. A
     /// name that begins with "*" becomes a parameter that the host may write; the "*" stays part of the name.
+    /// A lost answer is asked for once more; where that is lost too, the next `dumpValuesToParams` makes up for it.
     void dumpValuesAndCreateParams(dv::IParamMgr* manager, dv::ParamFunc hook, long user);
     /// Position of a value at the last `dumpValuesAndCreateParams`, -1 if there was none of that name.
     int parameterIndex(const std::string& name) const;
 
-    /// Sets the value at position `index` (one byte). Returns 0.
+    /// Sets the value at position `index`; sends nothing for one that takes more than a byte. Returns 0.
     int setValue(int index, float value);
     /// Switches the chips' power. Returns 0.
     int setPowerOn(bool on);
@@ -66,12 +73,21 @@ protected:
     IBCpu() = default;
 
 private:
-    std::vector<unsigned char> exchange(const ibcpu::Command& command, std::initializer_list<unsigned char> args = {});
+    /// How parameters are to be created.
+    struct Creation {
+        dv::ParamFunc hook;
+        long user;
+    };
+
+    std::vector<unsigned char> exchange(const ibcpu::Command& command, std::initializer_list<unsigned char> args = {},
+                                        unsigned long* received = nullptr);
     std::vector<std::string> askForList(const ibcpu::Command& command);
+    void createParams(dv::IParamMgr* manager, const Values& values);
 
     int errorType = 0;
-    std::vector<std::string> valueNames;
+    std::vector<std::string> valueNames; ///< empty until the CPU has told them
     std::map<std::string, int> parameterIndexes;
+    std::optional<Creation> openCreation; ///< was asked for, but no values have come since
 };
 
 /// The CPU behind the command manager `T`.

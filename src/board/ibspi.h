@@ -50,6 +50,7 @@ constexpr unsigned short adcValue(const AdcAnswer& answer)
 template <typename Manager>
 int writeBiasDac(Manager& manager, unsigned char code, BiasHandBack handBack)
 {
+    const typename Manager::Exchange whole(manager);
     if (const int result = spiSet(manager, spislave::BIAS_DAC); result != 0)
         return result;
     if (handBack == BiasHandBack::AfterSet)
@@ -62,11 +63,12 @@ int writeBiasDac(Manager& manager, unsigned char code, BiasHandBack handBack)
 }
 
 /// Reads `channel` of the ADC (0 to 15) into `value`, which may be null, once the device has set the bus with
-/// `spiSet(manager, spislave::ADC)` and reported its failure. Returns the result of the read; bytes that did not come
-/// count as 0.
+/// `spiSet(manager, spislave::ADC)` and reported its failure, within one `Exchange` around both. Returns the result of
+/// the read; bytes that did not come count as 0.
 template <typename Manager>
 int readAdc(Manager& manager, unsigned char channel, bool flag, AdcClose close, unsigned short* value)
 {
+    const typename Manager::Exchange whole(manager);
     for (std::size_t round = 0; round < ADC_ROUNDS; ++round) {
         AdcWord word = adcWord(channel, flag, round);
         spiSelect(manager, spislave::ADC, cmdflag::OUTPUT);

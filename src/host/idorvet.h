@@ -1,6 +1,7 @@
 // What the plug-in calls of the host's main object and of the services behind it.
 #pragma once
 
+#include "host/datatype.h"
 #include "host/impxframe.h"
 #include "host/iparam.h"
 
@@ -8,7 +9,7 @@ namespace dv {
 
 class IFrameFactory {
 public:
-    /// A new frame of `width` times `height` pixels of the data type `dataType`, owned by the caller.
+    /// A new frame of `width` times `height` pixels of the _DataType `dataType`, owned by the caller.
     /// Width and height are nominal: the chips' blocks lie in the frame one after another.
     virtual IMpxFrame* createFrame(unsigned width, unsigned height, int dataType) = 0;
 };

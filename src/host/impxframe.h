@@ -1,6 +1,7 @@
 // The host's frame: a matrix of counts with named metadata.
 #pragma once
 
+#include "host/datatype.h"
 #include "host/values.h"
 
 #include <cstddef>
@@ -9,7 +10,7 @@ namespace dv {
 
 class IMpxFrame {
 public:
-    /// Attaches a named block of `byteSize` bytes of the data type `dataType`; the frame copies it.
+    /// Attaches a named block of `byteSize` bytes of the _DataType `dataType`; the frame copies it.
     virtual int addMetaData(const char* name, const char* description, int dataType, const void* data,
                             std::size_t byteSize) = 0;
     /// Releases the frame.

@@ -1,6 +1,7 @@
 // The host's parameter store: named, typed values with callbacks into the plug-in.
 #pragma once
 
+#include "host/datatype.h"
 #include "host/values.h"
 
 #include <cstddef>
@@ -52,7 +53,7 @@ public:
 /// A set of parameters. The host makes one with `IDorvet::createParamMgr`; whoever asked for it releases it.
 class IParamMgr {
 public:
-    /// Adds a parameter of `count` items of the data type `dataType`; `defaultValue` points at the initial content.
+    /// Adds a parameter of `count` items of the _DataType `dataType`; `defaultValue` points at the initial content.
     virtual int addParam(const char* name, const char* description, int dataType, std::size_t count,
                          const void* defaultValue, ParamFunc callback, long user, unsigned flags) = 0;
     virtual int addByte(const char* name, const char* description, unsigned char defaultValue, ParamFunc callback,

@@ -18,6 +18,15 @@ const char* asChars(const unsigned char* bytes)
     return reinterpret_cast<const char*>(bytes);
 }
 
+/// Whether the interface board itself answers a frame, with chips or without: the firmware's text, and what an SPI
+/// slave shifts out.
+bool isAnsweredByBoard(const CmdFrame& frame)
+{
+    const bool ofBoard =
+        frame.perif == static_cast<unsigned char>(Perif::Info) || frame.perif == static_cast<unsigned char>(Perif::Spi);
+    return ofBoard && (frame.flags & cmdflag::OUTPUT) != 0;
+}
+
 std::string flagLetters(unsigned char flags)
 {
     return {(flags & cmdflag::PAYLOAD) != 0 ? 'D' : '_', (flags & cmdflag::OUTPUT) != 0 ? 'O' : '_',
@@ -55,8 +64,11 @@ ACmdMgr::ACmdMgr(FtdiDev* link, FileLog* fileLog, const ProtocolNames& protocolN
 {
 }
 
+/// The caller is in an exchange.
 int ACmdMgr::sendFrame(const CmdFrame& frame)
 {
+    if (isAnsweredByBoard(frame))
+        expectAnswer();
     const auto bytes = frame.encode();
     const int sent = ftdi->send(asChars(bytes.data()), bytes.size(), SEND_TIMEOUT);
     if (!movedAll(sent, bytes.size()))
@@ -67,7 +79,7 @@ int ACmdMgr::sendFrame(const CmdFrame& frame)
 int ACmdMgr::send(unsigned char peripheral, unsigned char command, unsigned char d0, unsigned char d1, unsigned char d2,
                   unsigned char d3, unsigned char flags)
 {
-    ThreadLock lock(&sync);
+    const Exchange whole(*this);
     const CmdFrame frame{flags, peripheral, command, {d0, d1, d2, d3}};
     if (const int result = sendFrame(frame); result != 0)
         return result;
@@ -78,6 +90,7 @@ int ACmdMgr::send(unsigned char peripheral, unsigned char command, unsigned char
 int ACmdMgr::send(unsigned char peripheral, unsigned char command, const unsigned char* data, unsigned long size,
                   unsigned char flags)
 {
+    const Exchange whole(*this);
     const auto length = static_cast<std::uint32_t>(size);
     const auto allFlags = static_cast<unsigned char>(flags | cmdflag::PAYLOAD);
     const CmdFrame frame{allFlags, peripheral, command, CmdArgs::word(length)};
@@ -94,9 +107,9 @@ int ACmdMgr::send(unsigned char peripheral, unsigned char command, const unsigne
 
 int ACmdMgr::sendRawBytes(const unsigned char* data, unsigned long size)
 {
-    ThreadLock lock(&sync);
     if (size == 0)
         return 0;
+    const Exchange whole(*this);
     const int sent = ftdi->send(asChars(data), size, SEND_TIMEOUT);
     if (!movedAll(sent, size))
         return logError(sent, ERR, "Sending data failed. Error: %d (%s).", sent, ftdi->getLastError());
@@ -107,7 +120,7 @@ int ACmdMgr::sendRawBytes(const unsigned char* data, unsigned long size)
 
 int ACmdMgr::receiveBytes(unsigned char* buffer, unsigned long* size, double timeout, const char* what, bool ascii)
 {
-    const int received = ftdi->receive(reinterpret_cast<char*>(buffer), *size, *size, timeout, false);
+    const int received = receiveInto(reinterpret_cast<char*>(buffer), *size, timeout);
     if (received < 0)
         return logError(received, ERR, "Could not receive %s, error: %d (%s)", what, received, ftdi->getLastError());
     if (*size != 0)

@@ -175,15 +175,14 @@ constexpr std::array<const char*, Count> commandNames(Name... name)
 /// Results are 0, or the failed transfer's result or count; then `getLastError` has the words and the log has a
 /// line. Times are in seconds. Nothing here retries.
 ///
-/// Locks: the bare `send` holds the manager's own lock for the whole call; the payload form and all receives take
-/// none, so a frame and its payload are not atomic against a bare frame of another thread. Compound exchanges are
-/// protected by the device's locks.
+/// Locks: all that sends is an `Exchange` of its own, a payload with its frame, an answer with its question. Bare
+/// receives take no lock. What spans several of these is one `Exchange` of the caller's.
 class ACmdMgr : public CmdMgrBase {
 public:
-    /// Sends one bare frame. Locked.
+    /// Sends one bare frame.
     int send(unsigned char peripheral, unsigned char command, unsigned char d0, unsigned char d1, unsigned char d2,
              unsigned char d3, unsigned char flags);
-    /// Sends a frame with `size` bytes of payload behind it; `cmdflag::PAYLOAD` is set in any case. Not locked.
+    /// Sends a frame with `size` bytes of payload behind it; `cmdflag::PAYLOAD` is set in any case.
     int send(unsigned char peripheral, unsigned char command, const unsigned char* data, unsigned long size,
              unsigned char flags);
     /// The same two, with command and peripheral as one.
@@ -198,11 +197,11 @@ public:
 
     /// Waits for one packet of `size` bytes, at most `timeout` seconds. The board is asked for a second at a time, so
     /// an abort is noticed about once a second, and bytes of an incomplete packet are dropped. A failing link is
-    /// reported and waited for: only the deadline ends the wait.
+    /// reported and waited for: only the deadline and a closing link end the wait. It is no `Exchange`.
     /// @param abort          polled flag that ends the wait, or null
     /// @param reportTimeout  whether reaching the deadline is an error to report
     /// @param sleepBetween   sleep 2 ms between two attempts
-    /// @return 0, -1 at the deadline, -2 when aborted
+    /// @return 0, -1 at the deadline or when the link is closing, -2 when aborted
     int waitForPacket(double timeout, bool* abort, char* buffer, unsigned long size, bool reportTimeout,
                       bool sleepBetween);
 
@@ -213,7 +212,7 @@ protected:
     /// Link and log are not owned; `log` may be null, which switches all logging off. `names` outlives the manager.
     ACmdMgr(FtdiDev* ftdi, FileLog* log, const ProtocolNames& names);
 
-    /// Sends bytes without a frame; none for a `size` of 0. Locked.
+    /// Sends bytes without a frame; none for a `size` of 0.
     int sendRawBytes(const unsigned char* data, unsigned long size);
     /// Receives `*size` bytes, dumps what came and stores its count in `*size`. A negative result leaves `*size` alone
     /// and is reported as "Could not receive" with the name `what`.

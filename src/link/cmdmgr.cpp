@@ -18,7 +18,7 @@ const char* const PACKETS_TITLE = "Received Tpx3 packets:";
 constexpr std::size_t COMMAND_COUNT = 22;
 constexpr std::array<const char*, 8> PERIF_NAMES = {"???", "TPX", "INF", "CLK", "SPI", "ACQ", "RST", "???"};
 constexpr auto TPX_NAMES = commandNames<COMMAND_COUNT>("DATA", "PINS", "MUX", "CLKTEST", "READOUT");
-constexpr auto INF_NAMES = commandNames<COMMAND_COUNT>("???", "INFO");
+constexpr auto INF_NAMES = commandNames<COMMAND_COUNT>("", "INFO");
 constexpr auto CLK_NAMES = commandNames<COMMAND_COUNT>("???", "COUNT", "DIVIDER", "START", "STOP");
 constexpr auto SPI_NAMES = commandNames<COMMAND_COUNT>("DATA", "SET", "CS", "SEND");
 constexpr auto ACQ_NAMES =
@@ -69,6 +69,7 @@ int CmdMgr::sendRecv(unsigned char peripheral, unsigned char command, unsigned c
                      unsigned char d2, unsigned char d3, unsigned char* buffer, unsigned long size, unsigned char flags,
                      double timeout, bool ascii)
 {
+    const Exchange whole(*this);
     if (const int result = send(peripheral, command, d0, d1, d2, d3, flags); result != 0)
         return result;
     unsigned long received = size;

@@ -16,7 +16,7 @@ public:
     /// Neither is owned; `log` may be null, which switches all logging off.
     CmdMgr(FtdiDev* ftdi, FileLog* log);
 
-    /// Sends bytes without a frame; none for a `size` of 0. Locked.
+    /// Sends bytes without a frame; none for a `size` of 0.
     int sendRaw(const char* data, unsigned long size);
 
     /// Receives `*size` bytes and stores the count received in `*size`, also when it is short. A negative result leaves
@@ -31,7 +31,7 @@ public:
     /// received, also without the frame, or -1 where the link fails.
     int receiveAllDataUntil(unsigned char* buffer, unsigned long size, unsigned char* pattern, double timeout);
 
-    /// `send`, and on success `receiveRaw`.
+    /// `send`, and on success `receiveRaw`, as one exchange.
     int sendRecv(unsigned char peripheral, unsigned char command, unsigned char d0, unsigned char d1, unsigned char d2,
                  unsigned char d3, unsigned char* buffer, unsigned long size, unsigned char flags, double timeout,
                  bool ascii);

@@ -4,6 +4,7 @@
 #include "link/ftdidev.h"
 #include "shared/str.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <string>
 
@@ -20,10 +21,64 @@ constexpr double FAILURE_PAUSE = 0.1;
 
 CmdMgrBase::CmdMgrBase(FtdiDev* link, FileLog* fileLog) : ftdi(link), log(fileLog) {}
 
-int CmdMgrBase::keepTrying(double timeout, const bool* abort, bool sleepBetween,
-                           const std::function<Attempt()>& attempt)
+// ---- Exchanges ----
+
+CmdMgrBase::Exchange::Exchange(CmdMgrBase& manager) : mgr(manager)
 {
-    const double start = getPreciseTime();
+    ++mgr.exchangeWanted;
+    mgr.sync.lock();
+    --mgr.exchangeWanted;
+    if (mgr.depth++ == 0)
+        mgr.beginExchange();
+}
+
+CmdMgrBase::Exchange::~Exchange()
+{
+    if (--mgr.depth == 0)
+        mgr.endExchange();
+    mgr.sync.unlock();
+}
+
+void CmdMgrBase::beginExchange()
+{
+    exchanger = getCurThreadId();
+    owed = Answer::NotDue;
+    // Where that does not work, the send that follows tells why.
+    if (!ftdi->outOfStep() || !ftdi->resynchronise())
+        return;
+    ++resets;
+    if (log != nullptr)
+        log->log(ERR, "Link out of step, board reset");
+}
+
+void CmdMgrBase::endExchange()
+{
+    exchanger = 0;
+    if (owed == Answer::Missing)
+        ++unanswered;
+    else if (owed == Answer::Came)
+        unanswered = 0;
+}
+
+int CmdMgrBase::receiveInto(char* buffer, unsigned long size, double timeout, const std::atomic<int>* wanted)
+{
+    const bool exchanging = exchanger == getCurThreadId();
+    if (exchanging && size != 0 && ftdi->outOfStep()) {
+        *buffer = '\0';
+        return 0;
+    }
+    const int received = ftdi->receive(buffer, size, size, timeout, false, wanted);
+    if (exchanging && received > 0 && owed == Answer::Missing)
+        noteAnswer();
+    return received;
+}
+
+// ---- Waits ----
+
+int CmdMgrBase::keepTrying(double timeout, const bool* abort, bool sleepBetween,
+                           const std::function<Attempt()>& attempt) const
+{
+    const double end = getPreciseTime() + timeout;
     do {
         const Attempt result = attempt();
         if (result == Attempt::Done)
@@ -31,12 +86,12 @@ int CmdMgrBase::keepTrying(double timeout, const bool* abort, bool sleepBetween,
         if (result == Attempt::Again)
             continue;
         if (result == Attempt::LinkFailed)
-            sleepThread(FAILURE_PAUSE);
-        else if (sleepBetween)
+            sleepThread(std::min(FAILURE_PAUSE, end - getPreciseTime()));
+        else if (sleepBetween || exchangeWanted != 0)
             sleepThread(ATTEMPT_PAUSE);
         if (abort != nullptr && loadFlag(*abort))
             return -2;
-    } while (getPreciseTime() < start + timeout);
+    } while (getPreciseTime() < end && !ftdi->refusesCalls());
     return -1;
 }
 

@@ -5,6 +5,7 @@
 #include "shared/lasterror.h"
 #include "shared/osdepend.h"
 
+#include <atomic>
 #include <functional>
 
 class FtdiDev;
@@ -21,7 +22,32 @@ public:
     /// Words of the last failure; valid for a while, see LastError.
     const char* getLastError() const { return lastError.get(); }
 
+    /// Keeps the frames of all other threads out while it lives: for what belongs together on the wire, a frame with
+    /// its payload or its answer, or several of them. Threads may nest them. Waiting for a packet needs none, so that
+    /// a frame without an answer can go out meanwhile.
+    ///
+    /// The outermost one first brings a link back in step (see `FtdiDev`). Once a send in it has failed, all later ones
+    /// fail at once like it, and its receives bring nothing: the board would take them for the rest of what is missing.
+    class Exchange {
+    public:
+        explicit Exchange(CmdMgrBase& manager);
+        ~Exchange();
+        Exchange(const Exchange&) = delete;
+        Exchange& operator=(const Exchange&) = delete;
+
+    private:
+        CmdMgrBase& mgr;
+    };
+
+    /// Exchanges in a row that the interface board itself had to answer, and did so without a byte. Any thread.
+    unsigned unansweredExchanges() const { return unanswered; }
+    /// Whether there were so many of them that the board counts as mute.
+    bool isBoardMute() const { return unanswered >= MUTE_BOARD_EXCHANGES; }
+    /// How often a board was reset because a send had failed: what it was told before may be forgotten. Any thread.
+    unsigned boardResets() const { return resets; }
+
 protected:
+    static constexpr unsigned MUTE_BOARD_EXCHANGES = 3;
     /// Longest silence of the link while something goes out.
     static constexpr double SEND_TIMEOUT = 2.0;
     /// A link's mark for no time limit.
@@ -53,10 +79,19 @@ protected:
         return result >= 0 && static_cast<unsigned long>(result) == size;
     }
     /// Attempts until one is done, at least once. Behind an attempt that brought nothing it pauses 2 ms if
-    /// `sleepBetween`, behind a failed link longer, and then looks at `abort`, which may be null.
-    /// @return 0 when done, -1 at the deadline, -2 when aborted
-    static int keepTrying(double timeout, const bool* abort, bool sleepBetween,
-                          const std::function<Attempt()>& attempt);
+    /// `sleepBetween` or if another thread wants an exchange, behind a failed link longer, but not beyond the deadline,
+    /// and then looks at `abort`, which may be null.
+    /// @return 0 when done, -1 at the deadline or when the link is closing, -2 when aborted
+    int keepTrying(double timeout, const bool* abort, bool sleepBetween, const std::function<Attempt()>& attempt) const;
+
+    /// From now on the board owes an answer in this exchange. The caller is in one.
+    void expectAnswer() { owed = Answer::Missing; }
+    /// The board has answered, if not in this exchange, then to one before. The caller is in one.
+    void noteAnswer() { owed = Answer::Came; }
+    /// The number of threads that wait for the caller's exchange to end, or null where it is part of another.
+    const std::atomic<int>* othersWaiting() const { return depth == 1 ? &exchangeWanted : nullptr; }
+    /// As the link's `receive`, but as in an `Exchange` that is broken, or with its answer counted.
+    int receiveInto(char* buffer, unsigned long size, double timeout, const std::atomic<int>* wanted = nullptr);
 
     /// Receives until the data end with `pattern`, at most `timeout` seconds. Returns the bytes received, also without
     /// the pattern, or -1 where the link fails.
@@ -66,11 +101,25 @@ protected:
     /// Reports a failure to the log and as last error. Returns `code`.
     int logError(int code, LogLevel level, const char* format, ...) __attribute__((format(printf, 4, 5)));
 
-    ThreadSyncObject sync;
     FtdiDev* ftdi;
     FileLog* log;
     LastError lastError;
     LogSwitches logSwitches;
+
+private:
+    /// What became of the answer that the interface board owes in an exchange.
+    enum class Answer { NotDue, Missing, Came };
+
+    void beginExchange();
+    void endExchange();
+
+    ThreadSyncObject sync;                ///< held by the thread that is in an exchange
+    int depth = 0;                        ///< exchanges within each other; guarded by sync
+    Answer owed = Answer::NotDue;         ///< guarded by sync
+    std::atomic<pthread_t> exchanger = 0; ///< the thread that is in an exchange
+    std::atomic<int> exchangeWanted = 0;  ///< threads that wait for one
+    std::atomic<unsigned> unanswered = 0;
+    std::atomic<unsigned> resets = 0;
 };
 
 } // namespace HwLatixel

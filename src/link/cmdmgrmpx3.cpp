@@ -60,7 +60,7 @@ int CmdMgrMpx3::receiveRawAll(unsigned char* buffer, unsigned long* size)
 
 int CmdMgrMpx3::receivePackets(unsigned char* buffer, unsigned long size, double timeout)
 {
-    const int received = ftdi->receive(reinterpret_cast<char*>(buffer), size, size, timeout, false);
+    const int received = receiveInto(reinterpret_cast<char*>(buffer), size, timeout);
     if (received < 0)
         return logError(received, ERR, "Could not receive data, error: %d (%s)", received, ftdi->getLastError());
     // The dump shows the size asked for, so what did not come has to be something.
@@ -95,6 +95,7 @@ int CmdMgrMpx3::sendRecv(unsigned char peripheral, unsigned char command, unsign
                          unsigned char d2, unsigned char d3, unsigned char* buffer, unsigned long size,
                          unsigned char flags, double timeout)
 {
+    const Exchange whole(*this);
     if (const int result = send(peripheral, command, d0, d1, d2, d3, flags); result != 0)
         return result;
     return receivePackets(buffer, size, timeout);

@@ -15,7 +15,7 @@ public:
     /// Neither is owned; `log` may be null, which switches all logging off.
     CmdMgrMpx3(FtdiDev* ftdi, FileLog* log);
 
-    /// Sends bytes without a frame; none for a `size` of 0. Locked.
+    /// Sends bytes without a frame; none for a `size` of 0.
     int sendRaw(const unsigned char* data, unsigned int size);
 
     /// Receives `*size` bytes and stores the count received in `*size`, also when it is short. A negative result
@@ -32,7 +32,7 @@ public:
     /// Returns 0.
     int getAllRemainingData(bool log);
 
-    /// `send`, and on success `receivePackets`.
+    /// `send`, and on success `receivePackets`, as one exchange.
     int sendRecv(unsigned char peripheral, unsigned char command, unsigned char d0, unsigned char d1, unsigned char d2,
                  unsigned char d3, unsigned char* buffer, unsigned long size, unsigned char flags, double timeout);
     int sendRecv(CmdId id, CmdArgs args, unsigned char* buffer, unsigned long size, unsigned char flags, double timeout)

@@ -84,7 +84,8 @@ CmdMgrOld::CmdMgrOld(FtdiDev* link, FileLog* fileLog, std::span<const char* cons
 
 int CmdMgrOld::sendFrame(unsigned char command, char p0, char p1, char p2)
 {
-    ThreadLock lock(&sync);
+    const Exchange whole(*this);
+    expectAnswer();
     const Frame frame = frameOf(command, p0, p1, p2);
     const int sent = ftdi->send(frame.data(), frame.size(), SEND_TIMEOUT);
     if (!movedAll(sent, frame.size()))
@@ -97,17 +98,23 @@ int CmdMgrOld::sendFrame(unsigned char command, char p0, char p1, char p2)
 int CmdMgrOld::receiveFrame(char* frame, double timeout)
 {
     bool linkFailed = false;
-    return takeFrame(frame, timeout, linkFailed);
+    return takeFrame(frame, timeout, false, linkFailed);
 }
 
-int CmdMgrOld::takeFrame(char* frame, double timeout, bool& linkFailed)
+/// With `givesWay` it ends like a silent board, but without a word, when another thread wants an exchange.
+int CmdMgrOld::takeFrame(char* frame, double timeout, bool givesWay, bool& linkFailed)
 {
-    ThreadLock lock(&sync);
+    const Exchange whole(*this);
     // A link that can count tells at once that nothing waits. libftdi can't: it always answers -1.
     if (ftdi->inQueue() == 0)
         return 1;
-    const int received = ftdi->receive(frame, FRAME_SIZE, FRAME_SIZE, timeout, false);
+    const std::atomic<int>* const others = givesWay ? othersWaiting() : nullptr;
+    const int received = receiveInto(frame, FRAME_SIZE, timeout, others);
     linkFailed = received < 0;
+    if (received > 0)
+        noteAnswer();
+    else if (received == 0 && others != nullptr && *others != 0)
+        return -1;
     if (!movedAll(received, FRAME_SIZE)) {
         // 0 would pass for a frame: a silent board fails like a link that times out.
         const int code = received == 0 ? -1 : received;
@@ -136,7 +143,7 @@ int CmdMgrOld::waitForFrame(unsigned char command, char* params, double timeout,
     Frame frame{};
     const int result = keepTrying(timeout, abort, sleepBetween, [&] {
         bool linkFailed = false;
-        if (takeFrame(frame.data(), WAIT_ATTEMPT, linkFailed) != 0)
+        if (takeFrame(frame.data(), WAIT_ATTEMPT, true, linkFailed) != 0)
             return linkFailed ? Attempt::LinkFailed : Attempt::Nothing;
         return byteOf(frame[COMMAND]) == command ? Attempt::Done : Attempt::Again;
     });
@@ -152,6 +159,8 @@ int CmdMgrOld::skipAllDataUntilFrame(unsigned char command, const char* params, 
     const Frame frame = frameOf(command, params[0], params[1], params[2]);
     if (ftdi->skipAllUntilPattern(frame.data(), frame.size(), timeout) < 0)
         return logError(-1, ERR, "Timeout. Not received frame for command [%02X] ", static_cast<unsigned>(command));
+    const Exchange whole(*this);
+    noteAnswer();
     return 0;
 }
 
@@ -200,7 +209,7 @@ int CmdMgrOld::receiveData(char* buffer, unsigned long size, int* received, doub
 int CmdMgrOld::sendCmd(unsigned char command, const char* params, const char* dataOut, unsigned long dataOutSize,
                        char* ack, char* dataIn, unsigned long dataInSize, char* dataAck, double timeout)
 {
-    ThreadLock lock(&sync);
+    const Exchange whole(*this);
     if (log != nullptr)
         log->logNoTime(DBG, "------------------------------------------------------------\n");
     if (const int result = sendFrame(command, params[0], params[1], params[2]); result != 0)

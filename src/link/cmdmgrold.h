@@ -53,9 +53,9 @@ extern const std::array<const char*, oldcmd::COUNT> MPX2CMDTABLE;
 /// Results are 0 on success unless told otherwise; after a failure `getLastError` has the words and the log a line.
 /// Times are in seconds.
 ///
-/// Locks: `sendFrame`, `receiveFrame` and `sendCmd` hold the manager's own recursive lock, `sendCmd` for the whole
-/// exchange. The transfers of data take none: outside `sendCmd` the device's locks protect them. `waitForFrame` takes
-/// it for each read alone, so that another thread can send meanwhile.
+/// Locks: `sendFrame`, `receiveFrame` and `sendCmd` are an `Exchange` of their own. The transfers of data are none:
+/// outside `sendCmd` they stand in one of the caller's. `waitForFrame` makes one for each read alone, and gives way at
+/// once to another thread that wants to send.
 class CmdMgrOld : public CmdMgrBase {
 public:
     /// Bytes of a frame: 0x55, command, p0, p1, p2, and the xor of the four before.
@@ -69,9 +69,9 @@ public:
 
     // ---- Frames ----
 
-    /// Sends one frame. Returns 0 or the link's result. Locked.
+    /// Sends one frame. Returns 0 or the link's result.
     int sendFrame(unsigned char command, char p0, char p1, char p2);
-    /// Receives one frame into the `FRAME_SIZE` bytes of `frame`. Locked.
+    /// Receives one frame into the `FRAME_SIZE` bytes of `frame`.
     /// @return 0; -1 when nothing came; the count of a short frame, 1 to 5; the link's negative result; for a bad frame
     ///         6 where the number of bad ones in a row is a power of two (then the log has a summary), otherwise -1
     int receiveFrame(char* frame, double timeout);
@@ -80,7 +80,7 @@ public:
     /// @param abort          polled flag that ends the wait after the next read without a good frame, or null
     /// @param reportTimeout  whether reaching the deadline is an error to report
     /// @param sleepBetween   sleep 2 ms after a read without a good frame
-    /// @return 0, also when aborted; -1 at the deadline
+    /// @return 0, also when aborted; -1 at the deadline or when the link is closing
     int waitForFrame(unsigned char command, char* params, double timeout, const bool* abort, bool reportTimeout,
                      bool sleepBetween);
     /// Drops all that comes up to and with the frame of this command and these three parameters; bytes behind it that
@@ -104,7 +104,7 @@ public:
     // ---- The exchange ----
 
     /// Sends a command and waits for its answer; then sends `dataOut`, receives `dataIn` (2 s of silence at most), and
-    /// if there were any such data waits for a second answer of the same number. Locked.
+    /// if there were any such data waits for a second answer of the same number.
     /// @param params            the command's three parameters
     /// @param dataOut, dataIn   not touched where their size is 0
     /// @param ack, dataAck      take the three parameters of the two answers, or null
@@ -137,13 +137,13 @@ public:
 private:
     const char* nameOf(unsigned char command) const;
     void logFrame(const char* direction, const char* frame);
-    int takeFrame(char* frame, double timeout, bool& linkFailed);
+    int takeFrame(char* frame, double timeout, bool givesWay, bool& linkFailed);
     int reportBadFrame(const char* frame);
     int waitForAnswer(unsigned char command, unsigned char* params, char* copy, double timeout);
     int moveData(const char* dataOut, unsigned long dataOutSize, char* dataIn, unsigned long dataInSize);
 
     std::span<const char* const> commandTable;
-    unsigned invalidFrames = 0; ///< bad frames in a row; guarded by sync
+    unsigned invalidFrames = 0; ///< bad frames in a row; guarded by an `Exchange`
 };
 
 } // namespace HwLatixel

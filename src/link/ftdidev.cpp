@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -29,6 +30,16 @@ constexpr unsigned CHUNK_SIZE = 65536;
 /// Milliseconds that the chip waits before it sends an incomplete packet.
 constexpr unsigned char LATENCY_MS = 2;
 
+/// Result of a read whose time limit is over: not even the chip's status has come.
+constexpr int TIMED_OUT = -7;
+/// Seconds between two reads, where one comes back empty without having waited.
+constexpr double READ_PAUSE = 0.001;
+/// Shortest limit of a read in seconds. libftdi loses what a transfer has brought when its time is over, and one of
+/// 16384 bytes from a chip that is alive takes up to 32 packets with a latency period each.
+constexpr double SHORTEST_READ = 0.08;
+/// Seconds of silence after which a board that was reset has said all.
+constexpr double RESET_SILENCE = 0.1;
+
 constexpr unsigned char ALL_PINS = 0xFF;
 constexpr unsigned char MODE_SERIAL = BITMODE_RESET;
 constexpr unsigned char MODE_BIT_BANG = BITMODE_BITBANG;
@@ -39,6 +50,7 @@ constexpr std::size_t SKIP_BUFFER_SIZE = 4096;
 constexpr std::size_t LINE_CHUNK_SIZE = 1023;
 
 const char* const NOT_SUPPORTED = "Not supported in libFTDI";
+const char* const CLOSING = "Device is closing";
 
 int vendorOf(std::uint32_t vidPid)
 {
@@ -60,10 +72,20 @@ int purge(ftdi_context* context)
 #pragma GCC diagnostic pop
 }
 
+/// Sets how long a call of libftdi may block.
+void setLimits(ftdi_context* context, int milliseconds)
+{
+    context->usb_read_timeout = milliseconds;
+    context->usb_write_timeout = milliseconds;
+}
+
 /// A libftdi session for a walk over the bus.
 class BusContext {
 public:
-    BusContext() : initialised(ftdi_init(&context) >= 0) {}
+    BusContext() : initialised(ftdi_init(&context) >= 0)
+    {
+        setLimits(&context, static_cast<int>(FtdiDev::LONGEST_CALL * 1000));
+    }
     ~BusContext()
     {
         if (initialised)
@@ -218,29 +240,64 @@ void FtdiDev::releaseContext()
     *context = ftdi_context{};
 }
 
+FtdiDev::WholeContext::WholeContext(FtdiDev& link) : dev(link)
+{
+    ++dev.wholeWanted;
+    dev.writeSync.lock();
+    dev.readSync.lock();
+    --dev.wholeWanted;
+}
+
+FtdiDev::WholeContext::~WholeContext()
+{
+    dev.readSync.unlock();
+    dev.writeSync.unlock();
+}
+
+/// A time limit for libftdi in milliseconds; it takes 0 for none.
+int FtdiDev::limitOf(double seconds) const
+{
+    double limit = std::min(LONGEST_CALL, seconds); // also for what is no number
+    if (closing)
+        limit = std::min(limit, closingEnd - getPreciseTime());
+    return std::max(1, static_cast<int>(std::ceil(limit * 1000)));
+}
+
+/// Whether a request may still be made that belongs to others with the same `end`, and gives it the time that is left.
+/// The caller holds the whole context.
+bool FtdiDev::mayCall(double end)
+{
+    const double left = end - getPreciseTime();
+    if (left <= 0 || refusesCalls())
+        return false;
+    setLimits(context.get(), limitOf(left));
+    return true;
+}
+
 int FtdiDev::openDevice(bool useFlowControl, unsigned int vidPid)
 {
     // A device that reconnects must not take the context from under another thread's call.
-    ThreadLock writeLock(&writeSync);
-    ThreadLock readLock(&readSync);
+    const WholeContext whole(*this);
+    if (refusesCalls())
+        return fail(-1, CLOSING);
     flowControl = useFlowControl;
     releaseContext();
     contextInUse = true;
     if (ftdi_init(context.get()) < 0)
         return fail(-1, "Cannot initialize ftdi.");
+    setLimits(context.get(), limitOf(LONGEST_CALL));
     std::uint32_t ids = vidPid != 0 ? vidPid : DEFAULT_VID_PID;
     if (const auto listed = mNameToVidPid.find(name); listed != mNameToVidPid.end())
         ids = listed->second;
     if (ftdi_usb_open_desc(context.get(), vendorOf(ids), productOf(ids), name.c_str(), nullptr) != 0)
         return failOfLibrary(-1);
-    setUpLink(MODE_SERIAL);
+    setUpLink(MODE_SERIAL, getPreciseTime() + LONGEST_CALL);
     return 0;
 }
 
 int FtdiDev::closeDevice()
 {
-    ThreadLock writeLock(&writeSync);
-    ThreadLock readLock(&readSync);
+    const WholeContext whole(*this);
     if (!isOpen())
         return 0;
     const int result = ftdi_usb_close(context.get());
@@ -250,111 +307,178 @@ int FtdiDev::closeDevice()
 
 bool FtdiDev::isConnected()
 {
-    ThreadLock writeLock(&writeSync);
-    ThreadLock readLock(&readSync);
+    const WholeContext whole(*this);
     unsigned char latency = 0;
-    return isOpen() && ftdi_get_latency_timer(context.get(), &latency) == 0;
+    return isOpen() && mayCall(getPreciseTime() + LONGEST_CALL) && ftdi_get_latency_timer(context.get(), &latency) == 0;
 }
 
-// Results don't count here: a chip that has gone shows at the next transfer.
-void FtdiDev::setUpLink(unsigned char mode)
+// Results don't count for the callers: a chip that has gone shows at the next transfer. What a chip that does not
+// answer leaves no time for is left out. Returns whether all went well.
+bool FtdiDev::setUpLink(unsigned char mode, double end)
 {
-    ThreadLock writeLock(&writeSync);
-    ThreadLock readLock(&readSync);
+    const WholeContext whole(*this);
     contextInUse = true; // setting the chunk size allocates, also on a closed device
-    ftdi_usb_reset(context.get());
-    purge(context.get());
-    ftdi_set_bitmode(context.get(), ALL_PINS, MODE_SERIAL);
+    ftdi_context* const chip = context.get();
+    bool good = true;
+    const auto request = [&](auto call, auto... args) { good = mayCall(end) && call(chip, args...) >= 0 && good; };
+    request(ftdi_usb_reset);
+    request(purge);
+    request(ftdi_set_bitmode, ALL_PINS, MODE_SERIAL);
     if (mode != MODE_SERIAL)
-        ftdi_set_bitmode(context.get(), ALL_PINS, mode);
-    ftdi_setflowctrl(context.get(), flowControl ? SIO_RTS_CTS_HS : SIO_DISABLE_FLOW_CTRL);
-    ftdi_read_data_set_chunksize(context.get(), CHUNK_SIZE);
-    ftdi_write_data_set_chunksize(context.get(), CHUNK_SIZE);
-    ftdi_set_latency_timer(context.get(), LATENCY_MS);
+        request(ftdi_set_bitmode, ALL_PINS, mode);
+    request(ftdi_setflowctrl, flowControl ? SIO_RTS_CTS_HS : SIO_DISABLE_FLOW_CTRL);
+    request(ftdi_read_data_set_chunksize, CHUNK_SIZE);
+    request(ftdi_write_data_set_chunksize, CHUNK_SIZE);
+    request(ftdi_set_latency_timer, LATENCY_MS);
+    if (good && mode == MODE_BIT_BANG)
+        failedSend = 0; // the board begins anew
+    return good;
 }
 
 int FtdiDev::setBitMode(FtdiBitMode mode)
 {
-    setUpLink(mode == FtdiBitModeBitBang ? MODE_BIT_BANG : MODE_SYNC_FIFO);
+    setUpLink(mode == FtdiBitModeBitBang ? MODE_BIT_BANG : MODE_SYNC_FIFO, getPreciseTime() + LONGEST_CALL);
     return 0;
 }
 
 int FtdiDev::setBitMode(unsigned char bitmask, unsigned char mode)
 {
-    ftdi_set_bitmode(context.get(), bitmask, mode);
+    const WholeContext whole(*this);
+    if (mayCall(getPreciseTime() + LONGEST_CALL))
+        ftdi_set_bitmode(context.get(), bitmask, mode);
     return 0;
 }
 
 int FtdiDev::setBaudRate(int baud)
 {
-    ftdi_set_line_property(context.get(), BITS_8, STOP_BIT_1, NONE);
-    ftdi_set_baudrate(context.get(), baud);
+    const WholeContext whole(*this);
+    const double end = getPreciseTime() + LONGEST_CALL;
+    if (mayCall(end))
+        ftdi_set_line_property(context.get(), BITS_8, STOP_BIT_1, NONE);
+    if (mayCall(end))
+        ftdi_set_baudrate(context.get(), baud);
     return 0;
 }
 
 int FtdiDev::setLatencyTimer(unsigned int milliseconds)
 {
-    ftdi_set_latency_timer(context.get(), static_cast<unsigned char>(milliseconds));
+    const WholeContext whole(*this);
+    if (mayCall(getPreciseTime() + LONGEST_CALL))
+        ftdi_set_latency_timer(context.get(), static_cast<unsigned char>(milliseconds));
     return 0;
 }
 
 int FtdiDev::clearBuffers()
 {
-    ThreadLock writeLock(&writeSync);
-    ThreadLock readLock(&readSync);
-    return purge(context.get());
+    const WholeContext whole(*this);
+    return mayCall(getPreciseTime() + LONGEST_CALL) ? purge(context.get()) : fail(-1, CLOSING);
+}
+
+// ---- A link out of step ----
+
+bool FtdiDev::resynchronise()
+{
+    const double end = getPreciseTime() + LONGEST_CALL;
+    if (!isConnected() || !setUpLink(MODE_BIT_BANG, end) || !setUpLink(MODE_SYNC_FIFO, end))
+        return false;
+    std::array<char, SKIP_BUFFER_SIZE> rest;
+    double quiet = getPreciseTime() + RESET_SILENCE;
+    while (getPreciseTime() < std::min(quiet, end)) {
+        const int moved = readChunk(rest.data(), rest.size(), RESET_SILENCE);
+        if (moved < 0)
+            return false;
+        if (moved > 0)
+            quiet = getPreciseTime() + RESET_SILENCE;
+    }
+    return true;
+}
+
+// ---- Closing ----
+
+void FtdiDev::startClosing(double seconds)
+{
+    const double end = getPreciseTime() + seconds;
+    if (!closing || end < closingEnd)
+        closingEnd = end;
+    closing = true;
+}
+
+bool FtdiDev::refusesCalls() const
+{
+    return closing && (closer != getCurThreadId() || getPreciseTime() >= closingEnd);
 }
 
 // ---- Transfers ----
 
 int FtdiDev::send(const char* data, unsigned long size, double timeout)
 {
+    if (const int result = failedSend; result != 0)
+        return fail(result, failedSendText.get());
     double start = getPreciseTime();
     trace(data, size, false);
     unsigned long sent = 0;
     do {
         const unsigned long rest = size - sent;
-        const int part = static_cast<int>(std::min<unsigned long>(rest, INT_MAX));
-        const int moved = writeChunk(data + sent, part);
+        // One transfer at a time, each with a limit of its own.
+        const int part = static_cast<int>(std::min<unsigned long>(rest, CHUNK_SIZE));
+        const int moved = writeChunk(data + sent, part, timeout - (getPreciseTime() - start));
         if (moved < 0)
-            return failOfLibrary(moved);
+            return moved;
         if (static_cast<unsigned long>(moved) > rest)
-            return fail(-1, "Device disconnected");
+            return failOfSend(-1, "Device disconnected");
         sent += static_cast<unsigned long>(moved);
         if (moved > 0)
             start = getPreciseTime();
         else if (getPreciseTime() - start > timeout)
-            return fail(-1, "Timeout");
+            return failOfSend(-1, "Timeout");
     } while (sent < size);
     reportTransfer(data, sent, false);
     return static_cast<int>(sent);
 }
 
-int FtdiDev::writeChunk(const char* data, int size)
+/// Writes within `seconds`. Negative on failure, which is then the last error.
+int FtdiDev::writeChunk(const char* data, int size, double seconds)
 {
     ThreadLock lock(&writeSync);
-    return ftdi_write_data(context.get(), reinterpret_cast<const unsigned char*>(data), size);
+    if (refusesCalls())
+        return fail(-1, CLOSING);
+    context->usb_write_timeout = limitOf(seconds);
+    const int moved = ftdi_write_data(context.get(), reinterpret_cast<const unsigned char*>(data), size);
+    return moved < 0 ? failOfSend(moved, ftdi_get_error_string(context.get())) : moved;
 }
 
-/// Reads what has arrived, at most `size` bytes. Negative on failure, which is then the last error.
-int FtdiDev::readChunk(char* buffer, unsigned long size)
+/// Reads what has arrived, at most `size` bytes; nothing comes within `seconds` only from a chip that does not answer.
+/// Negative on failure, which is then the last error.
+int FtdiDev::readChunk(char* buffer, unsigned long size, double seconds)
 {
     const int part = static_cast<int>(std::min<unsigned long>(size, INT_MAX));
+    if (wholeWanted > 0)
+        sleepThread(READ_PAUSE);
     ThreadLock lock(&readSync);
+    if (refusesCalls())
+        return fail(-1, CLOSING);
+    context->usb_read_timeout = limitOf(std::max(seconds, SHORTEST_READ));
     const int moved = ftdi_read_data(context.get(), reinterpret_cast<unsigned char*>(buffer), part);
+    if (moved == TIMED_OUT) {
+        sleepThread(READ_PAUSE);
+        return 0;
+    }
     return moved < 0 ? failOfLibrary(moved) : std::min(moved, part);
 }
 
-int FtdiDev::receive(char* buffer, unsigned long bufferSize, unsigned long count, double timeout, bool binary)
+int FtdiDev::receive(char* buffer, unsigned long bufferSize, unsigned long count, double timeout, bool binary,
+                     const std::atomic<int>* wanted)
 {
-    const unsigned long wanted = std::min(bufferSize, count);
+    const unsigned long asked = std::min(bufferSize, count);
     // All that waits would be meant, but libftdi can't tell how much that is: the answer is always the failure.
-    if (wanted == 0)
+    if (asked == 0)
         return inQueue();
     unsigned long received = 0;
     double deadline = getPreciseTime() + timeout;
-    while (received < wanted && getPreciseTime() < deadline) {
-        const int moved = readChunk(buffer + received, wanted - received);
+    while (received < asked && getPreciseTime() < deadline) {
+        if (wanted != nullptr && *wanted != 0 && received == 0)
+            break;
+        const int moved = readChunk(buffer + received, asked - received, deadline - getPreciseTime());
         if (moved < 0) {
             trace(buffer, received, true);
             return moved;
@@ -366,7 +490,7 @@ int FtdiDev::receive(char* buffer, unsigned long bufferSize, unsigned long count
     if (received < bufferSize && !binary)
         buffer[received] = '\0';
     reportTransfer(buffer, received, true);
-    if (received < wanted)
+    if (received < asked)
         fail(0, "Timeout");
     trace(buffer, received, true);
     return static_cast<int>(received);
@@ -375,13 +499,16 @@ int FtdiDev::receive(char* buffer, unsigned long bufferSize, unsigned long count
 int FtdiDev::receiveAll(char* buffer, unsigned long size, unsigned int maxReads, double timeout)
 {
     const double start = getPreciseTime();
+    const double limit = timeout > 0 ? timeout : LONGEST_CALL;
     unsigned long received = 0;
     for (unsigned int i = 0; i < maxReads; ++i) {
-        const int moved = readChunk(buffer + received, std::min<unsigned long>(CHUNK_SIZE, size - received));
+        const int moved = readChunk(buffer + received, std::min<unsigned long>(CHUNK_SIZE, size - received),
+                                    start + limit - getPreciseTime());
         if (moved < 0)
             return moved;
         received += static_cast<unsigned long>(moved);
-        const bool late = timeout > 0 && getPreciseTime() - start > timeout;
+        // Without a limit a stream may go on for as long as it likes, but a chip that does not answer may not.
+        const bool late = (timeout > 0 || moved == 0) && getPreciseTime() - start > limit;
         // Silence before the first byte goes on: the board may be about to answer.
         const bool paused = moved == 0 && received != 0;
         if (late || paused || received == size)
@@ -401,7 +528,7 @@ int FtdiDev::receiveAllUntilPattern(char* buffer, unsigned long size, const char
     const double deadline = getPreciseTime() + timeout;
     unsigned long received = 0;
     while (getPreciseTime() < deadline) {
-        const int moved = readChunk(buffer + received, size - received);
+        const int moved = readChunk(buffer + received, size - received, deadline - getPreciseTime());
         if (moved < 0) {
             trace(buffer, received, true);
             return moved;
@@ -425,7 +552,7 @@ int FtdiDev::skipAllUntilPattern(const char* pattern, unsigned long patternSize,
     unsigned long matched = 0; // survives the chunks, so that a pattern may lie across two
     const double deadline = getPreciseTime() + timeout;
     while (getPreciseTime() < deadline) {
-        const int moved = readChunk(chunk.data(), chunk.size());
+        const int moved = readChunk(chunk.data(), chunk.size(), deadline - getPreciseTime());
         if (moved < 0)
             return moved;
         skipped += static_cast<unsigned long>(moved);
@@ -452,7 +579,7 @@ int FtdiDev::getLine(std::string& line, char delimiter, double timeout)
     const double deadline = getPreciseTime() + timeout;
     while (getPreciseTime() < deadline) {
         std::array<char, LINE_CHUNK_SIZE + 1> chunk;
-        const int moved = readChunk(chunk.data(), LINE_CHUNK_SIZE);
+        const int moved = readChunk(chunk.data(), LINE_CHUNK_SIZE, deadline - getPreciseTime());
         if (moved < 0)
             return moved;
         char* const end = chunk.data() + moved;
@@ -500,10 +627,23 @@ int FtdiDev::fail(int result, const char* text)
     return result;
 }
 
+/// The text belongs to the call before only while its lock is held.
 int FtdiDev::failOfLibrary(int result)
 {
     const char* text = ftdi_get_error_string(context.get());
     return fail(result, text != nullptr ? text : "");
+}
+
+/// On a device that is open, from now on every send fails like this one, until the board is reset.
+int FtdiDev::failOfSend(int result, const char* text)
+{
+    ThreadLock lock(&writeSync);
+    text = text != nullptr ? text : "";
+    if (isOpen()) {
+        failedSendText.set(text);
+        failedSend = result;
+    }
+    return fail(result, text);
 }
 
 void FtdiDev::setDataCallback(DataCallback callback, long user)
@@ -526,7 +666,7 @@ void FtdiDev::trace(const char* data, unsigned long size, bool received) const
 
 void FtdiDev::logBuff(const char* data, unsigned long size, bool received) const
 {
-    std::FILE* file = std::fopen(logFile.c_str(), "a");
+    std::FILE* file = std::fopen(logFile.c_str(), "ae");
     if (file == nullptr)
         return;
     std::fputs(received ? "<" : ">", file);

@@ -5,6 +5,7 @@
 #include "shared/lasterror.h"
 #include "shared/osdepend.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -34,8 +35,14 @@ enum FtdiBitMode {
 /// retries. A single call of libftdi is safe against other threads, a transfer of several is not: the device and its
 /// command manager serialise those. The static tables are not guarded: list from one thread at a time, and not during
 /// an open.
+///
+/// No call of libftdi blocks longer than its caller's limit has left, nor longer than `LONGEST_CALL`; a read at least
+/// as long as a chip that is alive may take for one transfer. A read that ran into its limit brought nothing.
 class FtdiDev {
 public:
+    /// Seconds that one call of libftdi may block at most, and all requests together that set up or reset the link.
+    static constexpr double LONGEST_CALL = 2.0;
+
     /// Tells of a finished transfer: the bytes, their count, direction 1 for a send and 0 for a receive.
     using DataCallback = void (*)(const char* data, unsigned long count, int direction, long user);
 
@@ -100,12 +107,15 @@ public:
     // ---- Transfers ----
 
     /// Sends `size` bytes. `timeout` limits silence, not the whole transfer. Returns the bytes sent; libftdi's
-    /// negative result; or -1 on "Timeout" or "Device disconnected", where the bytes already gone are not told.
+    /// negative result; or -1 on "Timeout" or "Device disconnected", where the bytes already gone are not told. A
+    /// failure leaves the link out of step.
     int send(const char* data, unsigned long size, double timeout);
     /// Receives the smaller of `bufferSize` and `count` bytes; `timeout` limits silence. Unless `binary` is set, a
     /// zero byte follows the data where the buffer has room. Returns the bytes received, short (and "Timeout" as
-    /// last error) when the board fell silent; negative on failure. A `count` of 0 fails with -1.
-    int receive(char* buffer, unsigned long bufferSize, unsigned long count, double timeout, bool binary);
+    /// last error) when the board fell silent; negative on failure. A `count` of 0 fails with -1. With `wanted` it ends
+    /// before the first byte, as if timed out, once that is not 0.
+    int receive(char* buffer, unsigned long bufferSize, unsigned long count, double timeout, bool binary,
+                const std::atomic<int>* wanted = nullptr);
     /// Drains what has arrived, in at most `maxReads` reads, until the buffer is full or the stream pauses.
     /// A `timeout` of 0 or less sets no limit. Returns the bytes received, or libftdi's negative result.
     int receiveAll(char* buffer, unsigned long size, unsigned int maxReads, double timeout);
@@ -123,6 +133,37 @@ public:
     int getLine(std::string& line, char delimiter, double timeout);
     /// True when the last `patternSize` bytes of `data` are `pattern`.
     static bool findPattern(const char* data, unsigned long size, const char* pattern, unsigned long patternSize);
+
+    // ---- A link out of step ----
+
+    /// Whether a send has failed since the board was reset: nobody knows how many of its bytes the board has, so that
+    /// it would take the next ones for the rest. Every send fails until then, at once, as the one before did.
+    bool outOfStep() const { return failedSend != 0; }
+    /// Resets the board by a step through bit-bang into FIFO mode, and reads what it still sends until it is silent,
+    /// within about `LONGEST_CALL`. Returns whether the link is in step again: not where the chip does not answer.
+    bool resynchronise();
+
+    // ---- Closing ----
+
+    /// Marks the link as closing, for good: every call fails at once, in all threads but one that has a `ClosingCalls`,
+    /// and a transfer ends at its next step; a call of libftdi that is under way has up to `LONGEST_CALL` for that.
+    /// After `seconds` the closing thread's calls fail too. A later call can only shorten that. Any thread.
+    void startClosing(double seconds);
+    bool isClosing() const { return closing; }
+    /// Whether the calling thread's calls fail because the link is closing.
+    bool refusesCalls() const;
+    /// While it lives, the thread that made it may use a link that is closing. One thread at a time.
+    class ClosingCalls {
+    public:
+        explicit ClosingCalls(FtdiDev& link) : dev(link), before(link.closer.exchange(getCurThreadId())) {}
+        ~ClosingCalls() { dev.closer = before; }
+        ClosingCalls(const ClosingCalls&) = delete;
+        ClosingCalls& operator=(const ClosingCalls&) = delete;
+
+    private:
+        FtdiDev& dev;
+        pthread_t before;
+    };
 
     // ---- What libftdi can't do ----
 
@@ -152,17 +193,33 @@ private:
     void releaseContext();
     int fail(int result, const char* text);
     int failOfLibrary(int result);
-    void setUpLink(unsigned char mode);
-    int writeChunk(const char* data, int size);
-    int readChunk(char* buffer, unsigned long size);
+    int failOfSend(int result, const char* text);
+    int limitOf(double seconds) const;
+    bool mayCall(double end);
+    bool setUpLink(unsigned char mode, double end);
+    int writeChunk(const char* data, int size, double seconds);
+    int readChunk(char* buffer, unsigned long size, double seconds);
     void reportTransfer(const char* data, unsigned long size, bool received) const;
     void trace(const char* data, unsigned long size, bool received) const;
+
+    /// Holds both locks, for what concerns the whole context.
+    class WholeContext {
+    public:
+        explicit WholeContext(FtdiDev& link);
+        ~WholeContext();
+        WholeContext(const WholeContext&) = delete;
+        WholeContext& operator=(const WholeContext&) = delete;
+
+    private:
+        FtdiDev& dev;
+    };
 
     std::unique_ptr<ftdi_context> context;
     /// Held for one call of libftdi each, never for a transfer: a context keeps what it has read ahead, and two threads
     /// that take from it at once would leave its buffer. A write and a read do not meet.
     ThreadSyncObject readSync;
     ThreadSyncObject writeSync;
+    std::atomic<int> wholeWanted = 0; ///< Threads that wait for a `WholeContext`: reads follow each other closely.
     std::string name;
     bool unused_;
     bool flowControl = false;
@@ -171,7 +228,12 @@ private:
     std::string logFile;
     DataCallback dataCallback = nullptr;
     long dataCallbackUser = 0;
-    bool contextInUse = false; ///< libftdi may hold resources in the context that `ftdi_deinit` releases.
+    std::atomic<int> failedSend = 0; ///< Result of the send that left the link out of step, or 0.
+    LastError failedSendText;
+    std::atomic<bool> closing = false;
+    std::atomic<double> closingEnd = 0; ///< When closing's own calls end.
+    std::atomic<pthread_t> closer = 0;  ///< The thread that closes.
+    bool contextInUse = false;          ///< libftdi may hold resources in the context that `ftdi_deinit` releases.
 
     static std::vector<std::uint32_t> mVidPids;
     static std::map<std::string, std::uint32_t> mNameToVidPid;

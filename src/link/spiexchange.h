@@ -1,5 +1,6 @@
 // SPI on a readout board: who hangs on the bus, and the steps that every exchange is made of. The steps are
-// templates over the command manager, so that all boards share them.
+// templates over the command manager, so that all boards share them. Whoever puts steps together makes the manager's
+// `Exchange` around them: another thread's slave must not come between.
 #pragma once
 
 #include "link/cmdframe.h"
@@ -78,6 +79,7 @@ template <typename Manager>
 int spiExchange(Manager& manager, const SpiSlave& slave, unsigned char* tx, unsigned char* rx, unsigned long size,
                 unsigned long* received, double timeout)
 {
+    const typename Manager::Exchange whole(manager);
     spiSet(manager, slave);
     spiSelect(manager, slave, cmdflag::OUTPUT);
     spiWrite(manager, tx, size, cmdflag::EXCHANGE);

@@ -9,6 +9,7 @@
 #include "devices/old/uladdev.h"
 #include "devices/row/mpx2devrow.h"
 #include "link/ftdidev.h"
+#include "shared/contained.h"
 #include "shared/str.h"
 
 #include <algorithm>
@@ -139,34 +140,39 @@ int HwLib::initializeOldDevices()
     return 0;
 }
 
-template <typename Device>
-void HwLib::adopt(std::unique_ptr<Device> device)
+template <typename Device, typename... Arguments>
+void HwLib::create(Arguments&&... arguments)
 {
-    if (device->initDevice() == 0)
-        devices.push_back(device.release());
+    const auto createOne = [&] {
+        auto device = std::make_unique<Device>(std::forward<Arguments>(arguments)...);
+        if (device->initDevice() != 0)
+            return;
+        devices.push_back(device.get());
+        static_cast<void>(device.release());
+    };
+    contained(createOne, reportTo("Initializing a device"));
 }
 
 template <typename Composite>
 void HwLib::createComposite(std::vector<std::string> names)
 {
-    if (names.empty())
-        return;
-    adopt(std::make_unique<Composite>(dorvet, dorvet->logDirectory(), log.get(), settingsPath, std::move(names)));
+    if (!names.empty())
+        create<Composite>(dorvet, dorvet->logDirectory(), log.get(), settingsPath, std::move(names));
 }
 
 void HwLib::createMpx2Device(const std::string& name, const std::string& variant)
 {
-    adopt(std::make_unique<Mpx2Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false));
+    create<Mpx2Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false);
 }
 
 void HwLib::createMpx2RowDevice(const std::string& name, const std::string& variant)
 {
-    adopt(std::make_unique<Mpx2DevRow>(name, dorvet, dorvet->logDirectory(), settingsPath, variant));
+    create<Mpx2DevRow>(name, dorvet, dorvet->logDirectory(), settingsPath, variant);
 }
 
 void HwLib::createMpx3Device(const std::string& name, const std::string& variant)
 {
-    adopt(std::make_unique<Mpx3Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false));
+    create<Mpx3Dev>(name, dorvet, dorvet->logDirectory(), settingsPath, variant, false);
 }
 
 } // namespace HwLatixel

@@ -172,7 +172,7 @@ bool FileLog::openFile(bool truncate, bool rotate)
     closeFile();
     if (truncate && rotate && fileExists(path))
         renameFile(path.c_str(), (path + "_" + getFileTime() + ".log").c_str());
-    file = fopen(path.c_str(), truncate ? "w" : "a");
+    file = fopen(path.c_str(), truncate ? "we" : "ae");
     return file == nullptr;
 }
 

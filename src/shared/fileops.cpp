@@ -10,6 +10,7 @@ namespace {
 
 constexpr unsigned long MIN_LINE_SIZE = 60;
 constexpr unsigned long FIRST_LINE_SIZE = 120;
+constexpr const char* CLOSE_ON_EXEC = "e"; // a program that the host starts meanwhile has no use for the file
 
 bool growLine(char** line, unsigned long* size)
 {
@@ -42,7 +43,7 @@ long readLine(FILE* file, char** line, unsigned long* size)
 } // namespace
 
 File::File(const char* filePath, const char* mode)
-    : file(filePath != nullptr ? std::fopen(filePath, mode) : nullptr),
+    : file(filePath != nullptr ? std::fopen(filePath, (std::string(mode) + CLOSE_ON_EXEC).c_str()) : nullptr),
       path(filePath)
 {
 }

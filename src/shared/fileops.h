@@ -4,11 +4,11 @@
 // opened. Nothing here locks anything.
 #pragma once
 
+#include "host/datatype.h"
+
 #include <cstdio>
 #include <string>
 #include <vector>
-
-enum _DataType : int; // see shared/datatype.h, which can't stand beside the system's header for directories
 
 namespace fileops {
 inline constexpr int OPEN_FAILED = -1;  ///< The file can't be opened.
@@ -18,7 +18,7 @@ inline constexpr int WRONG_TYPE = -4;   ///< The function does not handle this t
 inline constexpr int NO_DIRECTORY = -5; ///< The directory can't be opened.
 } // namespace fileops
 
-/// Holds a C stream open for its own life.
+/// Holds a C stream open for its own life. Programs that the process starts do not inherit it.
 class File {
 public:
     /// Opens `filePath`, whose text must outlive the object, like `fopen`. A null path is not tried.

@@ -1,15 +1,12 @@
 // Matrices as text; see fileops.h.
 #include "shared/fileops.h"
 
-#include "shared/datatype.h"
-
 #include <locale.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 using namespace fileops;
 
@@ -67,22 +64,22 @@ struct WriteFormat {
 };
 
 constexpr ReadFormat READ_FORMATS[] = {
-    {DT_BYTE, "%u", readItem<std::uint8_t, unsigned>}, {DT_I16, "%d", readItem<std::int16_t, int>},
-    {DT_U16, "%u", readItem<std::uint16_t, unsigned>}, {DT_I32, "%d", readItem<std::int32_t, int>},
-    {DT_U32, "%u", readItem<std::uint32_t, unsigned>}, {DT_DOUBLE, "%lf", readItem<double, double>},
+    {DTYPE_BYTE, "%u", readItem<std::uint8_t, unsigned>}, {DTYPE_I16, "%d", readItem<std::int16_t, int>},
+    {DTYPE_U16, "%u", readItem<std::uint16_t, unsigned>}, {DTYPE_I32, "%d", readItem<std::int32_t, int>},
+    {DTYPE_U32, "%u", readItem<std::uint32_t, unsigned>}, {DTYPE_DOUBLE, "%lf", readItem<double, double>},
 };
 
 constexpr WriteFormat DECIMAL_FORMATS[] = {
-    {DT_BYTE, "%u", printItem<std::uint8_t, unsigned>}, {DT_I16, "%hd", printItem<std::int16_t, int>},
-    {DT_U16, "%u", printItem<std::uint16_t, unsigned>}, {DT_I32, "%d", printItem<std::int32_t, int>},
-    {DT_U32, "%u", printItem<std::uint32_t, unsigned>}, {DT_FLOAT, "%lf", printItem<float, double>},
-    {DT_DOUBLE, "%lf", printItem<double, double>},
+    {DTYPE_BYTE, "%u", printItem<std::uint8_t, unsigned>}, {DTYPE_I16, "%hd", printItem<std::int16_t, int>},
+    {DTYPE_U16, "%u", printItem<std::uint16_t, unsigned>}, {DTYPE_I32, "%d", printItem<std::int32_t, int>},
+    {DTYPE_U32, "%u", printItem<std::uint32_t, unsigned>}, {DTYPE_FLOAT, "%lf", printItem<float, double>},
+    {DTYPE_DOUBLE, "%lf", printItem<double, double>},
 };
 
 constexpr WriteFormat HEX_FORMATS[] = {
-    {DT_BYTE, "%02X", printItem<std::uint8_t, unsigned>}, {DT_I16, "%04X", printItem<std::uint16_t, unsigned>},
-    {DT_U16, "%04X", printItem<std::uint16_t, unsigned>}, {DT_I32, "%08X", printItem<std::uint32_t, unsigned>},
-    {DT_U32, "%08X", printItem<std::uint32_t, unsigned>},
+    {DTYPE_BYTE, "%02X", printItem<std::uint8_t, unsigned>}, {DTYPE_I16, "%04X", printItem<std::uint16_t, unsigned>},
+    {DTYPE_U16, "%04X", printItem<std::uint16_t, unsigned>}, {DTYPE_I32, "%08X", printItem<std::uint32_t, unsigned>},
+    {DTYPE_U32, "%08X", printItem<std::uint32_t, unsigned>},
 };
 
 /// The row of a type, null if the table has none.
@@ -114,7 +111,7 @@ int writeMatrix(const char* path, const WriteFormat* format, const void* data, u
 
 bool isBlank(const std::string& line)
 {
-    return line.find_first_not_of(" \t\r") == std::string::npos;
+    return line.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
 unsigned long countNumbers(const std::string& line)
@@ -126,10 +123,29 @@ unsigned long countNumbers(const std::string& line)
     return count;
 }
 
-std::ifstream openText(const char* path)
-{
-    return path != nullptr ? std::ifstream(path) : std::ifstream();
-}
+/// The lines of a file, one after another.
+class Lines {
+public:
+    explicit Lines(const char* path) : file(path, "r") {}
+    ~Lines() { std::free(text); }
+    Lines(const Lines&) = delete;
+    Lines& operator=(const Lines&) = delete;
+
+    bool isOpen() const { return file != nullptr; }
+    /// The next line, with the feed that ends it. False behind the last one.
+    bool next(std::string& line)
+    {
+        const long length = isOpen() ? ::getline(file, &text, &size) : -1;
+        if (length > 0)
+            line.assign(text, static_cast<std::size_t>(length));
+        return length > 0;
+    }
+
+private:
+    const File file;
+    char* text = nullptr;
+    unsigned long size = 0;
+};
 
 } // namespace
 
@@ -167,8 +183,8 @@ int getAsciiMatrixDimensions(const char* path, unsigned long* width, unsigned lo
     *width = 0;
     *height = 0;
     const PlainNumbers numbers;
-    std::ifstream file = openText(path);
-    for (std::string line; std::getline(file, line);) {
+    Lines lines(path);
+    for (std::string line; lines.next(line);) {
         if (isBlank(line))
             continue;
         if (*height == 0)
@@ -180,11 +196,11 @@ int getAsciiMatrixDimensions(const char* path, unsigned long* width, unsigned lo
 
 long getNumberOfLinesInFile(const char* path, bool skipEmpty)
 {
-    std::ifstream file = openText(path);
-    if (!file.is_open())
+    Lines lines(path);
+    if (!lines.isOpen())
         return OPEN_FAILED;
     long count = 0;
-    for (std::string line; std::getline(file, line);) {
+    for (std::string line; lines.next(line);) {
         if (!skipEmpty || !isBlank(line))
             ++count;
     }

@@ -1,12 +1,30 @@
-// The worker thread that delivers a device's events.
+// Who delivers a device's events, and the worker thread among them.
 #include "shared/hweventdispatcher.h"
 
-namespace {
+#include "shared/contained.h"
 
-constexpr unsigned int POLL_MS = 500;
-constexpr unsigned int END_POLL_MS = 1;
+/// Makes the calling thread the one that delivers, with the lock released meanwhile.
+class HwEventDispatcher::Delivery {
+public:
+    Delivery(HwEventDispatcher& dispatcher, Lock& held) : owner(dispatcher), lock(held)
+    {
+        owner.deliverer = getCurThreadId();
+        ++owner.depth;
+        lock.unlock();
+    }
+    ~Delivery()
+    {
+        lock.lock();
+        --owner.depth;
+        owner.changed.notify_all();
+    }
+    Delivery(const Delivery&) = delete;
+    Delivery& operator=(const Delivery&) = delete;
 
-} // namespace
+private:
+    HwEventDispatcher& owner;
+    Lock& lock;
+};
 
 HwEventDispatcher::~HwEventDispatcher()
 {
@@ -15,66 +33,85 @@ HwEventDispatcher::~HwEventDispatcher()
 
 // A worker that was told to stop leaves only under `sync`, and marks it by `finished`. While that is not set, raising
 // `running` again is enough to keep it; a new thread beside it would take half of the events.
-void HwEventDispatcher::startThread()
+bool HwEventDispatcher::startThread()
 {
-    {
-        ThreadLock lock(&sync);
-        storeFlag(running, true);
-        eventPending = false;
-        if (!finished)
-            return;
-        finished = false;
-        startedEvent.reset();
-        newEvent.reset();
-        finishedEvent.reset();
+    Lock lock(sync);
+    eventPending = false;
+    workerless = false;
+    running = true;
+    if (!finished)
+        return true;
+    finished = false;
+    started = false;
+    if (createThread(&threadEntry, this) == 0) {
+        running = false;
+        finished = true;
+        workerless = true;
+        return false;
     }
-    createThread(&threadEntry, this);
-    while (!startedEvent.wait(POLL_MS)) {
-    }
+    changed.wait(lock, [this] { return started; });
+    return true;
 }
 
+// What the next series may start while this waits stays as it is.
 void HwEventDispatcher::stopThread()
 {
-    ThreadLock lock(&sync);
-    storeFlag(running, false);
+    Lock lock(sync);
+    running = false;
+    workerless = false;
     eventPending = false;
-    newEvent.set();
+    changed.notify_all();
+    changed.wait(lock, [this] { return !othersDeliver(); });
 }
 
-// `finished` is read under `sync` even after the event: the worker touches this object until it has released `sync`,
-// and the caller may destroy the object next.
+// The worker touches this object until it has released `sync` behind `finished`; the caller, who may destroy the object
+// next, has had it since.
 void HwEventDispatcher::stopThreadAndWait()
 {
     HwEventDispatcher::stopThread();
-    while (!hasFinished())
-        finishedEvent.wait(END_POLL_MS);
+    Lock lock(sync);
+    if (started && !finished && pthread_equal(worker, getCurThreadId()) != 0)
+        return;
+    changed.wait(lock, [this] { return finished; });
 }
 
 void HwEventDispatcher::setEvent(unsigned int type, long data, bool async)
 {
-    ThreadLock lock(&sync);
-    if (!async) {
-        callFunc(type, data);
+    Lock lock(sync);
+    changed.wait(lock, [this] { return !othersDeliver(); });
+    if (async && !workerless) {
+        eventType = type;
+        eventData = data;
+        eventPending = true;
+        changed.notify_all();
         return;
     }
-    eventType = type;
-    eventData = data;
-    eventPending = true;
-    newEvent.set();
+    changed.wait(lock, [this] { return depth > 0 ? !othersDeliver() : !eventPending || !running; });
+    deliver(lock, type, data);
 }
 
 void HwEventDispatcher::setFunc(EventFunc newFunc, void* user)
 {
-    ThreadLock lock(&funcSync);
+    const Lock lock(sync);
     func = newFunc;
     userData = user;
 }
 
 void HwEventDispatcher::threadFunc()
 {
-    startedEvent.set();
-    while (dispatchNext()) {
+    Lock lock(sync);
+    worker = getCurThreadId();
+    started = true;
+    changed.notify_all();
+    for (;;) {
+        changed.wait(lock, [this] { return !running || (eventPending && depth == 0); });
+        if (!running)
+            break;
+        eventPending = false;
+        deliver(lock, eventType, eventData);
     }
+    finished = true;
+    changed.notify_all();
 }
 
 void HwEventDispatcher::threadEntry(void* dispatcher)
@@ -83,41 +120,18 @@ void HwEventDispatcher::threadEntry(void* dispatcher)
     static_cast<HwEventDispatcher*>(dispatcher)->threadFunc();
 }
 
-// Waits for one event and delivers it. Returns false when the worker has to leave; the object may be gone by then.
-bool HwEventDispatcher::dispatchNext()
+bool HwEventDispatcher::othersDeliver() const
 {
-    // No limit is needed: a stop sets the event as well. A limited wait would spin, see Event::wait.
-    while (loadFlag(running) && !newEvent.wait(WAIT_FOREVER)) {
-    }
-    ThreadLock lock(&sync);
-    if (!loadFlag(running)) {
-        finished = true;
-        finishedEvent.set();
-        return false;
-    }
-    newEvent.reset();
-    if (eventPending) {
-        eventPending = false;
-        callFunc(eventType, eventData);
-    }
-    return true;
+    return depth > 0 && pthread_equal(deliverer, getCurThreadId()) == 0;
 }
 
-bool HwEventDispatcher::hasFinished()
+// Calls the host. Needs the lock and that no other thread delivers.
+void HwEventDispatcher::deliver(Lock& lock, unsigned int type, long data)
 {
-    ThreadLock lock(&sync);
-    return finished;
-}
-
-void HwEventDispatcher::callFunc(unsigned int type, long data)
-{
-    EventFunc currentFunc = nullptr;
-    void* currentUser = nullptr;
-    {
-        ThreadLock lock(&funcSync);
-        currentFunc = func;
-        currentUser = userData;
-    }
-    if (currentFunc != nullptr)
-        currentFunc(type, data, currentUser);
+    const EventFunc currentFunc = func;
+    void* currentUser = userData;
+    if (currentFunc == nullptr)
+        return;
+    const Delivery delivery(*this, lock);
+    contained([&] { currentFunc(type, data, currentUser); });
 }

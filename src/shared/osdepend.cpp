@@ -1,11 +1,16 @@
 // Locks, events, threads and the clock over POSIX.
 #include "shared/osdepend.h"
 
+#include "shared/contained.h"
+
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <limits>
+#include <memory>
+#include <mutex>
 #include <new>
 
 // The assertions report a programming error at the lock that it breaks: they stay in a release build.
@@ -16,30 +21,108 @@ namespace {
 
 constexpr useconds_t LOCK_POLL_US = 1000;
 
-struct ThreadStart {
+/// A thread from its creation until it is joined.
+struct ThreadRecord {
     void (*func)(void*);
     void* arg;
+    pthread_t thread;
+    ThreadRecord* next;
 };
 
-void* runThread(void* record)
+/// All threads that `createThread` has started. Nothing of it is ever destroyed: threads may still end while the
+/// process does.
+struct Threads {
+    std::mutex mutex;
+    pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
+    ThreadRecord* running = nullptr; ///< under `mutex`, as all below
+    ThreadRecord* ended = nullptr;   ///< have nothing left to do but to return; whoever takes one out joins it
+    int unjoined = 0;                ///< those of both lists, and those that are being joined
+};
+
+constinit Threads threads;
+
+using ThreadsLock = std::unique_lock<std::mutex>;
+
+timespec deadlineAfter(unsigned int timeoutMs)
 {
-    const ThreadStart* start = static_cast<ThreadStart*>(record);
-    start->func(start->arg);
-    delete start;
+    constexpr long NANOSECONDS = 1000000000;
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
+    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000;
+    if (deadline.tv_nsec >= NANOSECONDS) {
+        deadline.tv_nsec -= NANOSECONDS;
+        ++deadline.tv_sec;
+    }
+    return deadline;
+}
+
+/// Joins the threads that have ended. It never waits long, and not for the calling thread, which has not ended.
+void joinEnded(ThreadsLock& lock)
+{
+    while (threads.ended != nullptr) {
+        const std::unique_ptr<ThreadRecord> record(threads.ended);
+        threads.ended = record->next;
+        lock.unlock();
+        pthread_join(record->thread, nullptr);
+        lock.lock();
+        --threads.unjoined;
+        pthread_cond_broadcast(&threads.changed);
+    }
+}
+
+/// Marks a thread as ended when it leaves its function, in whatever way.
+class ThreadEnd {
+public:
+    explicit ThreadEnd(ThreadRecord* ending) : record(ending) {}
+    // Those that ended before are joined here, so that the ones that wait for it stay few.
+    ~ThreadEnd()
+    {
+        ThreadsLock lock(threads.mutex);
+        joinEnded(lock);
+        ThreadRecord** place = &threads.running;
+        while (*place != record)
+            place = &(*place)->next;
+        *place = record->next;
+        record->next = threads.ended;
+        threads.ended = record;
+        pthread_cond_broadcast(&threads.changed);
+    }
+    ThreadEnd(const ThreadEnd&) = delete;
+    ThreadEnd& operator=(const ThreadEnd&) = delete;
+
+private:
+    ThreadRecord* record;
+};
+
+void* runThread(void* started)
+{
+    auto* record = static_cast<ThreadRecord*>(started);
+    const ThreadEnd end(record);
+    contained([&] { record->func(record->arg); });
     return nullptr;
 }
 
-// The carry out of the microseconds is dropped, so a deadline in the next second falls one second early and the wait
-// ends at once. All callers loop around their waits; such a loop spins until the second is over.
-timespec deadlineAfter(unsigned int timeoutMs)
+/// Whether the calling thread is one of `threads`. Needs the lock.
+bool isOwnThread()
 {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    timespec deadline{};
-    deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000);
-    deadline.tv_nsec = ((static_cast<long>(timeoutMs % 1000) * 1000 + now.tv_usec) % 1000000) * 1000;
-    return deadline;
+    for (const ThreadRecord* record = threads.running; record != nullptr; record = record->next)
+        if (pthread_equal(record->thread, pthread_self()) != 0)
+            return true;
+    return false;
 }
+
+/// When the library is unloaded, or the process ends, without a close: gives threads that are just leaving the time.
+class LastWait {
+public:
+    ~LastWait()
+    {
+        constexpr unsigned int LIMIT_MS = 200;
+        waitForThreads(LIMIT_MS);
+    }
+};
+
+[[maybe_unused]] LastWait lastWait;
 
 } // namespace
 
@@ -185,25 +268,37 @@ int Event::waitForSignal(unsigned int timeoutMs)
     }
     const timespec deadline = deadlineAfter(timeoutMs);
     while (result == 0 && !signaled)
-        result = pthread_cond_timedwait(&condition, &mutex, &deadline);
+        result = pthread_cond_clockwait(&condition, &mutex, CLOCK_MONOTONIC, &deadline);
     return result;
 }
 
+// The lock keeps the record's owner out until the record is complete, however quickly the thread ends.
 pthread_t createThread(void (*func)(void*), void* arg)
 {
-    ThreadStart* start = new (std::nothrow) ThreadStart{func, arg};
-    if (start == nullptr)
+    std::unique_ptr<ThreadRecord> record(new (std::nothrow) ThreadRecord{func, arg, 0, nullptr});
+    if (record == nullptr)
         return 0;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_t thread = 0;
-    const int result = pthread_create(&thread, &attributes, runThread, start);
-    pthread_attr_destroy(&attributes);
-    if (result == 0)
-        return thread;
-    delete start;
-    return 0;
+    const ThreadsLock lock(threads.mutex);
+    if (pthread_create(&record->thread, nullptr, runThread, record.get()) != 0)
+        return 0;
+    record->next = threads.running;
+    threads.running = record.release();
+    ++threads.unjoined;
+    return threads.running->thread;
+}
+
+bool waitForThreads(unsigned int timeoutMs)
+{
+    const timespec deadline = deadlineAfter(timeoutMs);
+    ThreadsLock lock(threads.mutex);
+    for (bool inTime = true;;) {
+        joinEnded(lock);
+        const int own = isOwnThread() ? 1 : 0;
+        if (threads.unjoined == own || !inTime)
+            return threads.unjoined == 0;
+        inTime =
+            pthread_cond_clockwait(&threads.changed, threads.mutex.native_handle(), CLOCK_MONOTONIC, &deadline) == 0;
+    }
 }
 
 void setCurrentThreadName(const char* name)

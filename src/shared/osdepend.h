@@ -103,7 +103,7 @@ public:
     /// Takes a signal back that nobody has seen yet. Returns whether all system calls worked.
     bool reset();
     /// Waits up to `timeoutMs` milliseconds for the signal; 0 only looks, `WAIT_FOREVER` has no limit.
-    /// True if the event was signalled. False may come up to a second before the time is over: call it in a loop.
+    /// True if the event was signalled, false when the time is over; setting the system's date changes nothing of it.
     bool wait(unsigned int timeoutMs);
 
 private:
@@ -115,9 +115,14 @@ private:
     const bool manualReset;
 };
 
-/// Starts a detached thread that runs `func(arg)`. Returns its identifier, or 0 if it could not be started.
-/// Nobody can join it: whoever needs its end waits for a flag or an event that `func` sets last.
+/// Starts a thread that runs `func(arg)`. Returns its identifier, or 0 if it could not be started. For the caller it is
+/// detached: whoever needs its end waits for a flag or an event that `func` sets last. An exception ends `func` alone.
 pthread_t createThread(void (*func)(void*), void* arg);
+
+/// Waits up to `timeoutMs` milliseconds until every thread that `createThread` has started is gone, so that none of
+/// them runs in this library any more. False if one is left: it takes longer, or it is the calling one, for which
+/// nobody can wait; then the others alone are waited for.
+bool waitForThreads(unsigned int timeoutMs);
 
 /// Names the calling thread for debuggers and `top`. Names of more than 15 characters are ignored.
 void setCurrentThreadName(const char* name);

@@ -18,6 +18,11 @@ using Bytes = std::vector<unsigned char>;
 /// What is shifted with flags 7 goes to `slave`, and its answer to the next receive.
 class RecordingManager {
 public:
+    /// Nothing comes between here.
+    struct Exchange {
+        explicit Exchange(RecordingManager&) {}
+    };
+
     int send(unsigned char perif, unsigned char command, unsigned char d0, unsigned char d1, unsigned char d2,
              unsigned char d3, unsigned char flags)
     {
@@ -51,3 +56,22 @@ inline refhost::ParamMgr hostParams()
 {
     return refhost::ParamMgr(std::make_shared<refhost::Ledger>());
 }
+
+/// A host's store that knows every name and hands out nothing.
+class EmptyHandedMgr : public dv::IParamMgr {
+public:
+    int addParam(const char*, const char*, int, std::size_t, const void*, dv::ParamFunc, long, unsigned) override
+    {
+        return -1;
+    }
+    int addByte(const char*, const char*, unsigned char, dv::ParamFunc, long, unsigned) override { return -1; }
+    int addBool(const char*, const char*, bool, dv::ParamFunc, long, unsigned) override { return -1; }
+    int addInt32(const char*, const char*, int, dv::ParamFunc, long, unsigned) override { return -1; }
+    int addDouble(const char*, const char*, double, dv::ParamFunc, long, unsigned) override { return -1; }
+    int addString(const char*, const char*, const char*, dv::ParamFunc, long, unsigned) override { return -1; }
+    dv::IParam* get(const char*) override { return nullptr; }
+    bool exists(const char*) override { return true; }
+    std::size_t count() override { return 0; }
+    int listParams(dv::IPtrList<dv::IParam*>*) override { return -1; }
+    void destroy() override {}
+};

@@ -65,6 +65,13 @@ TEST(IbBiasParamsTest, FlashCalibrationReplacesTheRule)
     read(params, {{"BiasCoeff", 0}, {"BiasSetA", 0}, {"BiasSetB", 0}});
     EXPECT_EQ(0.0, params.adcToSenseVoltage(2048)) << "half a calibration";
     EXPECT_EQ(1, params.getBiasCode(50, false)) << "a coefficient of 0";
+    read(params, {{"BiasMin", -INFINITY}, {"BiasMax", NAN}});
+    EXPECT_EQ(-10.0, params.minBias());
+    EXPECT_EQ(300.0, params.maxBias()) << "what is no number limits nothing";
+    EmptyHandedMgr emptyHanded;
+    params.readFlashParameters(&emptyHanded);
+    params.readFlashParameters(nullptr);
+    EXPECT_EQ(300.0, params.maxBias());
 }
 
 } // namespace

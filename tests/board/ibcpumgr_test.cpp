@@ -86,6 +86,7 @@ TEST_F(IbCpuMgrTest, ValuesArePairedAndTheirNamesReadOnce)
     EXPECT_TRUE(params.find("Temp")->readOnly() && params.find("Fan")->readOnly());
     EXPECT_EQ(dv::PARAM_LIVE, params.find("*Bias")->flags());
     EXPECT_EQ(-1, mgr.parameterIndex("Fan"));
+    EXPECT_EQ(3U, params.count()) << "what has no name is no parameter";
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 #include "board/ibflash.h"
 
 #include "board/boarddoubles.h"
-#include "shared/datatype.h"
+#include "host/datatype.h"
 
 #include <gmock/gmock.h>
 
@@ -97,11 +97,11 @@ TEST_F(IbFlashTest, SmallValuesComeAtOnceAndBigOnesWhenFirstRead)
 {
     const std::string longName(25, 'n');
     image = Image()
-                .add("Ten", DT_BYTE, 10, Bytes(10, 5))
-                .add("Doubles", DT_DOUBLE, 16, word(0))
-                .add("Eleven", DT_CHAR, 11, word(16))
-                .add(longName, DT_U16, 3, {1, 2, 3})
-                .add("Known", DT_BYTE, 1, {7})
+                .add("Ten", DTYPE_BYTE, 10, Bytes(10, 5))
+                .add("Doubles", DTYPE_DOUBLE, 16, word(0))
+                .add("Eleven", DTYPE_CHAR, 11, word(16))
+                .add(longName, DTYPE_U16, 3, {1, 2, 3})
+                .add("Known", DTYPE_BYTE, 1, {7})
                 .build();
     params.addByte("Known", "", 0, nullptr, 0, dv::PARAM_LIVE);
     EXPECT_EQ(0, load(false));
@@ -124,7 +124,7 @@ TEST_F(IbFlashTest, SmallValuesComeAtOnceAndBigOnesWhenFirstRead)
 
 TEST_F(IbFlashTest, ParametersOutliveTheirManagerAndLoadAgainBehindTheNext)
 {
-    image = Image().add("Big", DT_CHAR, 11, word(0)).build();
+    image = Image().add("Big", DTYPE_CHAR, 11, word(0)).build();
     load(true);
     flash.attach(nullptr);
     takeReads();
@@ -147,7 +147,7 @@ TEST_F(IbFlashTest, AListOf1008BytesTakesASecondRead)
 
 TEST_F(IbFlashTest, HeadersThatCantBeAreRefused)
 {
-    const Image list = Image().add("One", DT_BYTE, 1, {1});
+    const Image list = Image().add("One", DTYPE_BYTE, 1, {1});
     EXPECT_EQ(-2, load(false)) << "blank";
     image = list.build(31, 31, 2);
     EXPECT_EQ(-3, load(false));
@@ -164,13 +164,13 @@ TEST_F(IbFlashTest, HeadersThatCantBeAreRefused)
 TEST_F(IbFlashTest, DamagedRecordsArePassedOver)
 {
     Image list = Image()
-                     .add("Huge", DT_BYTE, 0xFFFFFFFF, word(0))
-                     .add("Far", DT_BYTE, 11, word(0xFFFFFFFF))
-                     .add("OneTooFar", DT_BYTE, 11, word(20))
+                     .add("Huge", DTYPE_BYTE, 0xFFFFFFFF, word(0))
+                     .add("Far", DTYPE_BYTE, 11, word(0xFFFFFFFF))
+                     .add("OneTooFar", DTYPE_BYTE, 11, word(20))
                      .add("BadType", 12, 1, {1})
-                     .add("Empty", DT_BYTE, 0, {})
-                     .add("Good", DT_BYTE, 11, word(19))
-                     .add("Cut", DT_BYTE, 3, {1, 2, 3});
+                     .add("Empty", DTYPE_BYTE, 0, {})
+                     .add("Good", DTYPE_BYTE, 11, word(19))
+                     .add("Cut", DTYPE_BYTE, 3, {1, 2, 3});
     list.records.pop_back();
     image = list.build();
     EXPECT_EQ(0, load(true));
@@ -181,7 +181,7 @@ TEST_F(IbFlashTest, DamagedRecordsArePassedOver)
     // A list that is longer than its store ends with the store.
     for (const std::size_t recordSize : {500UL, 5000UL, 0xFFFFFFFFUL}) {
         refhost::ParamMgr fresh = hostParams();
-        image = Image().add("First", DT_BYTE, 1, {1}).add("Behind", DT_BYTE, 1, {2}).build(31, recordSize);
+        image = Image().add("First", DTYPE_BYTE, 1, {1}).add("Behind", DTYPE_BYTE, 1, {2}).build(31, recordSize);
         EXPECT_EQ(0, flash.loadParameters(&fresh, false));
         EXPECT_EQ(1U, fresh.count());
     }
@@ -191,7 +191,7 @@ TEST_F(IbFlashTest, NoiseDoesNoHarm)
 {
     std::mt19937 random(7);
     const Bytes good =
-        Image().add("S", DT_DOUBLE, 8, Bytes(8)).add("B", DT_U16, 20, word(0)).add("X", 8, 12, word(18)).build();
+        Image().add("S", DTYPE_DOUBLE, 8, Bytes(8)).add("B", DTYPE_U16, 20, word(0)).add("X", 8, 12, word(18)).build();
     for (int i = 0; i < 1000; ++i) {
         image = good;
         for (int hits = 0; hits < 4; ++hits)

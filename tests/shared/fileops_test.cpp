@@ -1,7 +1,7 @@
 // Matrices as text, bytes, and directories: what is written, what is read, and what is left alone.
 #include "shared/fileops.h"
 
-#include "shared/datatype.h"
+#include "host/datatype.h"
 #include "support/tempfolder.h"
 
 #include <gmock/gmock.h>
@@ -26,15 +26,15 @@ protected:
 TEST_F(FileOpsTest, MatricesGoToTextAndBack)
 {
     const std::vector<std::int16_t> words = {1, -2, 32767};
-    EXPECT_EQ(0, writeAsciiMatrix("m", DT_I16, words.data(), 3, 2, false));
-    EXPECT_EQ(0, writeAsciiMatrixHex("m", DT_I16, words.data(), 2, 0, true));
+    EXPECT_EQ(0, writeAsciiMatrix("m", DTYPE_I16, words.data(), 3, 2, false));
+    EXPECT_EQ(0, writeAsciiMatrixHex("m", DTYPE_I16, words.data(), 2, 0, true));
     EXPECT_EQ("1 -2\n32767 0001 FFFE ", dir.read("m"));
     std::vector<std::int16_t> back(5);
-    EXPECT_EQ(0, readAsciiMatrix("m", DT_I16, 3, back.data()));
-    EXPECT_EQ(-2, readAsciiMatrix("m", DT_I16, 5, back.data()));
+    EXPECT_EQ(0, readAsciiMatrix("m", DTYPE_I16, 3, back.data()));
+    EXPECT_EQ(-2, readAsciiMatrix("m", DTYPE_I16, 5, back.data()));
     EXPECT_THAT(back, ElementsAre(1, -2, 32767, 1, 0)) << "up to what is no decimal number";
-    EXPECT_EQ(-4, readAsciiMatrix("m", DT_STRING, 1, back.data()));
-    EXPECT_EQ(-3, writeAsciiMatrix("/dev/full", DT_I16, words.data(), 1, 1, false));
+    EXPECT_EQ(-4, readAsciiMatrix("m", DTYPE_STRING, 1, back.data()));
+    EXPECT_EQ(-3, writeAsciiMatrix("/dev/full", DTYPE_I16, words.data(), 1, 1, false));
     unsigned long width = 0;
     unsigned long height = 0;
     EXPECT_EQ(0, getAsciiMatrixDimensions("m", &width, &height));

@@ -25,6 +25,12 @@ int called(std::string function, Args... args)
     return result != script().results.end() ? result->second : 0;
 }
 
+void meet(const char* function, int limit)
+{
+    if (script().hook)
+        script().hook(function, limit);
+}
+
 } // namespace
 
 extern "C" {
@@ -69,15 +75,17 @@ int ftdi_usb_get_strings(ftdi_context*, libusb_device* dev, char*, int, char* de
 
 int ftdi_usb_open_desc(ftdi_context* context, int vendor, int product, const char* description, const char* serial)
 {
+    meet("open", context->usb_write_timeout);
     called(std::string("open ") + description + (serial == nullptr ? "" : serial), vendor, product);
     const int result = script().results["open"];
     context->usb_dev = result == 0 ? reinterpret_cast<libusb_device_handle*>(context) : nullptr;
     return result;
 }
 
-int ftdi_read_data(ftdi_context*, unsigned char* buffer, int size)
+int ftdi_read_data(ftdi_context* context, unsigned char* buffer, int size)
 {
     auto& s = script();
+    meet("read", context->usb_read_timeout);
     ++s.readCount;
     s.largestRead = std::max(s.largestRead, size);
     if (s.reads.empty())
@@ -92,9 +100,10 @@ int ftdi_read_data(ftdi_context*, unsigned char* buffer, int size)
     return result;
 }
 
-int ftdi_write_data(ftdi_context*, const unsigned char* buffer, int size)
+int ftdi_write_data(ftdi_context* context, const unsigned char* buffer, int size)
 {
     auto& s = script();
+    meet("write", context->usb_write_timeout);
     int result = s.stuck ? 0 : size;
     if (!s.writeResults.empty()) {
         result = s.writeResults.front();
@@ -109,14 +118,14 @@ using Ctx = ftdi_context;
 int ftdi_usb_close(Ctx* context) { return context->usb_dev = nullptr, called("close"); }
 void ftdi_list_free(ftdi_device_list** list) { *list = nullptr, called("list_free"); }
 const char* ftdi_get_error_string(Ctx*) { return "words of libftdi"; }
-int ftdi_usb_reset(Ctx*) { return called("reset"); }
+int ftdi_usb_reset(Ctx* context) { return meet("reset", context->usb_write_timeout), called("reset"); }
 int ftdi_usb_purge_buffers(Ctx*) { return called("purge"); }
 int ftdi_set_bitmode(Ctx*, unsigned char mask, unsigned char mode) { return called("bitmode", mask, mode); }
 int ftdi_setflowctrl(Ctx*, int flow) { return called("flow", flow); }
 int ftdi_read_data_set_chunksize(Ctx*, unsigned size) { return called("read_chunk", size); }
 int ftdi_write_data_set_chunksize(Ctx*, unsigned size) { return called("write_chunk", size); }
 int ftdi_set_latency_timer(Ctx*, unsigned char latency) { return called("latency", latency); }
-int ftdi_get_latency_timer(Ctx*, unsigned char* latency) { return *latency = 2, called("get_latency"); }
+int ftdi_get_latency_timer(Ctx* context, unsigned char* latency) { return *latency = 2, meet("get_latency", context->usb_read_timeout), called("get_latency"); }
 int ftdi_set_line_property(Ctx*, ftdi_bits_type b, ftdi_stopbits_type s, ftdi_parity_type p) { return called("line", b, s, p); }
 int ftdi_set_baudrate(Ctx*, int baud) { return called("baud", baud); }
 // clang-format on

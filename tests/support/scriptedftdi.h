@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ struct ScriptedFtdi {
     std::deque<int> writeResults;       ///< Results of the writes, one after another; then all is taken,
     bool stuck = false;                 ///< or nothing.
     std::map<std::string, int> results; ///< Results of other functions by name, 0 if not here.
+    /// Called by "read", "write", "open", "reset" and "get_latency" with the milliseconds that they may block.
+    std::function<void(const std::string& function, int limit)> hook;
 
     std::vector<std::string> calls; ///< All calls but reads and writes, with their arguments.
     std::string written;            ///< All bytes taken.

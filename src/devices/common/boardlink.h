@@ -67,15 +67,14 @@ public:
         return mgr != nullptr ? mgr->receiveRaw(buffer, size, timeout) : refuse();
     }
     /// Reads and drops what the board still sends, until it has been silent for `timeout` seconds: it may have run
-    /// ahead of a stop. A board that never falls silent is left alone after ten seconds.
-    void drain(double timeout) const
+    /// ahead of a stop. A board that never falls silent is left alone after `limit` seconds.
+    void drain(double timeout, double limit = 10.0) const
     {
         constexpr unsigned long CHUNK = 100000;
-        constexpr double LIMIT = 10.0;
         std::vector<unsigned char> scratch(CHUNK + 1);
         const double start = getPreciseTime();
         unsigned long received = CHUNK;
-        while (received > 0 && getPreciseTime() - start < LIMIT) {
+        while (received > 0 && getPreciseTime() - start < limit) {
             received = CHUNK;
             if (receive(scratch.data(), &received, timeout) != 0)
                 return;

@@ -1,7 +1,11 @@
 // How a device tells what happens to it: log, last error, the host's log callback.
 #include "devices/common/devicereport.h"
 
+#include "devices/common/linkturn.h"
 #include "shared/str.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace HwLatixel {
 
@@ -34,17 +38,76 @@ void DeviceReport::setLogMsgFunc(dv::LogMsgFunc func, void* user)
     logMsgUser = user;
 }
 
+/// Lies on the stack of a call of the host; calls within it form a chain.
+struct DeviceReport::Telling {
+    Telling(const DeviceReport& deviceReport, const Line& told) : report(&deviceReport), line(&told), outer(innermost)
+    {
+        innermost = this;
+    }
+    ~Telling() { innermost = outer; }
+    Telling(const Telling&) = delete;
+    Telling& operator=(const Telling&) = delete;
+
+    const DeviceReport* report;
+    const Line* line;
+    const Telling* outer;
+    static thread_local const Telling* innermost;
+};
+
+thread_local const DeviceReport::Telling* DeviceReport::Telling::innermost = nullptr;
+
 int DeviceReport::errorV(int code, const char* format, va_list args)
 {
-    ThreadLock lock(&sync);
-    // The text without the NUL bytes behind it. NOLINTNEXTLINE(readability-redundant-string-cstr)
-    const std::string text = str::formatv(format, args).c_str();
-    if (log_ != nullptr)
-        log_->log(code, ERR, text);
-    if (logMsgFunc != nullptr && hostLevel(code) != 0)
-        logMsgFunc(hostLevel(code), text.c_str(), logMsgUser);
-    lastError_.set(text);
+    {
+        ThreadLock lock(&sync);
+        // The text without the NUL bytes behind it. NOLINTNEXTLINE(readability-redundant-string-cstr)
+        std::string text = str::formatv(format, args).c_str();
+        if (log_ != nullptr)
+            log_->log(code, ERR, text);
+        if (logMsgFunc != nullptr && hostLevel(code) != 0)
+            kept.push_back({getCurThreadId(), hostLevel(code), text, lastError_.get()});
+        lastError_.set(std::move(text));
+    }
+    if (turn == nullptr || !turn->mine())
+        tellHost();
     return code;
+}
+
+void DeviceReport::tellHost()
+{
+    Line line{};
+    while (nextLine(line)) {
+        dv::LogMsgFunc func = nullptr;
+        void* user = nullptr;
+        {
+            ThreadLock lock(&sync);
+            func = logMsgFunc;
+            user = logMsgUser;
+        }
+        const Telling telling(*this, line);
+        if (func != nullptr)
+            func(line.level, line.text.c_str(), user);
+    }
+}
+
+/// Takes the first line of the calling thread out. False where there is none.
+bool DeviceReport::nextLine(Line& line)
+{
+    ThreadLock lock(&sync);
+    const auto own = std::ranges::find(kept, getCurThreadId(), &Line::thread);
+    if (own == kept.end())
+        return false;
+    line = std::move(*own);
+    kept.erase(own);
+    return true;
+}
+
+const char* DeviceReport::lastError() const
+{
+    const Telling* telling = Telling::innermost;
+    if (order == Order::CallThenStore && telling != nullptr && telling->report == this)
+        return telling->line->before.c_str();
+    return lastError_.get();
 }
 
 int DeviceReport::error(int code, const char* format, ...)

@@ -7,14 +7,33 @@
 #include "shared/osdepend.h"
 
 #include <cstdarg>
+#include <deque>
+#include <string>
 
 namespace HwLatixel {
 
+class LinkTurn;
+
 /// Reports of one device or composite. Safe from any thread: every operation takes the report's own lock, the last
-/// lock in the order but for the log's. The lock is held across the host's callback and is recursive, so that a
-/// callback may report again; other threads wait behind it.
+/// lock in the order but for the log's. The host's callback runs with no lock in hand: a line goes to the log at once,
+/// and to the host as soon as the thread that reports it has given the link's turn back, in the order of its lines.
 class DeviceReport {
 public:
+    /// When `lastError` takes a text over, as the host's callback sees it.
+    enum class Order {
+        StoreThenCall,
+        CallThenStore, ///< during the callback `lastError` still tells the text before, on the thread that runs it
+    };
+
+    explicit DeviceReport(Order reportOrder = Order::StoreThenCall) : order(reportOrder) {}
+    DeviceReport(const DeviceReport&) = delete;
+    DeviceReport& operator=(const DeviceReport&) = delete;
+
+    /// The turn whose holder's lines wait; null for none. Set before the first report.
+    void setTurn(const LinkTurn* linkTurn) { turn = linkTurn; }
+    /// Tells the host what the calling thread has kept back.
+    void tellHost();
+
     /// Sends what follows to `log`, which is not owned; null switches the log off.
     void attachLog(FileLog* log);
     /// The log, or null.
@@ -39,10 +58,25 @@ public:
     void setLevel(LogLevel level);
 
     /// Text of the last error; empty at first. Valid for a while, see LastError.
-    const char* lastError() const { return lastError_.get(); }
+    const char* lastError() const;
 
 private:
+    /// A line for the host.
+    struct Line {
+        pthread_t thread;
+        unsigned level;
+        std::string text;
+        std::string before; ///< what `lastError` told when it was reported
+    };
+    /// The line that the calling thread tells the host right now.
+    struct Telling;
+
+    bool nextLine(Line& line);
+
+    const Order order;
+    const LinkTurn* turn = nullptr;
     mutable ThreadSyncObject sync;
+    std::deque<Line> kept;   ///< not told yet; guarded by sync
     FileLog* log_ = nullptr; ///< guarded by sync
     LastError lastError_;
     dv::LogMsgFunc logMsgFunc = nullptr; ///< guarded by sync

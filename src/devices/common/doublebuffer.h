@@ -21,24 +21,57 @@ public:
     {
         ThreadLock copyLock(&copySync);
         ThreadLock streamLock(&streamSync);
+        fresh = false;
+        missing = 0;
+        copiedMissing = 0;
         stream.reinit(size);
         stream.zero();
         copied.reinit(size);
         copied.zero();
     }
-    /// Runs `fill(std::span<unsigned char>)` on the stream.
+    /// Runs `fill(std::span<unsigned char>)` on the stream. What the stream held before is no frame any more.
     template <typename Fill>
     auto receive(Fill fill)
     {
         ThreadLock lock(&streamSync);
+        fresh = false;
         return fill(std::span<unsigned char>(stream.data(), stream.size()));
+    }
+    /// The stream is a frame from now on, of which so many bytes have not come.
+    void announce(std::size_t missingBytes)
+    {
+        ThreadLock lock(&streamSync);
+        fresh = true;
+        missing = missingBytes;
     }
     /// Takes the stream over into the copy.
     void copy()
     {
         ThreadLock copyLock(&copySync);
         ThreadLock streamLock(&streamSync);
-        std::copy_n(stream.data(), stream.size(), copied.data());
+        takeOver();
+    }
+    /// The same, unless the frame was taken over before: then the stream may hold a part of the next one. Whether it
+    /// was taken over now.
+    bool copyAnnounced()
+    {
+        ThreadLock copyLock(&copySync);
+        ThreadLock streamLock(&streamSync);
+        const bool taken = fresh;
+        if (taken)
+            takeOver();
+        return taken;
+    }
+    /// Bytes that have not come of the frame in the copy.
+    std::size_t copyMissing()
+    {
+        ThreadLock lock(&copySync);
+        return copiedMissing;
+    }
+    std::size_t size()
+    {
+        ThreadLock lock(&streamSync);
+        return stream.size();
     }
     /// Runs `decode(std::span<const unsigned char>)` on the copy, or on the stream.
     template <typename Decode>
@@ -50,10 +83,20 @@ public:
     }
 
 private:
+    void takeOver()
+    {
+        std::copy_n(stream.data(), stream.size(), copied.data());
+        copiedMissing = missing;
+        fresh = false;
+    }
+
     ThreadSyncObject streamSync;
     ThreadSyncObject copySync;
     Buffer<unsigned char> stream{0, false}; ///< guarded by streamSync
     Buffer<unsigned char> copied{0, false}; ///< guarded by copySync
+    bool fresh = false;                     ///< streamSync; the stream is a frame that nobody has taken over
+    std::size_t missing = 0;                ///< streamSync; of the stream
+    std::size_t copiedMissing = 0;          ///< copySync; of the copy
 };
 
 } // namespace HwLatixel

@@ -1,7 +1,7 @@
 // A device's parameters from a table, and their values.
 #include "devices/common/paramtable.h"
 
-#include "shared/datatype.h"
+#include "host/datatype.h"
 
 #include <algorithm>
 
@@ -16,7 +16,7 @@ void addParam(dv::IParamMgr& params, const ParamRow& row, const void* content, d
         params.addString(row.name, row.description, static_cast<const char*>(content), func, user, row.flags);
         break;
     case ParamKind::StoredText:
-        params.addParam(row.name, row.description, DT_STRING, 1, content, func, user, row.flags);
+        params.addParam(row.name, row.description, DTYPE_STRING, 1, content, func, user, row.flags);
         break;
     case ParamKind::Double:
         params.addDouble(row.name, row.description, row.defaultValue, func, user, row.flags);
@@ -31,7 +31,7 @@ void addParam(dv::IParamMgr& params, const ParamRow& row, const void* content, d
         params.addInt32(row.name, row.description, row.defaultValue, func, user, row.flags);
         break;
     case ParamKind::StoredInt32:
-        params.addParam(row.name, row.description, DT_I32, 1, content, func, user, row.flags);
+        params.addParam(row.name, row.description, DTYPE_I32, 1, content, func, user, row.flags);
         break;
     }
 }

@@ -2,8 +2,8 @@
 // collected light during the last 256 row times.
 #pragma once
 
+#include "host/datatype.h"
 #include "host/impxframe.h"
-#include "shared/datatype.h"
 #include "shared/osdepend.h"
 
 #include <array>
@@ -57,8 +57,8 @@ public:
     void addNextTo(dv::IMpxFrame& frame, double frameTime)
     {
         const Frame times = nextFrame(frameTime / ROWS);
-        frame.addMetaData("RowAcqTimes", "RowAcqTimes", DT_DOUBLE, times.acqTimes.data(), sizeof(times.acqTimes));
-        frame.addMetaData("RowStartTimes", "RowStartTimes", DT_DOUBLE, times.startTimes.data(),
+        frame.addMetaData("RowAcqTimes", "RowAcqTimes", DTYPE_DOUBLE, times.acqTimes.data(), sizeof(times.acqTimes));
+        frame.addMetaData("RowStartTimes", "RowStartTimes", DTYPE_DOUBLE, times.startTimes.data(),
                           sizeof(times.startTimes));
     }
 

@@ -16,10 +16,18 @@ public:
     /// given.
     void wait(HwEventDispatcher& dispatcher, const bool* stop)
     {
+        wait(dispatcher, stop, [] { return true; });
+    }
+    /// The same; `goOn()` runs ten times a second meanwhile, and ends the wait by false.
+    template <typename GoOn>
+    void wait(HwEventDispatcher& dispatcher, const bool* stop, GoOn goOn)
+    {
         constexpr unsigned POLL_MS = 100;
         dispatcher.setEvent(HWEVENT_WAIT_TRIGGER, 0, false);
         while (!event.wait(POLL_MS)) {
             if (stop != nullptr && loadFlag(*stop))
+                return;
+            if (!goOn())
                 return;
         }
     }

@@ -24,6 +24,11 @@ constexpr double DEFAULT_TIMEPIX_CLOCK = 10.0; ///< MHz
 constexpr double ID_TIMEOUT = 1.0;             ///< seconds for what comes out of a DAC chain
 
 constexpr std::size_t STREAM_SPARE_BYTES = 100;
+constexpr const char* UNREADABLE_ID = "000-W0000"; ///< of a chip whose fuses tell nothing
+
+constexpr double CLOSE_LIMIT = 2.5;         ///< seconds that closing waits for a series and for operations
+constexpr double CLOSING_SILENCE = 0.05;    ///< seconds of silence after which the link counts as empty
+constexpr double CLOSING_DRAIN_LIMIT = 0.3; ///< seconds
 
 constexpr dv::_DevInfo DEV_INFO{"Latixel", 8, 2, 1, 1};
 constexpr dv::_DevMpxInfo MPX_INFO{MPX2_CHIP_PIXELS, 1, 2, 0.0, 100.0, 4e-08, 86400.0, 0, 0, 0, {1}};
@@ -50,6 +55,7 @@ AMpx2Dev::AMpx2Dev(const Mpx2BoardKind& boardKind, std::string name, IDorvet* ho
 {
     devInfoRec.serialNumber = str::toNumDef<int>(serialText, DEV_INFO.serialNumber);
     devMpxInfoRec.acqModeMask = kind.acqModeMask;
+    report.setTurn(&linkTurn);
 }
 
 AMpx2Dev::~AMpx2Dev()
@@ -63,45 +69,94 @@ AMpx2Dev::~AMpx2Dev()
 void AMpx2Dev::shutDown()
 {
     AMpx2Dev::closeDevice();
-    dispatcher.stopThreadAndWait();
+    events.dispatcher().stopThreadAndWait();
 }
 
 int AMpx2Dev::closeDevice()
 {
-    waitForSeriesEnd();
-    if (link.exists())
+    if (life.caller() == SeriesLife::Caller::Handler)
+        return logError(1, "The device cannot be closed from its own callback.");
+    const double deadline = getPreciseTime() + CLOSE_LIMIT;
+    linkTurn.beginClosing();
+    storeFlag(closing, true);
+    storeFlag(halfStopped, true);
+    const bool running = life.stop();
+    linkTurn.endWholeSeries();
+    const bool alone = life.awaitThreads(deadline - getPreciseTime());
+    DeviceTurn turn(linkTurn, report, deadline - getPreciseTime());
+    if (!alone || turn.require() != 0) {
+        turn.release();
+        storeFlag(closing, false);
+        linkTurn.endClosing();
+        if (running)
+            stopBoard();
+        return alone ? 1 : logError(1, "The device cannot be closed: a callback of the host does not end.");
+    }
+    if (link.exists()) {
+        if (running) {
+            stopBoard();
+            link.drain(CLOSING_SILENCE, CLOSING_DRAIN_LIMIT);
+        }
         setPower(false);
-    if (ibFlash != nullptr)
-        ibFlash->attach(nullptr);
-    ibCpu.reset();
-    link.drop();
+    }
+    {
+        ThreadLock lock(&exchangeSync);
+        if (ibFlash != nullptr)
+            ibFlash->attach(nullptr);
+        ibCpu.reset();
+        link.drop();
+    }
     report.attachLog(nullptr);
     devLog.reset();
     storeFlag(noChip, true);
     storeFlag(connected, false);
+    storeFlag(closing, false);
+    linkTurn.endClosing();
     return 0;
+}
+
+void AMpx2Dev::destroy()
+{
+    if (life.caller() == SeriesLife::Caller::Handler) {
+        logError(1, "The device cannot be destroyed from its own callback.");
+        return;
+    }
+    closeDevice();
+    // From here on the host may take down whatever its callbacks use.
+    events.setFunc(nullptr, nullptr);
+    report.setLogMsgFunc(nullptr, nullptr);
+    if (life.abandon())
+        delete this;
 }
 
 int AMpx2Dev::devInfo(dv::_DevInfo* info) const
 {
+    if (info == nullptr)
+        return refuseNull();
     *info = devInfoRec;
     return 0;
 }
 
 int AMpx2Dev::devMpxInfo(dv::_DevMpxInfo* info) const
 {
+    if (info == nullptr)
+        return refuseNull();
     *info = devMpxInfoRec;
     return 0;
 }
 
 int AMpx2Dev::devMpx2Info(dv::_DevMpx2Info* info) const
 {
+    if (info == nullptr)
+        return refuseNull();
     *info = {};
     return 0;
 }
 
 int AMpx2Dev::chipIDList(dv::IStrList* list) const
 {
+    if (list == nullptr)
+        return refuseNull();
     for (const auto& id : chipIds)
         list->add(id.c_str());
     return 0;
@@ -109,7 +164,7 @@ int AMpx2Dev::chipIDList(dv::IStrList* list) const
 
 int AMpx2Dev::setEventFunc(dv::EventFunc func, void* user)
 {
-    dispatcher.setFunc(func, user);
+    events.setFunc(func, user);
     return 0;
 }
 
@@ -132,10 +187,11 @@ int AMpx2Dev::logError(int code, const char* format, ...) const
 int AMpx2Dev::openBoard()
 {
     if (link.exists())
-        closeDevice();
-    // A series that ended by a failed recovery has left both.
-    storeFlag(acquiring, false);
+        if (const int result = closeDevice(); result != 0)
+            return result;
+    // A series that ended by a failed recovery has left it.
     storeFlag(busy, false);
+    needsRecovery = false;
     timepix = true;
     const std::string logPath = logDir + "/latixel_" + asFileName(serialText) + ".log";
     const std::string settingsPath = std::string(dorvet->configDirectory()) + "/latixel.ini";
@@ -144,6 +200,7 @@ int AMpx2Dev::openBoard()
     devLog->setLogLevel(DBG);
     report.attachLog(devLog.get());
     loadSettings(settingsPath.c_str());
+    ThreadLock lock(&exchangeSync);
     return link.open(deviceNameText, devLog);
 }
 
@@ -166,7 +223,7 @@ int AMpx2Dev::resetDevice()
     if (!link.exists())
         return 0;
     std::vector<char> scratch(RESET_CHUNK);
-    for (int pass = 0; pass < RESET_PASSES; ++pass) {
+    for (int pass = 0; pass < RESET_PASSES && !loadFlag(closing); ++pass) {
         link.usb()->setBitMode(FtdiBitModeBitBang);
         link.usb()->setBitMode(FtdiBitModeFifo);
         sleepThread(RESET_PAUSE);
@@ -209,14 +266,29 @@ int AMpx2Dev::readChipInfo(std::size_t streamOffset)
         result != 0)
         return result;
     std::size_t done = 0;
+    bool known = false;
     for (const auto& group : chipGroups()) {
         if (group.chips == 0)
             continue;
         const auto* records =
             reinterpret_cast<const unsigned char*>(stream.data()) + done * MPX2_DAC_STREAM_SIZE + streamOffset;
-        getChipIDsFromDACStreamMpx2(records, static_cast<unsigned>(group.chips), &timepix, chipIds);
+        bool groupTimepix = false;
+        getChipIDsFromDACStreamMpx2(records, static_cast<unsigned>(group.chips), &groupTimepix, chipIds);
+        // A line without a chip behind it keeps its level and says nothing of the chips' kind; nor does a chip without
+        // an identifier.
+        const std::span<const unsigned char> told(records,
+                                                  static_cast<std::size_t>(group.chips) * MPX2_DAC_STREAM_SIZE);
+        const bool alive = std::ranges::any_of(told, [&](unsigned char byte) { return byte != told[0]; });
+        const bool readable = std::any_of(chipIds.end() - group.chips, chipIds.end(),
+                                          [](const std::string& id) { return id != UNREADABLE_ID; });
+        if (alive && readable) {
+            timepix = groupTimepix;
+            known = true;
+        }
         done += static_cast<std::size_t>(group.chips);
     }
+    if (!known)
+        timepix = false;
     return 0;
 }
 

@@ -9,16 +9,20 @@
 #include "devices/common/boardlink.h"
 #include "devices/common/devdefaults.h"
 #include "devices/common/devicereport.h"
+#include "devices/common/deviceturn.h"
 #include "devices/common/doublebuffer.h"
+#include "devices/common/hostevents.h"
+#include "devices/common/linkturn.h"
 #include "devices/common/paramtable.h"
+#include "devices/common/serieslife.h"
 #include "devices/common/seriesthread.h"
 #include "devices/common/softtrigger.h"
 #include "devices/common/triggers.h"
 #include "host/idorvet.h"
 #include "link/cmdmgr.h"
 #include "link/tpxpins.h"
-#include "shared/hweventdispatcher.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -42,9 +46,7 @@ struct Mpx2BoardKind {
     bool adcReadCounts;                     ///< the ADC's read decides over the result of `getADC`
     bool quietServices;                     ///< the traffic of flash, CPU and ADC is left out of the debug log
     bool collectsCutFrame;                  ///< the packet of a frame that a stop has cut is waited for, else dropped
-    bool stopEndsReaderWait;                ///< a stop ends a series that waits for the reader of the frame before
-    bool stopEndsReading;                   ///< from a stop on the host's reads go to the chips
-    bool tellsRecoveredRead;                ///< see AMpx2Dev::takeFrame
+    bool tellsRecoveredRead;                ///< a read that is repeated behind a recovery that worked is told
     std::span<const ParamRow> sensorParams; ///< parameters of its own, behind "Firmware"
     std::span<const ParamRow> lastParams;   ///< parameters of its own, behind all others
 };
@@ -54,18 +56,23 @@ struct Mpx2BoardKind {
 /// knows its groups, finds its chips, reads its matrix and runs its series.
 ///
 /// Order of a device's life: constructor, `initDevice`, configuration and series in any order, `closeDevice`,
-/// `destroy`. `initDevice` and `closeDevice` take no lock: the host keeps other calls away from them.
+/// `destroy`. The host keeps other calls away from `initDevice` alone.
 ///
-/// Locks, all recursive, in the order in which they are taken: `openSync` where a series begins or ends; `acqSync`,
-/// held by the acquisition thread for the whole of a frame, so that whoever takes it waits for the gap between two
-/// frames; `devSync` around each sequence of commands that must not be interleaved on the link; the pins' own lock; the
-/// stream buffers' locks; the report's lock. The acquisition thread holds no `devSync` while a frame is exposed, so
-/// that `stopAcquisition` gets through at once.
+/// What needs an answer or the chips has the link's turn meanwhile: an operation of the host, a frame of a series from
+/// its start command to the end of its stream, or a series of rows as a whole. What brings no answer, the bias and a
+/// stop, needs the writing side alone. Locks, all recursive, in the order in which they are taken, behind the turn:
+/// `exchangeSync` around commands that must not be split by those two; the pins' own lock; the stream buffers' locks;
+/// the report's lock. None of them and no turn is held while events or log lines go to the host.
 class AMpx2Dev : public DevDefaults<dv::IHwDevMpx2> {
 public:
     // Life cycle (ampx2dev.cpp)
-    /// Ends a running series, powers the chips down and closes link and log. Not to be called from an event callback.
+    /// Ends a running series, powers the chips down and closes link and log, within three seconds. 1 with a text from a
+    /// callback of this device other than that of a series' last event, or where such a callback does not end in time:
+    /// then every other operation is refused, and closing may be tried again.
     int closeDevice() override;
+    /// As `closeDevice`, then frees the object. Where a callback of the host does not end in time, the thread that runs
+    /// it does so as its last act.
+    void destroy() override;
     ~AMpx2Dev() override;
 
     // Identity and reports
@@ -107,16 +114,19 @@ public:
     /// Sends nothing: these boards have no such DAC. A negative value is taken for nothing at all; refused is a DAC
     /// number from 5 on, while 4 passes although the text tells of 0 to 3.
     virtual int setInterfaceDac(char dac, double value);
+    /// The status as the board's CPU tells it; in a series as it was told last. Trips the temperature protection.
+    int deviceStatus() const override;
+    const char* deviceStatusText() const override;
     /// Reads one ADC channel (0 to 15), 12 bits. `flag` is a bit of the ADC's command word, true in all calls.
     virtual int getADC(unsigned char channel, unsigned short* value, bool flag) const;
     /// Volts at ADC channel 0, whatever `index` says. Returns 0, also where the read failed.
     int analogValue(unsigned index, double* value) override;
     int adcCount() const override { return 16; }
     double adcValue(unsigned channel) const override;
-    /// Measured bias; while a series runs the last measured one. With both pointers null both are measured. -1 when
-    /// both values are exactly 0.
+    /// Measured bias; while a series runs the last measured one, see `leaveWish`. With both pointers null both are
+    /// measured. -1 when both values are exactly 0.
     int biasVoltageCurrentSense(double* volts, double* amperes) const override;
-    /// Raw access under `devSync`. `kind` 0: six bytes, which are peripheral, command and four arguments, with
+    /// Raw access. `kind` 0: six bytes, which are peripheral, command and four arguments, with
     /// `flags`. 1: peripheral, command and a payload. 2: bytes without a frame. -1 for any other kind or too few bytes.
     int sendRawData(unsigned char* data, unsigned long size, unsigned long kind, unsigned long flags,
                     unsigned long ignored) override;
@@ -159,14 +169,17 @@ public:
     void setBusy(bool value);
     virtual int copyMatrixStreamToSecondBuffer();
     int startAcquisition(unsigned count, double seconds) override;
+    /// Works in every state, also where it is refused: without chips, or with chips that are switched off, the series
+    /// ends all the same.
     int stopAcquisition() override;
-    /// A frame of 16-bit counts. While a series runs it is the last frame; otherwise the chips are read afresh, and
-    /// cleared by it.
+    int readMatrix(unsigned short* matrix, std::size_t size, bool convert) override;
+    /// A frame of 16-bit counts. From the first frame event of a series to its last event it is the frame announced
+    /// last; otherwise the chips are read afresh, and cleared by it.
     dv::IMpxFrame* lastData() override;
     /// Brings timer, clocks, counters and triggers into the state in which a series starts. -1 where the timer refuses,
     /// -2 where a clock can't be set, -3 where the readout can't.
     virtual int prepareAcquisition(double seconds);
-    /// One exposure, with `acqSync` held by the caller.
+    /// One exposure, with the turn held by the caller.
     virtual int doSingleAcquisition() { return expose(); }
     /// Brings a failed device back to the state that the host last set. -1 where the board does not answer, -2 where
     /// the chips can't be written.
@@ -184,15 +197,34 @@ protected:
         std::uint8_t TpxPins::*pin;
         std::uint8_t level;
     };
-    /// Both locks, for what must not meet a frame.
-    class FrameGap {
+    class Flash;
+    /// Marks the calling thread as one that writes the CPU's values into the parameters, as long as it lives.
+    class CpuParamUpdate {
     public:
-        explicit FrameGap(const AMpx2Dev& device) : acq(&device.acqSync), dev(&device.devSync) {}
+        CpuParamUpdate() { ++depth; }
+        ~CpuParamUpdate() { --depth; }
+        CpuParamUpdate(const CpuParamUpdate&) = delete;
+        CpuParamUpdate& operator=(const CpuParamUpdate&) = delete;
+        static bool running() { return depth > 0; }
 
     private:
-        ThreadLock acq;
-        ThreadLock dev;
+        inline static thread_local int depth = 0;
     };
+    /// Bytes of a stream.
+    struct StreamCount {
+        std::size_t expected = 0;
+        std::size_t received = 0;
+        std::size_t missing() const { return expected - std::min(received, expected); }
+    };
+    /// Readings that a series makes between two frames for a host that polls. The bits below are channels of the ADC.
+    enum Wish : unsigned {
+        WISH_STATUS = 1U << 16,
+        WISH_STATUS_TEXT = 1U << 17,
+        WISH_CPU_PARAMS = 1U << 18,
+        WISH_BIAS = 1U << 19,
+        WISH_BIAS_CURRENT = 1U << 20,
+    };
+    static constexpr unsigned ADC_CHANNELS = 16;
 
     AMpx2Dev(const Mpx2BoardKind& kind, std::string name, IDorvet* dorvet, std::string logDir, std::string settingsFile,
              const std::string& biasType);
@@ -202,7 +234,8 @@ protected:
     virtual int switchGroup(int number) = 0;
     virtual std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() = 0;
     virtual void loadSettings(const char* path) = 0;
-    virtual int readStream() = 0;
+    /// Reads the chips into `stream`, with the turn in hand, and leaves the counters cleared.
+    virtual int readStream(std::span<unsigned char> stream, StreamCount& count) = 0;
     /// Decodes a stream into all words of the matrix, with `convert` as counts.
     virtual void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
                               bool convert) const = 0;
@@ -212,10 +245,17 @@ protected:
     virtual double shutterTime(double seconds) const { return seconds; }
     /// What a series needs to be told of its readout beforehand.
     virtual int prepareReadout() { return 0; }
+    /// 0, or 1 with a text for a series that the board can't count.
+    virtual int checkSeries(unsigned) { return 0; }
+    /// As `readMatrix`; `missing` takes the bytes that have not come of what it tells.
+    virtual int readMatrixCounting(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing) = 0;
     /// 0, or 1 with a text where what is to be done needs chips.
     virtual int requireChips() const;
 
     void shutDown();
+    int turnOff(double deadline);
+    DeviceTurn operationTurn() const { return {linkTurn, report, turnLimit()}; }
+    double turnLimit() const;
 
     // Bring-up steps (ampx2dev.cpp)
     int openBoard();
@@ -239,8 +279,13 @@ protected:
     void pollStatusText() const;
     void logTraffic(bool commands, bool sentData, bool receivedData) const;
     unsigned short readAdcCode(unsigned char channel) const;
+    unsigned short pollAdcCode(unsigned char channel) const;
     virtual void onReadParam(dv::IParam*) {}
-    virtual void onReadParamCpu() = 0;
+    void onReadParamCpu();
+    void fetchCpuParams() const;
+    void fetchCpuValues() const;
+    void publishCpuValues() const;
+    double cpuValue(const char* name) const;
     virtual void onWriteParamCpu(dv::IParam*) {}
     void onWriteParam(dv::IParam* param);
     void initParameters();
@@ -257,8 +302,9 @@ protected:
     static constexpr double PACKET_GRACE = 2.0;        ///< seconds that the end-of-frame packet may come late
     static constexpr double WAIT_UNLIMITED = 1e100;    ///< seconds; an external trigger may hold a frame up for ever
     static constexpr double SLEEPING_WAIT_ABOVE = 1.0; ///< seconds; shorter frames are waited for without sleeping
-    static constexpr unsigned READER_POLL_MS = 300;    ///< between two looks at the flags of a series
+    static constexpr double SERIES_PATIENCE = 3600.0;  ///< seconds; who has the turn gives it back long before
     static constexpr double DRAIN_TIMEOUT = 0.2;       ///< seconds of silence after which the link counts as empty
+    static constexpr double DRAIN_LIMIT = 2.0;         ///< seconds, for a board that never falls silent
 
     /// How one pass of a series ended.
     enum class Pass {
@@ -266,47 +312,83 @@ protected:
         Again,   ///< it failed and is to be repeated
         Stopped, ///< the host has stopped the series
         Lost,    ///< the device could not be recovered
+        Overheated,
     };
     int configureSeries(double seconds);
     void openSeries();
     Pass runFrames();
-    Pass takeFrame();
-    void announceFrame(std::uint64_t frame);
-    void endSeries(bool failed);
-    void abandonSeries();
+    Pass takeFrame(bool repeated, StreamCount& count);
+    Pass frameTaken();
+    Pass recoverSeries();
+    Pass recoverRead(bool readerCame);
+    void announceFrame(std::uint64_t frame, const StreamCount& count);
+    void endSeries(Pass last, bool staysBusy);
+    int prepareSeries(unsigned count, double seconds);
     int startExposure(unsigned char flags, std::uint32_t frameWord);
     void endExposure();
     int expose();
-    int waitForFrameEnd(double timeout, bool sleeps, EndOfFrame& packet);
-    int completeExposure(int waitResult, const EndOfFrame& packet);
+    int waitForFrameEnd(double timeout, bool sleeps, const bool* stop, EndOfFrame& packet);
+    int completeExposure(bool ended, const EndOfFrame& packet);
     void takeMeasuredTime(const EndOfFrame& packet);
     unsigned char triggerFlags() const;
     void stopBoard();
-    void startSeriesThread();
-    void waitForSeriesEnd();
     static void acqFuncWrapper(void* device);
-    void waitForReader();
+    /// Waits until the host has taken the frame before out of the stream. False where a stop or `interrupted()` ends
+    /// the wait.
+    template <typename Interrupted>
+    bool awaitReader(Interrupted interrupted)
+    {
+        constexpr unsigned POLL_MS = 10; // for those who wait for the link meanwhile
+        while (!matrixReadEvent.wait(POLL_MS))
+            if (life.stopped() || interrupted())
+                return false;
+        return !life.stopped();
+    }
+    bool givesAnnouncedFrame() const;
+    void takeAnnouncedFrame();
+    int readChipsNow(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing);
+    void discardMatrix();
+    bool checkSize(std::size_t size) const;
+    int refuseNull() const;
+    bool recoveryCut() const;
 
-    static constexpr unsigned STATUS_PATIENCE_MS = 100; ///< for each lock of a poll, which must not hang
+    // Readings for a host that polls (ampx2dev_series.cpp)
+    bool wishesDue() const;
+    bool leaveWish(unsigned wish) const;
+    void serveWishes();
+    template <typename Poll>
+    void read(unsigned wish, double patience, Poll poll) const
+    {
+        if (leaveWish(wish))
+            return;
+        const DeviceTurn turn(linkTurn, report, patience);
+        if (turn.taken())
+            poll();
+    }
+
+    static constexpr double STATUS_PATIENCE = 0.1;      ///< seconds for a poll, which must not hang
     static constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes by reads of CPU parameters
+    static constexpr unsigned char BLANK_STREAM = 0xFF; ///< counters that read as 0
     static constexpr const char* TOO_HOT = "Device allowed temperature exceeded, chips turned off.";
 
     const Mpx2BoardKind& kind;
 
-    mutable ThreadSyncObject acqSync; ///< held for one frame by the acquisition thread
-    mutable ThreadSyncObject devSync; ///< serialises sequences of commands
+    mutable LinkTurn linkTurn;
+    mutable ThreadSyncObject exchangeSync; ///< keeps commands together that a bias or a stop must not split
     mutable DeviceReport report;
-    HwEventDispatcher dispatcher;
+    mutable SeriesLife life;
+    HostEvents events{life};
     Event matrixReadEvent{false, false, "matrixRead"}; ///< the acquisition thread may overwrite the stream
     SoftTrigger softTrigger;
-    DoubleBuffer buffers;
+    mutable DoubleBuffer buffers;
+    std::vector<unsigned char> spareStream; ///< a frame that makes way for others on the link; the series' thread
 
     BoardLink<CmdMgr> link{report};
     std::unique_ptr<IBFlashFpx<CmdMgr>> ibFlash; ///< lives as long as the parameters that call it
-    std::unique_ptr<IBCpuMgr<CmdMgr>> ibCpu;     ///< devSync; null when the board has no usable CPU
+    std::unique_ptr<IBCpuMgr<CmdMgr>> ibCpu;     ///< the turn; null when the board has no usable CPU
     IBBiasParams biasParams;                     ///< filled at bring-up
     std::unique_ptr<FileLog> devLog;
-    Buffer<unsigned short> dacsBackup{0, false}; ///< the last DACs set; acqSync and devSync
+    Buffer<unsigned short> dacsBackup{0, false}; ///< the last DACs set; the turn
 
     // Records: written before and in `initDevice`, then only read
     dv::_DevInfo devInfoRec;
@@ -331,8 +413,11 @@ protected:
     bool connected = false; ///< polled: the bring-up has ended
     bool noChip = true;     ///< polled: there is no chip
     bool busy = false;
-    bool acquiring = false;          ///< polled: a series runs
-    bool stopRequested = false;      ///< polled by the acquisition thread
+    bool acquiring = false;          ///< polled: between the first step of a series' thread and its last event
+    bool frameAnnounced = false;     ///< polled: the series has handed over a frame
+    bool halfStopped = false;        ///< polled: an exposure in two halves is to end
+    bool closing = false;            ///< polled: the device is being closed
+    bool needsRecovery = false;      ///< a stop has cut a recovery; kept by whoever drives the series
     mutable bool overheated = false; ///< polled: the temperature protection has tripped
 
     std::atomic<unsigned> acqMode{0};
@@ -343,7 +428,7 @@ protected:
     std::atomic<int> recoverResult{0};         ///< of the last recovery in a series; 0 once a frame was exposed again
     std::atomic<double> timepixClock{10.0};    ///< MHz
     std::atomic<double> biasValue{0.0};        ///< the last bias asked for, volts
-    int preShutterClockCount = 100;            ///< devSync, as the next two
+    int preShutterClockCount = 100;            ///< exchangeSync, as the next two
     int preShutterClockDivider = 1;
     int preShutterDelayClockCount = 100;
     mutable std::atomic<double> biasSense{0.0};    ///< last measured bias, volts
@@ -351,9 +436,13 @@ protected:
     mutable std::atomic<double> lastCpuRead{0.0};  ///< time of the last refresh by a read of a CPU parameter
     mutable std::atomic<int> devStatus{0};         ///< the last status read from the CPU
     mutable LastError statusText;                  ///< the last status text read from the CPU
-    SeriesThreads series;
-    ThreadSyncObject openSync; ///< keeps the opening of a series and the end of another one apart
-    int openCount = 0;         ///< openSync; series between both
+    StopsUnderWay stopsUnderWay;
+    mutable std::atomic<unsigned> wishes{0};                                  ///< readings that the series is to make
+    std::atomic<double> nextServing{0.0};                                     ///< when it may make them
+    mutable std::array<std::atomic<unsigned short>, ADC_CHANNELS> adcCodes{}; ///< as measured last
+    mutable ThreadSyncObject valueSync;
+    mutable IBCpu::Values cpuValues;   ///< valueSync; as the CPU told them last
+    mutable bool cpuValuesNew = false; ///< valueSync; they are not in the parameters yet
 };
 
 } // namespace HwLatixel

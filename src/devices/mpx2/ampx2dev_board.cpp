@@ -26,6 +26,7 @@ constexpr int INTERFACE_DACS = 5;
 enum RawKind : unsigned long { RAW_COMMAND = 0, RAW_PAYLOAD = 1, RAW_BYTES = 2 };
 constexpr unsigned long RAW_COMMAND_SIZE = 6;
 constexpr unsigned long RAW_PAYLOAD_HEAD = 2;
+constexpr unsigned long MAX_RAW_SIZE = 1UL << 26; ///< more than any board takes at once
 
 constexpr ParamRow IDENTITY_PARAMS[] = {
     {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
@@ -60,6 +61,7 @@ std::string AMpx2Dev::askFirmware() const
 {
     constexpr CmdId INFO = InfoCmd::Info;
     unsigned char answer[FIRMWARE_TEXT_SIZE + 1] = {};
+    ThreadLock lock(&exchangeSync);
     if (link.exists())
         link->sendRecv(INFO.perif, INFO.command, 0, 0, 0, 0, answer, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT,
                        FIRMWARE_TIMEOUT, true);
@@ -86,11 +88,34 @@ void AMpx2Dev::logTraffic(bool commands, bool sentData, bool receivedData) const
         link->enableLogging(commands, sentData, receivedData);
 }
 
+/// The flash of a board, whose values are read whenever the host first looks at them.
+class AMpx2Dev::Flash : public IBFlashFpx<CmdMgr> {
+public:
+    Flash(AMpx2Dev& mpx2Dev, CmdMgr* manager) : IBFlashFpx(manager), device(mpx2Dev) {}
+
+    int flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override
+    {
+        // The frames of a series are not held up for it: the value can be read later.
+        if (device.life.state() != SeriesLife::State::Idle)
+            return device.logError(1, "Acquisition is running");
+        const DeviceTurn turn = device.operationTurn();
+        if (turn.require() != 0)
+            return 1;
+        ThreadLock lock(&device.exchangeSync);
+        if (mgr == nullptr)
+            return 1;
+        return IBFlashFpx::flashReadWrite(tx, rx, size, received);
+    }
+
+private:
+    AMpx2Dev& device;
+};
+
 void AMpx2Dev::readFlashParameters()
 {
     logFunction("Read Parameters in Flash");
     if (ibFlash == nullptr)
-        ibFlash = std::make_unique<IBFlashFpx<CmdMgr>>(link.manager());
+        ibFlash = std::make_unique<Flash>(*this, link.manager());
     else
         ibFlash->attach(link.manager());
     logTraffic(false, false, true);
@@ -108,6 +133,7 @@ void AMpx2Dev::initCpu()
     if (ibCpu->isSupported()) {
         report.line(DBG, "CPU is present on IB and supported.");
         report.line(DBG, "CPU Firmware version: %s", ibCpu->getVersion().c_str());
+        const CpuParamUpdate update;
         ibCpu->dumpValuesAndCreateParams(devParams, paramReadSetFuncCpu, reinterpret_cast<long>(this));
         report.line(DBG, "CPU Values:\n %s", ibCpu->dumpValuesToString().c_str());
     } else {
@@ -119,14 +145,18 @@ void AMpx2Dev::initCpu()
 
 void AMpx2Dev::setPins(TpxPins newPins)
 {
+    ThreadLock exchange(&exchangeSync);
     ThreadLock lock(&pinSync);
     pins = newPins;
+    if (!link.exists())
+        return;
     const unsigned word = pinWord(pins);
     link.send(tpx::TpxCmd::Pins, {0, 0, static_cast<unsigned char>(word >> 8), static_cast<unsigned char>(word)});
 }
 
 void AMpx2Dev::changePins(std::initializer_list<PinChange> changes)
 {
+    ThreadLock exchange(&exchangeSync);
     ThreadLock lock(&pinSync);
     for (const auto& change : changes)
         pins.*change.pin = change.level;
@@ -135,7 +165,9 @@ void AMpx2Dev::changePins(std::initializer_list<PinChange> changes)
 
 int AMpx2Dev::resetMedipix()
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Reset Medipix");
     changePins({{&TpxPins::RST, 0}});
     changePins({{&TpxPins::RST, 1}});
@@ -144,9 +176,12 @@ int AMpx2Dev::resetMedipix()
 
 int AMpx2Dev::setPower(bool on)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Set Medipix Power");
     changePins({{&TpxPins::PWR, static_cast<std::uint8_t>(on ? 1 : 0)}, {&TpxPins::RST, 0}});
+    ThreadLock lock(&exchangeSync);
     if (ibCpu != nullptr)
         ibCpu->setPowerOn(on);
     return 0;
@@ -167,7 +202,13 @@ int AMpx2Dev::setInterfaceDac(char dac, double value)
 int AMpx2Dev::sendBiasCode(double volts)
 {
     const unsigned char code = biasParams.getBiasCode(volts, false);
-    const int result = ibspi::writeBiasDac(*link, code, kind.biasHandBack);
+    int result = 1;
+    {
+        // Nothing comes back: this may go out while a frame is exposed.
+        ThreadLock lock(&exchangeSync);
+        if (link.exists())
+            result = ibspi::writeBiasDac(*link, code, kind.biasHandBack);
+    }
     return result != 0 ? logError(result, "Failed sending command (%s)", link.lastError()) : 0;
 }
 
@@ -176,13 +217,22 @@ int AMpx2Dev::getADC(unsigned char channel, unsigned short* value, bool flag) co
     logFunction("Read ADC");
     if (!loadFlag(connected))
         return logError(1, "%s", NOT_CONNECTED);
-    const FrameGap gap(*this);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    ThreadLock lock(&exchangeSync);
+    if (!link.exists())
+        return logError(1, "%s", NOT_CONNECTED);
     logTraffic(false, true, true);
     const int selected = spiSet(*link, spislave::ADC);
     logTraffic(true, true, true);
     if (selected != 0)
         return logError(selected, "Failed sending command (%s)", link.lastError());
-    const int result = ibspi::readAdc(*link, channel, flag, kind.adcClose, value);
+    unsigned short code = 0;
+    const int result = ibspi::readAdc(*link, channel, flag, kind.adcClose, &code);
+    adcCodes[channel % ADC_CHANNELS] = code;
+    if (value != nullptr)
+        *value = code;
     return kind.adcReadCounts ? result : 0;
 }
 
@@ -193,24 +243,33 @@ unsigned short AMpx2Dev::readAdcCode(unsigned char channel) const
     return code;
 }
 
+/// The last value in a series, else a new one.
+unsigned short AMpx2Dev::pollAdcCode(unsigned char channel) const
+{
+    const unsigned index = channel % ADC_CHANNELS;
+    return loadFlag(connected) && leaveWish(1U << index) ? adcCodes[index].load() : readAdcCode(channel);
+}
+
 int AMpx2Dev::analogValue(unsigned, double* value)
 {
+    if (value == nullptr)
+        return refuseNull();
     *value = adcVolts(readAdcCode(SENSE_ADC_CHANNEL));
     return 0;
 }
 
 double AMpx2Dev::adcValue(unsigned channel) const
 {
-    return adcVolts(readAdcCode(static_cast<unsigned char>(channel)));
+    return adcVolts(pollAdcCode(static_cast<unsigned char>(channel)));
 }
 
 int AMpx2Dev::biasVoltageCurrentSense(double* volts, double* amperes) const
 {
-    if (!loadFlag(acquiring)) {
-        // The ADC takes both locks; the frame's one comes first, or a series that starts now would meet this thread.
-        const FrameGap gap(*this);
-        senseBias(volts != nullptr || amperes == nullptr, amperes != nullptr || volts == nullptr);
-    }
+    const bool wantsVolts = volts != nullptr || amperes == nullptr;
+    const bool wantsAmperes = amperes != nullptr || volts == nullptr;
+    read((wantsVolts ? WISH_BIAS : 0U) | (wantsAmperes ? WISH_BIAS_CURRENT : 0U), turnLimit(),
+         [&] { senseBias(wantsVolts, wantsAmperes); });
+    publishCpuValues();
     if (volts != nullptr)
         *volts = biasSense;
     if (amperes != nullptr)
@@ -229,12 +288,10 @@ void AMpx2Dev::senseBiasByAdc(bool volts, bool amperes) const
 /// Brings the link of a failed device back to life, as far as the firmware's answer.
 bool AMpx2Dev::reconnect()
 {
-    // Other threads wait with their commands until the link stands again.
-    ThreadLock lock(&devSync);
     if (!link.exists())
         return false;
     if (!link.usb()->isConnected()) {
-        for (int i = 0; i < RECONNECT_TRIES; ++i) {
+        for (int i = 0; i < RECONNECT_TRIES && !recoveryCut(); ++i) {
             const int result = link.usb()->openDevice(true, 0);
             if (result == 0)
                 break;
@@ -244,12 +301,31 @@ bool AMpx2Dev::reconnect()
         link.usb()->clearBuffers();
     }
     resetDevice();
-    return str::startsWith(askFirmware(), FIRMWARE_MARK);
+    return !recoveryCut() && str::startsWith(askFirmware(), FIRMWARE_MARK);
 }
 
-/// Asks the CPU for its status; the caller holds what keeps other traffic away.
+/// Whether a recovery is to end at its next step: its series is to end, or the device.
+bool AMpx2Dev::recoveryCut() const
+{
+    return loadFlag(closing) || (loadFlag(acquiring) && life.stopped());
+}
+
+int AMpx2Dev::deviceStatus() const
+{
+    read(WISH_STATUS, STATUS_PATIENCE, [this] { pollStatus(); });
+    return devStatus;
+}
+
+const char* AMpx2Dev::deviceStatusText() const
+{
+    read(WISH_STATUS_TEXT, STATUS_PATIENCE, [this] { pollStatusText(); });
+    return statusText.get();
+}
+
+/// Asks the CPU for its status, with the turn in hand.
 int AMpx2Dev::pollStatus() const
 {
+    ThreadLock lock(&exchangeSync);
     logTraffic(false, false, true);
     if (ibCpu != nullptr) {
         logFunction("Get Device Status");
@@ -263,6 +339,7 @@ int AMpx2Dev::pollStatus() const
 
 void AMpx2Dev::pollStatusText() const
 {
+    ThreadLock lock(&exchangeSync);
     logTraffic(false, false, true);
     if (ibCpu != nullptr)
         statusText.set(ibCpu->getStatusText());
@@ -272,7 +349,14 @@ void AMpx2Dev::pollStatusText() const
 int AMpx2Dev::sendRawData(unsigned char* data, unsigned long size, unsigned long rawKind, unsigned long flags,
                           unsigned long)
 {
-    ThreadLock lock(&devSync);
+    if (data == nullptr && size > 0)
+        return refuseNull();
+    if (size > MAX_RAW_SIZE)
+        return logError(1, "Invalid size of raw data (%lu).", size);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    ThreadLock lock(&exchangeSync);
     if (!link.exists())
         return logError(1, "%s", NOT_CONNECTED);
     const auto flagByte = static_cast<unsigned char>(flags);
@@ -290,7 +374,11 @@ int AMpx2Dev::receiveRawData(unsigned char* data, unsigned long size, unsigned l
 {
     if (rawKind != 0)
         return -1;
-    ThreadLock lock(&devSync);
+    if (data == nullptr)
+        return refuseNull();
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return -1;
     unsigned long received = size;
     const int result = link.receive(data, &received, RAW_TIMEOUT);
     if (result == 0)
@@ -310,6 +398,63 @@ void AMpx2Dev::initParameters()
     for (const std::span<const ParamRow> rows : {std::span<const ParamRow>(IDENTITY_PARAMS), kind.sensorParams,
                                                  std::span<const ParamRow>(PARAMS), kind.lastParams})
         addParams(*devParams, rows, contents, paramReadSetFunc, reinterpret_cast<long>(this));
+}
+
+void AMpx2Dev::onReadParamCpu()
+{
+    if (getPreciseTime() - lastCpuRead <= CPU_PARAM_INTERVAL || CpuParamUpdate::running())
+        return;
+    read(WISH_CPU_PARAMS, turnLimit(), [this] { fetchCpuParams(); });
+    publishCpuValues();
+}
+
+void AMpx2Dev::fetchCpuParams() const
+{
+    fetchCpuValues();
+    lastCpuRead = getPreciseTime();
+}
+
+/// Asks the CPU for its values, with the turn in hand.
+void AMpx2Dev::fetchCpuValues() const
+{
+    IBCpu::Values values;
+    {
+        ThreadLock lock(&exchangeSync);
+        if (ibCpu == nullptr)
+            return;
+        values = ibCpu->getValues();
+    }
+    ThreadLock lock(&valueSync);
+    cpuValues = std::move(values);
+    cpuValuesNew = true;
+}
+
+/// Takes new values of the CPU over into the parameters, which are the host's: no lock and no turn is held. Their hooks
+/// look at the thread: what is written here is not to be sent back to the CPU.
+void AMpx2Dev::publishCpuValues() const
+{
+    IBCpu::Values values;
+    {
+        ThreadLock lock(&valueSync);
+        if (!cpuValuesNew)
+            return;
+        cpuValuesNew = false;
+        values = cpuValues;
+    }
+    const CpuParamUpdate update;
+    for (const auto& [name, text] : values)
+        if (devParams->exists(name.c_str()))
+            devParams->get(name.c_str())->setString(text.c_str());
+}
+
+/// A number that the CPU has told last; 0 where there is none of that name.
+double AMpx2Dev::cpuValue(const char* name) const
+{
+    ThreadLock lock(&valueSync);
+    for (const auto& [valueName, text] : cpuValues)
+        if (valueName == name)
+            return str::toDouble(text);
+    return 0.0;
 }
 
 void AMpx2Dev::onWriteParam(dv::IParam* param)

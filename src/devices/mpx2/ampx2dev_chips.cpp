@@ -17,6 +17,8 @@ namespace {
 
 constexpr double DACS_TIMEOUT = 1.5; ///< seconds for what comes out of a DAC chain
 
+constexpr std::size_t MAX_CHIPS = 50; ///< on any of these boards
+
 // The third clock of the acquisition unit; no parameter reaches it.
 constexpr unsigned char COUNT_3 = 10;
 constexpr unsigned char DIVIDER_3 = 100;
@@ -28,6 +30,33 @@ int AMpx2Dev::requireChips() const
     if (!loadFlag(connected) || loadFlag(noChip))
         return logError(1, "Device not connected or no chip");
     return 0;
+}
+
+int AMpx2Dev::refuseNull() const
+{
+    return logError(1, "Invalid argument: null pointer");
+}
+
+/// Whether there is a device that takes so many values; else the refusal is told.
+bool AMpx2Dev::checkSize(std::size_t size) const
+{
+    if (size <= MAX_CHIPS * MPX2_CHIP_PIXELS)
+        return true;
+    logError(1, "Invalid size (%lu).", static_cast<unsigned long>(size));
+    return false;
+}
+
+/// Takes the announced frame over, so that the series may overwrite the stream, before the slow decoding starts.
+void AMpx2Dev::takeAnnouncedFrame()
+{
+    if (buffers.copyAnnounced())
+        matrixReadEvent.set();
+}
+
+int AMpx2Dev::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
+{
+    std::size_t missing = 0;
+    return readMatrixCounting(matrix, size, convert, missing);
 }
 
 int AMpx2Dev::dacCountOfChip() const
@@ -45,6 +74,8 @@ int AMpx2Dev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip
 {
     if (requireChips() != 0)
         return 1;
+    if (!checkSize(size))
+        return 1;
     std::vector<char> stream(static_cast<std::size_t>(chipCount_) * MPX2_DAC_STREAM_SIZE);
     return setDACs(dacs, size, stream.data(), chip, senseChip, senseDac, extDac, ctpr, DACS_TIMEOUT, false);
 }
@@ -52,10 +83,12 @@ int AMpx2Dev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip
 int AMpx2Dev::setDACs(const unsigned short* dacs, std::size_t size, char* stream, int, int senseChip, int senseDac,
                       int extDac, unsigned ctpr, double timeout, bool idsOnly)
 {
-    const FrameGap gap(*this);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Set DACs");
     const auto dacCount = static_cast<std::size_t>(dacCountOfChip());
-    if (dacs == nullptr || size < static_cast<std::size_t>(chipCount_) * dacCount)
+    if (dacs == nullptr || stream == nullptr || size < static_cast<std::size_t>(chipCount_) * dacCount)
         return -1;
     {
         ThreadLock lock(&pinSync);
@@ -102,9 +135,12 @@ int AMpx2Dev::setDACs(const unsigned short* dacs, std::size_t size, char* stream
 /// block was sent shows in the answer.
 int AMpx2Dev::exchangeDacs(unsigned char* block, unsigned char* answer, std::size_t size, double timeout)
 {
-    changePins({{&TpxPins::ENIN, 0}, {&TpxPins::OUTEN, 1}});
-    link.sendPayload(tpx::TpxCmd::Data, block, size, cmdflag::EXCHANGE);
-    changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
+    {
+        ThreadLock lock(&exchangeSync);
+        changePins({{&TpxPins::ENIN, 0}, {&TpxPins::OUTEN, 1}});
+        link.sendPayload(tpx::TpxCmd::Data, block, size, cmdflag::EXCHANGE);
+        changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
+    }
     unsigned long received = size;
     if (const int result = link.receive(answer, &received, timeout); result != 0)
         return logError(result, "Cannot not set DACs (%s)", link.lastError());
@@ -130,6 +166,7 @@ int AMpx2Dev::writeChips(const unsigned short* matrix, std::size_t size, bool co
         std::vector<unsigned char> stream(chips * MPX2_STREAM_STRIDE);
         serializeMpx2(words.data(), words.size(), stream.data(), stream.size(), true);
 
+        ThreadLock lock(&exchangeSync);
         changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 1}, {&TpxPins::OUTEN, 0}, {&TpxPins::ENIN, 0}});
         const int sent = link.sendPayload(tpx::TpxCmd::Data, stream.data(), stream.size(), cmdflag::EXCHANGE);
         changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
@@ -144,6 +181,7 @@ int AMpx2Dev::writeChips(const unsigned short* matrix, std::size_t size, bool co
 /// Orders a readout: the length of what is to come, and the bits to clock.
 void AMpx2Dev::sendReadout(const Mpx2Readout& readout)
 {
+    ThreadLock lock(&exchangeSync);
     link.send(tpx::TpxCmd::AnnounceLength, CmdArgs::word(readout.announcedBytes()), cmdflag::OUTPUT);
     link.send(tpx::TpxCmd::Readout, CmdArgs::word(readout.bits), cmdflag::OUTPUT);
 }
@@ -162,7 +200,11 @@ int AMpx2Dev::setTimer(double seconds)
 {
     if (requireChips() != 0)
         return 1;
-    ThreadLock lock(&devSync);
+    if (!(seconds >= 0))
+        return logError(1, "Invalid time (%g s).", seconds);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Set Timer");
     unsigned char b[6];
     doubleToInt48(seconds * kind.ticksPerSecond, b);
@@ -173,9 +215,13 @@ int AMpx2Dev::setTimer(double seconds)
 
 int AMpx2Dev::setTimepixClock(double* mhz)
 {
+    if (mhz == nullptr)
+        return refuseNull();
     if (!(*mhz > 0))
         return logError(1, "Invalid Timepix clock (%f MHz).", *mhz);
-    const FrameGap gap(*this);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     const double wanted = tpx::CLOCK_BASE_MHZ / *mhz + 0.5;
     constexpr double MAX_DIVIDER = std::numeric_limits<std::uint32_t>::max();
     const auto divider = static_cast<std::uint32_t>(std::clamp(wanted, 1.0, MAX_DIVIDER));
@@ -187,6 +233,7 @@ int AMpx2Dev::setTimepixClock(double* mhz)
 int AMpx2Dev::setAcqClocks()
 {
     logFunction("Set Acq Clocks");
+    ThreadLock lock(&exchangeSync);
     preShutterClockCount = paramInt32(devParams, "PreShutterClockCount");
     preShutterClockDivider = paramInt32(devParams, "PreShutterClockDivider");
     preShutterDelayClockCount = paramInt32(devParams, "PreShutterDelayClockCount");

@@ -1,18 +1,24 @@
-// Series of a Medipix2 or Timepix device: one exposure, the software trigger, and the life of the acquisition thread.
+// Series of a Medipix2 or Timepix device: one exposure, the triggers, the frames on their way to the host, and the life
+// of the acquisition thread.
 #include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/frames.h"
+#include "host/datatype.h"
 #include "link/tpxcmds.h"
-#include "shared/datatype.h"
+
+#include <cmath>
 
 namespace HwLatixel {
 
 namespace {
 
 constexpr double CUT_FRAME_TIMEOUT = 0.4; ///< seconds that the packet of a stopped frame may take
-constexpr double SERIES_END_LIMIT = 30.0; ///< seconds that closing waits for a running series
+constexpr double WISH_INTERVAL = 1.0;     ///< seconds between two readings for hosts that poll
+constexpr double WISH_PATIENCE = 0.1;     ///< seconds that a poll waits for its reading
+constexpr double WISH_POLL = 0.005;       ///< seconds
 constexpr std::size_t TIME_OFFSET = 2;    ///< of the measured time in an end-of-frame packet
 constexpr std::size_t TIME_SIZE = 6;
+constexpr const char* RUNNING = "Acquisition is running";
 
 } // namespace
 
@@ -29,9 +35,13 @@ int AMpx2Dev::doSoftwareTrigger(unsigned)
     return 0;
 }
 
+/// Nobody is kept off the link meanwhile, and who polls the device gets its readings.
 void AMpx2Dev::waitForSwTrigger(bool* stop)
 {
-    softTrigger.wait(dispatcher, stop);
+    softTrigger.wait(events.dispatcher(), stop, [this] {
+        serveWishes();
+        return !loadFlag(overheated) && !life.stopped();
+    });
 }
 
 void AMpx2Dev::setBusy(bool value)
@@ -39,7 +49,7 @@ void AMpx2Dev::setBusy(bool value)
     if (loadFlag(busy) == value)
         return;
     storeFlag(busy, value);
-    dispatcher.setEvent(HWEVENT_BUSY_CHANGED, value ? 1 : 0, false);
+    events.send(HWEVENT_BUSY_CHANGED, value ? 1 : 0, false);
 }
 
 int AMpx2Dev::copyMatrixStreamToSecondBuffer()
@@ -58,26 +68,35 @@ unsigned char AMpx2Dev::triggerFlags() const
 /// Opens the shutter. On failure the chips stay in acquisition.
 int AMpx2Dev::startExposure(unsigned char flags, std::uint32_t frameWord)
 {
+    ThreadLock lock(&exchangeSync);
     changePins({{&TpxPins::ACQOVER, 1}, {&TpxPins::OUTEN, 0}});
     return link.send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
 }
 
 void AMpx2Dev::endExposure()
 {
+    ThreadLock lock(&exchangeSync);
+    if (!link.exists())
+        return;
     changePins({{&TpxPins::ACQOVER, 0}, {&TpxPins::OUTEN, 0}});
     handBackOutput(*link);
 }
 
 /// Waits for the packet at the end of a frame. The packet of a frame that a stop has cut is still on its way, and is
 /// collected or dropped, as the board's kind has it.
-int AMpx2Dev::waitForFrameEnd(double timeout, bool sleeps, EndOfFrame& packet)
+int AMpx2Dev::waitForFrameEnd(double timeout, bool sleeps, const bool* stop, EndOfFrame& packet)
 {
     auto* bytes = reinterpret_cast<char*>(packet.data());
-    const int result = link->waitForPacket(timeout, &stopRequested, bytes, END_OF_FRAME_SIZE, false, sleeps);
-    if (result == dv::RESULT_STOPPED && kind.collectsCutFrame)
+    // The flag is only looked at.
+    const int result = link->waitForPacket(timeout, const_cast<bool*>(stop), bytes, END_OF_FRAME_SIZE, false, sleeps);
+    // Closing tells the board by itself, once nobody else uses the link.
+    if (result != dv::RESULT_STOPPED || loadFlag(closing))
+        return result;
+    stopsUnderWay.wait();
+    if (kind.collectsCutFrame)
         link->waitForPacket(CUT_FRAME_TIMEOUT, nullptr, bytes, END_OF_FRAME_SIZE, true, false);
-    else if (result == dv::RESULT_STOPPED)
-        link.drain(DRAIN_TIMEOUT); // the next exchange must not find it in front of its answer
+    else
+        link.drain(DRAIN_TIMEOUT, DRAIN_LIMIT); // the next exchange must not find it in front of its answer
     return result;
 }
 
@@ -89,7 +108,7 @@ void AMpx2Dev::takeMeasuredTime(const EndOfFrame& packet)
     lastAcqTimeValue = static_cast<double>(ticks) / kind.ticksPerSecond;
 }
 
-/// One exposure of a series, with `acqSync` held.
+/// One exposure of a series, with the turn in hand.
 int AMpx2Dev::expose()
 {
     if (!link.exists())
@@ -97,8 +116,8 @@ int AMpx2Dev::expose()
     logFunction("Start Acquisition");
     {
         // A stop is seen here, or sends its command behind the start.
-        ThreadLock lock(&devSync);
-        if (loadFlag(stopRequested))
+        ThreadLock lock(&exchangeSync);
+        if (life.stopped())
             return 0;
         if (const int result = startExposure(triggerFlags(), tpx::SINGLE_FRAME); result != 0)
             return result;
@@ -106,50 +125,49 @@ int AMpx2Dev::expose()
     const bool triggered = triggerMode != TRIGGER_NONE;
     const double timeout = triggered ? WAIT_UNLIMITED : acqTime + PACKET_GRACE;
     EndOfFrame packet{};
-    const int result = waitForFrameEnd(timeout, triggered || acqTime > SLEEPING_WAIT_ABOVE, packet);
+    const int result =
+        waitForFrameEnd(timeout, triggered || acqTime > SLEEPING_WAIT_ABOVE, life.stopRequested(), packet);
     endExposure();
-    return completeExposure(result, packet);
+    return completeExposure(result == 0 || life.stopped(), packet);
 }
 
-int AMpx2Dev::completeExposure(int waitResult, const EndOfFrame& packet)
+int AMpx2Dev::completeExposure(bool ended, const EndOfFrame& packet)
 {
-    if (waitResult != 0 && !loadFlag(stopRequested))
+    if (!ended)
         return logError(dv::RESULT_ACQ_TIMEOUT, "Acquisition timeout (%s)", link.lastError());
     takeMeasuredTime(packet);
     return 0;
 }
 
-/// Ends the frame on the board, and where the board's kind has it so the series for those who read the matrix: they
-/// read the chips from now on.
+/// Ends the frame on the board.
 void AMpx2Dev::stopBoard()
 {
-    ThreadLock lock(&devSync);
-    link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
-    if (kind.stopEndsReading)
-        storeFlag(acquiring, false);
+    ThreadLock lock(&exchangeSync);
+    if (link.exists())
+        link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
 }
 
-/// Waits until the host has taken the frame before out of the stream.
-void AMpx2Dev::waitForReader()
+/// Seconds that an operation waits for the turn.
+double AMpx2Dev::turnLimit() const
 {
-    while (!matrixReadEvent.wait(READER_POLL_MS)) {
-        if (kind.stopEndsReaderWait && loadFlag(stopRequested))
-            return;
-    }
+    constexpr double PATIENCE = 5.0;
+    const bool timed = life.state() != SeriesLife::State::Idle && triggerMode == TRIGGER_NONE;
+    return timed ? acqTime + PATIENCE : PATIENCE;
 }
 
 int AMpx2Dev::prepareAcquisition(double seconds)
 {
-    ThreadLock lock(&devSync);
-    storeFlag(stopRequested, false);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    storeFlag(halfStopped, false);
     lastAcqTimeValue = seconds;
     return configureSeries(seconds);
 }
 
-/// What a series needs on the board; also after a recovery in the middle of one, where a stop must not be forgotten.
+/// What a series needs on the board; also after a recovery in the middle of one.
 int AMpx2Dev::configureSeries(double seconds)
 {
-    ThreadLock lock(&devSync);
     acqTime = seconds;
     if (setTimer(shutterTime(seconds)) != 0)
         return -1;
@@ -164,32 +182,69 @@ int AMpx2Dev::configureSeries(double seconds)
 
 int AMpx2Dev::startAcquisition(unsigned count, double seconds)
 {
-    // Nothing is looked at: a series that can't be prepared fails in its thread, and a second series at the same time
-    // takes its frames between those of the first one.
+    if (!(seconds >= devMpxInfoRec.acqTimeMin && seconds <= devMpxInfoRec.acqTimeMax))
+        return logError(1, "Invalid acquisition time (%g s).", seconds);
+    switch (life.begin()) {
+    case SeriesLife::Start::Accepted:
+        break;
+    case SeriesLife::Start::Late:
+        return logError(1, "Device is busy");
+    case SeriesLife::Start::Running:
+    case SeriesLife::Start::InCallback:
+        return logError(1, RUNNING);
+    }
+    if (prepareSeries(count, seconds) != 0) {
+        life.giveUp();
+        return 1;
+    }
+    if (!life.run(acqFuncWrapper, this))
+        return logError(1, "Cannot start the acquisition thread.");
+    return 0;
+}
+
+/// What is to be done before the thread of a series. A preparation that the board refuses shows in the thread.
+int AMpx2Dev::prepareSeries(unsigned count, double seconds)
+{
+    if (const int result = checkSeries(count); result != 0)
+        return result;
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    if (needsRecovery) {
+        if (recoverDevice() != 0)
+            return 1;
+        needsRecovery = false;
+    }
     acqCount = count;
     prepareAcquisition(seconds);
-    startSeriesThread();
     return 0;
 }
 
 int AMpx2Dev::stopAcquisition()
 {
-    if (requireChips() != 0)
-        return 1;
-    // Before any lock, so that the series sees it at once.
-    storeFlag(stopRequested, true);
-    stopBoard();
-    return 0;
+    const StopsUnderWay::Scope stop(stopsUnderWay);
+    // Ahead of all else, so that the series sees it at once, also one that the refusals below leave without a command.
+    const bool running = life.stop();
+    storeFlag(halfStopped, true);
+    linkTurn.endWholeSeries();
+    if (requireChips() == 0) {
+        stopBoard();
+        return 0;
+    }
+    if (running && loadFlag(connected))
+        stopBoard();
+    return 1;
 }
 
 void AMpx2Dev::openSeries()
 {
-    ThreadLock lock(&openSync);
-    ++openCount;
-    setBusy(true);
-    storeFlag(acquiring, true);
     recoverResult = 0;
-    dispatcher.startThread();
+    storeFlag(frameAnnounced, false);
+    wishes = 0;
+    nextServing = getPreciseTime() + WISH_INTERVAL;
+    storeFlag(acquiring, true);
+    setBusy(true);
+    events.dispatcher().startThread();
     // The first frame waits for no reader.
     matrixReadEvent.set();
 }
@@ -198,129 +253,241 @@ void AMpx2Dev::openSeries()
 AMpx2Dev::Pass AMpx2Dev::runFrames()
 {
     std::uint64_t frame = 0;
+    bool repeated = false;
     while (frame < acqCount) {
-        const Pass pass = takeFrame();
-        if (pass == Pass::Lost || pass == Pass::Stopped)
-            return pass;
-        if (pass == Pass::Again)
+        serveWishes();
+        StreamCount count;
+        const Pass pass = takeFrame(repeated, count);
+        repeated = pass == Pass::Again;
+        if (repeated)
             continue;
-        announceFrame(frame);
-        if (loadFlag(stopRequested))
+        if (pass != Pass::Taken)
+            return pass;
+        announceFrame(frame, count);
+        if (life.stopped())
             return Pass::Stopped;
         ++frame;
     }
     return Pass::Taken;
 }
 
-AMpx2Dev::Pass AMpx2Dev::takeFrame()
+/// One attempt at a frame. It has the turn from the start command to the end of the stream.
+AMpx2Dev::Pass AMpx2Dev::takeFrame(bool repeated, StreamCount& count)
 {
-    ThreadLock lock(&acqSync);
-    if ((acqMode & dv::ACQMODE_SOFT_TRIGGER) != 0)
-        waitForSwTrigger(&stopRequested);
+    // The trigger of a frame that is repeated has come.
+    if (!repeated && (acqMode & dv::ACQMODE_SOFT_TRIGGER) != 0)
+        waitForSwTrigger(const_cast<bool*>(life.stopRequested()));
+    DeviceTurn turn(linkTurn, report, SERIES_PATIENCE);
     // A stop that has come between two frames, or instead of a trigger: its command must stay the last one.
-    if (loadFlag(stopRequested))
+    if (!turn.taken() || life.stopped())
         return Pass::Stopped;
+    if (loadFlag(overheated))
+        return Pass::Overheated;
     if (doSingleAcquisition() != 0) {
-        recoverResult = recoverDevice();
-        if (recoverResult != 0)
-            return Pass::Lost;
-        // Where a stop ends the reading, the host's reads go to the chips for the rest of the series, as if none ran:
-        // they find the counters that this thread has just read out.
+        if (const Pass pass = recoverSeries(); pass != Pass::Again)
+            return pass;
         stopBoard();
         eraseMatrix();
         return Pass::Again;
     }
     recoverResult = 0;
-    if (loadFlag(stopRequested))
+    if (life.stopped())
         return Pass::Stopped;
-    waitForReader();
-    if (kind.stopEndsReaderWait && loadFlag(stopRequested))
-        return Pass::Stopped;
-    if (readStream() != 0) {
-        recoverResult = recoverDevice();
-        // A frame that is repeated behind a recovery that worked, with no word of it, waits for another read by the
-        // host before its stream is taken.
-        if (recoverResult != 0 || kind.tellsRecoveredRead) {
-            logError(1, "Reading matrix from device failed, reattempting acq.");
-            matrixReadEvent.set();
-        }
-        return Pass::Again;
+    if (awaitReader([this] { return linkTurn.wanted() || wishesDue(); })) {
+        const int result = buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+        return result == 0 ? frameTaken() : recoverRead(true);
     }
+    if (life.stopped())
+        return Pass::Stopped;
+    // Somebody waits for the link: the frame goes aside, and they need not wait for the reader as well.
+    spareStream.resize(buffers.size());
+    if (readStream(spareStream, count) != 0)
+        return recoverRead(false);
+    turn.release();
+    while (!awaitReader([this] { return wishesDue(); })) {
+        if (life.stopped())
+            return Pass::Stopped;
+        serveWishes();
+        if (loadFlag(overheated))
+            return Pass::Overheated;
+    }
+    buffers.receive([this](std::span<unsigned char> stream) {
+        std::copy_n(spareStream.begin(), std::min(spareStream.size(), stream.size()), stream.begin());
+    });
+    return frameTaken();
+}
+
+AMpx2Dev::Pass AMpx2Dev::frameTaken()
+{
     matrixReadEvent.reset();
     return Pass::Taken;
 }
 
+/// Brings the board back in the middle of a series. One that a stop cuts is made up for by the next series.
+AMpx2Dev::Pass AMpx2Dev::recoverSeries()
+{
+    const int result = recoverDevice();
+    if (result != 0 && life.stopped()) {
+        needsRecovery = true;
+        recoverResult = 0;
+        return Pass::Stopped;
+    }
+    recoverResult = result;
+    return result != 0 ? Pass::Lost : Pass::Again;
+}
+
+/// Behind a stream that could not be read. Where the frame before was taken, the repeated one waits for nobody.
+AMpx2Dev::Pass AMpx2Dev::recoverRead(bool readerCame)
+{
+    const Pass pass = recoverSeries();
+    if (pass == Pass::Stopped)
+        return pass;
+    if (pass == Pass::Lost || kind.tellsRecoveredRead)
+        logError(1, "Reading matrix from device failed, reattempting acq.");
+    if (readerCame)
+        matrixReadEvent.set();
+    return Pass::Again;
+}
+
 /// Hands a frame over: through the dispatcher's worker, so that the next one exposes meanwhile; the last one at once,
 /// so that the host is done with it before the series ends.
-void AMpx2Dev::announceFrame(std::uint64_t frame)
+void AMpx2Dev::announceFrame(std::uint64_t frame, const StreamCount& count)
 {
+    if (count.missing() != 0)
+        report.line(ERR, "Frame %lu is incomplete: %lu of %lu bytes received", static_cast<unsigned long>(frame),
+                    static_cast<unsigned long>(count.received), static_cast<unsigned long>(count.expected));
+    buffers.announce(count.missing());
+    storeFlag(frameAnnounced, true);
     setBusy(false);
-    dispatcher.setEvent(HWEVENT_FRAME_READY, static_cast<long>(frame), frame + 1 < acqCount);
+    events.send(HWEVENT_FRAME_READY, static_cast<long>(frame), frame + 1 < acqCount);
     setBusy(true);
 }
 
-/// Ends a series for the host. One that still runs beside it stays in its reading: whoever read the chips then would
-/// wait for the end of a frame that waits for its reader.
-void AMpx2Dev::endSeries(bool failed)
+/// Ends a series: all is in order for the next one before the last event tells the host.
+void AMpx2Dev::endSeries(Pass last, bool staysBusy)
 {
-    {
-        ThreadLock lock(&openSync);
-        if (--openCount == 0) {
-            dispatcher.stopThread();
-            setBusy(false);
-            storeFlag(acquiring, false);
-        }
-    }
-    if (failed)
-        dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+    const bool stopped = life.stopped();
+    life.framesOver();
+    events.dispatcher().stopThread();
+    if (!staysBusy)
+        setBusy(false);
+    storeFlag(acquiring, false);
+    if (last == Pass::Overheated)
+        events.send(HWEVENT_ACQ_FAILED, dv::RESULT_OVERHEATED, false);
+    life.finished();
+    if (last == Pass::Lost)
+        events.send(HWEVENT_ACQ_FAILED, -1, false);
     else
-        dispatcher.setEvent(loadFlag(stopRequested) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0, false);
+        events.send(stopped || last == Pass::Overheated ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0, false);
 }
 
-/// Leaves a series that could not go on. Nothing is taken back: the device stays busy and in its series until the next
-/// bring-up, or the end of the next series.
-void AMpx2Dev::abandonSeries()
+/// Whether reads of the matrix give the frame that was announced last, in place of the chips.
+bool AMpx2Dev::givesAnnouncedFrame() const
 {
-    {
-        ThreadLock lock(&openSync);
-        --openCount;
-    }
-    dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+    return loadFlag(acquiring) && (loadFlag(frameAnnounced) || !life.stopped());
 }
 
 dv::IMpxFrame* AMpx2Dev::lastData()
 {
+    std::size_t missing = 0;
     dv::IMpxFrame* frame =
-        frameOf<unsigned short>(*dorvet, chipCount_, DT_I16, [this](unsigned short* pixels, std::size_t count) {
-            return readMatrix(pixels, count, true);
+        frameOf<unsigned short>(*dorvet, chipCount_, DTYPE_I16, [&](unsigned short* pixels, std::size_t size) {
+            return readMatrixCounting(pixels, size, true, missing);
         });
-    if (frame != nullptr)
-        describeFrame(*frame);
+    if (frame == nullptr)
+        return nullptr;
+    describeFrame(*frame);
+    if (const auto count = static_cast<std::uint32_t>(missing); count != 0)
+        frame->addMetaData("MissingBytes", "MissingBytes", DTYPE_U32, &count, sizeof(count));
     return frame;
 }
 
-void AMpx2Dev::startSeriesThread()
+/// Reads the chips, where there is no frame of a series to give.
+int AMpx2Dev::readChipsNow(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing)
 {
-    if (!series.start(acqFuncWrapper, this))
-        dispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+    if (requireChips() != 0)
+        return 1;
+    // Up to the decoding: a series that begins meanwhile reads its first frame into the same stream.
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    StreamCount count;
+    if (const int result = buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+        result != 0)
+        return result;
+    missing = count.missing();
+    if (missing != 0)
+        report.line(ERR, "The matrix is incomplete: %lu of %lu bytes received",
+                    static_cast<unsigned long>(count.received), static_cast<unsigned long>(count.expected));
+    return getConvertedMatrix(matrix, size, convert, false);
+}
+
+/// Clears the counters by reading them; in a series past the stream, which may be a frame that the host has not taken.
+void AMpx2Dev::discardMatrix()
+{
+    StreamCount count;
+    if (!loadFlag(acquiring)) {
+        buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+        return;
+    }
+    std::vector<unsigned char> stream(buffers.size());
+    readStream(stream, count);
 }
 
 void AMpx2Dev::acqFuncWrapper(void* device)
 {
     auto* self = static_cast<AMpx2Dev*>(device);
     self->acqFunc();
-    self->series.left();
+    // The host has gone away meanwhile and has left the device to this thread.
+    if (self->life.left())
+        delete self;
 }
 
-/// A series whose host went away without waiting for its end must not touch a closed link.
-void AMpx2Dev::waitForSeriesEnd()
+// ---- Readings for a host that polls ----
+
+bool AMpx2Dev::wishesDue() const
 {
-    series.waitForEnd(SERIES_END_LIMIT, [this](bool stopOnBoard) {
-        storeFlag(stopRequested, true);
-        matrixReadEvent.set();
-        if (stopOnBoard)
-            link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
-    });
+    return wishes != 0 && getPreciseTime() >= nextServing;
+}
+
+/// In a series, which is not to be disturbed, leaves a wish for a reading and gives it a moment. False outside of one.
+bool AMpx2Dev::leaveWish(unsigned wish) const
+{
+    if (!loadFlag(acquiring))
+        return false;
+    wishes |= wish;
+    const double deadline = getPreciseTime() + WISH_PATIENCE;
+    if (life.caller() != SeriesLife::Caller::Host || nextServing > deadline)
+        return true;
+    while ((wishes & wish) != 0 && loadFlag(acquiring) && getPreciseTime() < deadline)
+        sleepThread(WISH_POLL);
+    return true;
+}
+
+/// Makes the readings that were wished for, where it is time for it. Between two frames of a series.
+void AMpx2Dev::serveWishes()
+{
+    if (!wishesDue())
+        return;
+    DeviceTurn turn(linkTurn, report, SERIES_PATIENCE);
+    if (!turn.taken())
+        return;
+    const unsigned wanted = wishes;
+    for (unsigned char channel = 0; channel < adcCodes.size(); ++channel)
+        if ((wanted >> channel & 1U) != 0)
+            readAdcCode(channel);
+    if ((wanted & WISH_STATUS) != 0)
+        pollStatus();
+    if ((wanted & WISH_STATUS_TEXT) != 0)
+        pollStatusText();
+    if ((wanted & WISH_CPU_PARAMS) != 0)
+        fetchCpuParams();
+    if ((wanted & (WISH_BIAS | WISH_BIAS_CURRENT)) != 0)
+        senseBias((wanted & WISH_BIAS) != 0, (wanted & WISH_BIAS_CURRENT) != 0);
+    wishes &= ~wanted;
+    nextServing = getPreciseTime() + WISH_INTERVAL;
+    turn.release();
+    publishCpuValues();
 }
 
 } // namespace HwLatixel

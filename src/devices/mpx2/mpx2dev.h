@@ -12,7 +12,7 @@ namespace HwLatixel {
 
 /// A board with up to five modules behind a multiplexer, each a daisy chain of up to ten chips, a flash store and
 /// perhaps a CPU. It stands alone or as a member of a composite. Chips are numbered through the modules. For its life,
-/// its locks and its threads see AMpx2Dev; a series has one detached thread, which holds `acqSync` for each frame.
+/// the turn of its link and its threads see AMpx2Dev; a series has one detached thread.
 class Mpx2Dev : public AMpx2Dev {
 public:
     static constexpr int MODULES = 5;
@@ -54,12 +54,8 @@ public:
     virtual int dacCount() const { return dacCountOfChip(); }
     virtual std::vector<std::string> chipIDs() const { return chipIds; }
 
-    // Status (mpx2dev_status.cpp)
-    /// Asks the board's CPU, unless a frame is exposed: after 100 ms of waiting the last status comes back. Trips the
-    /// temperature protection, which refuses `setBias` until the next `initDevice`.
-    int deviceStatus() const override;
-    const char* deviceStatusText() const override;
-    /// Refreshes the CPU's values in `parameters`, at most once a second. The caller holds `devSync`.
+    // Status (mpx2dev_status.cpp). The temperature protection refuses `setBias` until the next `initDevice`.
+    /// Asks the CPU for its values, at most once a second, with the turn in hand.
     void readSenseValuesFromCpu() const;
 
     // Configuration (mpx2dev_config.cpp)
@@ -71,7 +67,6 @@ public:
     void setPreshutterParams(int count, int divider, int delay);
 
     // Matrices (mpx2dev_matrix.cpp)
-    int readMatrix(unsigned short* matrix, std::size_t size, bool convert) override;
     /// Reads the chips, which clears their counters.
     int eraseMatrix() override;
     /// Brings the raw stream of all chips into the stream buffer, and leaves the counters cleared. Fails for a short
@@ -94,20 +89,14 @@ protected:
     std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() override;
     void initCpu() override;
     void senseBias(bool volts, bool amperes) const override;
-    int readStream() override { return readMatrixFromDevice(); }
+    int readStream(std::span<unsigned char> stream, StreamCount& count) override;
+    int readMatrixCounting(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing) override;
     void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
                       bool convert) const override;
     void describeFrame(dv::IMpxFrame& frame) override { addMetaDataToFrame(&frame); }
-    void onReadParamCpu() override;
     void onWriteParamCpu(dv::IParam* param) override;
 
 private:
-    // Status
-    template <typename Poll>
-    void pollBetweenFrames(Poll poll) const;
-    void updateCpuParams() const;
-    double cpuValue(const char* name) const;
-
     // Bring-up steps
     void findChips();
     void logChipIds() const;
@@ -122,7 +111,7 @@ private:
     void decodeModules(std::span<const unsigned char> stream, std::span<unsigned short> matrix, bool convert) const;
     int reportReadout(int shortCode, unsigned long received, unsigned long expected, int result) const;
 
-    Buffer<unsigned short> matrixBackup{0, false}; ///< the last matrix written to the chips; acqSync and devSync
+    Buffer<unsigned short> matrixBackup{0, false}; ///< the last matrix written to the chips; the turn
 
     // Set at bring-up, then only read
     std::array<int, MODULES> moduleEnable{-1, -1, -1, -1, -1}; ///< settings; 0 and 1 once modules are detected
@@ -134,9 +123,8 @@ private:
     bool overrideChipIds = false; ///< setting "OverrideChipIDs"; read from the settings and used by nothing
     bool readParallel = true;     ///< setting "ReadParallel"
 
-    mutable bool cpuParamsUpdating = false;        ///< polled: the CPU's values are being written to the parameters
     mutable std::atomic<double> detectorTemp{0.0}; ///< degrees Celsius, 0 until the CPU has told it
-    mutable double lastSenseRead = 0.0;            ///< time of the last refresh in readSenseValuesFromCpu; devSync
+    mutable double lastSenseRead = 0.0;            ///< time of the last refresh in readSenseValuesFromCpu; the turn
 };
 
 } // namespace HwLatixel

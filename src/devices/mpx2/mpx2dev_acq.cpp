@@ -1,8 +1,8 @@
 // Series of frames on a Medipix2 or Timepix board: the exposure in two halves, and what its frames carry.
 #include "devices/mpx2/mpx2dev.h"
 
+#include "host/datatype.h"
 #include "link/tpxcmds.h"
-#include "shared/datatype.h"
 
 namespace HwLatixel {
 
@@ -14,9 +14,10 @@ constexpr double QUICK_WAIT = 0.5; ///< seconds
 
 int Mpx2Dev::startSingleAcquisition()
 {
-    ThreadLock lock(&devSync);
     logFunction("Start Acquisition");
-    storeFlag(stopRequested, false);
+    if (!link.exists())
+        return logError(1, "%s", NOT_CONNECTED);
+    storeFlag(halfStopped, false);
     return startExposure(0, tpx::SINGLE_FRAME);
 }
 
@@ -25,29 +26,28 @@ int Mpx2Dev::waitForAcqFinish(bool quick)
     if (!link.exists())
         return logError(1, "%s", NOT_CONNECTED);
     EndOfFrame packet{};
-    const int result =
-        waitForFrameEnd(quick ? QUICK_WAIT : acqTime + PACKET_GRACE, acqTime > SLEEPING_WAIT_ABOVE, packet);
-    if (result == 0 || loadFlag(stopRequested))
+    const int result = waitForFrameEnd(quick ? QUICK_WAIT : acqTime + PACKET_GRACE, acqTime > SLEEPING_WAIT_ABOVE,
+                                       &halfStopped, packet);
+    // One look at the stop: what it decides here goes for the pins and for the result.
+    const bool ended = result == 0 || loadFlag(halfStopped);
+    if (ended)
         endExposure();
-    return completeExposure(result, packet);
+    return completeExposure(ended, packet);
 }
 
 void Mpx2Dev::acqFunc()
 {
     setCurrentThreadName("mpx2devacq");
     openSeries();
-    if (runFrames() == Pass::Lost) {
-        abandonSeries();
-        dispatcher.stopThread();
-        return;
-    }
-    endSeries(false);
+    const Pass last = runFrames();
+    // A device that is lost stays busy until the next bring-up, or the end of the next series.
+    endSeries(last, last == Pass::Lost);
 }
 
 void Mpx2Dev::addMetaDataToFrame(dv::IMpxFrame* frame)
 {
     const auto add = [frame](const char* name, const char* description, double value) {
-        frame->addMetaData(name, description, DT_DOUBLE, &value, sizeof(value));
+        frame->addMetaData(name, description, DTYPE_DOUBLE, &value, sizeof(value));
     };
     add("BiasCurrentSense", "Bias Current Sense [V]", currentSense);
     add("BiasVoltageSense", "Bias Voltage Sense [V]", biasSense);

@@ -41,8 +41,6 @@ constexpr Mpx2BoardKind BOARD_KIND{
     .adcReadCounts = false,
     .quietServices = true,
     .collectsCutFrame = true,
-    .stopEndsReaderWait = true,
-    .stopEndsReading = true,
     .tellsRecoveredRead = true,
     .sensorParams = {},
     .lastParams = {},
@@ -272,6 +270,9 @@ int Mpx2Dev::readChipInfo()
 
 int Mpx2Dev::recoverDevice()
 {
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Recover device");
     if (!reconnect())
         return logError(-1, "Could not recover device");
@@ -279,6 +280,8 @@ int Mpx2Dev::recoverDevice()
     setPower(false);
     setPower(true);
     sleepThread(RECOVERY_POWER_PAUSE);
+    if (recoveryCut())
+        return logError(-1, "Could not recover device");
     resetMedipix();
     setBias(biasValue);
     double clock = timepixClock;

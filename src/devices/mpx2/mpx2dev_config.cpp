@@ -17,12 +17,16 @@ int Mpx2Dev::setBias(double volts)
         return logError(1, "%s", NOT_CONNECTED);
     if (std::isnan(volts))
         return logError(1, "Bias voltage is not a number.");
-    const FrameGap gap(*this);
     biasValue = volts;
     logFunction("Set Bias");
     // The CPU knows the polarity of its supply; only the recovery remembers the sign.
-    if (biasInCpu && biasSetParamIndex >= 0)
-        return ibCpu->setValue(biasSetParamIndex, static_cast<float>(std::fabs(volts)));
+    if (biasInCpu && biasSetParamIndex >= 0) {
+        const DeviceTurn turn = operationTurn();
+        if (turn.require() != 0)
+            return 1;
+        ThreadLock lock(&exchangeSync);
+        return ibCpu != nullptr ? ibCpu->setValue(biasSetParamIndex, static_cast<float>(std::fabs(volts))) : 1;
+    }
     if (devMpxInfoRec.biasMin == 0.0 && devMpxInfoRec.biasMax == 0.0)
         return -1;
     return sendBiasCode(volts);
@@ -31,6 +35,10 @@ int Mpx2Dev::setBias(double volts)
 int Mpx2Dev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 {
     if (requireChips() != 0)
+        return 1;
+    if (cfg == nullptr && size != 0)
+        return refuseNull();
+    if (!checkSize(size))
         return 1;
     std::vector<unsigned short> words(size);
     pixelCfgToMatrixMpx2(cfg, size, timepix, words.data());
@@ -41,7 +49,13 @@ int Mpx2Dev::writeMatrix(const unsigned short* matrix, std::size_t size, bool co
 {
     if (requireChips() != 0)
         return 1;
-    const FrameGap gap(*this);
+    if (matrix == nullptr && size != 0)
+        return refuseNull();
+    if (!checkSize(size))
+        return 1;
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Write Matrix");
     // A recovery hands in the backup itself.
     if (matrix != matrixBackup.data())
@@ -51,7 +65,7 @@ int Mpx2Dev::writeMatrix(const unsigned short* matrix, std::size_t size, bool co
 
 void Mpx2Dev::setPreshutterParams(int count, int divider, int delay)
 {
-    ThreadLock lock(&devSync);
+    ThreadLock lock(&exchangeSync);
     preShutterClockCount = count;
     preShutterClockDivider = divider;
     preShutterDelayClockCount = delay;

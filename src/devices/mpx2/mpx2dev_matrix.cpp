@@ -23,21 +23,32 @@ int Mpx2Dev::eraseMatrix()
 {
     if (requireChips() != 0)
         return 1;
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Erase matrix");
-    readMatrixFromDevice();
+    discardMatrix();
     return 0;
 }
 
 int Mpx2Dev::readMatrixFromDevice()
 {
-    ThreadLock lock(&devSync);
+    if (requireChips() != 0)
+        return 1;
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    StreamCount count;
+    return buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+}
+
+/// A stream that comes short is a failure here, so that there is nothing to count.
+int Mpx2Dev::readStream(std::span<unsigned char> stream, StreamCount&)
+{
     if (requireChips() != 0)
         return 1;
     logFunction("Read Matrix");
-    return buffers.receive([this](std::span<unsigned char> stream) {
-        return readParallel ? readAllModules(stream) : readModules(stream);
-    });
+    return readParallel ? readAllModules(stream) : readModules(stream);
 }
 
 int Mpx2Dev::readModules(std::span<unsigned char> stream)
@@ -110,25 +121,20 @@ int Mpx2Dev::reportReadout(int shortCode, unsigned long received, unsigned long 
     return 0;
 }
 
-int Mpx2Dev::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
+int Mpx2Dev::readMatrixCounting(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing)
 {
     const int pixels = chipCount_ * MPX2_CHIP_PIXELS;
     if (static_cast<int>(size) < pixels) {
-        matrixReadEvent.set();
+        // It counts as a read all the same: the series goes on.
+        takeAnnouncedFrame();
         return logError(1, "Invalid size for matrix (%lu < %lu)", static_cast<unsigned long>(size),
                         static_cast<unsigned long>(pixels));
     }
-    const bool running = loadFlag(acquiring);
-    if (running)
-        copyMatrixStreamToSecondBuffer();
-    // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
-    matrixReadEvent.set();
-    if (!running) {
-        const FrameGap gap(*this);
-        if (const int result = readMatrixFromDevice(); result != 0)
-            return result;
-    }
-    getConvertedMatrix(matrix, static_cast<std::size_t>(pixels), convert, running);
+    if (!givesAnnouncedFrame())
+        return readChipsNow(matrix, static_cast<std::size_t>(pixels), convert, missing);
+    takeAnnouncedFrame();
+    missing = buffers.copyMissing();
+    getConvertedMatrix(matrix, static_cast<std::size_t>(pixels), convert, true);
     return 0;
 }
 

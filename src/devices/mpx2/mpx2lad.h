@@ -4,7 +4,7 @@
 #include "chipdata/mpx2pixelcfg.h"
 #include "devices/common/frames.h"
 #include "devices/common/laddev.h"
-#include "shared/datatype.h"
+#include "host/datatype.h"
 
 #include <vector>
 
@@ -93,7 +93,7 @@ public:
     dv::IMpxFrame* lastData() override
     {
         return frameOf<unsigned short>(
-            *this->dorvet, this->members.chipCount(), DT_I16,
+            *this->dorvet, this->members.chipCount(), DTYPE_I16,
             [this](unsigned short* pixels, std::size_t count) { return this->readMatrix(pixels, count, true); });
     }
     int stopAcquisition() override

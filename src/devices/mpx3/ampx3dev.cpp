@@ -3,7 +3,7 @@
 
 #include "devices/common/devicename.h"
 #include "devices/common/frames.h"
-#include "shared/datatype.h"
+#include "host/datatype.h"
 #include "shared/fileops.h"
 #include "shared/inifile.h"
 #include "shared/str.h"
@@ -26,6 +26,9 @@ unsigned pixelCfgWord(unsigned char b0, unsigned char b1)
     return (~low & 1U) | (low >> 3U & 0x1FU) << 1U | (high & 0x1FU) << 6U | (~low >> 1U & 1U) << 11U;
 }
 
+/// Bytes of the largest configuration: five channels of two chips.
+constexpr std::size_t PIXEL_CFG_LIMIT = std::size_t{2} * 65536 * 10;
+
 void release(dv::IParamMgr*& manager)
 {
     if (manager != nullptr)
@@ -45,6 +48,7 @@ AMpx3Dev::AMpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::
       logDir(std::move(logFolder)),
       settingsFile(std::move(settings))
 {
+    report.setTurn(&linkTurn);
 }
 
 AMpx3Dev::~AMpx3Dev()
@@ -101,24 +105,32 @@ void AMpx3Dev::readSettings(const char* path)
 
 int AMpx3Dev::devInfo(dv::_DevInfo* info) const
 {
+    if (info == nullptr)
+        return refuseNull("the record");
     *info = devInfo_;
     return 0;
 }
 
 int AMpx3Dev::devMpxInfo(dv::_DevMpxInfo* info) const
 {
+    if (info == nullptr)
+        return refuseNull("the record");
     *info = devMpxInfo_;
     return 0;
 }
 
 int AMpx3Dev::devMpx3Info(dv::_DevMpx3Info* info) const
 {
+    if (info == nullptr)
+        return refuseNull("the record");
     *info = devMpx3Info_;
     return 0;
 }
 
 int AMpx3Dev::chipIDList(dv::IStrList* list) const
 {
+    if (list == nullptr)
+        return refuseNull("the list");
     for (const auto& id : chipIds)
         list->add(id.c_str());
     return 0;
@@ -126,9 +138,7 @@ int AMpx3Dev::chipIDList(dv::IStrList* list) const
 
 int AMpx3Dev::setEventFunc(dv::EventFunc func, void* user)
 {
-    eventFunc = func;
-    eventUser = user;
-    dispatcher.setFunc(func, user);
+    events.setFunc(func, user);
     return 0;
 }
 
@@ -147,10 +157,6 @@ int AMpx3Dev::setIDevice(dv::IDev* device)
 int AMpx3Dev::setAcqMode(unsigned mode)
 {
     acqMode = mode;
-    waitSoftTrigger = (mode & dv::ACQMODE_SOFT_TRIGGER) != 0;
-    acqModeBit3 = (mode & dv::ACQMODE_BIT3) != 0;
-    extTriggerStart = (mode & dv::ACQMODE_EXT_TRIGGER_START) != 0;
-    extTriggerStop = (mode & dv::ACQMODE_EXT_TRIGGER_STOP) != 0;
     return 0;
 }
 
@@ -162,9 +168,12 @@ int AMpx3Dev::setPolarity(int, bool positive)
 
 int AMpx3Dev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 {
-    // reinitDeviceAfterError hands in the kept configuration itself.
-    if (cfg != pixelCfg.data())
-        pixelCfg.assignData(cfg, size);
+    if (cfg == nullptr && size != 0)
+        return logError(1, "No pixel configuration given.");
+    if (size > PIXEL_CFG_LIMIT)
+        return logError(1, "Invalid size for pixel configuration (%lu > %lu)", static_cast<unsigned long>(size),
+                        static_cast<unsigned long>(PIXEL_CFG_LIMIT));
+    pixelCfg.set(std::vector<unsigned char>(cfg, cfg + size));
     if (!loadFlag(connected) || loadFlag(noChip))
         return logError(dv::RESULT_FAILED, "Device not connected or no chip");
     std::vector<unsigned> words(size / 2);
@@ -175,7 +184,7 @@ int AMpx3Dev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 
 int AMpx3Dev::setConfig(dv::_Mpx3Config newConfig)
 {
-    config = newConfig;
+    config.set(newConfig);
     return 0;
 }
 
@@ -196,9 +205,10 @@ int AMpx3Dev::biasVoltageCurrentSense(double* volts, double* amperes) const
 
 dv::IMpxFrame* AMpx3Dev::lastData()
 {
-    return HwLatixel::frameOf<unsigned>(*dorvet, chipCountValue, DT_U32, [this](unsigned* pixels, std::size_t count) {
-        return readMatrix(pixels, count, config.counterSelect, true);
-    });
+    return HwLatixel::frameOf<unsigned>(*dorvet, chipCountValue, DTYPE_U32,
+                                        [this](unsigned* pixels, std::size_t count) {
+                                            return readMatrix(pixels, count, config.get().counterSelect, true);
+                                        });
 }
 
 int AMpx3Dev::doSoftwareTrigger(unsigned)
@@ -209,7 +219,7 @@ int AMpx3Dev::doSoftwareTrigger(unsigned)
 
 void AMpx3Dev::waitForSoftwareTrigger(bool* stop)
 {
-    softTrigger.wait(dispatcher, stop);
+    softTrigger.wait(events.dispatcher(), stop);
 }
 
 void AMpx3Dev::setBusy(bool value)
@@ -217,15 +227,15 @@ void AMpx3Dev::setBusy(bool value)
     if (loadFlag(busy) == value)
         return;
     storeFlag(busy, value);
-    if (eventFunc != nullptr)
-        eventFunc(HWEVENT_BUSY_CHANGED, value ? 1 : 0, eventUser);
+    events.sendDirectly(HWEVENT_BUSY_CHANGED, value ? 1 : 0);
 }
 
 bool AMpx3Dev::reinitDeviceAfterError()
 {
     if (resetDevice() != 0 && resetDevice() != 0)
         return false;
-    return setPixelCfg(pixelCfg.data(), pixelCfg.size()) == 0 && setDacs(dacs.data(), dacs.size(), -1) == 0 &&
+    const std::vector<unsigned char> kept = pixelCfg.get();
+    return setPixelCfg(kept.data(), kept.size()) == 0 && setDacs(dacs.data(), dacs.size(), -1) == 0 &&
            setBias(biasValue) == 0 && eraseMatrix() == 0;
 }
 
@@ -256,5 +266,11 @@ void AMpx3Dev::logMsg(const char* format, ...) const
 
 void AMpx3Dev::acqFuncWrapper(void* device)
 {
-    static_cast<AMpx3Dev*>(device)->acqFunc();
+    auto* self = static_cast<AMpx3Dev*>(device);
+    self->acqFunc();
+    // Where the host could not wait for this thread, it has left the device to it.
+    if (!self->series.left())
+        return;
+    self->closeDevice();
+    delete self;
 }

@@ -3,10 +3,13 @@
 
 #include "devices/common/devdefaults.h"
 #include "devices/common/devicereport.h"
+#include "devices/common/guarded.h"
+#include "devices/common/hostevents.h"
+#include "devices/common/linkturn.h"
+#include "devices/common/serieslife.h"
 #include "devices/common/softtrigger.h"
 #include "host/idorvet.h"
 #include "shared/buffer.h"
-#include "shared/hweventdispatcher.h"
 #include "shared/osdepend.h"
 
 #include <atomic>
@@ -56,7 +59,7 @@ public:
     int setPolarity(int chip, bool positive) override;
     int setDacs(const unsigned short*, std::size_t, int) override { return 0; }
     /// Keeps the host's configuration and, with a chip at hand, writes it to counter 1 as it stands.
-    /// -1 where there is no link or no chip, otherwise the result of the write.
+    /// -1 where there is no link or no chip, otherwise the result of the write. 1 for more than a board can have.
     int setPixelCfg(const unsigned char* cfg, std::size_t size) override;
     int setConfig(dv::_Mpx3Config config) override;
     int setBias(double volts) override;
@@ -108,17 +111,17 @@ protected:
     /// Level that the log goes back to after a periodic poll.
     LogLevel usualLogLevel() const { return loadFlag(debugLog) ? DBG : MSG; }
 
-    /// Serialises commands to the device. Taken before `dataSync` of a concrete device and before the report's lock.
-    mutable ThreadSyncObject devSync;
-    mutable HwLatixel::DeviceReport report;
+    mutable HwLatixel::LinkTurn linkTurn; ///< who may use the link
+    mutable HwLatixel::DeviceReport report{HwLatixel::DeviceReport::Order::CallThenStore};
+    HwLatixel::SeriesLife series;
     HwLatixel::SoftTrigger softTrigger; ///< fired by `doSoftwareTrigger`
 
     // Records: written before and in `initDevice`, then only read
     dv::_DevInfo devInfo_;
     dv::_DevMpxInfo devMpxInfo_;
     dv::_DevMpx3Info devMpx3Info_;
-    dv::_Mpx3Config config; ///< last configuration; written by the host's thread, not during a series
-    IDorvet* dorvet;        ///< the host, not owned
+    HwLatixel::Guarded<dv::_Mpx3Config> config; ///< last configuration
+    IDorvet* dorvet;                            ///< the host, not owned
     dv::IDev* iDevice = nullptr;
     dv::IParamMgr* devParams = nullptr;      ///< owned through its `destroy`
     dv::IParamMgr* inDeviceParams = nullptr; ///< owned through its `destroy`
@@ -128,31 +131,26 @@ protected:
     std::string serialText;
     std::vector<std::string> chipIds; ///< one identifier for each chip
 
-    Buffer<unsigned char> pixelCfg{0, false}; ///< last configuration given to `setPixelCfg`
-    Buffer<unsigned short> dacs{0, false};    ///< for `reinitDeviceAfterError`; nothing fills it
-    HwEventDispatcher dispatcher;
+    HwLatixel::Guarded<std::vector<unsigned char>> pixelCfg; ///< last configuration given to `setPixelCfg`
+    Buffer<unsigned short> dacs{0, false};                   ///< for `reinitDeviceAfterError`; nothing fills it
+    HwLatixel::HostEvents events{series};
     std::unique_ptr<FileLog> devLog;
 
     bool connected = false; ///< the USB link is open
     bool noChip = true;     ///< no chip has been detected
     bool busy = false;
     bool polarityPositive = true;
-    bool waitSoftTrigger = false; ///< mode bit 2
-    bool acqModeBit3 = false;
-    bool extTriggerStart = false;
-    bool extTriggerStop = false;
-    int chipCountValue = 0;
-    unsigned acqCount = 0; ///< frames in the series; set before the acquisition thread starts
-    unsigned acqMode = 0;
+    std::atomic<int> chipCountValue{0};
+    std::atomic<unsigned> acqMode{0};          ///< bits of dv::AcqMode; a series takes them when it is prepared
     std::atomic<double> lastAcqTimeValue{0.0}; ///< measured length of the last frame, seconds
-    double acqTime = 0.0;                      ///< requested length of a frame, seconds
+    std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
     double biasValue = 0.0;
-    bool stopRequested = false; ///< polled by the acquisition thread
     bool debugLog = false;
     bool logRotate = false;
     bool rawLog = false;
-    dv::EventFunc eventFunc = nullptr; ///< set by the host before a series
-    void* eventUser = nullptr;
+
+    /// Reports a null pointer that the host has given for something that `what` names. Returns 1.
+    int refuseNull(const char* what) const { return logError(1, "No place for %s given.", what); }
 
 private:
     void readSettings(const char* path);

@@ -7,14 +7,17 @@
 #include "chipdata/mpx3matrix.h"
 #include "chipdata/mpx3omr.h"
 #include "devices/common/boardlink.h"
+#include "devices/common/deviceturn.h"
 #include "devices/common/rowtimes.h"
-#include "devices/common/seriesthread.h"
+#include "devices/common/seriesturn.h"
 #include "devices/mpx3/ampx3dev.h"
 #include "link/cmdmgrmpx3.h"
+#include "shared/lasterror.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -28,10 +31,11 @@ namespace HwLatixel {
 /// A physical channel is 0 to 4. A detected channel is a position in `channelMasks`, and what every operation after
 /// bring-up counts in; chips are numbered through the detected channels.
 ///
-/// Locks, in the order in which they are taken: `devSync` around command sequences, `dataSync` around the frame in
-/// progress, `startSync`, `cpuSync` around the board CPU, the report's lock. A series has one detached thread,
-/// "mpx3devacq"; it holds `dataSync` for the whole of a frame and never `devSync`, but for the drain after a stopped
-/// TDI series.
+/// Whatever needs an answer or the chips has the link's turn, the register image and the CPU included; a frame of a
+/// series has it from its start command to the last byte of its stream, and gives it back before the host is called.
+/// Locks, in the order in which they are taken, all behind the turn: `writeSync` around what goes out and must not be
+/// split, `readerSync` around the decoding of a series' frame, `streamSync` around the frame that was announced last,
+/// the report's lock. None is held while the host is called. A series has one thread, "mpx3devacq".
 class Mpx3Dev : public AMpx3Dev {
 public:
     /// `variant` is the variant letter of the name, which chooses the bias rule. `fromLad` is true for a member of a
@@ -44,8 +48,12 @@ public:
     /// Opens the link and brings the board up: firmware text, flash, CPU, power, chips. Takes some seconds. Fails only
     /// where the link does not open, with the link's result; a board without a working chip is a device without chips.
     int initDevice() override;
-    /// Ends a running series, powers the chips down and closes the link. Not to be called from an event callback.
+    /// Ends a running series, powers the chips down and closes the link, also from the handler of a series' last event.
+    /// 1 from any other event handler, and where a handler of the host goes on too long: then nothing is closed.
     int closeDevice() override;
+    /// Closes and frees the device, at the latest when the last handler of the host has returned. Refused within an
+    /// event handler other than that of a series' last event.
+    void destroy() override;
     int resetDevice() override;
     int resetMedipix() override;
     /// Chip power, and the CPU's power command where there is a CPU. Returns the result of the pin command.
@@ -57,9 +65,11 @@ public:
     int chipCount() const { return chipCountValue; }
     std::string firmware() const { return firmwareText; }
     /// Asks the board's CPU. Trips the temperature protection: from then on DACs, matrices, timer and series are
-    /// refused until the next `initDevice`. While a series runs or is prepared, where the device is busy for 100 ms,
-    /// and without a CPU, the last value comes back without a transfer.
+    /// refused until the next `initDevice`. Where the device is busy for 100 ms, and without a CPU, the last value
+    /// comes back without a transfer; in a series too, which asks the CPU between two frames then, at most once a
+    /// second.
     int deviceStatus() const override;
+    /// The same for the CPU's words. A text stays valid until seven others have come.
     const char* deviceStatusText() const override;
     /// Refreshes the CPU's values in `parameters`, at most once a second.
     void readSenseValuesFromCpu() const;
@@ -68,6 +78,8 @@ public:
     /// Loads the DACs of `chip`, or of all with -1, from an array of 27 values for each chip of the device. A chip
     /// selects its whole channel.
     int setDacs(const unsigned short* dacs, std::size_t count, int chip) override;
+    /// The same for an array that does hold `count` values; `setDacs` takes 0 for an array for all chips.
+    int loadDacs(const unsigned short* dacs, std::size_t count, int chip);
     int setConfig(dv::_Mpx3Config config) override;
     /// Selects the DAC on the sense output. `chip` is compared with the channel, not with the chip number: with two
     /// chips on a channel the chips of channel `chip` are meant.
@@ -81,9 +93,11 @@ public:
     // Bias and ADC (mpx3dev_sense.cpp)
     /// -1 on a board that has no bias limits. A voltage beyond the limits is limited silently.
     int setBias(double volts) override;
-    /// Measured bias; while a series runs the last measured one. -1 when both values are exactly 0.
+    /// Measured bias; while a series runs the last measured one, and the series measures anew between two frames. -1
+    /// when both values are exactly 0.
     int biasVoltageCurrentSense(double* volts, double* amperes) const override;
     int adcCount() const override { return 16; }
+    /// While a series runs the last reading of that channel, as with the bias.
     double adcValue(unsigned index) const override;
     /// Volts at ADC channel 0, which carries the sense output that `senseDac` has selected, whatever `chip` says.
     int analogValue(unsigned chip, double* value) override;
@@ -92,6 +106,7 @@ public:
     double readTemperature(int chip);
 
     // Matrices (mpx3dev_matrix.cpp)
+    /// From the first frame event of a series to its last event the frame announced last, else what the chips hold.
     int readMatrix(unsigned* data, std::size_t size, bool convert) override;
     int readMatrix(unsigned* data, std::size_t size, unsigned char counter, bool convert) override;
     int writeMatrix(const unsigned* data, std::size_t size, bool convert) override;
@@ -101,25 +116,32 @@ public:
 
     // Series (mpx3dev_acq.cpp)
     int setAcqMode(unsigned mode) override;
+    /// 1 while a series runs; right behind a stop it waits for the end of the series before.
     int startAcquisition(unsigned count, double time) override;
+    /// Ends the series in any state, also where the guards refuse. Waits for the frame in progress, about a second.
     int stopAcquisition() override;
+    void waitForSoftwareTrigger(bool* stop) override;
     dv::IMpxFrame* lastData() override;
     /// Brings timer, chips, triggers and data path into the state in which a series starts. `allowBurst` is false in a
     /// composite, which hands over each frame itself.
     int prepareAcquisition(unsigned count, double time, bool allowBurst);
     /// Starts the series that `prepareAcquisition` has prepared.
     int startAcquisitionFromLad();
+    /// Forgets a series that was prepared and is not to be started.
+    void giveUpPreparation();
     /// Gives the last frame up unread, so that the series may overwrite it.
     void releaseFrame() { matrixReadEvent.set(); }
     /// Waits until the threads of a series that ends are gone. One that goes on is stopped after half a second.
     void awaitSeriesEnd();
+    /// Waits until the board is free of a series that ends, at most `limit` seconds; only its last event may be left.
+    bool awaitIdle(double limit) const;
     void acqFunc() override;
 
     /// Switches the debug log on or off; what the settings switch on stays on until then.
     void setDebugLog(bool on);
 
     /// A copy of the register image.
-    virtual OMR omr() const { return omrValue; }
+    virtual OMR omr() const { return omrValue.get(); }
 
 private:
     static constexpr int PHYSICAL_CHANNELS = 5;
@@ -127,9 +149,46 @@ private:
     /// Seconds; a series of shorter frames hands its events to the dispatcher's worker while the board goes on
     /// exposing.
     static constexpr double BURST_THRESHOLD = 0.1;
+    static constexpr double OPERATION_PATIENCE = 5.0; ///< seconds that an operation waits for the turn beside a frame
+
+    /// What a series does, as it was prepared.
+    struct Plan {
+        unsigned count = 0; ///< frames
+        double time = 0.0;  ///< seconds of a frame
+        int triggerMode = 0;
+        bool tdi = false;
+        bool continuous = false; ///< continuous read-write
+        bool softTrigger = false;
+        bool burst = false;
+        /// One start command for the whole series.
+        bool whole() const { return tdi || continuous; }
+    };
+    /// A matrix stream, with all that it takes to decode it.
+    struct Stream {
+        std::vector<unsigned char> bytes;
+        Mpx3StreamShape shape;
+        unsigned long received = 0;
+        unsigned long missing = 0; ///< bytes that did not come
+        int counters = 0;
+        double frameTime = 0.0; ///< seconds
+    };
+    /// Readings that a series takes between two frames since somebody has asked; below them a bit for each ADC channel.
+    enum Wish : unsigned {
+        WISH_STATUS = 1U << 16U,
+        WISH_STATUS_TEXT = 1U << 17U,
+        WISH_CPU_VALUES = 1U << 18U,
+        WISH_BIAS = 1U << 19U,
+    };
+    static constexpr unsigned ADC_CHANNELS = 16;
+
+    /// The board's CPU and flash, each exchange of which is made within the turn.
+    class TurnCpu;
+    class TurnFlash;
 
     // Bring-up steps (mpx3dev_bringup.cpp)
     int openLink();
+    int endSession();
+    void findChips();
     void readFirmware();
     void readFlashParameters();
     void initCpu();
@@ -142,7 +201,6 @@ private:
     void logDetected() const;
     void sizeBuffers();
     void completeMpxInfo();
-    void waitForSeriesEnd();
     int setPins(unsigned char word) const;
 
     // Parameters (mpx3dev_params.cpp)
@@ -152,17 +210,29 @@ private:
     void onReadParam(dv::IParam* param);
     void onWriteParam(dv::IParam* param);
     void onReadParamCpu();
+    void refreshCpuValues() const;
+    void storeCpuValues(const IBCpu::Values& values) const;
+    void pollStatus() const;
+    void pollStatusText() const;
+    void leaveWish(unsigned wish) const { wishes |= wish; }
+    bool inSeries() const { return series.state() != SeriesLife::State::Idle; }
+    bool serveWishes();
 
     // Commands (mpx3dev_config.cpp)
     int sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
     {
+        ThreadLock lock(&writeSync);
         return link.sendPayload(mpx3::MpxCmd::Shift, data, size, flags);
     }
+    double patience() const;
+    void applyConfig(const dv::_Mpx3Config& values);
     int switchChannel(int channel, bool dataEnable, bool physical, bool log);
     int channelMask(int channel, bool physical) const;
     int sendOMR();
     int sendOMRMode(unsigned char mode);
     int setReadoutOMRs();
+    unsigned char triggerWord() const;
+    int sendTriggerWord(unsigned char word) const;
     int setDacsSingleChannel(const unsigned short* dacs, unsigned long count, int channel);
     void logFunction(const char* title, bool underline = true) const { report.section(title, underline); }
     int requireChips() const;
@@ -171,88 +241,134 @@ private:
     /// Reads one ADC channel (0 to 15), 12 bits. `flag` is a bit of the ADC's command word, always true here.
     int getADC(unsigned char channel, unsigned short* value, bool flag) const;
     unsigned short readSenseCode(unsigned char channel) const;
+    void measureBias(bool volts, bool current) const;
 
     // Matrices (mpx3dev_matrix.cpp)
     int writeMatrixChannel(const unsigned* data, unsigned long size, unsigned char counter, int channel, bool convert);
     int writeCounters(const unsigned* data, unsigned long size, unsigned char counter, const OMR& saved);
     int writeMatrixSingleCounter(const unsigned* data, unsigned long size, bool lowCounter);
-    int readMatrixFromDevice(unsigned* data, std::size_t size, unsigned char counter, bool convert);
+    int readMatrixFromDevice(std::span<unsigned> matrix, int counters, bool convert, unsigned long* missing);
+    void readAnnounced(std::span<unsigned> matrix, const int* counters, bool convert, Stream* about);
     int readMatrixStream(int channel, bool sendCommand);
-    int dropMatrixStream();
+    void reportShort(unsigned long received, unsigned long expected) const;
     unsigned long matrixStreamSize(int channels) const;
-    void convertMatrixStream(const Buffer<unsigned char>& stream, unsigned long received, std::span<unsigned> matrix,
-                             std::size_t convertSize, int counters, int channel, bool convert) const;
     Mpx3StreamShape streamShape(int channel) const;
-    unsigned long long getReadBitsSize() const { return mpx3ReadBits(omrValue, twoChips); }
+    std::span<unsigned> hostMatrix(unsigned* data, std::size_t size) const;
+    bool bothCounters() const { return config.get().counterSelect == 2; }
+    unsigned long long getReadBitsSize() const { return mpx3ReadBits(omrValue.get(), twoChips); }
     CmdArgs streamParams() const;
     int setMatrixStreamParams();
 
     // Series (mpx3dev_acq.cpp)
-    void startSeriesThread();
-    unsigned char startFlags(bool continuous) const;
-    void tellStop();
+    int beginSeries();
+    int prepareSeries(unsigned count, double time, bool allowBurst);
+    int prepareChips(const Plan& newPlan);
+    int runSeries();
+    int checkTime(double time) const;
+    unsigned char startFlags(bool withContinuous) const;
     void requestStop();
-    int sendStart(unsigned char flags, std::uint32_t frameWord);
+    void tellBoardStop();
+    void awaitFrameOver();
+    void beginLoop();
+    int sendStart(unsigned char flags, std::uint32_t frameWord, bool* opened);
     void acqFuncNormal();
     void acqFuncCRW();
     void acqFuncTDI();
     void openHandOver(bool throughWorker);
     int runFrames(bool startEachFrame);
     int takeFrame(bool startCommand);
-    int waitForFrameEnd();
-    bool waitForReader();
+    int exposeAndRead(bool startCommand, SeriesTurn& turn);
+    int receiveFrame();
+    void restoreReadout();
+    int waitForFrameEnd(bool* ended);
+    bool waitForReader(bool orWanted);
+    void publish();
     void announceFrame(unsigned index, bool throughWorker);
+    void leaveBoard(bool drain, const std::function<void()>& restore);
     void endSeries(int result);
-    void readTdiFrame();
-    void readTDIMatrixFromDevice();
+    void failSeries();
+    bool readTdiFrame();
+    void receiveTdiRows();
+    unsigned long receiveTdiRow(std::size_t offset, unsigned long record);
+    /// The series' stop flag, as waits of the link poll it; they only read it.
+    bool* stopFlag() const { return const_cast<bool*>(series.stopRequested()); }
 
-    ThreadSyncObject startSync; ///< keeps the start command and the request for a stop apart
-    ThreadSyncObject dataSync;  ///< guards streamBuffer and readBytes against the acquisition thread
-    /// The last matrix stream; dataSync, or the matrixReadEvent hand-shake.
-    Buffer<unsigned char> streamBuffer{0, false};
-    Buffer<unsigned char> streamCopy{0, false};        ///< what a read during a series decodes from; the reader's
-    unsigned long readBytes = 0;                       ///< bytes in streamBuffer; goes with it
-    Event matrixReadEvent{false, false, "matrixRead"}; ///< the reader has taken streamBuffer away
+    /// Keeps what goes out and must not be split apart from single frames of threads without the turn.
+    mutable ThreadSyncObject writeSync;
+    /// What is read from the link; of who has the turn.
+    std::unique_ptr<Stream> incoming = std::make_unique<Stream>();
+    ThreadSyncObject streamSync;
+    std::unique_ptr<Stream> announced = std::make_unique<Stream>(); ///< guarded by streamSync
+    ThreadSyncObject readerSync;
+    Stream reading;                                    ///< copy that is decoded; guarded by readerSync
+    Event matrixReadEvent{false, false, "matrixRead"}; ///< the reader has taken the announced stream away
 
     BoardLink<CmdMgrMpx3> link{report};
-    std::unique_ptr<IBFlashFpxMpx3<CmdMgrMpx3>> ibFlash;
-    std::unique_ptr<IBCpuMgrMpx3> ibCpu; ///< null when the board has no usable CPU
+    std::unique_ptr<TurnFlash> ibFlash;
+    std::unique_ptr<TurnCpu> ibCpu; ///< null when the board has no usable CPU; by the turn
     IBBiasParams biasParams;
 
     // Set at bring-up, then only read
     std::string firmwareText;
     std::string biasTypeText;
-    int channelCount = 0;          ///< channels that answered
-    bool fromLad;                  ///< stored, not read
-    bool readParallel = true;      ///< setting "ReadParallel"
-    bool skipPeriodicLog = false;  ///< setting "DebugLogSkipPeriodic"
-    bool twoChips = false;         ///< two chips on each channel
-    std::vector<int> channelMasks; ///< bit of each detected channel; a second bring-up appends to it
+    std::atomic<int> channelCount{0};                               ///< channels that answered
+    bool fromLad;                                                   ///< stored, not read
+    bool readParallel = true;                                       ///< setting "ReadParallel"
+    bool skipPeriodicLog = false;                                   ///< setting "DebugLogSkipPeriodic"
+    bool twoChips = false;                                          ///< two chips on each channel
+    std::vector<int> channelMasks;                                  ///< bit of each detected channel
     std::array<int, PHYSICAL_CHANNELS> moduleEnable{1, 1, 1, 1, 1}; ///< settings "Module0" to "Module4"
 
-    // Set by the host's thread while no series runs
-    OMR omrValue;
-    int triggerMode = 0; ///< a TriggerMode
-    bool tdiMode = false;
-    bool crwMode = false;
-    bool burstMode = false;
+    Guarded<OMR> omrValue; ///< the register image; changed by who has the turn
 
     // The series
-    SeriesThreads series;
-    StopsUnderWay stopsUnderWay;
-    bool acquiring = false; ///< polled: the acquisition thread is in its series
+    Guarded<Plan> plan;                       ///< of the series prepared last
+    Plan now;                                 ///< of the series that runs; its thread's
+    bool preparedForLad = false;              ///< by `prepareAcquisition`, and not started; polled
+    bool acquiring = false;                   ///< polled: the board may be exposing, a stop tells it
+    bool startSent = false;                   ///< guarded by writeSync, as the next one
+    bool stopSent = false;                    ///< the board has been told to stop
+    bool frameAnnounced = false;              ///< polled: reads get the announced frame
+    bool leaving = false;                     ///< polled: the device is being closed
+    bool boardSilent = false;                 ///< polled: the board has not answered a stop
+    bool readoutDisturbed = false;            ///< the chips or the data path are not as a frame needs them; turn
+    double wishesServed = 0.0;                ///< when; the series' thread's
+    Event frameOver{true, true, "frameOver"}; ///< no frame of the series is on the wire
     RowTimes tdiRowTimes;
-    std::size_t tdiRowIndex = 0; ///< dataSync
 
-    mutable ThreadSyncObject cpuSync; ///< guards ibCpu's exchanges and the fields below
-    mutable bool overheated = false;  ///< polled: temperature protection has tripped
-    mutable int lastCpuStatus = 0;
-    mutable std::string statusText;
-    mutable double lastCpuRead = 0.0;   ///< time of the last refresh on a read of a CPU parameter
-    mutable double lastSenseRead = 0.0; ///< time of the last refresh in readSenseValuesFromCpu
+    mutable std::atomic<unsigned> wishes{0}; ///< Wish bits, and one for each ADC channel
+    bool cpuPresent = false;                 ///< polled: there is an ibCpu
+    mutable bool overheated = false;         ///< polled: temperature protection has tripped
+    mutable std::atomic<int> lastCpuStatus{0};
+    mutable LastError statusText;
+    mutable std::atomic<double> lastCpuRead{0.0};   ///< time of the last refresh on a read of a CPU parameter
+    mutable std::atomic<double> lastSenseRead{0.0}; ///< time of the last refresh in readSenseValuesFromCpu
+    /// Last reading of each ADC channel, -1 before the first.
+    mutable std::array<std::atomic<int>, ADC_CHANNELS> adcCodes{-1, -1, -1, -1, -1, -1, -1, -1,
+                                                                -1, -1, -1, -1, -1, -1, -1, -1};
 
     mutable std::atomic<double> biasSense{0.0};    ///< last measured bias, volts
     mutable std::atomic<double> currentSense{0.0}; ///< last measured bias current, in the calibration's unit
+};
+
+/// Exchanges with the CPU take the turn one by one, and nothing goes out in the middle of one.
+class Mpx3Dev::TurnCpu : public IBCpuMgrMpx3 {
+public:
+    explicit TurnCpu(const Mpx3Dev& owner) : IBCpuMgrMpx3(owner.link.manager()), device(owner) {}
+    int sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override;
+
+private:
+    const Mpx3Dev& device;
+};
+
+/// The same for the flash, which somebody may read at any time through its parameters: in a series that is refused.
+class Mpx3Dev::TurnFlash : public IBFlashFpxMpx3<CmdMgrMpx3> {
+public:
+    explicit TurnFlash(const Mpx3Dev& owner) : IBFlashFpxMpx3(owner.link.manager()), device(owner) {}
+    int flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override;
+
+private:
+    const Mpx3Dev& device;
 };
 
 } // namespace HwLatixel

@@ -20,7 +20,9 @@ constexpr double POWER_PAUSE = 0.1;       ///< seconds that the supply needs aft
 constexpr double CHIP_RESET_PAUSE = 1.0;  ///< seconds that the chips need after a reset
 constexpr double FIRMWARE_TIMEOUT = 2.0;  ///< seconds
 constexpr double FUSE_TIMEOUT = 0.5;      ///< seconds
-constexpr double SERIES_END_LIMIT = 30.0; ///< seconds that closing waits for a running series
+constexpr double SERIES_END_LIMIT = 2.4;  ///< seconds that closing waits for what is left of a series
+constexpr double CLOSE_PATIENCE = 0.5;    ///< seconds that closing waits for an operation of another thread
+constexpr double LAD_END_LIMIT = 30.0;    ///< seconds that a composite waits for a member's series
 
 /// Bytes of one chip on each channel that a whole stream of one counter takes, and what a stream may have beyond it.
 constexpr unsigned long STREAM_CHANNEL_BYTES = 98308;
@@ -52,13 +54,17 @@ Mpx3Dev::Mpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::st
     devInfo_ = DEV_INFO;
     devInfo_.serialNumber = str::toNumDef<int>(serialText, 0);
     devMpxInfo_.acqModeMask = SINGLE_DEVICE_MODES;
-    config = DEFAULT_CONFIG;
+    config.set(DEFAULT_CONFIG);
 }
 
 Mpx3Dev::~Mpx3Dev()
 {
-    waitForSeriesEnd();
-    dispatcher.stopThreadAndWait();
+    linkTurn.beginClosing();
+    requestStop();
+    // Nothing is freed under a thread, however long it takes.
+    while (!series.awaitThreads(SERIES_END_LIMIT)) {
+    }
+    events.dispatcher().stopThreadAndWait();
 }
 
 std::string Mpx3Dev::serialNum() const
@@ -68,15 +74,16 @@ std::string Mpx3Dev::serialNum() const
 
 int Mpx3Dev::initDevice()
 {
-    if (link.exists())
-        closeDevice();
+    // The host's log callback stays; closing by itself forgets it.
+    if (const int result = link.exists() ? endSession() : 0; result != 0)
+        return result;
     AMpx3Dev::initDevice();
     if (const int result = openLink(); result != 0)
         return result;
     storeFlag(overheated, false);
-    // A series whose start command failed has left both as they were in it.
-    storeFlag(acquiring, false);
-    omrValue.clear();
+    omrValue.set(OMR());
+    applyConfig(config.get());
+    lastCpuStatus = 0;
     storeFlag(connected, true);
     logFunction("Init Device");
     resetDevice();
@@ -85,8 +92,21 @@ int Mpx3Dev::initDevice()
     initParameters();
     readFlashParameters();
     initCpu();
+    findChips();
+    if (chipCountValue > 0)
+        storeFlag(noChip, false);
+    completeMpxInfo();
+    report.plain(MSG, "\n\n\n\n");
+    return 0;
+}
+
+/// The chips come up from a cold start, whatever state a former session left them in.
+void Mpx3Dev::findChips()
+{
+    const DeviceTurn turn(linkTurn, report, OPERATION_PATIENCE);
+    if (turn.require() != 0)
+        return;
     switchChannel(ALL_CHANNELS, false, true, true);
-    // The chips come up from a cold start, whatever state a former session left them in.
     setPower(false);
     sleepThread(POWER_PAUSE);
     setPower(true);
@@ -94,12 +114,7 @@ int Mpx3Dev::initDevice()
     resetMedipix();
     detectChipCount();
     readChipIDs();
-    if (chipCountValue > 0)
-        storeFlag(noChip, false);
     sizeBuffers();
-    completeMpxInfo();
-    report.plain(MSG, "\n\n\n\n");
-    return 0;
 }
 
 int Mpx3Dev::openLink()
@@ -113,38 +128,85 @@ int Mpx3Dev::openLink()
 
 int Mpx3Dev::closeDevice()
 {
-    waitForSeriesEnd();
-    if (link.exists())
-        setPower(false);
-    storeFlag(connected, false);
-    // Flash and CPU refer to the command manager.
-    ibFlash.reset();
-    ibCpu.reset();
-    link.drop();
+    if (const int result = endSession(); result != 0)
+        return result;
     return AMpx3Dev::closeDevice();
 }
 
-/// A series whose host went away without waiting for its end must not touch a closed link: it is stopped here, and
-/// whatever it waits for is given to it.
-void Mpx3Dev::waitForSeriesEnd()
+/// Ends the series and gives link and board up. 1 with a text, and nothing given up, where the host's own code is in
+/// the way.
+int Mpx3Dev::endSession()
 {
-    series.waitForEnd(SERIES_END_LIMIT, [this](bool stopBoard) {
-        requestStop();
-        matrixReadEvent.set();
-        if (stopBoard)
-            link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
-    });
+    if (series.caller() == SeriesLife::Caller::Handler)
+        return logError(1, "Device cannot be closed from an event handler.");
+    giveUpPreparation();
+    linkTurn.beginClosing();
+    storeFlag(leaving, true);
+    requestStop();
+    const bool alone = series.awaitThreads(SERIES_END_LIMIT);
+    storeFlag(leaving, false);
+    DeviceTurn turn(linkTurn, report, alone ? CLOSE_PATIENCE : 0.0);
+    if (!alone || !turn.taken()) {
+        linkTurn.endClosing();
+        return logError(1, "Device cannot be closed: a call of it has not returned.");
+    }
+    if (loadFlag(boardSilent))
+        setPins(mpx3::pinword::POWER_OFF); // a CPU that does not answer would cost seconds
+    else if (link.exists())
+        setPower(false);
+    storeFlag(connected, false);
+    storeFlag(boardSilent, false);
+    storeFlag(cpuPresent, false);
+    {
+        // Flash and CPU refer to the command manager.
+        ThreadLock lock(&writeSync);
+        ibFlash.reset();
+        ibCpu.reset();
+        link.drop();
+    }
+    turn.release();
+    linkTurn.endClosing();
+    return 0;
+}
+
+void Mpx3Dev::destroy()
+{
+    if (series.caller() == SeriesLife::Caller::Handler) {
+        logError(1, "Device cannot be destroyed from an event handler.");
+        return;
+    }
+    Mpx3Dev::closeDevice();
+    if (series.abandon())
+        delete this;
 }
 
 void Mpx3Dev::awaitSeriesEnd()
 {
     constexpr double GRACE = 0.5; // seconds
-    series.waitForEnd(GRACE, [](bool) {});
-    waitForSeriesEnd();
+    giveUpPreparation();
+    if (series.awaitThreads(GRACE))
+        return;
+    requestStop();
+    series.awaitThreads(LAD_END_LIMIT);
+}
+
+bool Mpx3Dev::awaitIdle(double limit) const
+{
+    constexpr double POLL = 0.001; // seconds
+    const double deadline = getPreciseTime() + limit;
+    while (inSeries()) {
+        if (getPreciseTime() >= deadline)
+            return false;
+        sleepThread(POLL);
+    }
+    return true;
 }
 
 int Mpx3Dev::resetDevice()
 {
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
     logFunction("Reset Device");
     if (!link.exists())
         return 0;
@@ -161,6 +223,10 @@ int Mpx3Dev::setPins(unsigned char word) const
 
 int Mpx3Dev::resetMedipix()
 {
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    readoutDisturbed = true;
     logFunction("Reset Medipix");
     const int low = setPins(mpx3::pinword::RESET_LOW);
     const int high = setPins(mpx3::pinword::RESET_HIGH);
@@ -170,9 +236,11 @@ int Mpx3Dev::resetMedipix()
 
 int Mpx3Dev::setPower(bool on)
 {
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
     logFunction("Power");
     const int result = setPins(on ? mpx3::pinword::POWER_ON : mpx3::pinword::POWER_OFF);
-    ThreadLock lock(&cpuSync);
     if (ibCpu != nullptr)
         ibCpu->setPowerOn(on);
     return result;
@@ -197,7 +265,11 @@ void Mpx3Dev::readFirmware()
 {
     logFunction("Read Firmware");
     unsigned char text[FIRMWARE_TEXT_SIZE + 1] = {};
-    link->sendRecv(InfoCmd::Info, {}, text, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT, FIRMWARE_TIMEOUT);
+    {
+        const DeviceTurn turn(linkTurn, report, OPERATION_PATIENCE);
+        if (turn.require() == 0)
+            link->sendRecv(InfoCmd::Info, {}, text, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT, FIRMWARE_TIMEOUT);
+    }
     firmwareText = reinterpret_cast<const char*>(text);
     logError(2, "Firmware is: %s", firmwareText.c_str());
 }
@@ -205,7 +277,7 @@ void Mpx3Dev::readFirmware()
 void Mpx3Dev::readFlashParameters()
 {
     logFunction("Read Parameters in Flash");
-    ibFlash = std::make_unique<IBFlashFpxMpx3<CmdMgrMpx3>>(link.manager());
+    ibFlash = std::make_unique<TurnFlash>(*this);
     ibFlash->loadParameters(inDeviceParams, false);
     logFlashParameters(report, *inDeviceParams);
     biasParams.setVoltCurrentSenseChannels(VOLT_SENSE_CHANNEL, CURRENT_SENSE_CHANNEL);
@@ -215,18 +287,21 @@ void Mpx3Dev::readFlashParameters()
 void Mpx3Dev::initCpu()
 {
     logFunction("Initialize CPU");
-    ThreadLock lock(&cpuSync);
-    ibCpu = std::make_unique<IBCpuMgrMpx3>(link.manager());
-    if (!ibCpu->isSupported()) {
+    auto cpu = std::make_unique<TurnCpu>(*this);
+    if (!cpu->isSupported()) {
         logDbg("CPU is not present on IB or invalid version of CPU !");
-        ibCpu.reset();
         return;
     }
     logDbg("CPU is present on IB and supported.");
-    logDbg("CPU Firmware version: %s", ibCpu->getVersion().c_str());
-    ibCpu->temperatureReset();
-    ibCpu->dumpValuesAndCreateParams(devParams, paramReadSetFuncCpu, reinterpret_cast<long>(this));
-    logDbg("CPU Values:\n %s", ibCpu->dumpValuesToString().c_str());
+    logDbg("CPU Firmware version: %s", cpu->getVersion().c_str());
+    cpu->temperatureReset();
+    cpu->dumpValuesAndCreateParams(devParams, paramReadSetFuncCpu, reinterpret_cast<long>(this));
+    logDbg("CPU Values:\n %s", cpu->dumpValuesToString().c_str());
+    const DeviceTurn turn(linkTurn, report, OPERATION_PATIENCE);
+    if (turn.require() != 0)
+        return;
+    ibCpu = std::move(cpu);
+    storeFlag(cpuPresent, true);
 }
 
 int Mpx3Dev::detectChipCount()
@@ -234,6 +309,7 @@ int Mpx3Dev::detectChipCount()
     logFunction("Chip Count");
     if (const int result = handBackOutput(*link); result != 0)
         return result;
+    twoChips = false;
     int channels = 0;
     int chips = 0;
     for (int channel = 0; channel < PHYSICAL_CHANNELS; ++channel) {
@@ -295,6 +371,7 @@ int Mpx3Dev::readChipIDs()
         return result;
     chipCountValue = 0;
     chipIds.clear();
+    channelMasks.clear();
     channelCount = 0;
     for (int channel = 0; channel < PHYSICAL_CHANNELS; ++channel) {
         if (moduleEnable[static_cast<std::size_t>(channel)] == MODULE_OFF)
@@ -354,9 +431,13 @@ void Mpx3Dev::logDetected() const
 void Mpx3Dev::sizeBuffers()
 {
     const auto channels = static_cast<unsigned long>(channelCount);
-    streamBuffer.reinit((channels * STREAM_CHANNEL_BYTES + STREAM_SPARE_BYTES) * (twoChips ? 4 : 2));
-    streamBuffer.zero();
-    streamCopy.reinit(streamBuffer.size());
+    const unsigned long size = (channels * STREAM_CHANNEL_BYTES + STREAM_SPARE_BYTES) * (twoChips ? 4 : 2);
+    ThreadLock lock(&readerSync);
+    ThreadLock streamLock(&streamSync);
+    for (Stream* stream : {incoming.get(), announced.get(), &reading}) {
+        *stream = Stream();
+        stream->bytes.resize(size);
+    }
 }
 
 void Mpx3Dev::completeMpxInfo()
@@ -365,6 +446,7 @@ void Mpx3Dev::completeMpxInfo()
     devMpxInfo_.pixelTotal = devMpxInfo_.chipTotal * MPX3_CHIP_PIXELS;
     devMpxInfo_.biasMin = biasParams.minBias();
     devMpxInfo_.biasMax = biasParams.maxBias();
+    devMpxInfo_.acqModeMask = SINGLE_DEVICE_MODES;
     if (!twoChips)
         devMpxInfo_.acqModeMask |= dv::ACQMODE_TDI;
 }

@@ -54,6 +54,14 @@ int Mpx3Dev::requireLink() const
     return loadFlag(connected) ? 0 : logError(1, "%s", NOT_CONNECTED);
 }
 
+/// Seconds that an operation waits for the turn.
+double Mpx3Dev::patience() const
+{
+    const Plan running = plan.get();
+    const bool frameWaited = inSeries() && running.triggerMode == TRIGGER_NONE;
+    return OPERATION_PATIENCE + (frameWaited ? running.time : 0.0);
+}
+
 int Mpx3Dev::channelMask(int channel, bool physical) const
 {
     constexpr int ALL_PHYSICAL = 0x1F;
@@ -79,7 +87,7 @@ int Mpx3Dev::switchChannel(int channel, bool dataEnable, bool physical, bool log
 int Mpx3Dev::sendOMR()
 {
     logFunction("Send OMR", false);
-    const auto block = mpx3OmrBlock(omrValue);
+    const auto block = mpx3OmrBlock(omrValue.get());
     const std::size_t size = MPX3_OMR_CHIP_SIZE * (twoChips ? 2 : 1);
     if (sendShift(block.data(), size, cmdflag::PAYLOAD | cmdflag::ACT) != 0)
         return logError(1, "Cannot send OMR (%s)", link.lastError());
@@ -88,7 +96,7 @@ int Mpx3Dev::sendOMR()
 
 int Mpx3Dev::sendOMRMode(unsigned char mode)
 {
-    omrValue.setMode(mode);
+    omrValue.update([mode](OMR& image) { image.setMode(mode); });
     return sendOMR();
 }
 
@@ -96,8 +104,9 @@ int Mpx3Dev::setReadoutOMRs()
 {
     logFunction("Set Readout OMRs");
     const auto asArgs = [](const std::array<unsigned char, 4>& b) { return CmdArgs{b[0], b[1], b[2], b[3]}; };
-    const auto image = mpx3ReadoutImage(omrValue, MPX3_MODE_READ);
-    const auto second = mpx3ReadoutImage(omrValue, MPX3_MODE_READ_SECOND);
+    const OMR own = omrValue.get();
+    const auto image = mpx3ReadoutImage(own, MPX3_MODE_READ);
+    const auto second = mpx3ReadoutImage(own, MPX3_MODE_READ_SECOND);
     link.send(mpx3::MpxCmd::Omr0Low, asArgs(image.first));
     link.send(mpx3::MpxCmd::Omr0High, asArgs(image.second));
     link.send(mpx3::MpxCmd::Omr4Low, asArgs(second.first));
@@ -106,38 +115,61 @@ int Mpx3Dev::setReadoutOMRs()
 
 int Mpx3Dev::setConfig(dv::_Mpx3Config newConfig)
 {
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    readoutDisturbed = true;
     logFunction("Set Mpx3 Config");
-    AMpx3Dev::setConfig(newConfig);
-    omrValue.CountL = newConfig.counterDepth;
-    // A count of 24 bits takes both counters.
-    if (newConfig.counterDepth == DEPTH_24_BITS)
-        config.counterSelect = BOTH_COUNTERS;
-    setColumnBlock(omrValue, newConfig.columnBlock);
-    omrValue.RowBlockSel = newConfig.rowBlock != 0;
-    omrValue.RowBlock = static_cast<unsigned char>(newConfig.rowBlock != 0 ? newConfig.rowBlock - 1 : 0);
-    omrValue.Gain = newConfig.gainMode;
-    omrValue.CSM_SPM = newConfig.csmSpm;
-    omrValue.ColourMode = newConfig.colourMode;
-    omrValue.Polarity = newConfig.polarity;
-    omrValue.Equalization = newConfig.equalization;
-    omrValue.Disc_CSM_SPM = newConfig.discCsmSpm;
-    // Only a continuous series sets it, for its own duration.
-    omrValue.CRW_SRW = 0;
-    crwMode = newConfig.continuousRW != 0;
+    applyConfig(newConfig);
     switchChannel(ALL_CHANNELS, false, false, false);
     setReadoutOMRs();
     return sendOMR();
 }
 
+/// Stores a configuration and maps it into the register image.
+void Mpx3Dev::applyConfig(const dv::_Mpx3Config& newConfig)
+{
+    dv::_Mpx3Config stored = newConfig;
+    // A count of 24 bits takes both counters.
+    if (stored.counterDepth == DEPTH_24_BITS)
+        stored.counterSelect = BOTH_COUNTERS;
+    AMpx3Dev::setConfig(stored);
+    OMR image = omrValue.get();
+    image.CountL = newConfig.counterDepth;
+    setColumnBlock(image, newConfig.columnBlock);
+    image.RowBlockSel = newConfig.rowBlock != 0;
+    image.RowBlock = static_cast<unsigned char>(newConfig.rowBlock != 0 ? newConfig.rowBlock - 1 : 0);
+    image.Gain = newConfig.gainMode;
+    image.CSM_SPM = newConfig.csmSpm;
+    image.ColourMode = newConfig.colourMode;
+    image.Polarity = newConfig.polarity;
+    image.Equalization = newConfig.equalization;
+    image.Disc_CSM_SPM = newConfig.discCsmSpm;
+    // Only a continuous series sets it, for its own duration.
+    image.CRW_SRW = 0;
+    omrValue.set(image);
+}
+
 int Mpx3Dev::setDacs(const unsigned short* dacValues, std::size_t count, int chip)
+{
+    const std::size_t all = static_cast<std::size_t>(chipCountValue) * MPX3_DAC_COUNT;
+    return loadDacs(dacValues, count != 0 ? count : all, chip);
+}
+
+int Mpx3Dev::loadDacs(const unsigned short* dacValues, std::size_t count, int chip)
 {
     if (requireChips() != 0)
         return 1;
+    if (dacValues == nullptr)
+        return logError(1, "No DAC values given.");
     logFunction("Set DACs");
-    if (burstMode && loadFlag(acquiring))
+    if (inSeries() && plan.get().burst)
         return logError(1, "Cannot set DACs while acquisition is running in burst mode (AcqTime < %f)",
                         BURST_THRESHOLD);
-    omrValue.SenseDAC = 0;
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    omrValue.update([](OMR& image) { image.SenseDAC = 0; });
     const int perChannel = chipsPerChannel();
     for (int channel = 0; channel < channelCount; ++channel) {
         const int first = channel * perChannel;
@@ -151,7 +183,7 @@ int Mpx3Dev::setDacs(const unsigned short* dacValues, std::size_t count, int chi
             return logError(result, "Cannot set DACs (chan=%d, chip=%d): %s", channel, first, link.lastError());
     }
     // The series that runs needs its data path back.
-    if (loadFlag(acquiring))
+    if (inSeries())
         switchChannel(ALL_CHANNELS, true, false, true);
     return 0;
 }
@@ -176,6 +208,12 @@ int Mpx3Dev::setDacsSingleChannel(const unsigned short* dacValues, unsigned long
 
 int Mpx3Dev::setCTPR(const unsigned char* ctpr, unsigned long)
 {
+    if (ctpr == nullptr)
+        return logError(1, "No test pulse columns given.");
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    readoutDisturbed = true;
     logFunction("Set CTPR");
     unsigned char stream[MPX3_CTPR_STREAM_SIZE];
     fillMpx3CtprStream(ctpr, stream);
@@ -189,7 +227,11 @@ int Mpx3Dev::setTimer(double seconds)
 {
     if (requireChips() != 0)
         return 1;
-    ThreadLock lock(&devSync);
+    if (!(seconds >= 0))
+        return logError(1, "Invalid acquisition time (%f).", seconds);
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
     logFunction("Set Timer");
     unsigned char b[6];
     doubleToInt48(seconds * mpx3::SHUTTER_COUNTS_PER_SECOND, b);
@@ -198,13 +240,26 @@ int Mpx3Dev::setTimer(double seconds)
     return 0;
 }
 
-int Mpx3Dev::setTriggerSettings()
+/// The trigger word that the parameters ask for. Calls the host.
+unsigned char Mpx3Dev::triggerWord() const
 {
-    logFunction("Set Trigger");
     const auto setting = static_cast<unsigned char>(paramByte(devParams, "TriggerStg") & triggerword::SETTING_MASK);
     unsigned word = triggerWordOf(devParams, setting);
     word |= paramBool(devParams, "TriggerTdiSeries") ? mpx3::triggerword::TDI_SERIES : 0U;
-    return link.send(AcqCmd::TriggerSettings, CmdArgs::low(static_cast<unsigned char>(word)));
+    return static_cast<unsigned char>(word);
+}
+
+int Mpx3Dev::setTriggerSettings()
+{
+    const unsigned char word = triggerWord();
+    const DeviceTurn turn(linkTurn, report, patience());
+    return turn.require() != 0 ? 1 : sendTriggerWord(word);
+}
+
+int Mpx3Dev::sendTriggerWord(unsigned char word) const
+{
+    logFunction("Set Trigger");
+    return link.send(AcqCmd::TriggerSettings, CmdArgs::low(word));
 }
 
 int Mpx3Dev::setExtDac(unsigned, int, double)

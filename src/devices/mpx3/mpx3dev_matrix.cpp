@@ -4,7 +4,6 @@
 #include "chipdata/mpx3counters.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace HwLatixel {
 
@@ -35,13 +34,19 @@ constexpr unsigned char ERASE_ROW_BLOCK = 0;
 
 int Mpx3Dev::writeMatrix(const unsigned* data, std::size_t size, bool convert)
 {
-    return requireChips() != 0 ? 1 : writeMatrix(data, size, config.counterSelect, convert);
+    return requireChips() != 0 ? 1 : writeMatrix(data, size, config.get().counterSelect, convert);
 }
 
 int Mpx3Dev::writeMatrix(const unsigned* data, std::size_t size, unsigned char counter, bool convert)
 {
     if (requireChips() != 0)
         return 1;
+    if (data == nullptr && size != 0)
+        return logError(1, "No matrix given.");
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    readoutDisturbed = true;
     // Pixels that the caller does not have are written as 0.
     std::vector<unsigned> words(static_cast<std::size_t>(chipCountValue) * CHIP_PIXELS);
     std::copy_n(data, std::min(size, words.size()), words.begin());
@@ -58,11 +63,9 @@ int Mpx3Dev::writeMatrixChannel(const unsigned* data, unsigned long size, unsign
                                 bool convert)
 {
     logFunction("Write Matrix");
-    ThreadLock devLock(&devSync);
-    ThreadLock dataLock(&dataSync);
     switchChannel(channel, false, false, true);
-    const OMR saved = omrValue;
-    selectWholeMatrix(omrValue, WRITE_ROW_BLOCK);
+    const OMR saved = omrValue.get();
+    omrValue.update([](OMR& image) { selectWholeMatrix(image, WRITE_ROW_BLOCK); });
     std::vector<unsigned> copy(data, data + size);
     if (convert) {
         const unsigned char depth = counter == BOTH_COUNTERS ? 24 : 12;
@@ -80,7 +83,7 @@ int Mpx3Dev::writeCounters(const unsigned* data, unsigned long size, unsigned ch
         if (const int result = sendOMRMode(MPX3_MODE_WRITE_FIRST); result != 0)
             return result;
         if (const int result = writeMatrixSingleCounter(data, size, false); result != 0) {
-            omrValue = saved;
+            omrValue.set(saved);
             return result;
         }
     }
@@ -88,7 +91,7 @@ int Mpx3Dev::writeCounters(const unsigned* data, unsigned long size, unsigned ch
     if (const int result = sendOMRMode(lastMode); result != 0)
         return result;
     const int result = writeMatrixSingleCounter(data, size, true);
-    omrValue = saved;
+    omrValue.set(saved);
     return result;
 }
 
@@ -105,11 +108,15 @@ int Mpx3Dev::writeMatrixSingleCounter(const unsigned* data, unsigned long size, 
 
 int Mpx3Dev::eraseMatrix()
 {
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
     logFunction("Erase Matrix");
     if (!link.exists())
         return requireLink();
-    const OMR saved = omrValue;
-    selectWholeMatrix(omrValue, ERASE_ROW_BLOCK);
+    readoutDisturbed = true;
+    const OMR saved = omrValue.get();
+    omrValue.update([](OMR& image) { selectWholeMatrix(image, ERASE_ROW_BLOCK); });
     // The board keeps these readout images until the next setReadoutOMRs.
     setReadoutOMRs();
     // With data disabled the chips shift out and clear their counters, and only the packets come.
@@ -118,12 +125,18 @@ int Mpx3Dev::eraseMatrix()
     const int result = link->sendRecv(mpx3::MpxCmd::Start,
                                       CmdArgs::byteAnd24(SELECT_BOTH, static_cast<std::uint32_t>(getReadBitsSize())),
                                       packets, ERASE_PACKETS, cmdflag::OUTPUT, READ_TIMEOUT);
-    omrValue = saved;
+    omrValue.set(saved);
     return result;
 }
 
 int Mpx3Dev::fastClearMatrix()
 {
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    readoutDisturbed = true;
+    // The pins bracket what is clocked through.
+    ThreadLock lock(&writeSync);
     logFunction("Fast Clear Matrix");
     const unsigned char zeros[mpx3::FAST_CLEAR_SIZE] = {};
     int sum = setPins(mpx3::pinword::FAST_CLEAR_LOW);
@@ -133,54 +146,98 @@ int Mpx3Dev::fastClearMatrix()
     return sum != 0 ? logError(sum, "Cannot fast clear matrix: %s", link.lastError()) : 0;
 }
 
+/// As much of the host's array as belongs to this device's chips.
+std::span<unsigned> Mpx3Dev::hostMatrix(unsigned* data, std::size_t size) const
+{
+    const std::size_t pixels = static_cast<std::size_t>(chipCountValue) * CHIP_PIXELS;
+    return {data, data != nullptr ? std::min(size, pixels) : 0};
+}
+
 int Mpx3Dev::readMatrix(unsigned* data, std::size_t size, bool convert)
 {
-    return requireChips() != 0 ? 1 : readMatrix(data, size, config.counterSelect, convert);
+    if (requireChips() != 0)
+        return 1;
+    if (!loadFlag(frameAnnounced))
+        return readMatrixFromDevice(hostMatrix(data, size), config.get().counterSelect, convert, nullptr);
+    readAnnounced(hostMatrix(data, size), nullptr, convert, nullptr);
+    return 0;
 }
 
 int Mpx3Dev::readMatrix(unsigned* data, std::size_t size, unsigned char counter, bool convert)
 {
-    if (!loadFlag(acquiring))
-        return readMatrixFromDevice(data, size, counter, convert);
-    const unsigned long received = readBytes;
-    // A TDI frame is decoded from the records of all rows, of which the count tells the last one.
-    std::memcpy(streamCopy.data(), streamBuffer.data(), tdiMode ? streamBuffer.size() : received);
-    // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
-    matrixReadEvent.set();
-    decodeMpx3MatrixStream(streamShape(ALL_CHANNELS), {streamCopy.data(), streamCopy.size()}, received,
-                           {data, data != nullptr ? size : 0}, size, counter, convert);
+    if (!loadFlag(frameAnnounced))
+        return readMatrixFromDevice(hostMatrix(data, size), counter, convert, nullptr);
+    const int counters = counter;
+    readAnnounced(hostMatrix(data, size), &counters, convert, nullptr);
     return 0;
 }
 
-int Mpx3Dev::readMatrixFromDevice(unsigned* data, std::size_t size, unsigned char counter, bool convert)
+/// Decodes the frame that was announced last, the counters that it was taken with or those of `counters`. Tells its
+/// circumstances to `about`, but for the bytes.
+void Mpx3Dev::readAnnounced(std::span<unsigned> matrix, const int* counters, bool convert, Stream* about)
 {
+    ThreadLock lock(&readerSync);
+    {
+        ThreadLock streamLock(&streamSync);
+        reading.shape = announced->shape;
+        reading.received = announced->received;
+        reading.missing = announced->missing;
+        reading.counters = announced->counters;
+        reading.frameTime = announced->frameTime;
+        // A TDI frame is decoded from the records of all rows, of which the count tells the last one.
+        const std::size_t used = announced->shape.tdi ? announced->bytes.size() : announced->received;
+        std::copy_n(announced->bytes.begin(), std::min(used, reading.bytes.size()), reading.bytes.begin());
+    }
+    // The series may overwrite the stream from here on, before the slow decoding starts.
+    matrixReadEvent.set();
+    decodeMpx3MatrixStream(reading.shape, reading.bytes, reading.received, matrix, matrix.size(),
+                           counters != nullptr ? *counters : reading.counters, convert);
+    if (about == nullptr)
+        return;
+    about->shape = reading.shape;
+    about->missing = reading.missing;
+    about->frameTime = reading.frameTime;
+}
+
+/// Reads the chips by hand. Adds what did not come to `missing`, if given.
+int Mpx3Dev::readMatrixFromDevice(std::span<unsigned> matrix, int counters, bool convert, unsigned long* missing)
+{
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() != 0)
+        return 1;
+    readoutDisturbed = true;
     logFunction("Read Matrix");
-    const std::span<unsigned> matrix(data, data != nullptr ? size : 0);
     std::ranges::fill(matrix, 0U);
+    const auto readInto = [&](std::span<unsigned> part, std::size_t convertSize, int channel) {
+        switchChannel(channel, true, false, true);
+        if (const int result = readMatrixStream(channel, true); result != 0)
+            return result;
+        if (missing != nullptr)
+            *missing += incoming->missing;
+        convertMpx3MatrixStream(streamShape(channel), incoming->bytes, incoming->received, part, convertSize, counters,
+                                convert);
+        return 0;
+    };
     if (readParallel) {
-        switchChannel(ALL_CHANNELS, true, false, true);
-        if (const int result = readMatrixStream(ALL_CHANNELS, true); result != 0)
-            return logError(result, "Cannot read matrix (counter=%d).", counter);
         // With two chips on a channel this converts the first half of the pixels only; the others keep the chip's code.
         const std::size_t convertSize = static_cast<std::size_t>(channelCount) * CHIP_PIXELS;
-        convertMatrixStream(streamBuffer, readBytes, matrix, convertSize, counter, ALL_CHANNELS, convert);
+        if (const int result = readInto(matrix, convertSize, ALL_CHANNELS); result != 0)
+            return logError(result, "Cannot read matrix (counter=%d).", counters);
         return 0;
     }
     const std::size_t channelSize = static_cast<std::size_t>(chipsPerChannel()) * CHIP_PIXELS;
     for (int channel = 0; channel < channelCount; ++channel) {
-        switchChannel(channel, true, false, true);
-        if (const int result = readMatrixStream(channel, true); result != 0)
-            return logError(result, "Cannot read matrix (chan=%d, counter=%d).", channel, counter);
         const std::size_t first = std::min(matrix.size(), static_cast<std::size_t>(channel) * channelSize);
-        convertMatrixStream(streamBuffer, readBytes, matrix.subspan(first), channelSize, counter, channel, convert);
+        if (const int result = readInto(matrix.subspan(first), channelSize, channel); result != 0)
+            return logError(result, "Cannot read matrix (chan=%d, counter=%d).", channel, counters);
     }
     return 0;
 }
 
 CmdArgs Mpx3Dev::streamParams() const
 {
-    const unsigned char counters = config.counterSelect == BOTH_COUNTERS ? SELECT_BOTH : config.counterSelect;
-    return CmdArgs::byteAnd24(counters, static_cast<std::uint32_t>(mpx3ReadCommandBits(omrValue, twoChips)));
+    const unsigned char counters = bothCounters() ? SELECT_BOTH : config.get().counterSelect;
+    return CmdArgs::byteAnd24(counters, static_cast<std::uint32_t>(mpx3ReadCommandBits(omrValue.get(), twoChips)));
 }
 
 int Mpx3Dev::setMatrixStreamParams()
@@ -188,44 +245,40 @@ int Mpx3Dev::setMatrixStreamParams()
     return link.send(mpx3::MpxCmd::StreamParams, streamParams());
 }
 
+/// Receives a stream into `incoming`; the caller has the turn.
 int Mpx3Dev::readMatrixStream(int channel, bool sendCommand)
 {
     if (sendCommand)
         link.send(mpx3::MpxCmd::Start, streamParams(), cmdflag::OUTPUT);
-    readBytes = matrixStreamSize(channel == ALL_CHANNELS ? channelCount : 1);
-    return link.receive(streamBuffer.data(), &readBytes, READ_TIMEOUT);
+    const unsigned long expected = matrixStreamSize(channel == ALL_CHANNELS ? channelCount.load() : 1);
+    incoming->received = expected;
+    const int result = link.receive(incoming->bytes.data(), &incoming->received, READ_TIMEOUT);
+    if (result != 0)
+        incoming->received = 0;
+    incoming->missing = expected - incoming->received;
+    if (result == 0 && incoming->missing != 0)
+        reportShort(incoming->received, expected);
+    return result;
 }
 
-/// Takes the stream of a frame that a stop has cut off the link. It goes to nobody, and must not go where the reader of
-/// the frame before still copies.
-int Mpx3Dev::dropMatrixStream()
+/// A stream that stops short is no failure; the frame carries the count of what is missing.
+void Mpx3Dev::reportShort(unsigned long received, unsigned long expected) const
 {
-    std::vector<unsigned char> scratch(streamBuffer.size());
-    unsigned long received = matrixStreamSize(channelCount);
-    return link.receive(scratch.data(), &received, READ_TIMEOUT);
+    report.line(ERR, "Frame is incomplete: %lu of %lu bytes received", received, expected);
 }
 
 unsigned long Mpx3Dev::matrixStreamSize(int channels) const
 {
-    return std::min<unsigned long>(mpx3ReadSize(omrValue, twoChips, channels, config.counterSelect == BOTH_COUNTERS),
-                                   streamBuffer.size());
-}
-
-void Mpx3Dev::convertMatrixStream(const Buffer<unsigned char>& stream, unsigned long received,
-                                  std::span<unsigned> matrix, std::size_t convertSize, int counters, int channel,
-                                  bool convert) const
-{
-    convertMpx3MatrixStream(streamShape(channel), {stream.data(), stream.size()}, received, matrix, convertSize,
-                            counters, convert);
+    return std::min<unsigned long>(mpx3ReadSize(omrValue.get(), twoChips, channels, bothCounters()),
+                                   incoming->bytes.size());
 }
 
 Mpx3StreamShape Mpx3Dev::streamShape(int channel) const
 {
     Mpx3StreamShape shape;
-    shape.omr = omrValue;
-    shape.channels = channel == ALL_CHANNELS ? channelCount : 1;
+    shape.omr = omrValue.get();
+    shape.channels = channel == ALL_CHANNELS ? channelCount.load() : 1;
     shape.twoChips = twoChips;
-    shape.tdi = tdiMode && loadFlag(acquiring);
     return shape;
 }
 

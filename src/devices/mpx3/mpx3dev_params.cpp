@@ -11,9 +11,10 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr unsigned STATUS_PATIENCE_MS = 100; ///< a poll must not hang behind a stop
-constexpr double CPU_PARAM_INTERVAL = 0.5;   ///< seconds between two refreshes by reads of CPU parameters
-constexpr double CPU_SENSE_INTERVAL = 1.0;   ///< seconds between two refreshes by readSenseValuesFromCpu
+constexpr double STATUS_PATIENCE = 0.1;    ///< seconds; a poll must not hang behind a stop
+constexpr double WISH_INTERVAL = 1.0;      ///< seconds between two readings of a series for those who poll
+constexpr double CPU_PARAM_INTERVAL = 0.5; ///< seconds between two refreshes by reads of CPU parameters
+constexpr double CPU_SENSE_INTERVAL = 1.0; ///< seconds between two refreshes by readSenseValuesFromCpu
 
 constexpr ParamRow PARAMS[] = {
     {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
@@ -60,39 +61,73 @@ void Mpx3Dev::onReadParam(dv::IParam* param)
 {
     if (std::string_view(param->name()) != "Temperature")
         return;
-    param->setDouble(adcCelsius(readSenseCode(TEMPERATURE_ADC_CHANNEL)));
+    if (!inSeries()) {
+        param->setDouble(adcCelsius(readSenseCode(TEMPERATURE_ADC_CHANNEL)));
+        return;
+    }
+    leaveWish(1U << TEMPERATURE_ADC_CHANNEL);
+    if (const int last = adcCodes[TEMPERATURE_ADC_CHANNEL]; last >= 0)
+        param->setDouble(adcCelsius(static_cast<unsigned short>(last)));
 }
 
 void Mpx3Dev::onWriteParam(dv::IParam* param)
 {
     const std::string_view name = param->name();
     // The parameter switches the debug log on, but never off again while it is on.
-    if (name == "DebugLog")
+    if (name == "DebugLog") {
         setDebugLog(param->getBool() || loadFlag(debugLog));
-    else if (name == "BiasDischarge")
-        link.send(SpiCmd::BiasDischarge, CmdArgs::low(static_cast<unsigned char>(param->getByte() << 2)));
+    } else if (name == "BiasDischarge") {
+        const unsigned char word = param->getByte();
+        ThreadLock lock(&writeSync);
+        link.send(SpiCmd::BiasDischarge, CmdArgs::low(static_cast<unsigned char>(word << 2)));
+    }
 }
 
 void Mpx3Dev::onReadParamCpu()
 {
-    ThreadLock lock(&cpuSync);
-    const double now = getPreciseTime();
-    if (ibCpu == nullptr || now - lastCpuRead <= CPU_PARAM_INTERVAL)
+    if (!loadFlag(cpuPresent))
         return;
-    ibCpu->dumpValuesToParams(devParams);
+    if (inSeries()) {
+        leaveWish(WISH_CPU_VALUES);
+        return;
+    }
+    if (getPreciseTime() - lastCpuRead <= CPU_PARAM_INTERVAL)
+        return;
+    refreshCpuValues();
     lastCpuRead = getPreciseTime();
 }
 
 void Mpx3Dev::readSenseValuesFromCpu() const
 {
-    ThreadLock lock(&cpuSync);
-    const double now = getPreciseTime();
-    if (now - lastSenseRead < CPU_SENSE_INTERVAL)
+    const double time = getPreciseTime();
+    if (time - lastSenseRead < CPU_SENSE_INTERVAL)
         return;
     logFunction("Read cpu values");
-    lastSenseRead = now;
-    if (ibCpu != nullptr)
-        ibCpu->dumpValuesToParams(devParams);
+    lastSenseRead = time;
+    if (inSeries())
+        leaveWish(WISH_CPU_VALUES);
+    else
+        refreshCpuValues();
+}
+
+/// Asks the CPU, and gives the answers to the host's parameters once the turn is given back.
+void Mpx3Dev::refreshCpuValues() const
+{
+    IBCpu::Values values;
+    {
+        const DeviceTurn turn(linkTurn, report, patience());
+        if (turn.require() != 0 || ibCpu == nullptr)
+            return;
+        values = ibCpu->getValues();
+    }
+    storeCpuValues(values);
+}
+
+void Mpx3Dev::storeCpuValues(const IBCpu::Values& values) const
+{
+    for (const auto& [name, value] : values)
+        if (devParams->exists(name.c_str()))
+            devParams->get(name.c_str())->setString(value.c_str());
 }
 
 void Mpx3Dev::setDebugLog(bool on)
@@ -104,11 +139,23 @@ void Mpx3Dev::setDebugLog(bool on)
 
 int Mpx3Dev::deviceStatus() const
 {
-    // The preparation of a series must not take the CPU's answer off the link, nor this what the chips send.
-    ThreadLockTimeout quiet(&devSync, STATUS_PATIENCE_MS);
-    ThreadLock lock(&cpuSync);
-    if (!quiet.locked() || ibCpu == nullptr || loadFlag(acquiring) || series.active())
+    if (!loadFlag(cpuPresent))
         return lastCpuStatus;
+    if (inSeries()) {
+        leaveWish(WISH_STATUS);
+        return lastCpuStatus;
+    }
+    const DeviceTurn turn(linkTurn, report, STATUS_PATIENCE);
+    if (turn.taken())
+        pollStatus();
+    return lastCpuStatus;
+}
+
+/// Asks the CPU for its state; the caller has the turn.
+void Mpx3Dev::pollStatus() const
+{
+    if (ibCpu == nullptr)
+        return;
     if (skipPeriodicLog)
         report.setLevel(MSG);
     logFunction("Get Device Status");
@@ -117,20 +164,84 @@ int Mpx3Dev::deviceStatus() const
         reportCpuFault(report, *ibCpu, overheated);
     // From the first poll on, a device without DebugLog logs at MSG only.
     report.setLevel(usualLogLevel());
-    return lastCpuStatus;
 }
 
 const char* Mpx3Dev::deviceStatusText() const
 {
-    ThreadLockTimeout quiet(&devSync, STATUS_PATIENCE_MS);
-    ThreadLock lock(&cpuSync);
-    if (quiet.locked() && ibCpu != nullptr && !loadFlag(acquiring) && !series.active()) {
-        if (skipPeriodicLog)
-            report.setLevel(MSG);
-        statusText = ibCpu->getStatusText();
-        report.setLevel(usualLogLevel());
+    if (!loadFlag(cpuPresent))
+        return statusText.get();
+    if (inSeries()) {
+        leaveWish(WISH_STATUS_TEXT);
+        return statusText.get();
     }
-    return statusText.c_str();
+    const DeviceTurn turn(linkTurn, report, STATUS_PATIENCE);
+    if (turn.taken())
+        pollStatusText();
+    return statusText.get();
+}
+
+/// The same for the CPU's words.
+void Mpx3Dev::pollStatusText() const
+{
+    if (ibCpu == nullptr)
+        return;
+    if (skipPeriodicLog)
+        report.setLevel(MSG);
+    const std::string text = ibCpu->getStatusText();
+    report.setLevel(usualLogLevel());
+    // What the host holds stays valid as long as nothing new comes.
+    if (text != statusText.get())
+        statusText.set(text);
+}
+
+/// Takes the readings that somebody has asked for since the last time, between two frames and at most once a second.
+/// False where the board turns out to be too hot.
+bool Mpx3Dev::serveWishes()
+{
+    if (wishes == 0 || getPreciseTime() - wishesServed < WISH_INTERVAL)
+        return true;
+    IBCpu::Values values;
+    {
+        SeriesTurn turn(linkTurn, report);
+        if (!turn.taken())
+            return true;
+        const unsigned wanted = wishes.exchange(0);
+        if ((wanted & WISH_STATUS) != 0)
+            pollStatus();
+        if ((wanted & WISH_STATUS_TEXT) != 0)
+            pollStatusText();
+        if ((wanted & WISH_CPU_VALUES) != 0 && ibCpu != nullptr)
+            values = ibCpu->getValues();
+        if ((wanted & WISH_BIAS) != 0)
+            measureBias(true, true);
+        for (unsigned channel = 0; channel < ADC_CHANNELS; ++channel)
+            if ((wanted & 1U << channel) != 0)
+                readSenseCode(static_cast<unsigned char>(channel));
+    }
+    storeCpuValues(values);
+    wishesServed = getPreciseTime();
+    return !loadFlag(overheated);
+}
+
+int Mpx3Dev::TurnCpu::sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received)
+{
+    const DeviceTurn turn(device.linkTurn, device.report, device.patience());
+    if (turn.require() != 0)
+        return 1;
+    ThreadLock lock(&device.writeSync);
+    return IBCpuMgrMpx3::sendReceiveSpi(tx, rx, size, received);
+}
+
+int Mpx3Dev::TurnFlash::flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size,
+                                       unsigned long* received)
+{
+    if (device.inSeries())
+        return device.logError(1, "Acquisition is running");
+    const DeviceTurn turn(device.linkTurn, device.report, device.patience());
+    if (turn.require() != 0)
+        return 1;
+    ThreadLock lock(&device.writeSync);
+    return IBFlashFpxMpx3::flashReadWrite(tx, rx, size, received);
 }
 
 } // namespace HwLatixel

@@ -2,7 +2,7 @@
 #include "devices/mpx3/mpx3laddev.h"
 
 #include "devices/common/frames.h"
-#include "shared/datatype.h"
+#include "host/datatype.h"
 #include "shared/inifile.h"
 
 #include <algorithm>
@@ -21,8 +21,9 @@ constexpr std::size_t PIXEL_CFG_BYTES = 2 * LAD_CHIP_PIXELS; ///< of a chip
 
 constexpr double SMALLEST_BIAS_AT_FIRST = 1000.0; ///< volts
 
-constexpr unsigned READ_POLL_MS = 100; ///< between two looks at the stop flag
-constexpr double LONG_FRAME = 0.5;     ///< seconds, from which the members are looked at less often
+constexpr double MEMBER_END_LIMIT = 5.0; ///< seconds for what a member does behind its last frame
+constexpr unsigned READ_POLL_MS = 100;   ///< between two looks at the stop flag
+constexpr double LONG_FRAME = 0.5;       ///< seconds, from which the members are looked at less often
 constexpr unsigned LONG_POLL_MS = 100;
 constexpr unsigned SHORT_POLL_MS = 10;
 
@@ -104,6 +105,8 @@ void Mpx3LadDev::memberUp(Mpx3Dev& member, std::size_t index)
 int Mpx3LadDev::closeDevice()
 {
     logFunction("Close Device");
+    // Nobody takes the members' frames any more.
+    storeFlag(membersDismissed, true);
     LadDev::closeDevice();
     devEventInfos.clear();
     return 0;
@@ -191,11 +194,15 @@ int Mpx3LadDev::biasVoltageCurrentSense(double* volts, double* amperes) const
 int Mpx3LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
 {
     logFunction("Set Dacs");
+    if (dacs == nullptr)
+        return logError(1, "No DAC values given.");
+    if (size == 0)
+        size = static_cast<std::size_t>(members.chipCount()) * DACS_PER_CHIP;
     ThreadLock lock(&devSync);
     if (chip < 0)
         return untilFailure([&](Mpx3Dev& member, std::size_t i) {
             const auto slice = memberSlice(dacs, size, i, DACS_PER_CHIP);
-            return member.setDacs(slice.data, slice.size, -1);
+            return member.loadDacs(slice.data, slice.size, -1);
         });
     const auto* found = members.findChip(static_cast<unsigned>(chip));
     for (std::size_t i = 0; i < members.size(); ++i) {
@@ -203,7 +210,7 @@ int Mpx3LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
             continue;
         const auto slice = memberSlice(dacs, size, i, DACS_PER_CHIP);
         // A failure for a single chip is seen in the member's log alone.
-        members[i].setDacs(slice.data, slice.size, found->index);
+        members[i].loadDacs(slice.data, slice.size, found->index);
     }
     return 0;
 }
@@ -285,7 +292,7 @@ int Mpx3LadDev::readMatrix(unsigned* data, std::size_t size, bool convert)
 
 dv::IMpxFrame* Mpx3LadDev::lastData()
 {
-    return filledFrame(*dorvet, members.chipCount(), DT_U32, [this](dv::IMpxFrame& frame) {
+    return filledFrame(*dorvet, members.chipCount(), DTYPE_U32, [this](dv::IMpxFrame& frame) {
         return readMatrix(static_cast<unsigned*>(frame.dataPointer(0.0)), frame.pixelCount(), true);
     });
 }
@@ -321,11 +328,14 @@ int Mpx3LadDev::prepareAcq()
 {
     logFunction("Prepare acq");
     const bool synced = paramBool(params, "Synced");
-    return untilFailure([&](Mpx3Dev& member, std::size_t i) {
+    const int result = untilFailure([&](Mpx3Dev& member, std::size_t i) {
         member.setAcqMode(synced ? unsigned{dv::ACQMODE_EXT_TRIGGER_START} : acqMode.load());
         configureTriggers(member, i == 0);
         return member.prepareAcquisition(acqCount, acqTime, false);
     });
+    if (result != 0)
+        forAll([](Mpx3Dev& member) { member.giveUpPreparation(); });
+    return result;
 }
 
 /// The master takes the composite's trigger; the others are held by the level of the master's output.
@@ -386,6 +396,8 @@ void Mpx3LadDev::acqFunc()
             break;
     }
     report.line(DBG, "Acq: All acq finished.");
+    // The host may use the boards from the last event on. One that does not fall silent is not waited for any longer.
+    forAll([](const Mpx3Dev& member) { member.awaitIdle(MEMBER_END_LIMIT); });
     eventDispatcher.stopThread();
     setBusy(false);
     storeFlag(inAcquisition, false);
@@ -404,6 +416,7 @@ unsigned Mpx3LadDev::takeStartedSeries()
 void Mpx3LadDev::startMembers()
 {
     for (const auto& info : devEventInfos) {
+        info->result = 0;
         info->acqFinished.reset();
         info->readAllowed.set();
     }

@@ -18,10 +18,8 @@ namespace HwLatixel {
 /// 256 rows make a frame. Never a member of a composite. For its life, its locks and its threads see AMpx2Dev.
 ///
 /// Once the temperature protection has tripped, all that works on chips, timer or matrix refuses with 1 until the next
-/// `initDevice`; `setBias` works on.
-///
-/// A series that waits for the host to read the frame before holds `acqSync` and goes on waiting, whatever a stop says:
-/// what needs the gap between two frames then waits for that read too.
+/// `initDevice`; `setBias` works on. A series of rows has the link's turn as a whole: what needs an answer or the chips
+/// is refused until it is stopped or over.
 class Mpx2DevRow : public AMpx2Dev {
 public:
     static constexpr int CHANNELS = 7;
@@ -51,13 +49,6 @@ public:
     /// Reads the identifier of each chip, and with it the chip type.
     int readChipInfo() { return AMpx2Dev::readChipInfo(0); }
 
-    // Status (mpx2devrow_config.cpp)
-    /// Asks the board's CPU, also while a frame is exposed. Then its answer and the frame share the link: the one may
-    /// be lost to the thread that waits for the other, so that the status reads 0, a frame ends early, or a TDI series
-    /// loses rows. With the link in use for 100 ms the last status comes back. Trips the temperature protection.
-    int deviceStatus() const override;
-    const char* deviceStatusText() const override;
-
     // Configuration (mpx2devrow_config.cpp)
     /// Over SPI, also where there is a CPU. -1 on a board that has no bias limits.
     int setBias(double volts) override;
@@ -68,8 +59,6 @@ public:
     int writeMatrix(const unsigned short* matrix, std::size_t size, bool convert) override;
 
     // Matrices (mpx2devrow_config.cpp)
-    /// A `size` below that of all chips takes as many of them as fit.
-    int readMatrix(unsigned short* matrix, std::size_t size, bool convert) override;
     /// Reads the chips, which clears their counters, and fills the stream buffer with ones: pixels of it that no later
     /// stream brings count as 0.
     int eraseMatrix() override;
@@ -82,9 +71,6 @@ public:
 
     // Series (mpx2devrow_acq.cpp)
     int setAcqMode(unsigned mode) override;
-    int startAcquisition(unsigned count, double seconds) override;
-    int stopAcquisition() override;
-    int prepareAcquisition(double seconds) override;
     /// Tells the board how many bits a block of "TdiRowCount" rows has.
     virtual int setReadoutBitCount();
     void acqFunc() override;
@@ -95,38 +81,49 @@ protected:
     int switchGroup(int number) override { return switchChannel(number); }
     std::unique_ptr<IBCpuMgr<CmdMgr>> makeCpu() override;
     int requireChips() const override;
-    int readStream() override { return readMatrixFromDevice(false); }
+    int readStream(std::span<unsigned char> stream, StreamCount& count) override;
+    int readMatrixCounting(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing) override;
     void decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,
                       bool convert) const override;
     void describeFrame(dv::IMpxFrame& frame) override;
     double shutterTime(double seconds) const override;
     int prepareReadout() override { return setReadoutBitCount(); }
+    int checkSeries(unsigned count) override;
     void onReadParam(dv::IParam* param) override;
-    void onReadParamCpu() override;
 
 private:
+    /// Rows of a block at most: more have more bits than the board can be told.
+    static constexpr std::uint32_t MAX_BLOCK_ROWS = (1UL << 24) / (8 * MPX2_ROW_STREAM_STRIDE);
+    /// Blocks of a series at most, for the same reason.
+    static constexpr std::uint64_t MAX_BLOCKS = (1UL << 24) - 1;
+
     // Bring-up steps
     void findChips();
     void logChipIds() const;
     int restoreChips();
 
     // Matrices
-    int receiveStream();
-    int receiveRow();
+    int readOut(std::span<unsigned char> stream, bool rowOnly, StreamCount& count);
+    int receiveStream(std::span<unsigned char> stream, StreamCount& count);
+    int receiveRow(std::span<unsigned char> stream);
+    int readRows(unsigned long rows, StreamCount& count);
 
     // Series
     unsigned tdiRowCount() const;
+    std::uint64_t blocksOf(std::uint64_t frames) const;
     int startRows(std::uint64_t blocks);
-    void readTdiFrame(unsigned rows);
+    bool readTdiFrame(unsigned rows, StreamCount& count);
+    Pass runRows(std::uint64_t& frame, StreamCount& count);
+    void leaveRows();
 
-    Buffer<unsigned char> pixelCfgBackup{0, false}; ///< the host's last pixel configuration; acqSync and devSync
+    Buffer<unsigned char> pixelCfgBackup{0, false}; ///< the host's last pixel configuration; the turn
     std::string biasTypeText;
     std::array<int, CHANNELS> channelEnabled{}; ///< 1 for a channel with a chip; set at bring-up, then only read
 
     std::atomic<bool> tdiMode{false};
     std::atomic<std::uint64_t> rowsRead{0}; ///< rows of the current TDI frame in the stream buffer
-    StopsUnderWay stopsUnderWay;
-    std::atomic<bool> rowsMissed{false}; ///< a block of the TDI series has come short, and may come yet
+    std::atomic<bool> seriesOfRows{false};  ///< the mode of the series that runs
+    std::atomic<bool> rowsMissed{false};    ///< a block of the TDI series has come short, and may come yet
     RowTimes rowTimes;
 };
 

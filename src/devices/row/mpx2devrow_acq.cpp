@@ -29,7 +29,22 @@ double Mpx2DevRow::shutterTime(double seconds) const
 /// does less than 0.
 unsigned Mpx2DevRow::tdiRowCount() const
 {
-    return static_cast<unsigned>(std::max(paramInt32(devParams, "TdiRowCount"), 0));
+    constexpr int MOST = static_cast<int>(MAX_BLOCK_ROWS);
+    return static_cast<unsigned>(std::clamp(paramInt32(devParams, "TdiRowCount"), 0, MOST));
+}
+
+std::uint64_t Mpx2DevRow::blocksOf(std::uint64_t frames) const
+{
+    const unsigned rows = tdiRowCount();
+    return rows != 0 ? frames * TDI_ROWS / rows : 0;
+}
+
+/// The board counts the blocks of a series; one that counts on from 0 again would end early.
+int Mpx2DevRow::checkSeries(unsigned count)
+{
+    if (!tdiMode || blocksOf(count) <= MAX_BLOCKS)
+        return 0;
+    return logError(1, "Too many frames for a series of rows: %u", count);
 }
 
 int Mpx2DevRow::setReadoutBitCount()
@@ -38,40 +53,16 @@ int Mpx2DevRow::setReadoutBitCount()
     return link.send(tpx::TpxCmd::AnnounceLength, CmdArgs::byteAnd24(0, bits), cmdflag::OUTPUT);
 }
 
-int Mpx2DevRow::prepareAcquisition(double seconds)
-{
-    // Erasing takes both locks, so the frame's one can't wait until then.
-    const FrameGap gap(*this);
-    return AMpx2Dev::prepareAcquisition(seconds);
-}
-
-int Mpx2DevRow::startAcquisition(unsigned count, double seconds)
-{
-    // Both locks are held until the thread is there, so that nothing comes between the preparation and the series. They
-    // are taken in the usual order: whoever waited for a frame's end with devSync in hand would keep the thread that
-    // exposes it from reading it, and both would wait for ever.
-    const FrameGap gap(*this);
-    return AMpx2Dev::startAcquisition(count, seconds);
-}
-
-int Mpx2DevRow::stopAcquisition()
-{
-    const StopsUnderWay::Scope stop(stopsUnderWay);
-    // Ahead of the refusal: without chips, or with chips that are switched off, a series has nothing else to end it.
-    storeFlag(stopRequested, true);
-    return AMpx2Dev::stopAcquisition();
-}
-
 void Mpx2DevRow::acqFunc()
 {
     setCurrentThreadName("mpx2rowacq");
-    if (tdiMode) {
+    seriesOfRows = tdiMode.load();
+    if (seriesOfRows) {
         acqFuncContinuous();
         return;
     }
     openSeries();
-    runFrames();
-    endSeries(recoverResult != 0);
+    endSeries(runFrames(), false);
 }
 
 void Mpx2DevRow::acqFuncContinuous()
@@ -79,54 +70,105 @@ void Mpx2DevRow::acqFuncContinuous()
     openSeries();
     rowTimes.clear();
     rowsMissed = false;
-    const unsigned rows = tdiRowCount();
-    const std::uint64_t frames = acqCount;
-    if (startRows(rows != 0 ? frames * TDI_ROWS / rows : 0) != 0) {
-        abandonSeries();
-        return;
+    // The turn is kept for the series throughout, but held only where the host is not called.
+    linkTurn.reserve();
+    linkTurn.beginWholeSeries();
+    if (life.stopped())
+        linkTurn.endWholeSeries();
+    std::uint64_t frame = 0;
+    StreamCount count;
+    const Pass last = runRows(frame, count);
+    // The last frame is told once the board is at rest, so that its handler may stop the series and go on at once.
+    if (count.expected != 0 && (last == Pass::Taken || count.received != 0)) {
+        acqCount = frame + 1;
+        announceFrame(frame, count);
     }
-    for (std::uint64_t frame = 0; frame < frames && !loadFlag(stopRequested); ++frame) {
-        readTdiFrame(rows);
-        announceFrame(frame);
-    }
-    // Blocks that the board has sent meanwhile, or that have come late, must not meet the next exchange.
-    if (loadFlag(stopRequested) || rowsMissed) {
-        stopsUnderWay.wait();
-        ThreadLock lock(&devSync);
-        link.drain(DRAIN_TIMEOUT);
-    }
-    endExposure();
-    endSeries(false);
+    linkTurn.endWholeSeries();
+    // One that could not be started leaves the device busy.
+    endSeries(last, last == Pass::Lost);
 }
 
-/// Opens the shutter for a series of `blocks` blocks of rows, of which the command takes 24 bits.
+/// The rows of a series, up to the last frame, which is left to be told; `count` is empty where there is none.
+Mpx2DevRow::Pass Mpx2DevRow::runRows(std::uint64_t& frame, StreamCount& count)
+{
+    bool held = linkTurn.takeForSeries();
+    const std::uint64_t frames = acqCount;
+    const unsigned rows = tdiRowCount();
+    Pass last = Pass::Stopped;
+    if (held && !life.stopped())
+        last = startRows(blocksOf(frames)) == 0 ? Pass::Taken : Pass::Lost;
+    const bool started = last == Pass::Taken;
+    while (last == Pass::Taken && frame < frames) {
+        count = {};
+        if (!readTdiFrame(rows, count) || life.stopped()) {
+            last = Pass::Stopped;
+            break;
+        }
+        if (frame + 1 == frames)
+            break;
+        linkTurn.give();
+        report.tellHost();
+        announceFrame(frame, count);
+        held = linkTurn.takeForSeries();
+        if (!held)
+            last = Pass::Stopped;
+        count = {};
+        ++frame;
+    }
+    if (started)
+        leaveRows();
+    if (held)
+        linkTurn.give();
+    linkTurn.endReservation();
+    report.tellHost();
+    return last;
+}
+
+/// Brings the board to rest. Blocks that it has sent meanwhile, or that have come late, must not meet the next
+/// exchange.
+void Mpx2DevRow::leaveRows()
+{
+    if ((life.stopped() || rowsMissed) && !loadFlag(closing)) {
+        stopsUnderWay.wait();
+        link.drain(DRAIN_TIMEOUT, DRAIN_LIMIT);
+    }
+    endExposure();
+}
+
+/// Opens the shutter for a series of `blocks` blocks of rows.
 int Mpx2DevRow::startRows(std::uint64_t blocks)
 {
     // Under the lock that a stop takes for its command: behind it no series is started.
-    ThreadLock lock(&devSync);
-    if (loadFlag(stopRequested))
+    ThreadLock lock(&exchangeSync);
+    if (!link.exists())
+        return 1;
+    if (life.stopped())
         return 0;
     const unsigned flags = triggerFlags() | unsigned{tpx::startflag::CONTINUOUS};
     return startExposure(static_cast<unsigned char>(flags), static_cast<std::uint32_t>(blocks));
 }
 
-void Mpx2DevRow::readTdiFrame(unsigned rows)
+/// Collects a frame. False where a stop has come before its first row: the frame before may still lie where its rows
+/// go.
+bool Mpx2DevRow::readTdiFrame(unsigned rows, StreamCount& count)
 {
-    ThreadLock lock(&acqSync);
-    // The rows go where the frame before may still lie: its reader is waited for, whatever a stop says.
-    waitForReader();
+    if (!awaitReader([] { return false; }))
+        return false;
     rowsRead = 0;
     while (rowsRead < TDI_ROWS) {
-        readContinuousMatrixFromDevice(rows);
-        if (loadFlag(stopRequested))
+        readRows(rows, count);
+        if (life.stopped())
             break;
     }
+    if (rowsRead < TDI_ROWS)
+        count.expected += (TDI_ROWS - rowsRead) * static_cast<std::size_t>(chipCount_) * MPX2_ROW_STREAM_STRIDE;
     matrixReadEvent.reset();
+    return true;
 }
 
 void Mpx2DevRow::describeFrame(dv::IMpxFrame& frame)
 {
-    if (loadFlag(acquiring) && tdiMode)
+    if (givesAnnouncedFrame() && seriesOfRows)
         rowTimes.addNextTo(frame, acqTime);
 }
 

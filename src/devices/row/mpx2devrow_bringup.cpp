@@ -44,8 +44,6 @@ constexpr Mpx2BoardKind BOARD_KIND{
     .adcReadCounts = true,
     .quietServices = false,
     .collectsCutFrame = false,
-    .stopEndsReaderWait = false,
-    .stopEndsReading = false,
     .tellsRecoveredRead = false,
     .sensorParams = SENSOR_PARAMS,
     .lastParams = LAST_PARAMS,
@@ -181,6 +179,9 @@ int Mpx2DevRow::getChipCount()
 
 int Mpx2DevRow::recoverDevice()
 {
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Recover device");
     if (!reconnect())
         return logError(-1, "Could not recover device");
@@ -195,9 +196,11 @@ int Mpx2DevRow::recoverDevice()
     setBias(biasValue);
     double clock = timepixClock;
     setTimepixClock(&clock);
+    if (recoveryCut())
+        return logError(-2, "Could not recover device");
     // What is written first behind a power-up does not stay: only the second time counts.
     restoreChips();
-    return restoreChips() != 0 ? logError(-2, "Could not recover device") : 0;
+    return recoveryCut() || restoreChips() != 0 ? logError(-2, "Could not recover device") : 0;
 }
 
 /// Gives the chips what the host has written to them last. 0 if all of it worked.

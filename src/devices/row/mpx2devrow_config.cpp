@@ -17,10 +17,6 @@ namespace {
 constexpr double READ_TIMEOUT = 0.5;      ///< seconds of silence in a readout
 constexpr double ROWS_TIMEOUT = 2.0;      ///< the same for a block of rows of a TDI series
 constexpr double EMPTY_BLOCK_PAUSE = 0.1; ///< seconds, where nothing can come at once
-constexpr unsigned char STREAM_FILL = 0xFF;
-
-/// More rows have more bits than the board can be told.
-constexpr unsigned long MAX_BLOCK_ROWS = (1UL << 24) / (8 * MPX2_ROW_STREAM_STRIDE);
 
 } // namespace
 
@@ -31,42 +27,10 @@ int Mpx2DevRow::requireChips() const
     return AMpx2Dev::requireChips();
 }
 
-// ---- Status ----
-
-// These three don't wait for a frame: acqSync stays free for the acquisition thread. Their exchanges are kept whole
-// against other commands alone.
-
-int Mpx2DevRow::deviceStatus() const
-{
-    ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
-    if (lock.locked())
-        pollStatus();
-    return devStatus;
-}
-
-const char* Mpx2DevRow::deviceStatusText() const
-{
-    ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
-    if (lock.locked())
-        pollStatusText();
-    return statusText.get();
-}
-
-void Mpx2DevRow::onReadParamCpu()
-{
-    if (ibCpu == nullptr || getPreciseTime() - lastCpuRead <= CPU_PARAM_INTERVAL)
-        return;
-    ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
-    if (!lock.locked())
-        return;
-    ibCpu->dumpValuesToParams(devParams);
-    lastCpuRead = getPreciseTime();
-}
-
 void Mpx2DevRow::onReadParam(dv::IParam* param)
 {
     if (std::string_view(param->name()) == "Temperature")
-        param->setDouble(adcCelsius(readAdcCode(TEMPERATURE_ADC_CHANNEL)));
+        param->setDouble(adcCelsius(pollAdcCode(TEMPERATURE_ADC_CHANNEL)));
 }
 
 // ---- Configuration ----
@@ -80,7 +44,6 @@ int Mpx2DevRow::setBias(double volts)
         return logError(1, "%s", NOT_CONNECTED);
     if (std::isnan(volts))
         return logError(1, "Bias voltage is not a number.");
-    const FrameGap gap(*this);
     biasValue = volts;
     return sendBiasCode(volts);
 }
@@ -94,7 +57,6 @@ double Mpx2DevRow::getMaxBias() const
 
 int Mpx2DevRow::setInterfaceDac(char dac, double value)
 {
-    const FrameGap gap(*this);
     return AMpx2Dev::setInterfaceDac(dac, value);
 }
 
@@ -102,7 +64,13 @@ int Mpx2DevRow::setPixelCfg(const unsigned char* cfg, std::size_t size)
 {
     if (requireChips() != 0)
         return 1;
-    const FrameGap gap(*this);
+    if (cfg == nullptr && size != 0)
+        return refuseNull();
+    if (!checkSize(size))
+        return 1;
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     std::vector<unsigned short> words(size);
     pixelCfgToMatrixMpx2(cfg, size, timepix, words.data());
     // A recovery hands in the backup itself.
@@ -115,7 +83,13 @@ int Mpx2DevRow::writeMatrix(const unsigned short* matrix, std::size_t size, bool
 {
     if (requireChips() != 0)
         return 1;
-    const FrameGap gap(*this);
+    if (matrix == nullptr && size != 0)
+        return refuseNull();
+    if (!checkSize(size))
+        return 1;
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Write Matrix");
     return writeChips(matrix, size, convert);
 }
@@ -126,59 +100,90 @@ int Mpx2DevRow::eraseMatrix()
 {
     if (requireChips() != 0)
         return 1;
-    const FrameGap gap(*this);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Erase matrix");
-    readMatrixFromDevice(false);
+    discardMatrix();
     // A TDI frame is put together in the stream: it begins with counters that read as 0.
-    buffers.receive([](std::span<unsigned char> stream) { std::ranges::fill(stream, STREAM_FILL); });
+    if (!loadFlag(acquiring))
+        buffers.receive([](std::span<unsigned char> stream) { std::ranges::fill(stream, BLANK_STREAM); });
     return 0;
 }
 
 int Mpx2DevRow::readMatrixFromDevice(bool rowOnly)
 {
-    ThreadLock lock(&devSync);
+    if (requireChips() != 0)
+        return 1;
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    StreamCount count;
+    return buffers.receive([&](std::span<unsigned char> stream) { return readOut(stream, rowOnly, count); });
+}
+
+int Mpx2DevRow::readStream(std::span<unsigned char> stream, StreamCount& count)
+{
+    return readOut(stream, false, count);
+}
+
+int Mpx2DevRow::readOut(std::span<unsigned char> stream, bool rowOnly, StreamCount& count)
+{
     if (requireChips() != 0)
         return 1;
     logFunction("Read Matrix");
     if (const int result = switchChannel(ENABLED_CHANNELS); result != 0)
         return result;
     changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 0}});
-    const int result = rowOnly ? receiveRow() : receiveStream();
+    const int result = rowOnly ? receiveRow(stream) : receiveStream(stream, count);
     changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
     return result != 0 ? logError(1, "Reading matrix failed %d (%s)", result, link.lastError()) : 0;
 }
 
-int Mpx2DevRow::receiveStream()
+int Mpx2DevRow::receiveStream(std::span<unsigned char> stream, StreamCount& count)
 {
     const Mpx2Readout readout = mpx2RowDeviceReadout(static_cast<std::size_t>(chipCount_));
     link.send(tpx::TpxCmd::Readout, CmdArgs::word(readout.bits), cmdflag::OUTPUT);
-    return buffers.receive([&](std::span<unsigned char> stream) {
-        unsigned long received = std::min(readout.bytes, stream.size());
-        return link.receive(stream.data(), &received, READ_TIMEOUT);
-    });
+    unsigned long received = std::min(readout.bytes, stream.size());
+    count.expected = received;
+    const int result = link.receive(stream.data(), &received, READ_TIMEOUT);
+    count.received = received;
+    return result;
 }
 
-int Mpx2DevRow::receiveRow()
+int Mpx2DevRow::receiveRow(std::span<unsigned char> stream)
 {
     link.send(tpx::TpxCmd::Readout, CmdArgs::word(MPX2_SINGLE_ROW_READOUT.bits), cmdflag::OUTPUT);
     std::array<unsigned char, MPX2_SINGLE_ROW_READOUT.bytes> row{};
     unsigned long received = row.size();
     const int result = link.receive(row.data(), &received, READ_TIMEOUT);
     if (result == 0)
-        buffers.receive([&](std::span<unsigned char> stream) { pushMpx2Row(stream, std::span(row).first(received)); });
+        pushMpx2Row(stream, std::span(row).first(received));
     return result;
 }
 
 int Mpx2DevRow::readContinuousMatrixFromDevice(unsigned long rows)
 {
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
+    StreamCount count;
+    return readRows(rows, count);
+}
+
+/// The next block of rows of a TDI series.
+int Mpx2DevRow::readRows(unsigned long rows, StreamCount& count)
+{
     logFunction("Read Acq Finished & Matrix");
     const auto chips = static_cast<std::size_t>(chipCount_);
-    const unsigned long blockRows = std::min(rows, MAX_BLOCK_ROWS);
+    const unsigned long blockRows = std::min<unsigned long>(rows, MAX_BLOCK_ROWS);
     std::vector<unsigned char> block(mpx2TdiBlockSize(chips, blockRows));
     unsigned long received = block.size();
     const int result = link.receive(block.data(), &received, ROWS_TIMEOUT);
     if (result != 0)
         received = 0;
+    count.expected += block.size();
+    count.received += received;
     if (received < block.size())
         rowsMissed = true;
     // A link that fails does so at once, and so may blocks without rows come.
@@ -191,25 +196,17 @@ int Mpx2DevRow::readContinuousMatrixFromDevice(unsigned long rows)
     return 0;
 }
 
-int Mpx2DevRow::readMatrix(unsigned short* matrix, std::size_t size, bool convert)
+int Mpx2DevRow::readMatrixCounting(unsigned short* matrix, std::size_t size, bool convert, std::size_t& missing)
 {
-    bool running = loadFlag(acquiring);
-    while (!running) {
-        // A series that begins meanwhile may hold this lock until somebody takes its stream.
-        const ThreadLockTimeout frame(&acqSync, READER_POLL_MS);
-        if (frame.locked()) {
-            if (const int result = readMatrixFromDevice(false); result != 0)
-                return result;
-            break;
-        }
-        running = loadFlag(acquiring);
+    const std::size_t taken = std::min(size, static_cast<std::size_t>(chipCount_) * MPX2_CHIP_PIXELS);
+    if (!givesAnnouncedFrame()) {
+        const int result = readChipsNow(matrix, taken, convert, missing);
+        matrixReadEvent.set();
+        return result;
     }
-    if (running)
-        copyMatrixStreamToSecondBuffer();
-    // The acquisition thread may overwrite the stream from here on, before the slow decoding starts.
-    matrixReadEvent.set();
-    const std::size_t pixels = static_cast<std::size_t>(chipCount_) * MPX2_CHIP_PIXELS;
-    return getConvertedMatrix(matrix, std::min(size, pixels), convert, running);
+    takeAnnouncedFrame();
+    missing = buffers.copyMissing();
+    return getConvertedMatrix(matrix, taken, convert, true);
 }
 
 void Mpx2DevRow::decodeStream(std::span<const unsigned char> stream, std::span<unsigned short> matrix,

@@ -58,6 +58,8 @@ public:
     std::function<void(long)> onFrame;
     /// Runs inside HWEVENT_WAIT_TRIGGER.
     std::function<void()> onWaitTrigger;
+    /// Runs inside each event, before the others.
+    std::function<void(unsigned)> onEvent;
 
     /// Waits until an event of one of the kinds has come; false after 100 s.
     bool waitFor(std::initializer_list<unsigned> kinds)
@@ -92,6 +94,8 @@ private:
     static void take(unsigned event, long data, void* user)
     {
         auto& log = *static_cast<EventLog*>(user);
+        if (log.onEvent)
+            log.onEvent(event);
         if (event == HWEVENT_FRAME_READY && log.onFrame)
             log.onFrame(data);
         if (event == HWEVENT_WAIT_TRIGGER && log.onWaitTrigger)
@@ -212,6 +216,7 @@ public:
     BenchBase& operator=(const BenchBase&) = delete;
 
     DeviceClass* operator->() const { return device; }
+    DeviceClass& dev() const { return *device; }
 
     template <typename Look>
     static void board(std::size_t index, Look look)

@@ -296,6 +296,23 @@ TEST_F(Mpx3Lad, CloseDuringASeries)
     start(100, 0.02);
 }
 
+TEST_F(Mpx3Lad, SeriesWhoseLastFrameNobodyTakesHoldsUpNothing)
+{
+    bench.events->onFrame = nullptr;
+    run(1, 0.02);
+    const auto begin = Clock::now();
+    EXPECT_EQ(bench->closeDevice(), 0);
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(6));
+    bringUp();
+    // A member that has failed counts anew in the next series, also behind a stop.
+    sim::addFault(1, {{"kind", "silence"}, {"when", {{"after_written", START}}}, {"seconds", 3.0}});
+    run(1, 0.05);
+    EXPECT_EQ(bench.events->seen(), (Events{{FAILED, 0}, {FINISHED, 0}}));
+    sim::clearFaults(1);
+    bench->stopAcquisition();
+    expectNextSeriesWorks();
+}
+
 TEST(Mpx3LadStress, EightMembersUnderAllThatAHostDoes)
 {
     BroughtUp<Lad> lad(boards(8, {1}), "Module1=0\nModule2=0\nModule3=0\nModule4=0\n");

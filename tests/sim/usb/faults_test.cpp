@@ -104,15 +104,42 @@ TEST_F(FaultsTest, LateAnswersComeWhole)
     EXPECT_EQ(host.got, ramp(10));
 }
 
-TEST_F(FaultsTest, StalledWritesMoveNothingOrAPart)
+TEST_F(FaultsTest, StalledWritesFailAtTheHostsTimeLimitOrGoOn)
 {
-    fault(R"({"kind": "stalled_write", "times": 2})");
-    EXPECT_EQ(host.write(ramp(10)), 0);
-    EXPECT_EQ(host.write(ramp(10)), 0);
+    host.ftdi.usb_write_timeout = 30;
+    fault(R"({"kind": "stalled_write", "times": 1})");
+    EXPECT_GE(timeOf([&] { EXPECT_EQ(host.write(ramp(10)), -1); }), 30ms);
     fault(R"({"kind": "stalled_write", "bytes": 4, "times": 1})");
-    EXPECT_EQ(host.write(ramp(10)), 4);
+    EXPECT_EQ(host.write(ramp(10)), -1);
+    EXPECT_EQ(host.error(), "usb bulk write failed");
     EXPECT_EQ(host.write(ramp(10)), 10);
     EXPECT_EQ(sim::written(0).size(), 14U);
+
+    host.ftdi.usb_write_timeout = 5000;
+    fault(R"({"kind": "stalled_write", "bytes": 6, "seconds": 0.03})");
+    EXPECT_GE(timeOf([&] { EXPECT_EQ(host.write(ramp(10)), 10); }), 30ms);
+    EXPECT_EQ(sim::written(0).size(), 24U);
+}
+
+TEST_F(FaultsTest, AMuteChipAnswersNothingUntilTheHostsTimeLimitIsOver)
+{
+    host.ftdi.usb_read_timeout = 30;
+    host.ftdi.usb_write_timeout = 30;
+    unsigned char latency = 0;
+    fault(R"({"kind": "mute", "on": "read", "times": 2})");
+    host.write(ramp(10));
+    for (int i = 0; i < 2; ++i)
+        EXPECT_GE(timeOf([&] { EXPECT_EQ(host.read(10), -7); }), 30ms);
+    EXPECT_EQ(host.fetch(10), ramp(10));
+    fault(R"({"kind": "mute", "on": "control", "times": 1})");
+    EXPECT_GE(timeOf([&] { EXPECT_EQ(ftdi_get_latency_timer(&host.ftdi, &latency), -1); }), 30ms);
+    EXPECT_EQ(ftdi_usb_reset(&host.ftdi), 0);
+    fault(R"({"kind": "mute"})");
+    EXPECT_EQ(host.read(10), -7);
+    EXPECT_EQ(host.write({1}), -1);
+    EXPECT_EQ(ftdi_usb_reset(&host.ftdi), -1);
+    sim::clearFaults(0);
+    EXPECT_EQ(host.answer(10), ramp(10));
 }
 
 TEST_F(FaultsTest, PlugIsPulledDuringATransferAndPutBack)
@@ -141,6 +168,7 @@ TEST_F(FaultsTest, BadFaultsAreToldAbout)
         {R"({"kind": "flood"})", "fault \"flood\": unknown kind"},
         {R"({"kind": "silence", "time": 1})", "fault \"silence\": unknown key \"time\""},
         {R"({"kind": "error", "result": 1})", "\"result\" must be negative"},
+        {R"({"kind": "mute", "on": "write"})", "\"on\" must be "},
         {R"({"kind": "silence", "when": {"after_read": 1}})", "\"when\": one of after_reads,"},
         {R"({"kind": "silence", "when": {"after_written": "55 0"}})", "\"after_written\" must be bytes"},
     };

@@ -1,0 +1,58 @@
+// The turn of a device's link, as its operations ask for it.
+#pragma once
+
+#include "devices/common/boardlink.h"
+#include "devices/common/devicereport.h"
+#include "devices/common/linkturn.h"
+
+namespace HwLatixel {
+
+/// Holds the turn for the life of the guard, or tells why it can't be had. What was reported meanwhile reaches the host
+/// once the turn is given back.
+class DeviceTurn {
+public:
+    /// Waits at most `limit` seconds.
+    DeviceTurn(LinkTurn& linkTurn, DeviceReport& deviceReport, double limit)
+        : turn(linkTurn),
+          report(deviceReport),
+          result(turn.take(limit))
+    {
+    }
+    ~DeviceTurn() { release(); }
+    DeviceTurn(const DeviceTurn&) = delete;
+    DeviceTurn& operator=(const DeviceTurn&) = delete;
+
+    bool taken() const { return result == LinkTurn::Answer::Taken; }
+    /// 0, or 1 with a text for a turn that was not to be had.
+    int require() const
+    {
+        switch (result) {
+        case LinkTurn::Answer::Taken:
+            return 0;
+        case LinkTurn::Answer::Busy:
+            return report.error(1, "Device is busy");
+        case LinkTurn::Answer::Running:
+            return report.error(1, "Acquisition is running");
+        case LinkTurn::Answer::Closing:
+            break;
+        }
+        return report.error(1, "%s", NOT_CONNECTED);
+    }
+    /// Gives the turn back early.
+    void release()
+    {
+        if (!taken())
+            return;
+        result = LinkTurn::Answer::Busy;
+        turn.give();
+        if (!turn.mine())
+            report.tellHost();
+    }
+
+private:
+    LinkTurn& turn;
+    DeviceReport& report;
+    LinkTurn::Answer result;
+};
+
+} // namespace HwLatixel
