@@ -13,6 +13,9 @@ namespace HwLatixel {
 inline constexpr int CPU_FAULT = 2;
 inline constexpr int CPU_ERROR_TEMPERATURE = 1;
 
+/// How the message begins that tells of an exceeded temperature.
+inline constexpr const char* TOO_HOT_MESSAGE = "Maximal allowed temperature exceeded !";
+
 /// Logs the parameters that the board's flash has filled. Bulk data is left out: it would be read from the flash only
 /// to be logged.
 inline void logFlashParameters(DeviceReport& report, dv::IParamMgr& inDeviceParams)
@@ -39,9 +42,8 @@ void reportCpuFault(DeviceReport& report, Cpu& cpu, bool& overheated)
     } else {
         if (!loadFlag(overheated))
             report.error(dv::RESULT_OVERHEATED,
-                         "Maximal allowed temperature exceeded ! Let the device cool down and then reconnect it in SW "
-                         "or restart SW.\nDevice error: %s\n",
-                         cpu.getStatusText().c_str());
+                         "%s Let the device cool down and then reconnect it in SW or restart SW.\nDevice error: %s\n",
+                         TOO_HOT_MESSAGE, cpu.getStatusText().c_str());
         storeFlag(overheated, true);
     }
     if (report.log() != nullptr)

@@ -68,9 +68,25 @@ int DeviceReport::errorV(int code, const char* format, va_list args)
             kept.push_back({getCurThreadId(), hostLevel(code), text, lastError_.get()});
         lastError_.set(std::move(text));
     }
+    tellUnlessTurn();
+    return code;
+}
+
+void DeviceReport::pass(unsigned level, const char* text)
+{
+    {
+        ThreadLock lock(&sync);
+        if (logMsgFunc != nullptr)
+            kept.push_back({getCurThreadId(), level, text, lastError_.get()});
+    }
+    tellUnlessTurn();
+}
+
+/// Tells the host at once where the calling thread has no turn in hand.
+void DeviceReport::tellUnlessTurn()
+{
     if (turn == nullptr || !turn->mine())
         tellHost();
-    return code;
 }
 
 void DeviceReport::tellHost()

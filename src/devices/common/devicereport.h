@@ -47,6 +47,9 @@ public:
     int errorV(int code, const char* format, va_list args);
     int error(int code, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
+    /// Tells the host a line of another device at the callback's `level`; log and `lastError` don't get it.
+    void pass(unsigned level, const char* text);
+
     /// Writes one line at `level` to the log alone.
     void lineV(LogLevel level, const char* format, va_list args);
     void line(LogLevel level, const char* format, ...) __attribute__((format(printf, 3, 4)));
@@ -72,6 +75,7 @@ private:
     struct Telling;
 
     bool nextLine(Line& line);
+    void tellUnlessTurn();
 
     const Order order;
     const LinkTurn* turn = nullptr;

@@ -1,13 +1,17 @@
 // What the composites of both chip families have in common as devices of the host.
 #pragma once
 
+#include "devices/common/boardreports.h"
 #include "devices/common/devdefaults.h"
 #include "devices/common/devicereport.h"
+#include "devices/common/deviceturn.h"
+#include "devices/common/hostevents.h"
 #include "devices/common/ladmembers.h"
+#include "devices/common/linkturn.h"
+#include "devices/common/parallel.h"
 #include "devices/common/paramtable.h"
-#include "devices/common/seriesthread.h"
+#include "devices/common/serieslife.h"
 #include "host/idorvet.h"
-#include "shared/hweventdispatcher.h"
 #include "shared/osdepend.h"
 #include "shared/str.h"
 
@@ -16,6 +20,7 @@
 #include <cstdarg>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -27,39 +32,74 @@ inline constexpr unsigned LAD_ADC_CHANNELS = 16;      ///< of each member
 /// Base of a composite: members, records, reports, and the operations that forward to members. It has no hardware of
 /// its own. A member that does not come up is left out.
 ///
-/// Locks: `devSync` of a composite is taken before any lock of a member, and the report's lock last. The members' list
-/// changes in `initDevice` and `closeDevice` alone, from which the host keeps other calls away.
+/// The composite has a turn and a series of its own, above those of its members: an operation of the host has the turn
+/// while it goes through the members, and takes the turn of one member after the other. No lock and no turn is held
+/// while the host is called. The host keeps other calls away from `initDevice` alone: the members that `closeDevice`
+/// has closed stay until then, so that a call that is still among them meets closed boards.
 template <typename Interface, typename Member>
 class LadDev : public DevDefaults<Interface> {
 public:
     int initDevice() override = 0;
-    /// Ends a running series, then closes and deletes the members. Not to be called from an event callback.
+    /// Ends a running series and closes the members, within three seconds. 1 with a text from a callback of this
+    /// device other than that of a series' last event, or where such a callback does not end in time: then every
+    /// other operation is refused, and closing may be tried again.
     int closeDevice() override
     {
-        waitForSeriesEnd();
+        if (life.caller() == SeriesLife::Caller::Handler)
+            return logError(1, "The device cannot be closed from its own callback.");
+        const double deadline = getPreciseTime() + CLOSE_LIMIT;
+        linkTurn.beginClosing();
+        // All of them before the first is waited for: what a member does then ends at its next step.
+        forAll([](Member& member) { member.beginClosing(); });
+        life.stop();
+        dismissSeries();
+        const bool alone = life.awaitThreads(deadline - getPreciseTime());
+        DeviceTurn turn(linkTurn, report, alone ? deadline - getPreciseTime() : 0.0);
+        if (!alone || !turn.taken()) {
+            linkTurn.endClosing();
+            return logError(1, "The device cannot be closed: a callback of the host does not end.");
+        }
         storeFlag(connected, false);
-        for (std::size_t i = 0; i < members.size(); ++i)
-            members[i].closeDevice();
-        members.clear();
+        closeMembers();
+        members.retire();
+        turn.release();
+        linkTurn.endClosing();
         return 0;
+    }
+    /// As `closeDevice`, then frees the object. Where a callback of the host does not end in time, the thread that runs
+    /// it does so as its last act.
+    void destroy() override
+    {
+        if (life.caller() == SeriesLife::Caller::Handler) {
+            logError(1, "The device cannot be destroyed from its own callback.");
+            return;
+        }
+        closeDevice();
+        // From here on the host may take down whatever its callbacks use.
+        events.setFunc(nullptr, nullptr);
+        report.setLogMsgFunc(nullptr, nullptr);
+        if (life.abandon())
+            delete this;
     }
     bool isConnected() const override { return loadFlag(connected); }
     bool isBusy() const override { return loadFlag(busy); }
     int devInfo(dv::_DevInfo* info) const override
     {
+        if (info == nullptr)
+            return refuseNull();
         *info = devInfoRec;
         return 0;
     }
     int devMpxInfo(dv::_DevMpxInfo* info) const override
     {
+        if (info == nullptr)
+            return refuseNull();
         *info = devMpxInfoRec;
         return 0;
     }
     int setEventFunc(dv::EventFunc func, void* user) override
     {
-        eventFunc = func;
-        eventUser = user;
-        eventDispatcher.setFunc(func, user);
+        events.setFunc(func, user);
         return 0;
     }
     int setLogMsgFunc(dv::LogMsgFunc func, void* user) override
@@ -90,6 +130,8 @@ public:
     }
     int chipIDList(dv::IStrList* list) const override
     {
+        if (list == nullptr)
+            return refuseNull();
         for (const auto& id : chipIds)
             list->add(id.c_str());
         return 0;
@@ -103,7 +145,11 @@ public:
     }
     int analogValue(unsigned chip, double* value) override
     {
-        ThreadLock lock(&devSync);
+        if (value == nullptr)
+            return refuseNull();
+        const DeviceTurn turn = operationTurn();
+        if (turn.require() != 0)
+            return 1;
         const auto* found = members.findChip(chip);
         return found != nullptr ? found->member->analogValue(static_cast<unsigned>(found->index), value)
                                 : logError(wrongArgumentCode, "Invalid chip index: %u", chip);
@@ -126,6 +172,7 @@ protected:
           deviceNames(std::move(names))
     {
         devMpxInfoRec.biasMax = maxBiasOf(deviceNames);
+        report.setTurn(&linkTurn);
         report.attachLog(log);
     }
     ~LadDev() override
@@ -137,8 +184,11 @@ protected:
     virtual std::unique_ptr<Member> makeMember(const std::string& name, const std::string& biasType) = 0;
     /// Called for each member that has come up, before it is taken over with its position.
     virtual void memberUp(Member&, std::size_t) {}
-    /// Lets a series go that waits for the host; `stopBoards` once a second.
-    virtual void nudgeSeries(bool stopBoards) = 0;
+    /// Lets a stopped series go that waits for the host.
+    virtual void dismissSeries()
+    {
+        forAll([](Member& member) { member.stopAcquisition(); });
+    }
 
     /// Tells firmware and serial of the members in the parameters "Firmware", where the last one's stands, and
     /// "DeviceSerials"; that of a single member becomes the composite's.
@@ -156,7 +206,9 @@ protected:
     /// Brings the members up and fills the records. -1 without a chip.
     int bringUpMembers()
     {
-        closeDevice();
+        if (const int result = closeDevice(); result != 0)
+            return result;
+        members.clear();
         // A series that ended by a failed recovery has left both.
         storeFlag(inAcquisition, false);
         storeFlag(busy, false);
@@ -226,13 +278,20 @@ protected:
         return logError(wrongArgumentCode, "Invalid size for matrix (%lu < %lu)", static_cast<unsigned long>(size),
                         static_cast<unsigned long>(pixelCount()));
     }
+    int refuseNull() const { return logError(1, "No place for a result, or no data, given."); }
+    DeviceTurn operationTurn() const { return {linkTurn, report, turnLimit()}; }
+    /// Seconds that an operation waits for the turn.
+    double turnLimit() const
+    {
+        constexpr double PATIENCE = 5.0;
+        return life.state() != SeriesLife::State::Idle ? acqTime + PATIENCE : PATIENCE;
+    }
     void setBusy(bool value)
     {
         if (loadFlag(busy) == value)
             return;
         storeFlag(busy, value);
-        if (eventFunc != nullptr)
-            eventFunc(HWEVENT_BUSY_CHANGED, value ? 1 : 0, eventUser);
+        events.send(HWEVENT_BUSY_CHANGED, value ? 1 : 0, false);
     }
     /// Stops all members and clears their counters; their results don't count.
     void abortAcqAllDevs()
@@ -242,41 +301,57 @@ protected:
             member.eraseMatrix();
         });
     }
-    /// Sends the end of a series, which its thread does last.
-    void sendEndEvent(bool aborted)
+    /// Makes room for a series in the life of the device, waiting for what is left of the one before. 1 with a text
+    /// where there is none.
+    int beginSeries(unsigned count, double time)
     {
-        eventDispatcher.setEvent(aborted ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0, false);
-    }
-    void setSeries(unsigned count, double time)
-    {
-        storeFlag(abortRequested, false);
+        const bool limited = devMpxInfoRec.acqTimeMax > 0.0;
+        if (!std::isfinite(time) || time < devMpxInfoRec.acqTimeMin || (limited && time > devMpxInfoRec.acqTimeMax))
+            return logError(1, "Invalid acquisition time (%g s).", time);
+        switch (life.begin()) {
+        case SeriesLife::Start::Accepted:
+            break;
+        case SeriesLife::Start::Running:
+        case SeriesLife::Start::InCallback:
+            return logError(1, "Acquisition is running");
+        case SeriesLife::Start::Late:
+            return logError(1, "Device is busy");
+        }
         acqCount = count;
         acqTimeRequested = time;
         acqTime = time;
+        return 0;
     }
-    void startSeriesThread()
+    /// Runs the series that has begun, or gives it up where its preparation has failed. Returns the result of the
+    /// preparation, or 1.
+    int runSeries(int prepared)
     {
-        if (!series.start(acqFuncWrapper, this))
-            eventDispatcher.setEvent(HWEVENT_ACQ_FAILED, -1, false);
+        if (prepared != 0) {
+            life.giveUp();
+            return prepared;
+        }
+        return life.run(acqFuncWrapper, this) ? 0 : logError(1, "Cannot start the acquisition thread.");
     }
-    /// For `closeDevice` and for the destructor of a concrete class.
-    void waitForSeriesEnd()
+    /// Sends the event with which a series ends.
+    void endSeries(unsigned event, long data)
     {
-        constexpr double LIMIT = 30.0; // seconds
-        series.waitForEnd(LIMIT, [this](bool stopBoards) {
-            storeFlag(abortRequested, true);
-            nudgeSeries(stopBoards);
-        });
+        life.finished();
+        events.send(event, data, false);
     }
+    /// For the destructor of a concrete class: the series runs operations of that class.
     void shutDown()
     {
         LadDev::closeDevice();
-        eventDispatcher.stopThreadAndWait();
+        // Nothing is freed under a thread, however long it takes.
+        while (!life.awaitThreads(CLOSE_LIMIT)) {
+        }
+        events.dispatcher().stopThreadAndWait();
     }
 
-    mutable ThreadSyncObject devSync;
+    mutable LinkTurn linkTurn; ///< whose operation goes through the members
     mutable DeviceReport report;
-    HwEventDispatcher eventDispatcher;
+    mutable SeriesLife life;
+    HostEvents events{life};
     LadMembers<Member> members;
     std::vector<std::string> chipIds; ///< one identifier for each chip; set at bring-up
 
@@ -292,20 +367,18 @@ protected:
 
     bool connected = false;
     bool busy = false;
-    bool abortRequested = false; ///< polled by the series and its members' events
-    bool inAcquisition = false;  ///< polled: a series runs
+    bool inAcquisition = false; ///< polled: a series runs
     std::atomic<unsigned> acqCount{0};
     std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
     std::atomic<double> acqTimeRequested{0.0}; ///< the same
     int wrongArgumentCode = 1; ///< for a chip that is not there and a matrix that is too small; set by the constructor
-    bool tellsMemberResult = false;    ///< what a failed broadcast returns; set by the constructor
-    int recoverAttemptCount = 5;       ///< setting "RecoverAttemptCount"
-    dv::EventFunc eventFunc = nullptr; ///< set by the host before a series
-    void* eventUser = nullptr;
+    bool tellsMemberResult = false; ///< what a failed broadcast returns; set by the constructor
+    int recoverAttemptCount = 5;    ///< setting "RecoverAttemptCount"
     mutable LastError statusText;
-    SeriesThreads series;
 
 private:
+    static constexpr double CLOSE_LIMIT = 2.5; ///< seconds that closing waits for a series and for other calls
+
     void bringUp(const std::string& name)
     {
         std::unique_ptr<Member> member = makeMember(name, biasTypeOf(name));
@@ -314,16 +387,31 @@ private:
             return;
         }
         report.line(MSG, "Initialized Latixel device %s", name.c_str());
+        if constexpr (requires { member->setLogMsgFunc(passOn, this); })
+            member->setLogMsgFunc(passOn, this);
         memberUp(*member, members.size());
         for (const auto& id : member->chipIDs())
             chipIds.push_back(id);
         members.add(std::move(member));
     }
+    /// At once on all links: those of boards that are gone take their time.
+    void closeMembers()
+    {
+        inParallel(members.size(), [this](std::size_t i) { members[i].closeDevice(); });
+    }
+    /// That a board has become too hot concerns the user, whichever member tells it.
+    static void passOn(unsigned level, const char* text, void* lad)
+    {
+        if (std::string_view(text).starts_with(TOO_HOT_MESSAGE))
+            static_cast<LadDev*>(lad)->report.pass(level, text);
+    }
     static void acqFuncWrapper(void* lad)
     {
         auto* self = static_cast<LadDev*>(lad);
         self->acqFunc();
-        self->series.left();
+        // The host has gone away meanwhile and has left the device to this thread.
+        if (self->life.left())
+            delete self;
     }
 };
 

@@ -4,6 +4,7 @@
 #include "devices/common/devicename.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -40,7 +41,7 @@ inline double maxBiasOf(const std::vector<std::string>& names)
 }
 
 /// Members in their order with one chip numbering: from 0 through the members, each one's chips in its own order.
-/// Changed by bring-up and closing alone.
+/// Changed by bring-up and closing alone; between them safe from any thread.
 template <typename Member>
 class LadMembers {
 public:
@@ -57,24 +58,32 @@ public:
         for (int i = 0; i < member->chipCount(); ++i)
             chips.push_back({member.get(), i});
         members.push_back(std::move(member));
+        ++count;
     }
+    /// From now on there is no member any more. The objects stay until `clear`, for calls that are still among them.
+    void retire() { count = 0; }
     void clear()
     {
+        retire();
         chips.clear();
         firstChips.clear();
         members.clear();
     }
 
-    std::size_t size() const { return members.size(); }
-    bool empty() const { return members.empty(); }
+    std::size_t size() const { return count; }
+    bool empty() const { return count == 0; }
     Member& operator[](std::size_t index) const { return *members[index]; }
-    int chipCount() const { return static_cast<int>(chips.size()); }
+    int chipCount() const { return empty() ? 0 : static_cast<int>(chips.size()); }
     /// Number of the first chip of member `index`.
     std::size_t firstChip(std::size_t index) const { return firstChips[index]; }
     /// The chip of that number, or null.
-    const Chip* findChip(unsigned number) const { return number < chips.size() ? &chips[number] : nullptr; }
+    const Chip* findChip(unsigned number) const
+    {
+        return number < static_cast<unsigned>(chipCount()) ? &chips[number] : nullptr;
+    }
 
 private:
+    std::atomic<std::size_t> count{0}; ///< of the members that are not retired
     std::vector<std::unique_ptr<Member>> members;
     std::vector<std::size_t> firstChips; ///< by member
     std::vector<Chip> chips;             ///< by number in the composite

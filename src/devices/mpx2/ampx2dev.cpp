@@ -77,11 +77,7 @@ int AMpx2Dev::closeDevice()
     if (life.caller() == SeriesLife::Caller::Handler)
         return logError(1, "The device cannot be closed from its own callback.");
     const double deadline = getPreciseTime() + CLOSE_LIMIT;
-    linkTurn.beginClosing();
-    storeFlag(closing, true);
-    storeFlag(halfStopped, true);
-    const bool running = life.stop();
-    linkTurn.endWholeSeries();
+    const bool running = beginClosing();
     const bool alone = life.awaitThreads(deadline - getPreciseTime());
     DeviceTurn turn(linkTurn, report, deadline - getPreciseTime());
     if (!alone || turn.require() != 0) {
@@ -113,6 +109,16 @@ int AMpx2Dev::closeDevice()
     storeFlag(closing, false);
     linkTurn.endClosing();
     return 0;
+}
+
+bool AMpx2Dev::beginClosing()
+{
+    linkTurn.beginClosing();
+    storeFlag(closing, true);
+    storeFlag(halfStopped, true);
+    const bool running = life.stop();
+    linkTurn.endWholeSeries();
+    return running;
 }
 
 void AMpx2Dev::destroy()

@@ -70,6 +70,9 @@ public:
     /// callback of this device other than that of a series' last event, or where such a callback does not end in time:
     /// then every other operation is refused, and closing may be tried again.
     int closeDevice() override;
+    /// Marks the device as closing, without waiting: what it does ends at its next step. `closeDevice` follows. Whether
+    /// a series was running.
+    bool beginClosing();
     /// As `closeDevice`, then frees the object. Where a callback of the host does not end in time, the thread that runs
     /// it does so as its last act.
     void destroy() override;

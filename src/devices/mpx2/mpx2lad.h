@@ -98,7 +98,7 @@ public:
     }
     int stopAcquisition() override
     {
-        storeFlag(this->abortRequested, true);
+        this->life.stop();
         this->forAll([](Member& member) { member.stopAcquisition(); });
         return 0;
     }
@@ -107,12 +107,6 @@ protected:
     static constexpr int CHIP_KIND = 2; ///< of dv::_DevMpxInfo
 
     using LadDev<dv::IHwDevMpx2, Member>::LadDev;
-
-    void nudgeSeries(bool stopBoards) override
-    {
-        if (stopBoards)
-            this->forAll([](Member& member) { member.stopAcquisition(); });
-    }
 };
 
 } // namespace HwLatixel

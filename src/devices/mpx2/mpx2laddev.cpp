@@ -1,6 +1,7 @@
 // Several Medipix2 or Timepix boards as one detector: bring-up, broadcasts, frames.
 #include "devices/mpx2/mpx2laddev.h"
 
+#include "devices/common/seriesturn.h"
 #include "shared/inifile.h"
 
 #include <algorithm>
@@ -11,8 +12,8 @@ namespace HwLatixel {
 namespace {
 
 constexpr unsigned READER_POLL_MS = 300;
-constexpr double THREAD_POLL = 0.001;        ///< seconds
-constexpr unsigned STATUS_PATIENCE_MS = 100; ///< that a status poll waits for the end of a frame
+constexpr double THREAD_POLL = 0.001;   ///< seconds
+constexpr double STATUS_PATIENCE = 0.1; ///< seconds that a status poll waits for the end of a frame
 
 constexpr ParamRow PARAMS[] = {
     {"HwLibVer", "Library Version", ParamKind::Text, 0, dv::PARAM_READ_ONLY, false},
@@ -64,47 +65,55 @@ void Mpx2LadDev::loadSettings()
 
 int Mpx2LadDev::deviceStatus() const
 {
-    const ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
-    if (lock.locked())
+    const DeviceTurn turn(linkTurn, report, STATUS_PATIENCE);
+    if (turn.taken())
         lastStatus = LadDev::deviceStatus();
     return lastStatus;
 }
 
 const char* Mpx2LadDev::deviceStatusText() const
 {
-    const ThreadLockTimeout lock(&devSync, STATUS_PATIENCE_MS);
-    return lock.locked() ? LadDev::deviceStatusText() : statusText.get();
+    const DeviceTurn turn(linkTurn, report, STATUS_PATIENCE);
+    return turn.taken() ? LadDev::deviceStatusText() : statusText.get();
 }
 
 double Mpx2LadDev::adcValue(unsigned index) const
 {
-    ThreadLock lock(&devSync);
-    return LadDev::adcValue(index);
+    const DeviceTurn turn = operationTurn();
+    return turn.require() != 0 ? 1 : LadDev::adcValue(index);
 }
 
 // ---- Configuration ----
 
 int Mpx2LadDev::resetMedipix()
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return Mpx2Lad::resetMedipix();
 }
 
 int Mpx2LadDev::eraseMatrix()
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return Mpx2Lad::eraseMatrix();
 }
 
 int Mpx2LadDev::setBias(double volts)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return Mpx2Lad::setBias(volts);
 }
 
 int Mpx2LadDev::setTimepixClock(double* mhz)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     preShutterClockCount = paramInt32(params, "PreShutterClockCount");
     preShutterClockDivider = paramInt32(params, "PreShutterClockDivider");
     preShutterDelayClockCount = paramInt32(params, "PreShutterDelayClockCount");
@@ -120,13 +129,17 @@ int Mpx2LadDev::setTimepixClock(double* mhz)
 int Mpx2LadDev::setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac,
                             int extDac, unsigned ctpr)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return Mpx2Lad::setMpx2Dacs(dacs, size, chip, senseChip, senseDac, extDac, ctpr);
 }
 
 int Mpx2LadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return Mpx2Lad::setPixelCfg(cfg, size);
 }
 
@@ -134,7 +147,9 @@ int Mpx2LadDev::setPixelCfg(const unsigned char* cfg, std::size_t size)
 
 int Mpx2LadDev::writeMatrix(const unsigned short* data, std::size_t size, bool convert)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return Mpx2Lad::writeMatrix(data, size, convert);
 }
 
@@ -151,7 +166,9 @@ int Mpx2LadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
     matrixRead.set();
     return untilFailure([&](Mpx2Dev& member, std::size_t i) {
         if (!running) {
-            ThreadLock lock(&devSync);
+            const DeviceTurn turn = operationTurn();
+            if (turn.require() != 0)
+                return 1;
             if (const int result = member.readMatrixFromDevice(); result != 0)
                 return result;
         }
@@ -165,11 +182,7 @@ int Mpx2LadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
 
 int Mpx2LadDev::startAcquisition(unsigned count, double time)
 {
-    setSeries(count, time);
-    if (const int result = prepareAcq(); result != 0)
-        return result;
-    startSeriesThread();
-    return 0;
+    return beginSeries(count, time) != 0 ? 1 : runSeries(prepareAcq());
 }
 
 int Mpx2LadDev::prepareAcq()
@@ -177,17 +190,17 @@ int Mpx2LadDev::prepareAcq()
     return untilFailure([this](Mpx2Dev& member) { return member.prepareAcquisition(acqTime); });
 }
 
-void Mpx2LadDev::nudgeSeries(bool stopBoards)
+void Mpx2LadDev::dismissSeries()
 {
     matrixRead.set();
-    Mpx2Lad::nudgeSeries(stopBoards);
+    Mpx2Lad::dismissSeries();
 }
 
 void Mpx2LadDev::acqFunc()
 {
     setBusy(true);
     storeFlag(inAcquisition, true);
-    eventDispatcher.startThread();
+    events.dispatcher().startThread();
     // The first frame waits for no reader.
     matrixRead.set();
     unsigned index = 0;
@@ -195,38 +208,39 @@ void Mpx2LadDev::acqFunc()
         const Pass pass = takeFrame();
         if (pass == Pass::Lost) {
             // Nothing is taken back: the composite stays busy and in its series until the next bring-up or series.
-            if (eventFunc != nullptr)
-                eventFunc(HWEVENT_ACQ_FAILED, -1, eventUser);
+            life.framesOver();
+            endSeries(HWEVENT_ACQ_FAILED, -1);
             return;
         }
         if (pass == Pass::Stopped)
             break;
         if (pass == Pass::Again)
             continue;
-        const bool stopped = loadFlag(abortRequested);
+        const bool stopped = life.stopped();
         announceFrame(index, stopped);
         if (stopped)
             break;
         ++index;
     }
-    eventDispatcher.stopThread();
+    events.dispatcher().stopThread();
     setBusy(false);
     storeFlag(inAcquisition, false);
-    sendEndEvent(loadFlag(abortRequested));
+    life.framesOver();
+    endSeries(life.stopped() ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
 }
 
 /// One attempt at a frame. A stop lets the frame in progress end, and it is delivered; one that comes before the first
 /// shutter has opened ends the series there.
 Mpx2LadDev::Pass Mpx2LadDev::takeFrame()
 {
-    ThreadLock lock(&devSync);
-    if (loadFlag(abortRequested))
+    const SeriesTurn turn(linkTurn, report);
+    if (!turn.taken() || life.stopped())
         return Pass::Stopped;
     if (const Pass pass = stepAllMembers([](Mpx2Dev& member) { return member.startSingleAcquisition(); });
         pass != Pass::Taken)
         return pass;
     // A member that has been told to stop before it was started exposes all the same.
-    if (loadFlag(abortRequested))
+    if (life.stopped())
         forAll([](Mpx2Dev& member) { member.stopAcquisition(); });
     if (const Pass pass = stepAllMembers([](Mpx2Dev& member) { return member.waitForAcqFinish(false); });
         pass != Pass::Taken)
@@ -264,7 +278,7 @@ Mpx2LadDev::Pass Mpx2LadDev::stepAllMembers(Step step)
 void Mpx2LadDev::announceFrame(unsigned index, bool last)
 {
     setBusy(false);
-    eventDispatcher.setEvent(HWEVENT_FRAME_READY, static_cast<long>(index), !last && index + 1 < acqCount);
+    events.send(HWEVENT_FRAME_READY, static_cast<long>(index), !last && index + 1 < acqCount);
     setBusy(true);
 }
 

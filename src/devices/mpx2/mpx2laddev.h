@@ -58,7 +58,7 @@ public:
 
 protected:
     std::unique_ptr<Mpx2Dev> makeMember(const std::string& name, const std::string& biasType) override;
-    void nudgeSeries(bool stopBoards) override;
+    void dismissSeries() override;
 
 private:
     /// How one attempt at a frame ended.

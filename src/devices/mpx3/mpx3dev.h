@@ -51,6 +51,8 @@ public:
     /// Ends a running series, powers the chips down and closes the link, also from the handler of a series' last event.
     /// 1 from any other event handler, and where a handler of the host goes on too long: then nothing is closed.
     int closeDevice() override;
+    /// Marks the device as closing, without waiting: what it does ends at its next step. `closeDevice` follows.
+    void beginClosing();
     /// Closes and frees the device, at the latest when the last handler of the host has returned. Refused within an
     /// event handler other than that of a series' last event.
     void destroy() override;

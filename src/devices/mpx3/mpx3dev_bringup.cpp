@@ -139,10 +139,7 @@ int Mpx3Dev::endSession()
 {
     if (series.caller() == SeriesLife::Caller::Handler)
         return logError(1, "Device cannot be closed from an event handler.");
-    giveUpPreparation();
-    linkTurn.beginClosing();
-    storeFlag(leaving, true);
-    requestStop();
+    beginClosing();
     const bool alone = series.awaitThreads(SERIES_END_LIMIT);
     storeFlag(leaving, false);
     DeviceTurn turn(linkTurn, report, alone ? CLOSE_PATIENCE : 0.0);
@@ -167,6 +164,14 @@ int Mpx3Dev::endSession()
     turn.release();
     linkTurn.endClosing();
     return 0;
+}
+
+void Mpx3Dev::beginClosing()
+{
+    giveUpPreparation();
+    linkTurn.beginClosing();
+    storeFlag(leaving, true);
+    requestStop();
 }
 
 void Mpx3Dev::destroy()

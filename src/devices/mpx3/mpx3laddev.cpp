@@ -67,6 +67,10 @@ int Mpx3LadDev::initDevice()
 {
     logFunction("Init Device");
     loadSettings();
+    if (!members.empty() || life.state() != SeriesLife::State::Idle)
+        if (const int closed = closeDevice(); closed != 0)
+            return closed;
+    devEventInfos.clear();
     smallestBias = SMALLEST_BIAS_AT_FIRST;
     largestBias = 0.0;
     const int result = bringUpMembers();
@@ -107,9 +111,7 @@ int Mpx3LadDev::closeDevice()
     logFunction("Close Device");
     // Nobody takes the members' frames any more.
     storeFlag(membersDismissed, true);
-    LadDev::closeDevice();
-    devEventInfos.clear();
-    return 0;
+    return LadDev::closeDevice();
 }
 
 void Mpx3LadDev::loadSettings()
@@ -198,7 +200,9 @@ int Mpx3LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
         return logError(1, "No DAC values given.");
     if (size == 0)
         size = static_cast<std::size_t>(members.chipCount()) * DACS_PER_CHIP;
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     if (chip < 0)
         return untilFailure([&](Mpx3Dev& member, std::size_t i) {
             const auto slice = memberSlice(dacs, size, i, DACS_PER_CHIP);
@@ -218,7 +222,9 @@ int Mpx3LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
 int Mpx3LadDev::setPixelCfg(const unsigned char* data, std::size_t size)
 {
     logFunction("Set Pixel Cfg");
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     return untilFailure([&](Mpx3Dev& member, std::size_t i) {
         const auto slice = memberSlice(data, size, i, PIXEL_CFG_BYTES);
         return member.setPixelCfg(slice.data, slice.size);
@@ -237,7 +243,9 @@ int Mpx3LadDev::sendTestPulses(unsigned count, double period, const unsigned cha
 
 int Mpx3LadDev::senseDac(unsigned chip, unsigned dac)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     const auto* found = members.findChip(chip);
     return found != nullptr ? found->member->senseDac(static_cast<unsigned>(found->index), dac)
                             : logError(1, "Invalid chip index: %u", chip);
@@ -247,7 +255,9 @@ int Mpx3LadDev::senseDac(unsigned chip, unsigned dac)
 
 int Mpx3LadDev::writeMatrix(const unsigned* data, std::size_t size, bool convert)
 {
-    ThreadLock lock(&devSync);
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() != 0)
+        return 1;
     logFunction("Write matrix");
     if (checkMatrixSize(size) != 0)
         return 1;
@@ -302,16 +312,15 @@ dv::IMpxFrame* Mpx3LadDev::lastData()
 int Mpx3LadDev::startAcquisition(unsigned count, double time)
 {
     logFunction("Start acquisition");
+    if (beginSeries(count, time) != 0)
+        return 1;
     endSeriesBefore();
-    setSeries(count, time);
-    if (const int result = prepareAcq(); result != 0)
-        return result;
-    {
+    const int prepared = prepareAcq();
+    if (prepared == 0) {
         ThreadLock lock(&startSync);
         startedSeries.push_back(seriesNumber);
     }
-    startSeriesThread();
-    return 0;
+    return runSeries(prepared);
 }
 
 /// The host may start right behind a stop, or behind the end of a series whose last frame nobody has taken. The
@@ -355,15 +364,9 @@ void Mpx3LadDev::configureTriggers(Mpx3Dev& member, bool master) const
 int Mpx3LadDev::stopAcquisition()
 {
     logFunction("Stop acquisition");
-    storeFlag(abortRequested, true);
+    life.stop();
     forAll([](Mpx3Dev& member) { member.stopAcquisition(); });
     return 0;
-}
-
-void Mpx3LadDev::nudgeSeries(bool stopBoards)
-{
-    if (stopBoards)
-        forAll([](Mpx3Dev& member) { member.stopAcquisition(); });
 }
 
 void Mpx3LadDev::acqFunc()
@@ -375,7 +378,7 @@ void Mpx3LadDev::acqFunc()
     logFunction("Acquisition");
     setBusy(true);
     storeFlag(inAcquisition, true);
-    eventDispatcher.startThread();
+    events.dispatcher().startThread();
     if (seriesNumber == own)
         startMembers();
     for (unsigned i = 0; i < acqCount && seriesNumber == own; ++i) {
@@ -385,23 +388,24 @@ void Mpx3LadDev::acqFunc()
             // Their events wait for nothing any more: a member that is held by its event can't be stopped.
             storeFlag(membersDismissed, true);
             abortAcqAllDevs();
-            eventDispatcher.setEvent(HWEVENT_ACQ_FAILED, static_cast<long>(i), false);
+            events.send(HWEVENT_ACQ_FAILED, static_cast<long>(i), false);
             break;
         }
         report.line(DBG, "Acq: Single acq finished %d", static_cast<int>(i));
         // A stop still delivers the frame that was in progress, and before the worker is sent away.
         const bool over = isOver(own);
-        eventDispatcher.setEvent(HWEVENT_FRAME_READY, static_cast<long>(i), !over && i + 1 < acqCount);
+        events.send(HWEVENT_FRAME_READY, static_cast<long>(i), !over && i + 1 < acqCount);
         if (over)
             break;
     }
     report.line(DBG, "Acq: All acq finished.");
     // The host may use the boards from the last event on. One that does not fall silent is not waited for any longer.
     forAll([](const Mpx3Dev& member) { member.awaitIdle(MEMBER_END_LIMIT); });
-    eventDispatcher.stopThread();
+    events.dispatcher().stopThread();
     setBusy(false);
     storeFlag(inAcquisition, false);
-    sendEndEvent(isOver(own));
+    life.framesOver();
+    endSeries(isOver(own) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
     report.line(DBG, "Acq: Thread finished.");
 }
 
@@ -428,7 +432,7 @@ void Mpx3LadDev::startMembers()
 /// Whether the host has stopped the series, or begun another one.
 bool Mpx3LadDev::isOver(unsigned number) const
 {
-    return loadFlag(abortRequested) || seriesNumber != number;
+    return life.stopped() || seriesNumber != number;
 }
 
 /// Waits until each member has ended its frame, or for a stop. False where one has failed.
@@ -483,7 +487,7 @@ void Mpx3LadDev::devEventFunc(DevEventInfo& info, unsigned event, long data)
 /// Waits until the member may read into its slice. False after a stop, a failed frame, and the start of another series.
 bool Mpx3LadDev::waitForReadAllowed(DevEventInfo& info) const
 {
-    const auto given = [this] { return !loadFlag(abortRequested) && !loadFlag(membersDismissed); };
+    const auto given = [this] { return !life.stopped() && !loadFlag(membersDismissed); };
     while (given()) {
         if (info.readAllowed.wait(READ_POLL_MS))
             return given();

@@ -71,7 +71,6 @@ public:
 protected:
     std::unique_ptr<Mpx3Dev> makeMember(const std::string& name, const std::string& biasType) override;
     void memberUp(Mpx3Dev& member, std::size_t index) override;
-    void nudgeSeries(bool stopBoards) override;
 
 private:
     void loadSettings();

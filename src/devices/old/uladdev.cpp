@@ -59,18 +59,9 @@ int ULadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
 
 int ULadDev::startAcquisition(unsigned count, double time)
 {
-    setSeries(count, time);
-    if (const int result = untilFailure([time](UMpx2Dev& member) { return member.prepareAcquisition(time); });
-        result != 0)
-        return result;
-    startSeriesThread();
-    return 0;
-}
-
-void ULadDev::sendEvent(unsigned event, long data) const
-{
-    if (eventFunc != nullptr)
-        eventFunc(event, data, eventUser);
+    if (beginSeries(count, time) != 0)
+        return 1;
+    return runSeries(untilFailure([time](UMpx2Dev& member) { return member.prepareAcquisition(time); }));
 }
 
 void ULadDev::acqFunc()
@@ -78,15 +69,17 @@ void ULadDev::acqFunc()
     for (unsigned i = 0; i < acqCount; ++i) {
         if (!takeFrame()) {
             // The other members are not stopped, and no end of the series is told.
-            sendEvent(HWEVENT_ACQ_FAILED, -1);
+            life.framesOver();
+            endSeries(HWEVENT_ACQ_FAILED, -1);
             return;
         }
         // The members hold the frame until the next start: the host reads it now or never.
-        sendEvent(HWEVENT_FRAME_READY, static_cast<long>(i));
-        if (loadFlag(abortRequested))
+        events.send(HWEVENT_FRAME_READY, static_cast<long>(i), false);
+        if (life.stopped())
             break;
     }
-    sendEvent(loadFlag(abortRequested) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
+    life.framesOver();
+    endSeries(life.stopped() ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
 }
 
 /// One frame on all members. A stop lets it count as taken.
@@ -96,7 +89,7 @@ bool ULadDev::takeFrame()
         return false;
     return untilFailure([this](UMpx2Dev& member) {
                // Behind the member at which a stop has come nobody is waited for.
-               return loadFlag(abortRequested) && &member != &members[0] ? 0 : member.waitForAcqFinish();
+               return life.stopped() && &member != &members[0] ? 0 : member.waitForAcqFinish();
            }) == 0;
 }
 

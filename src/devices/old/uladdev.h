@@ -37,7 +37,6 @@ protected:
 
 private:
     bool takeFrame();
-    void sendEvent(unsigned event, long data) const;
 };
 
 } // namespace HwLatixel

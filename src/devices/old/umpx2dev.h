@@ -36,6 +36,8 @@ public:
     /// open or the board does not answer.
     virtual int initDevice();
     virtual int closeDevice();
+    /// Marks the board as closing, without waiting: a wait for a frame ends.
+    void beginClosing() { storeFlag(stopRequested, true); }
     virtual int resetMedipix();
     virtual int eraseMatrix();
     /// Volts at the analog sense output, whatever `chip` says. Returns 0, also where the read failed.
