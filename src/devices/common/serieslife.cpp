@@ -1,13 +1,13 @@
 // See serieslife.h.
 #include "devices/common/serieslife.h"
 
+#include "devices/common/polling.h"
+
 #include <memory>
 
 namespace HwLatixel {
 
 namespace {
-
-constexpr double POLL = 0.001; ///< seconds between two looks of who waits for the end of a series
 
 struct ThreadStart {
     void (*func)(void*);
@@ -69,22 +69,24 @@ bool SeriesLife::inCallback() const
 SeriesLife::Start SeriesLife::begin()
 {
     const double deadline = getPreciseTime() + START_LIMIT;
-    while (true) {
-        {
-            ThreadLock lock(&sync);
-            if (!lastEventPending(deadline) && follow(Happening::Begin)) {
-                storeFlag(stopFlag, false);
-                return Start::Accepted;
-            }
-            if (now == State::Preparing || now == State::Running)
-                return Start::Running;
-        }
-        if (caller() == Caller::Handler)
-            return Start::InCallback;
-        if (getPreciseTime() >= deadline)
-            return Start::Late;
-        sleepThread(POLL);
+    const bool handler = caller() == Caller::Handler;
+    Start answer = Start::Late;
+    pollUntil(deadline, [&] {
+        answer = tryBegin(deadline);
+        return answer != Start::Late || handler;
+    });
+    return answer == Start::Late && handler ? Start::InCallback : answer;
+}
+
+/// `Late` where something is left of the series before.
+SeriesLife::Start SeriesLife::tryBegin(double deadline)
+{
+    ThreadLock lock(&sync);
+    if (!lastEventPending(deadline) && follow(Happening::Begin)) {
+        storeFlag(stopFlag, false);
+        return Start::Accepted;
     }
+    return now == State::Preparing || now == State::Running ? Start::Running : Start::Late;
 }
 
 /// Whether a thread of a series that is over still has its last event to tell. A handler doesn't wait for that.
@@ -161,18 +163,11 @@ bool SeriesLife::abandon()
 
 bool SeriesLife::awaitThreads(double limit)
 {
-    const double deadline = getPreciseTime() + limit;
     const int own = role.runs == this ? 1 : 0;
-    while (true) {
-        {
-            ThreadLock lock(&sync);
-            if (threads <= own)
-                return true;
-        }
-        if (getPreciseTime() >= deadline)
-            return false;
-        sleepThread(POLL);
-    }
+    return pollUntil(getPreciseTime() + limit, [&] {
+        ThreadLock lock(&sync);
+        return threads <= own;
+    });
 }
 
 SeriesLife::Callback::Callback(SeriesLife& seriesLife) : life(&seriesLife), outer(role.handler)

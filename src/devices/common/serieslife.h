@@ -94,6 +94,7 @@ private:
     static const Transition TABLE[];
 
     bool follow(Happening what);
+    Start tryBegin(double deadline);
     bool inCallback() const;
     bool lastEventPending(double deadline) const;
 
