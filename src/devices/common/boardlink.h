@@ -2,10 +2,12 @@
 #pragma once
 
 #include "devices/common/devicereport.h"
+#include "devices/common/guarded.h"
 #include "link/cmdframe.h"
 #include "link/ftdidev.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,10 +16,18 @@ namespace HwLatixel {
 inline constexpr const char* NOT_CONNECTED = "Device not connected";
 
 /// Owns link and manager of one device between bring-up and closing. Before and after, every command is refused with
-/// an error text, so that a host that calls a closed device gets a code and nothing worse. Made, opened and closed by
-/// the host's thread while no other call runs; in between safe from any thread as far as the manager is.
+/// an error text, so that a host that calls a closed device gets a code and nothing worse. Who has the link's turn may
+/// use all of it; others, which send what brings no answer, use `send` and `Exchange` alone.
 template <typename Manager>
 class BoardLink {
+    struct Session {
+        Session(const std::string& name, FileLog* log) : ftdi(name, false), mgr(&ftdi, log) {}
+
+        FtdiDev ftdi;
+        Manager mgr;
+    };
+    using SessionPtr = std::shared_ptr<Session>;
+
 public:
     explicit BoardLink(DeviceReport& deviceReport) : report(deviceReport) {}
 
@@ -25,46 +35,73 @@ public:
     /// where that is not 0 it is told, and link and log are given up again.
     int open(const std::string& name, std::unique_ptr<FileLog>& log)
     {
-        mgr.reset();
-        ftdi = std::make_unique<FtdiDev>(name, false);
-        mgr = std::make_unique<Manager>(ftdi.get(), log.get());
-        const int result = ftdi->openDevice(true, 0);
+        session.set(std::make_shared<Session>(name, log.get()));
+        const int result = usb()->openDevice(true, 0);
         if (result == 0)
             return 0;
-        report.line(ERR, "Cannot open device %s, error=%d (%s)", name.c_str(), result, ftdi->getLastError());
+        report.line(ERR, "Cannot open device %s, error=%d (%s)", name.c_str(), result, usb()->getLastError());
         drop();
         report.attachLog(nullptr);
         log.reset();
         return result;
     }
-    /// Gives both up, the manager first. A link that is still open is closed.
+    /// Closes the link and gives both up, as soon as nobody is in an exchange.
     void drop()
     {
-        mgr.reset();
-        if (ftdi != nullptr)
-            ftdi->closeDevice();
-        ftdi.reset();
+        const Exchange last(*this);
+        if (const SessionPtr dropped = session.get(); dropped != nullptr)
+            dropped->ftdi.closeDevice();
+        session.set(nullptr);
     }
 
-    bool exists() const { return mgr != nullptr; }
-    FtdiDev* usb() const { return ftdi.get(); }
+    bool exists() const { return session.get() != nullptr; }
+    /// The link; null without one.
+    FtdiDev* usb() const
+    {
+        const SessionPtr now = session.get();
+        return now != nullptr ? &now->ftdi : nullptr;
+    }
     /// The manager; null without a link.
-    Manager* manager() const { return mgr.get(); }
-    Manager& operator*() const { return *mgr; }
-    Manager* operator->() const { return mgr.get(); }
+    Manager* manager() const
+    {
+        const SessionPtr now = session.get();
+        return now != nullptr ? &now->mgr : nullptr;
+    }
+    Manager& operator*() const { return *manager(); }
+    Manager* operator->() const { return manager(); }
+
+    /// Keeps all other threads' frames out as long as it lives, see `CmdMgrBase::Exchange`, and the link from being
+    /// dropped. Threads may nest them.
+    class Exchange {
+    public:
+        explicit Exchange(const BoardLink& link) : session(link.session.get())
+        {
+            if (session != nullptr)
+                whole.emplace(session->mgr);
+        }
+        /// Whether there is a link.
+        explicit operator bool() const { return session != nullptr; }
+
+    private:
+        const SessionPtr session;
+        std::optional<typename Manager::Exchange> whole;
+    };
 
     int send(CmdId id, CmdArgs args = {}, unsigned char flags = cmdflag::NONE) const
     {
-        return mgr != nullptr ? mgr->send(id, args, flags) : refuse();
+        const SessionPtr now = session.get();
+        return now != nullptr ? now->mgr.send(id, args, flags) : refuse();
     }
     int sendPayload(CmdId id, const unsigned char* data, unsigned long size, unsigned char flags) const
     {
-        return mgr != nullptr ? mgr->send(id, data, size, flags) : refuse();
+        const SessionPtr now = session.get();
+        return now != nullptr ? now->mgr.send(id, data, size, flags) : refuse();
     }
     /// As the manager's `receiveRaw`.
     int receive(unsigned char* buffer, unsigned long* size, double timeout) const
     {
-        return mgr != nullptr ? mgr->receiveRaw(buffer, size, timeout) : refuse();
+        const SessionPtr now = session.get();
+        return now != nullptr ? now->mgr.receiveRaw(buffer, size, timeout) : refuse();
     }
     /// Reads and drops what the board still sends, until it has been silent for `timeout` seconds: it may have run
     /// ahead of a stop. A board that never falls silent is left alone after `limit` seconds.
@@ -81,14 +118,17 @@ public:
         }
     }
     /// The manager's words for its last failure.
-    const char* lastError() const { return mgr != nullptr ? mgr->getLastError() : NOT_CONNECTED; }
+    const char* lastError() const
+    {
+        const SessionPtr now = session.get();
+        return now != nullptr ? now->mgr.getLastError() : NOT_CONNECTED;
+    }
 
 private:
     int refuse() const { return report.error(1, "%s", NOT_CONNECTED); }
 
     DeviceReport& report;
-    std::unique_ptr<FtdiDev> ftdi;
-    std::unique_ptr<Manager> mgr;
+    Guarded<SessionPtr> session;
 };
 
 } // namespace HwLatixel
