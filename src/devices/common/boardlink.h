@@ -1,6 +1,7 @@
 // A device's way to its board: the USB link and the command manager on it, with an answer where there is none.
 #pragma once
 
+#include "board/ibspi.h"
 #include "devices/common/devicereport.h"
 #include "devices/common/guarded.h"
 #include "link/cmdframe.h"
@@ -14,10 +15,13 @@
 namespace HwLatixel {
 
 inline constexpr const char* NOT_CONNECTED = "Device not connected";
+/// Status of a device whose bring-up has ended early, and of no other.
+inline constexpr const char* BOARD_MUTE = "Board does not answer";
 
 /// Owns link and manager of one device between bring-up and closing. Before and after, every command is refused with
 /// an error text, so that a host that calls a closed device gets a code and nothing worse. Who has the link's turn may
-/// use all of it; others, which send what brings no answer, use `send` and `Exchange` alone.
+/// use all of it; others, which send what brings no answer, use `send` and `Exchange` alone. A link is opened and
+/// dropped within the turn.
 template <typename Manager>
 class BoardLink {
     struct Session {
@@ -29,6 +33,30 @@ class BoardLink {
     using SessionPtr = std::shared_ptr<Session>;
 
 public:
+    /// Keeps all other threads' frames out as long as it lives, see `CmdMgrBase::Exchange`, and the link from being
+    /// dropped. Threads may nest them. Nothing is told to the host meanwhile but by who has the turn.
+    class Exchange {
+    public:
+        explicit Exchange(const BoardLink& link) : session(link.session.get())
+        {
+            if (session == nullptr)
+                return;
+            whole.emplace(session->mgr);
+            // It may have been dropped while this thread waited.
+            if (link.session.get() == session)
+                return;
+            whole.reset();
+            session = nullptr;
+        }
+        /// The manager; null without a link.
+        Manager* manager() const { return session != nullptr ? &session->mgr : nullptr; }
+        explicit operator bool() const { return session != nullptr; }
+
+    private:
+        SessionPtr session;
+        std::optional<typename Manager::Exchange> whole;
+    };
+
     explicit BoardLink(DeviceReport& deviceReport) : report(deviceReport) {}
 
     /// Makes link and manager and opens the board of that name, with `log` for the manager. Returns the link's result;
@@ -70,32 +98,73 @@ public:
     Manager& operator*() const { return *manager(); }
     Manager* operator->() const { return manager(); }
 
-    /// Keeps all other threads' frames out as long as it lives, see `CmdMgrBase::Exchange`, and the link from being
-    /// dropped. Threads may nest them.
-    class Exchange {
+    /// One bring-up, for its life: once the board does not answer, all further calls fail at once, so that the rest is
+    /// done without it. `mute` is polled, and tells afterwards whether that was so. There is a link.
+    class BringUp {
     public:
-        explicit Exchange(const BoardLink& link) : session(link.session.get())
+        BringUp(const BoardLink& link, bool& mute) : session(link.session.get()), isMute(mute)
         {
-            if (session != nullptr)
-                whole.emplace(session->mgr);
+            session->mgr.giveUpMuteBoard(true);
         }
-        /// Whether there is a link.
-        explicit operator bool() const { return session != nullptr; }
+        ~BringUp()
+        {
+            storeFlag(isMute, session->mgr.isBoardMute());
+            session->mgr.giveUpMuteBoard(false);
+        }
+        BringUp(const BringUp&) = delete;
+        BringUp& operator=(const BringUp&) = delete;
 
     private:
         const SessionPtr session;
-        std::optional<typename Manager::Exchange> whole;
+        bool& isMute;
     };
+
+    // ---- Closing, see FtdiDev ----
+
+    void startClosing() const
+    {
+        if (const SessionPtr now = session.get(); now != nullptr)
+            now->ftdi.startClosing();
+    }
+    void cancelClosing() const
+    {
+        if (const SessionPtr now = session.get(); now != nullptr)
+            now->ftdi.cancelClosing();
+    }
+    /// Runs `calls()`, which may use a link that is closing, for as many seconds.
+    template <typename Calls>
+    void runClosingCalls(double seconds, Calls calls) const
+    {
+        if (const SessionPtr now = session.get(); now != nullptr) {
+            const FtdiDev::ClosingCalls own(now->ftdi, seconds);
+            calls();
+        }
+    }
+
+    // ---- Transfers ----
 
     int send(CmdId id, CmdArgs args = {}, unsigned char flags = cmdflag::NONE) const
     {
-        const SessionPtr now = session.get();
-        return now != nullptr ? now->mgr.send(id, args, flags) : refuse();
+        const std::optional<int> result = sent([&](Manager& mgr) { return mgr.send(id, args, flags); });
+        return result ? *result : refuse();
     }
     int sendPayload(CmdId id, const unsigned char* data, unsigned long size, unsigned char flags) const
     {
-        const SessionPtr now = session.get();
-        return now != nullptr ? now->mgr.send(id, data, size, flags) : refuse();
+        const std::optional<int> result = sent([&](Manager& mgr) { return mgr.send(id, data, size, flags); });
+        return result ? *result : refuse();
+    }
+    /// Writes the bias DAC; any thread. It brings no answer, so it may go out in the middle of a frame.
+    int writeBias(unsigned char code, ibspi::BiasHandBack handBack) const
+    {
+        int result = 1;
+        std::string failure;
+        {
+            const Exchange whole(*this);
+            if (whole)
+                result = ibspi::writeBiasDac(*whole.manager(), code, handBack);
+            failure = lastError();
+        }
+        return result != 0 ? report.error(result, "Failed sending command (%s)", failure.c_str()) : 0;
     }
     /// As the manager's `receiveRaw`.
     int receive(unsigned char* buffer, unsigned long* size, double timeout) const
@@ -117,7 +186,7 @@ public:
                 return;
         }
     }
-    /// The manager's words for its last failure.
+    /// The manager's words for its last failure, for who has the turn or an `Exchange`.
     const char* lastError() const
     {
         const SessionPtr now = session.get();
@@ -125,6 +194,13 @@ public:
     }
 
 private:
+    /// The result of `call(manager)`, or nothing without a link.
+    template <typename Call>
+    std::optional<int> sent(Call call) const
+    {
+        const Exchange whole(*this);
+        return whole ? std::optional<int>(call(*whole.manager())) : std::nullopt;
+    }
     int refuse() const { return report.error(1, "%s", NOT_CONNECTED); }
 
     DeviceReport& report;

@@ -68,18 +68,18 @@ unsigned char AMpx2Dev::triggerFlags() const
 /// Opens the shutter. On failure the chips stay in acquisition.
 int AMpx2Dev::startExposure(unsigned char flags, std::uint32_t frameWord)
 {
-    ThreadLock lock(&exchangeSync);
+    const Link::Exchange whole(link);
     changePins({{&TpxPins::ACQOVER, 1}, {&TpxPins::OUTEN, 0}});
     return link.send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
 }
 
 void AMpx2Dev::endExposure()
 {
-    ThreadLock lock(&exchangeSync);
-    if (!link.exists())
+    const Link::Exchange whole(link);
+    if (!whole)
         return;
     changePins({{&TpxPins::ACQOVER, 0}, {&TpxPins::OUTEN, 0}});
-    handBackOutput(*link);
+    handBackOutput(*whole.manager());
 }
 
 /// Waits for the packet at the end of a frame. The packet of a frame that a stop has cut is still on its way, and is
@@ -116,7 +116,7 @@ int AMpx2Dev::expose()
     logFunction("Start Acquisition");
     {
         // A stop is seen here, or sends its command behind the start.
-        ThreadLock lock(&exchangeSync);
+        const Link::Exchange whole(link);
         if (life.stopped())
             return 0;
         if (const int result = startExposure(triggerFlags(), tpx::SINGLE_FRAME); result != 0)
@@ -139,11 +139,10 @@ int AMpx2Dev::completeExposure(bool ended, const EndOfFrame& packet)
     return 0;
 }
 
-/// Ends the frame on the board.
+/// Ends the frame on the board. Nothing is told to the host here.
 void AMpx2Dev::stopBoard()
 {
-    ThreadLock lock(&exchangeSync);
-    if (link.exists())
+    if (const Link::Exchange whole(link); whole)
         link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
 }
 
@@ -182,6 +181,9 @@ int AMpx2Dev::configureSeries(double seconds)
 
 int AMpx2Dev::startAcquisition(unsigned count, double seconds)
 {
+    // Also in a callback that is none of a series' events.
+    if (life.caller() == SeriesLife::Caller::Handler)
+        return logError(1, RUNNING);
     if (!(seconds >= devMpxInfoRec.acqTimeMin && seconds <= devMpxInfoRec.acqTimeMax))
         return logError(1, "Invalid acquisition time (%g s).", seconds);
     switch (life.begin()) {

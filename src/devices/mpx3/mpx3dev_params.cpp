@@ -78,7 +78,6 @@ void Mpx3Dev::onWriteParam(dv::IParam* param)
         setDebugLog(param->getBool() || loadFlag(debugLog));
     } else if (name == "BiasDischarge") {
         const unsigned char word = param->getByte();
-        ThreadLock lock(&writeSync);
         link.send(SpiCmd::BiasDischarge, CmdArgs::low(static_cast<unsigned char>(word << 2)));
     }
 }
@@ -168,6 +167,8 @@ void Mpx3Dev::pollStatus() const
 
 const char* Mpx3Dev::deviceStatusText() const
 {
+    if (loadFlag(boardMute))
+        return BOARD_MUTE;
     if (!loadFlag(cpuPresent))
         return statusText.get();
     if (inSeries()) {
@@ -228,20 +229,7 @@ int Mpx3Dev::TurnCpu::sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsig
     const DeviceTurn turn(device.linkTurn, device.report, device.patience());
     if (turn.require() != 0)
         return 1;
-    ThreadLock lock(&device.writeSync);
     return IBCpuMgrMpx3::sendReceiveSpi(tx, rx, size, received);
-}
-
-int Mpx3Dev::TurnFlash::flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size,
-                                       unsigned long* received)
-{
-    if (device.inSeries())
-        return device.logError(1, "Acquisition is running");
-    const DeviceTurn turn(device.linkTurn, device.report, device.patience());
-    if (turn.require() != 0)
-        return 1;
-    ThreadLock lock(&device.writeSync);
-    return IBFlashFpxMpx3::flashReadWrite(tx, rx, size, received);
 }
 
 } // namespace HwLatixel

@@ -138,9 +138,9 @@ void Mpx2DevRow::leaveRows()
 /// Opens the shutter for a series of `blocks` blocks of rows.
 int Mpx2DevRow::startRows(std::uint64_t blocks)
 {
-    // Under the lock that a stop takes for its command: behind it no series is started.
-    ThreadLock lock(&exchangeSync);
-    if (!link.exists())
+    // A stop is seen here, or its command goes behind the start.
+    const Link::Exchange whole(link);
+    if (!whole)
         return 1;
     if (life.stopped())
         return 0;

@@ -134,6 +134,7 @@ int Mpx2DevRow::readOut(std::span<unsigned char> stream, bool rowOnly, StreamCou
     logFunction("Read Matrix");
     if (const int result = switchChannel(ENABLED_CHANNELS); result != 0)
         return result;
+    const Link::Exchange whole(link);
     changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 0}});
     const int result = rowOnly ? receiveRow(stream) : receiveStream(stream, count);
     changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
