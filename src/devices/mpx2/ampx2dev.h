@@ -337,6 +337,7 @@ protected:
     void takeMeasuredTime(const EndOfFrame& packet);
     unsigned char triggerFlags() const;
     void stopBoard();
+    void breakOff();
     static void acqFuncWrapper(void* device);
     /// Waits until the host has taken the frame before out of the stream. False where a stop or `interrupted()` ends
     /// the wait.

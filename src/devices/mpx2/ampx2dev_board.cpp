@@ -2,6 +2,7 @@
 #include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/boardreports.h"
+#include "shared/contained.h"
 #include "shared/str.h"
 
 #include <algorithm>
@@ -423,6 +424,7 @@ void AMpx2Dev::publishCpuValues() const
         values = cpuValues;
     }
     const CpuParamUpdate update;
+    const SeriesLife::Callback hostsCode(life);
     for (const auto& [name, text] : values)
         if (devParams->exists(name.c_str()))
             devParams->get(name.c_str())->setString(text.c_str());
@@ -451,20 +453,14 @@ void AMpx2Dev::onWriteParam(dv::IParam* param)
 int AMpx2Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
 {
     auto* device = reinterpret_cast<AMpx2Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
-    if (isRead)
-        device->onReadParam(param);
-    else
-        device->onWriteParam(param);
+    contained([&] { isRead ? device->onReadParam(param) : device->onWriteParam(param); });
     return 0;
 }
 
 int AMpx2Dev::paramReadSetFuncCpu(dv::IParam* param, bool isRead, long user)
 {
     auto* device = reinterpret_cast<AMpx2Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
-    if (isRead)
-        device->onReadParamCpu();
-    else
-        device->onWriteParamCpu(param);
+    contained([&] { isRead ? device->onReadParamCpu() : device->onWriteParamCpu(param); });
     return 0;
 }
 

@@ -3,8 +3,10 @@
 #include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/frames.h"
+#include "devices/common/seriespreparation.h"
 #include "host/datatype.h"
 #include "link/tpxcmds.h"
+#include "shared/contained.h"
 
 #include <cmath>
 
@@ -195,10 +197,10 @@ int AMpx2Dev::startAcquisition(unsigned count, double seconds)
     case SeriesLife::Start::InCallback:
         return logError(1, RUNNING);
     }
-    if (prepareSeries(count, seconds) != 0) {
-        life.giveUp();
+    SeriesPreparation preparation(life);
+    if (prepareSeries(count, seconds) != 0)
         return 1;
-    }
+    preparation.keep();
     if (!life.run(acqFuncWrapper, this))
         return logError(1, "Cannot start the acquisition thread.");
     return 0;
@@ -439,10 +441,22 @@ void AMpx2Dev::discardMatrix()
 void AMpx2Dev::acqFuncWrapper(void* device)
 {
     auto* self = static_cast<AMpx2Dev*>(device);
-    self->acqFunc();
+    const auto tell = [self](const char* text) { self->logError(1, "Acquisition failed (%s)", text); };
+    if (!contained([self] { self->acqFunc(); }, tell))
+        contained([self] { self->breakOff(); });
     // The host has gone away meanwhile and has left the device to this thread.
     if (self->life.left())
         delete self;
+}
+
+/// Ends a series whose thread can't go on.
+void AMpx2Dev::breakOff()
+{
+    life.stop();
+    stopBoard();
+    linkTurn.endWholeSeries();
+    linkTurn.endReservation();
+    endSeries(Pass::Lost, false);
 }
 
 // ---- Readings for a host that polls ----

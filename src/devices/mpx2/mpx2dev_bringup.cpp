@@ -69,6 +69,7 @@ int Mpx2Dev::initDevice()
         return result;
     logFunction("Init Device");
     const Link::BringUp watched(link, boardMute);
+    const SeriesLife::Callback hostsCode(life); // which the bring-up calls, and which must not close the device
     identifyBoard();
     powerCycle();
     detectModules();

@@ -9,6 +9,7 @@
 #include "devices/common/boardlink.h"
 #include "devices/common/deviceturn.h"
 #include "devices/common/rowtimes.h"
+#include "devices/common/seriespreparation.h"
 #include "devices/common/seriesturn.h"
 #include "devices/mpx3/ampx3dev.h"
 #include "link/cmdmgrmpx3.h"
@@ -294,6 +295,7 @@ private:
     void leaveBoard(bool drain, const std::function<void()>& restore);
     void endSeries(int result);
     void failSeries();
+    void breakOff();
     bool readTdiFrame();
     void receiveTdiRows();
     unsigned long receiveTdiRow(std::size_t offset, unsigned long record);

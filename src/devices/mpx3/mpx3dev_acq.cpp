@@ -4,6 +4,7 @@
 #include "devices/common/frames.h"
 #include "devices/common/triggers.h"
 #include "host/datatype.h"
+#include "shared/contained.h"
 
 #include <algorithm>
 #include <array>
@@ -78,9 +79,10 @@ int Mpx3Dev::prepareSeries(unsigned count, double time, bool allowBurst)
     next.tdi = (mode & dv::ACQMODE_TDI) != 0;
     next.softTrigger = (mode & dv::ACQMODE_SOFT_TRIGGER) != 0;
     next.burst = allowBurst && time < BURST_THRESHOLD;
+    SeriesPreparation preparation(series);
     const int result = prepareChips(next);
-    if (result != 0)
-        series.giveUp();
+    if (result == 0)
+        preparation.keep();
     return result;
 }
 
@@ -203,13 +205,26 @@ void Mpx3Dev::awaitFrameOver()
 void Mpx3Dev::acqFunc()
 {
     setCurrentThreadName("mpx3devacq");
-    now = plan.get();
-    if (now.tdi)
-        acqFuncTDI();
-    else if (now.continuous)
-        acqFuncCRW();
-    else
-        acqFuncNormal();
+    const auto frames = [this] {
+        now = plan.get();
+        if (now.tdi)
+            acqFuncTDI();
+        else if (now.continuous)
+            acqFuncCRW();
+        else
+            acqFuncNormal();
+    };
+    if (!contained(frames, [this](const char* text) { logError(1, "Acquisition failed (%s)", text); }))
+        contained([this] { breakOff(); });
+}
+
+/// Ends a series whose thread can't go on.
+void Mpx3Dev::breakOff()
+{
+    series.stop();
+    frameOver.set();
+    leaveBoard(false, [] {});
+    endSeries(dv::RESULT_FAILED);
 }
 
 unsigned char Mpx3Dev::startFlags(bool withContinuous) const

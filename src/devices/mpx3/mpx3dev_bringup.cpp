@@ -88,6 +88,7 @@ int Mpx3Dev::initDevice()
     storeFlag(connected, true);
     logFunction("Init Device");
     const Link::BringUp watched(link, boardMute);
+    const SeriesLife::Callback hostsCode(series); // which the bring-up calls, and which must not close the device
     resetDevice();
     sleepThread(LINK_RESET_PAUSE);
     readFirmware();

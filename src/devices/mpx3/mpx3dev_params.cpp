@@ -4,6 +4,7 @@
 #include "board/adcscale.h"
 #include "devices/common/boardreports.h"
 #include "devices/common/paramtable.h"
+#include "shared/contained.h"
 
 #include <string_view>
 
@@ -43,17 +44,15 @@ void Mpx3Dev::initParameters()
 int Mpx3Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
 {
     auto* device = reinterpret_cast<Mpx3Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
-    if (isRead)
-        device->onReadParam(param);
-    else
-        device->onWriteParam(param);
+    contained([&] { isRead ? device->onReadParam(param) : device->onWriteParam(param); });
     return 0;
 }
 
 int Mpx3Dev::paramReadSetFuncCpu(dv::IParam*, bool isRead, long user)
 {
+    auto* device = reinterpret_cast<Mpx3Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
     if (isRead)
-        reinterpret_cast<Mpx3Dev*>(user)->onReadParamCpu(); // NOLINT(performance-no-int-to-ptr): the host's word
+        contained([&] { device->onReadParamCpu(); });
     return 0;
 }
 
@@ -61,13 +60,16 @@ void Mpx3Dev::onReadParam(dv::IParam* param)
 {
     if (std::string_view(param->name()) != "Temperature")
         return;
-    if (!inSeries()) {
-        param->setDouble(adcCelsius(readSenseCode(TEMPERATURE_ADC_CHANNEL)));
-        return;
+    int code = 0;
+    if (inSeries()) {
+        leaveWish(1U << TEMPERATURE_ADC_CHANNEL);
+        code = adcCodes[TEMPERATURE_ADC_CHANNEL];
+    } else {
+        code = readSenseCode(TEMPERATURE_ADC_CHANNEL);
     }
-    leaveWish(1U << TEMPERATURE_ADC_CHANNEL);
-    if (const int last = adcCodes[TEMPERATURE_ADC_CHANNEL]; last >= 0)
-        param->setDouble(adcCelsius(static_cast<unsigned short>(last)));
+    const SeriesLife::Callback hostsCode(series);
+    if (code >= 0)
+        param->setDouble(adcCelsius(static_cast<unsigned short>(code)));
 }
 
 void Mpx3Dev::onWriteParam(dv::IParam* param)
@@ -124,6 +126,7 @@ void Mpx3Dev::refreshCpuValues() const
 
 void Mpx3Dev::storeCpuValues(const IBCpu::Values& values) const
 {
+    const SeriesLife::Callback hostsCode(series);
     for (const auto& [name, value] : values)
         if (devParams->exists(name.c_str()))
             devParams->get(name.c_str())->setString(value.c_str());

@@ -70,6 +70,7 @@ int Mpx2DevRow::initDevice()
     logFunction("Init Device");
     storeFlag(overheated, false);
     const Link::BringUp watched(link, boardMute);
+    const SeriesLife::Callback hostsCode(life); // which the bring-up calls, and which must not close the device
     identifyBoard();
     powerCycle();
     findChips();

@@ -29,8 +29,11 @@ int Mpx2DevRow::requireChips() const
 
 void Mpx2DevRow::onReadParam(dv::IParam* param)
 {
-    if (std::string_view(param->name()) == "Temperature")
-        param->setDouble(adcCelsius(pollAdcCode(TEMPERATURE_ADC_CHANNEL)));
+    if (std::string_view(param->name()) != "Temperature")
+        return;
+    const double temperature = adcCelsius(pollAdcCode(TEMPERATURE_ADC_CHANNEL));
+    const SeriesLife::Callback hostsCode(life);
+    param->setDouble(temperature);
 }
 
 // ---- Configuration ----

@@ -3,6 +3,8 @@
 #include "devices/mpx2/mpx2bench.h"
 #include "devices/mpx3/mpx3bench.h"
 
+#include "devices/common/containeddevice.h"
+
 #include <stdexcept>
 
 using namespace support;
@@ -156,4 +158,88 @@ TYPED_TEST(BoardTrouble, LogCallbackNeitherClosesNorStartsNorThrows)
     bench.events->onFrame = [&](long) { throw std::bad_alloc(); };
     EXPECT_EQ(bench->startAcquisition(1, 0.02), 0);
     EXPECT_TRUE(bench.events->waitForEnd());
+}
+
+namespace {
+
+/// A device that finds no memory: in an operation, in a preparation, or in its series.
+template <typename Device>
+struct Poor : Device {
+    using Device::Device;
+
+    template <typename Call>
+    static auto unless(bool poor, Call call)
+    {
+        return poor ? throw std::bad_alloc() : call();
+    }
+    int resetMedipix() override
+    {
+        return unless(poor, [&] { return Device::resetMedipix(); });
+    }
+    double adcValue(unsigned index) const override
+    {
+        return unless(poor, [&] { return Device::adcValue(index); });
+    }
+    dv::IMpxFrame* lastData() override
+    {
+        return unless(poor, [&] { return Device::lastData(); });
+    }
+    const char* deviceStatusText() const override { return poor ? throw 7 : Device::deviceStatusText(); }
+
+    bool poor = false;
+    bool poorInSeries = false;
+};
+struct PoorMpx3 : Poor<HwLatixel::Mpx3Dev> {
+    using Poor::Poor;
+    void waitForSoftwareTrigger(bool* stop) override
+    {
+        unless(poorInSeries, [&] { return Poor::waitForSoftwareTrigger(stop), 0; });
+    }
+};
+struct PoorMpx2 : Poor<HwLatixel::Mpx2Dev> {
+    using Poor::Poor;
+    int prepareAcquisition(double seconds) override
+    {
+        return unless(poor, [&] { return Poor::prepareAcquisition(seconds); });
+    }
+    int doSingleAcquisition() override
+    {
+        return unless(poorInSeries, [&] { return Poor::doSingleAcquisition(); });
+    }
+};
+
+template <typename Bench>
+void expectContained(Bench& bench)
+{
+    ASSERT_EQ(bench->initDevice(), 0);
+    bench->poor = true;
+    EXPECT_EQ(bench->resetMedipix(), 1);
+    EXPECT_STREQ(bench->lastError(), "Operation failed (std::bad_alloc)");
+    EXPECT_EQ(bench->adcValue(0), 0.0);
+    EXPECT_EQ(bench->lastData(), nullptr);
+    EXPECT_STREQ(bench->deviceStatusText(), "");
+    EXPECT_STREQ(bench->lastError(), "Operation failed (exception of an unknown type)");
+    EXPECT_EQ(bench->deviceType() == 2 || bench->startAcquisition(1, 0.02) == 1, true);
+    bench->poor = false;
+    bench->poorInSeries = true;
+    bench->setAcqMode(dv::ACQMODE_SOFT_TRIGGER);
+    bench.events->onWaitTrigger = [&] { bench->doSoftwareTrigger(0); };
+    EXPECT_EQ(bench->startAcquisition(1, 0.02), 0) << bench->lastError();
+    EXPECT_TRUE(bench.events->waitFor({HWEVENT_ACQ_FAILED}));
+    EXPECT_STREQ(bench->lastError(), "Acquisition failed (std::bad_alloc)");
+    bench->poorInSeries = false;
+    EXPECT_EQ(bench.series(2, 0.02).size(), 2U);
+}
+
+} // namespace
+
+TEST(ContainedDevice, LetsNoExceptionOut)
+{
+    using HwLatixel::Contained;
+    {
+        DeviceBench<Contained<PoorMpx3>, sim::Mpx3Board, unsigned> bench(mpx3Board({1}), ONE_CHANNEL, false);
+        expectContained(bench);
+    }
+    DeviceBench<Contained<PoorMpx2>, sim::Mpx2Board, unsigned short> bench(mpx2Board({1}), "", false);
+    expectContained(bench);
 }
