@@ -3,6 +3,7 @@
 
 #include "host/records.h"
 #include "link/cmdframe.h"
+#include "shared/contained.h"
 #include "shared/str.h"
 
 #include <algorithm>
@@ -153,5 +154,7 @@ void IBFlashReader::loadLate()
 int IBFlashReader::paramReadSetFuncWrapper(dv::IParam* param, bool read, long user)
 {
     // The host hands back the word that `publish` gave it. NOLINTNEXTLINE(performance-no-int-to-ptr)
-    return reinterpret_cast<IBFlashReader*>(user)->paramReadSetFunc(param, read);
+    auto* reader = reinterpret_cast<IBFlashReader*>(user);
+    contained([&] { reader->paramReadSetFunc(param, read); });
+    return 0;
 }

@@ -141,8 +141,8 @@ int ACmdMgr::receiveArrived(unsigned char* buffer, unsigned long* size)
 int ACmdMgr::waitForPacket(double timeout, bool* abort, char* buffer, unsigned long size, bool reportTimeout,
                            bool sleepBetween)
 {
-    const int result = keepTrying(timeout, abort, sleepBetween, [&] {
-        const int received = ftdi->receive(buffer, size, size, WAIT_ATTEMPT, false);
+    const int result = keepTrying(timeout, abort, sleepBetween, [&](double seconds) {
+        const int received = ftdi->receive(buffer, size, size, seconds, false);
         if (received < 0) {
             logError(-1, ERR, "Error receiving packet: %d (%s)", received, ftdi->getLastError());
             return Attempt::LinkFailed;

@@ -195,8 +195,8 @@ public:
         return send(id.perif, id.command, data, size, flags);
     }
 
-    /// Waits for one packet of `size` bytes, at most `timeout` seconds. The board is asked for a second at a time, so
-    /// an abort is noticed about once a second, and bytes of an incomplete packet are dropped. A failing link is
+    /// Waits for one packet of `size` bytes, at most `timeout` seconds. The board is asked for a second at a time,
+    /// or for what is left of them, so an abort is noticed about once a second, and bytes of an incomplete packet are dropped. A failing link is
     /// reported and waited for: only the deadline and a closing link end the wait. It is no `Exchange`.
     /// @param abort          polled flag that ends the wait, or null
     /// @param reportTimeout  whether reaching the deadline is an error to report

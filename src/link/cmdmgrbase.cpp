@@ -54,10 +54,19 @@ void CmdMgrBase::beginExchange()
 void CmdMgrBase::endExchange()
 {
     exchanger = 0;
-    if (owed == Answer::Missing)
+    if (owed == Answer::Missing || ftdi->outOfStep())
         ++unanswered;
     else if (owed == Answer::Came)
         unanswered = 0;
+    if (givesUp && isBoardMute())
+        ftdi->giveUp();
+}
+
+void CmdMgrBase::giveUpMuteBoard(bool on)
+{
+    givesUp = on;
+    if (!on)
+        ftdi->resume();
 }
 
 int CmdMgrBase::receiveInto(char* buffer, unsigned long size, double timeout, const std::atomic<int>* wanted)
@@ -76,11 +85,11 @@ int CmdMgrBase::receiveInto(char* buffer, unsigned long size, double timeout, co
 // ---- Waits ----
 
 int CmdMgrBase::keepTrying(double timeout, const bool* abort, bool sleepBetween,
-                           const std::function<Attempt()>& attempt) const
+                           const std::function<Attempt(double seconds)>& attempt) const
 {
     const double end = getPreciseTime() + timeout;
     do {
-        const Attempt result = attempt();
+        const Attempt result = attempt(std::clamp(end - getPreciseTime(), ATTEMPT_PAUSE, WAIT_ATTEMPT));
         if (result == Attempt::Done)
             return 0;
         if (result == Attempt::Again)

@@ -39,10 +39,14 @@ public:
         CmdMgrBase& mgr;
     };
 
-    /// Exchanges in a row that the interface board itself had to answer, and did so without a byte. Any thread.
+    /// Exchanges in a row that the interface board itself had to answer, and did so without a byte, or that it did not
+    /// take. Any thread.
     unsigned unansweredExchanges() const { return unanswered; }
     /// Whether there were so many of them that the board counts as mute.
     bool isBoardMute() const { return unanswered >= MUTE_BOARD_EXCHANGES; }
+    /// From now on the link is given up as soon as the board counts as mute, so that all further calls fail at once;
+    /// with false no more, and it is tried again.
+    void giveUpMuteBoard(bool on);
     /// How often a board was reset because a send had failed: what it was told before may be forgotten. Any thread.
     unsigned boardResets() const { return resets; }
 
@@ -52,7 +56,7 @@ protected:
     static constexpr double SEND_TIMEOUT = 2.0;
     /// A link's mark for no time limit.
     static constexpr double NO_TIMEOUT = -1.0;
-    /// Seconds that one attempt of a wait asks the board: an abort is noticed about as often.
+    /// Seconds that one attempt of a wait asks the board at most: an abort is noticed about as often.
     static constexpr double WAIT_ATTEMPT = 1.0;
 
     /// What a manager writes to the debug log; polled by every thread that sends or receives.
@@ -78,11 +82,12 @@ protected:
     {
         return result >= 0 && static_cast<unsigned long>(result) == size;
     }
-    /// Attempts until one is done, at least once. Behind an attempt that brought nothing it pauses 2 ms if
+    /// Attempts until one is done, at least once; each is told how many seconds it may take. Behind an attempt that brought nothing it pauses 2 ms if
     /// `sleepBetween` or if another thread wants an exchange, behind a failed link longer, but not beyond the deadline,
     /// and then looks at `abort`, which may be null.
     /// @return 0 when done, -1 at the deadline or when the link is closing, -2 when aborted
-    int keepTrying(double timeout, const bool* abort, bool sleepBetween, const std::function<Attempt()>& attempt) const;
+    int keepTrying(double timeout, const bool* abort, bool sleepBetween,
+                   const std::function<Attempt(double seconds)>& attempt) const;
 
     /// From now on the board owes an answer in this exchange. The caller is in one.
     void expectAnswer() { owed = Answer::Missing; }
@@ -119,6 +124,7 @@ private:
     std::atomic<pthread_t> exchanger = 0; ///< the thread that is in an exchange
     std::atomic<int> exchangeWanted = 0;  ///< threads that wait for one
     std::atomic<unsigned> unanswered = 0;
+    std::atomic<bool> givesUp = false; ///< a mute board
     std::atomic<unsigned> resets = 0;
 };
 

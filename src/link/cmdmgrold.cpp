@@ -141,9 +141,9 @@ int CmdMgrOld::waitForFrame(unsigned char command, char* params, double timeout,
                             bool sleepBetween)
 {
     Frame frame{};
-    const int result = keepTrying(timeout, abort, sleepBetween, [&] {
+    const int result = keepTrying(timeout, abort, sleepBetween, [&](double seconds) {
         bool linkFailed = false;
-        if (takeFrame(frame.data(), WAIT_ATTEMPT, true, linkFailed) != 0)
+        if (takeFrame(frame.data(), seconds, true, linkFailed) != 0)
             return linkFailed ? Attempt::LinkFailed : Attempt::Nothing;
         return byteOf(frame[COMMAND]) == command ? Attempt::Done : Attempt::Again;
     });

@@ -37,6 +37,8 @@ constexpr double READ_PAUSE = 0.001;
 /// Shortest limit of a read in seconds. libftdi loses what a transfer has brought when its time is over, and one of
 /// 16384 bytes from a chip that is alive takes up to 32 packets with a latency period each.
 constexpr double SHORTEST_READ = 0.08;
+/// Seconds for the requests to a chip that has failed to answer the one before. One that is alive takes milliseconds.
+constexpr double SHORT_REQUEST = 0.2;
 /// Seconds of silence after which a board that was reset has said all.
 constexpr double RESET_SILENCE = 0.1;
 
@@ -51,6 +53,7 @@ constexpr std::size_t LINE_CHUNK_SIZE = 1023;
 
 const char* const NOT_SUPPORTED = "Not supported in libFTDI";
 const char* const CLOSING = "Device is closing";
+const char* const GIVEN_UP = "Board does not answer";
 
 int vendorOf(std::uint32_t vidPid)
 {
@@ -258,7 +261,7 @@ FtdiDev::WholeContext::~WholeContext()
 int FtdiDev::limitOf(double seconds) const
 {
     double limit = std::min(LONGEST_CALL, seconds); // also for what is no number
-    if (closing)
+    if (closer == getCurThreadId())
         limit = std::min(limit, closingEnd - getPreciseTime());
     return std::max(1, static_cast<int>(std::ceil(limit * 1000)));
 }
@@ -274,12 +277,25 @@ bool FtdiDev::mayCall(double end)
     return true;
 }
 
+/// Seconds for a request or several that belong together. The caller holds the whole context.
+double FtdiDev::requestTime() const
+{
+    return requestFailed ? SHORT_REQUEST : LONGEST_CALL;
+}
+
+bool FtdiDev::noteRequest(bool answered)
+{
+    requestFailed = !answered;
+    return answered;
+}
+
 int FtdiDev::openDevice(bool useFlowControl, unsigned int vidPid)
 {
     // A device that reconnects must not take the context from under another thread's call.
     const WholeContext whole(*this);
     if (refusesCalls())
-        return fail(-1, CLOSING);
+        return failOfRefusal();
+    requestFailed = false;
     flowControl = useFlowControl;
     releaseContext();
     contextInUse = true;
@@ -309,7 +325,8 @@ bool FtdiDev::isConnected()
 {
     const WholeContext whole(*this);
     unsigned char latency = 0;
-    return isOpen() && mayCall(getPreciseTime() + LONGEST_CALL) && ftdi_get_latency_timer(context.get(), &latency) == 0;
+    return isOpen() && mayCall(getPreciseTime() + requestTime()) &&
+           noteRequest(ftdi_get_latency_timer(context.get(), &latency) == 0);
 }
 
 // Results don't count for the callers: a chip that has gone shows at the next transfer. What a chip that does not
@@ -320,7 +337,10 @@ bool FtdiDev::setUpLink(unsigned char mode, double end)
     contextInUse = true; // setting the chunk size allocates, also on a closed device
     ftdi_context* const chip = context.get();
     bool good = true;
-    const auto request = [&](auto call, auto... args) { good = mayCall(end) && call(chip, args...) >= 0 && good; };
+    end = std::min(end, getPreciseTime() + requestTime());
+    const auto request = [&](auto call, auto... args) {
+        good = mayCall(end) && noteRequest(call(chip, args...) >= 0) && good;
+    };
     request(ftdi_usb_reset);
     request(purge);
     request(ftdi_set_bitmode, ALL_PINS, MODE_SERIAL);
@@ -371,7 +391,11 @@ int FtdiDev::setLatencyTimer(unsigned int milliseconds)
 int FtdiDev::clearBuffers()
 {
     const WholeContext whole(*this);
-    return mayCall(getPreciseTime() + LONGEST_CALL) ? purge(context.get()) : fail(-1, CLOSING);
+    if (!mayCall(getPreciseTime() + requestTime()))
+        return failOfRefusal();
+    const int result = purge(context.get());
+    noteRequest(result >= 0);
+    return result;
 }
 
 // ---- A link out of step ----
@@ -393,19 +417,40 @@ bool FtdiDev::resynchronise()
     return true;
 }
 
-// ---- Closing ----
+// ---- A link that is given up ----
 
-void FtdiDev::startClosing(double seconds)
+void FtdiDev::startClosing()
 {
-    const double end = getPreciseTime() + seconds;
-    if (!closing || end < closingEnd)
-        closingEnd = end;
-    closing = true;
+    refusal = CLOSING;
+}
+
+void FtdiDev::cancelClosing()
+{
+    refusal = nullptr;
+}
+
+void FtdiDev::giveUp()
+{
+    const char* none = nullptr;
+    refusal.compare_exchange_strong(none, GIVEN_UP);
+}
+
+void FtdiDev::resume()
+{
+    const char* givenUp = GIVEN_UP;
+    refusal.compare_exchange_strong(givenUp, nullptr);
 }
 
 bool FtdiDev::refusesCalls() const
 {
-    return closing && (closer != getCurThreadId() || getPreciseTime() >= closingEnd);
+    const bool ownCalls = closer == getCurThreadId() && getPreciseTime() < closingEnd;
+    return refusal != nullptr && !ownCalls;
+}
+
+FtdiDev::ClosingCalls::ClosingCalls(FtdiDev& link, double seconds) : dev(link)
+{
+    dev.closingEnd = getPreciseTime() + seconds;
+    dev.closer = getCurThreadId();
 }
 
 // ---- Transfers ----
@@ -441,7 +486,7 @@ int FtdiDev::writeChunk(const char* data, int size, double seconds)
 {
     ThreadLock lock(&writeSync);
     if (refusesCalls())
-        return fail(-1, CLOSING);
+        return failOfRefusal();
     context->usb_write_timeout = limitOf(seconds);
     const int moved = ftdi_write_data(context.get(), reinterpret_cast<const unsigned char*>(data), size);
     return moved < 0 ? failOfSend(moved, ftdi_get_error_string(context.get())) : moved;
@@ -456,7 +501,7 @@ int FtdiDev::readChunk(char* buffer, unsigned long size, double seconds)
         sleepThread(READ_PAUSE);
     ThreadLock lock(&readSync);
     if (refusesCalls())
-        return fail(-1, CLOSING);
+        return failOfRefusal();
     context->usb_read_timeout = limitOf(std::max(seconds, SHORTEST_READ));
     const int moved = ftdi_read_data(context.get(), reinterpret_cast<unsigned char*>(buffer), part);
     if (moved == TIMED_OUT) {
@@ -625,6 +670,12 @@ int FtdiDev::fail(int result, const char* text)
 {
     lastError.set(text);
     return result;
+}
+
+int FtdiDev::failOfRefusal()
+{
+    const char* why = refusal;
+    return fail(-1, why != nullptr ? why : CLOSING);
 }
 
 /// The text belongs to the call before only while its lock is held.

@@ -37,7 +37,8 @@ enum FtdiBitMode {
 /// an open.
 ///
 /// No call of libftdi blocks longer than its caller's limit has left, nor longer than `LONGEST_CALL`; a read at least
-/// as long as a chip that is alive may take for one transfer. A read that ran into its limit brought nothing.
+/// as long as a chip that is alive may take for one transfer. A read that ran into its limit brought nothing. A chip
+/// that has left a request unanswered gets less time for the next ones.
 class FtdiDev {
 public:
     /// Seconds that one call of libftdi may block at most, and all requests together that set up or reset the link.
@@ -143,26 +144,30 @@ public:
     /// within about `LONGEST_CALL`. Returns whether the link is in step again: not where the chip does not answer.
     bool resynchronise();
 
-    // ---- Closing ----
+    // ---- A link that is given up ----
 
-    /// Marks the link as closing, for good: every call fails at once, in all threads but one that has a `ClosingCalls`,
-    /// and a transfer ends at its next step; a call of libftdi that is under way has up to `LONGEST_CALL` for that.
-    /// After `seconds` the closing thread's calls fail too. A later call can only shorten that. Any thread.
-    void startClosing(double seconds);
-    bool isClosing() const { return closing; }
-    /// Whether the calling thread's calls fail because the link is closing.
+    /// Marks the link as closing: every call fails at once, in all threads but one that has a `ClosingCalls`, and a
+    /// transfer ends at its next step; a call of libftdi that is under way has up to `LONGEST_CALL` for that. Any
+    /// thread.
+    void startClosing();
+    /// Takes that back: the link is not closed after all.
+    void cancelClosing();
+    /// The same for a board that does not answer, until `resume` or `startClosing`.
+    void giveUp();
+    void resume();
+    /// Whether the calling thread's calls fail because the link is closing or given up.
     bool refusesCalls() const;
-    /// While it lives, the thread that made it may use a link that is closing. One thread at a time.
+    /// While it lives, the thread that made it may use a link that is closing, for as many seconds. One thread at a
+    /// time.
     class ClosingCalls {
     public:
-        explicit ClosingCalls(FtdiDev& link) : dev(link), before(link.closer.exchange(getCurThreadId())) {}
-        ~ClosingCalls() { dev.closer = before; }
+        ClosingCalls(FtdiDev& link, double seconds);
+        ~ClosingCalls() { dev.closer = 0; }
         ClosingCalls(const ClosingCalls&) = delete;
         ClosingCalls& operator=(const ClosingCalls&) = delete;
 
     private:
         FtdiDev& dev;
-        pthread_t before;
     };
 
     // ---- What libftdi can't do ----
@@ -192,10 +197,13 @@ private:
     bool isOpen() const;
     void releaseContext();
     int fail(int result, const char* text);
+    int failOfRefusal();
     int failOfLibrary(int result);
     int failOfSend(int result, const char* text);
     int limitOf(double seconds) const;
+    double requestTime() const;
     bool mayCall(double end);
+    bool noteRequest(bool answered);
     bool setUpLink(unsigned char mode, double end);
     int writeChunk(const char* data, int size, double seconds);
     int readChunk(char* buffer, unsigned long size, double seconds);
@@ -230,10 +238,11 @@ private:
     long dataCallbackUser = 0;
     std::atomic<int> failedSend = 0; ///< Result of the send that left the link out of step, or 0.
     LastError failedSendText;
-    std::atomic<bool> closing = false;
-    std::atomic<double> closingEnd = 0; ///< When closing's own calls end.
-    std::atomic<pthread_t> closer = 0;  ///< The thread that closes.
-    bool contextInUse = false;          ///< libftdi may hold resources in the context that `ftdi_deinit` releases.
+    std::atomic<const char*> refusal = nullptr; ///< Why calls fail, while they do.
+    std::atomic<double> closingEnd = 0;         ///< When closing's own calls end.
+    std::atomic<pthread_t> closer = 0;          ///< The thread that closes.
+    bool requestFailed = false; ///< The last request of the chip did; with both locks held.
+    bool contextInUse = false;  ///< libftdi may hold resources in the context that `ftdi_deinit` releases.
 
     static std::vector<std::uint32_t> mVidPids;
     static std::map<std::string, std::uint32_t> mNameToVidPid;

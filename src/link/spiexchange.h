@@ -74,7 +74,7 @@ int handBackOutput(Manager& manager)
 
 /// One full-duplex exchange of `size` bytes with `slave`, with up to `timeout` seconds of silence before the answer
 /// counts as ended. Only the last step's result is returned; the others don't count. `received`, if given, takes the
-/// count that `receiveRaw` left: a short one for a short answer, and `size` where the link itself failed.
+/// bytes that came: fewer for a short answer, none where the link itself failed.
 template <typename Manager>
 int spiExchange(Manager& manager, const SpiSlave& slave, unsigned char* tx, unsigned char* rx, unsigned long size,
                 unsigned long* received, double timeout)
@@ -84,7 +84,8 @@ int spiExchange(Manager& manager, const SpiSlave& slave, unsigned char* tx, unsi
     spiSelect(manager, slave, cmdflag::OUTPUT);
     spiWrite(manager, tx, size, cmdflag::EXCHANGE);
     unsigned long count = size;
-    manager.receiveRaw(rx, &count, timeout);
+    if (manager.receiveRaw(rx, &count, timeout) != 0)
+        count = 0;
     spiDeselect(manager);
     const int result = handBackOutput(manager);
     if (received != nullptr)

@@ -1,6 +1,7 @@
 // Discovery: which detectors hang on the bus, of which family they are, and who drives them.
 #include "plugin/latixel.h"
 
+#include "devices/common/containeddevice.h"
 #include "devices/common/devicename.h"
 #include "devices/mpx2/mpx2dev.h"
 #include "devices/mpx2/mpx2laddev.h"
@@ -144,8 +145,9 @@ template <typename Device, typename... Arguments>
 void HwLib::create(Arguments&&... arguments)
 {
     const auto createOne = [&] {
-        auto device = std::make_unique<Device>(std::forward<Arguments>(arguments)...);
-        if (device->initDevice() != 0)
+        auto device = std::make_unique<Contained<Device>>(std::forward<Arguments>(arguments)...);
+        // What is thrown here is the library's to tell.
+        if (device->Device::initDevice() != 0)
             return;
         devices.push_back(device.get());
         static_cast<void>(device.release());

@@ -108,11 +108,17 @@ TEST_F(LinkTroubleTest, AChipThatDoesNotAnswerIsOneFromWhichNothingComes)
     EXPECT_EQ(4, dev.receive(room, 16, 4, 0.2, false)) << "what had come is kept";
 }
 
-TEST_F(LinkTroubleTest, AFailedReadCostsNothingBeyondTheDeadline)
+TEST_F(LinkTroubleTest, AWaitForAPacketKeepsItsDeadlineAndAFailedReadBringsNothing)
 {
     char packet[9];
     ftdi.reads = {{"", -4}};
     EXPECT_LE(secondsOf([&] { EXPECT_EQ(-1, mgr.waitForPacket(0.02, nullptr, packet, 9, false, true)); }), 0.06);
+    EXPECT_LE(secondsOf([&] { EXPECT_EQ(-1, mgr.waitForPacket(0.2, nullptr, packet, 9, false, true)); }), 0.6);
+
+    unsigned long received = 4;
+    ftdi.reads = {{"", -4}};
+    EXPECT_EQ(0, mgr.sendReceiveSpiCpu(data.data(), buffer.data(), 4, &received));
+    EXPECT_EQ(0U, received);
 }
 
 TEST_F(LinkTroubleTest, BehindAFailedSendTheBoardIsResetBeforeTheNextExchange)
@@ -239,14 +245,13 @@ TEST_F(LinkTroubleTest, AClosingLinkEndsAllButTheClosingThread)
     });
     sleepThread(0.05);
     EXPECT_EQ(0, ended);
-    dev.startClosing(0.5);
-    dev.startClosing(9.0); // the earlier end holds
+    dev.startClosing();
     EXPECT_LE(secondsOf([&] { waiting.join(); }), 0.4);
     EXPECT_EQ(2, ended);
 
     EXPECT_EQ(-1, mgr.send(AcqCmd::Stop)) << "nor does this thread do anything without being the closing one";
     {
-        const FtdiDev::ClosingCalls own(dev);
+        const FtdiDev::ClosingCalls own(dev, 0.3);
         EXPECT_EQ(0, mgr.send(AcqCmd::Stop));
         EXPECT_EQ("55 00 05 02 00 00 00 00 AA", wire());
         EXPECT_FALSE(dev.outOfStep());
@@ -254,6 +259,8 @@ TEST_F(LinkTroubleTest, AClosingLinkEndsAllButTheClosingThread)
         EXPECT_LE(secondsOf([&] { mgr.sendReceiveSpiCpu(data.data(), buffer.data(), 4, nullptr); }), 0.7);
         EXPECT_EQ(-1, mgr.send(AcqCmd::Stop)) << "its time is over";
     }
+    dev.cancelClosing();
+    EXPECT_EQ(0, mgr.send(AcqCmd::Stop)) << "nobody closes after all";
     EXPECT_EQ(0, dev.closeDevice());
 }
 

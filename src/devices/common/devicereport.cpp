@@ -2,9 +2,12 @@
 #include "devices/common/devicereport.h"
 
 #include "devices/common/linkturn.h"
+#include "devices/common/serieslife.h"
+#include "shared/contained.h"
 #include "shared/str.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace HwLatixel {
@@ -48,6 +51,15 @@ struct DeviceReport::Telling {
     Telling(const Telling&) = delete;
     Telling& operator=(const Telling&) = delete;
 
+    /// Whether the calling thread is in a call for that report.
+    static bool runsFor(const DeviceReport& deviceReport)
+    {
+        for (const Telling* telling = innermost; telling != nullptr; telling = telling->outer)
+            if (telling->report == &deviceReport)
+                return true;
+        return false;
+    }
+
     const DeviceReport* report;
     const Line* line;
     const Telling* outer;
@@ -64,7 +76,7 @@ int DeviceReport::errorV(int code, const char* format, va_list args)
         std::string text = str::formatv(format, args).c_str();
         if (log_ != nullptr)
             log_->log(code, ERR, text);
-        if (logMsgFunc != nullptr && hostLevel(code) != 0)
+        if (logMsgFunc != nullptr && hostLevel(code) != 0 && !Telling::runsFor(*this))
             kept.push_back({getCurThreadId(), hostLevel(code), text, lastError_.get()});
         lastError_.set(std::move(text));
     }
@@ -101,8 +113,11 @@ void DeviceReport::tellHost()
             user = logMsgUser;
         }
         const Telling telling(*this, line);
+        std::optional<SeriesLife::Callback> handler;
+        if (life != nullptr)
+            handler.emplace(*life);
         if (func != nullptr)
-            func(line.level, line.text.c_str(), user);
+            contained([&] { func(line.level, line.text.c_str(), user); });
     }
 }
 

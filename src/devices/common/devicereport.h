@@ -13,10 +13,13 @@
 namespace HwLatixel {
 
 class LinkTurn;
+class SeriesLife;
 
 /// Reports of one device or composite. Safe from any thread: every operation takes the report's own lock, the last
 /// lock in the order but for the log's. The host's callback runs with no lock in hand: a line goes to the log at once,
 /// and to the host as soon as the thread that reports it has given the link's turn back, in the order of its lines.
+/// What the host causes within its callback goes to the log and to `lastError` alone: a host that is refused there
+/// would be called for ever.
 class DeviceReport {
 public:
     /// When `lastError` takes a text over, as the host's callback sees it.
@@ -29,8 +32,13 @@ public:
     DeviceReport(const DeviceReport&) = delete;
     DeviceReport& operator=(const DeviceReport&) = delete;
 
-    /// The turn whose holder's lines wait; null for none. Set before the first report.
-    void setTurn(const LinkTurn* linkTurn) { turn = linkTurn; }
+    /// The turn whose holder's lines wait, and the life for which the host's callback is one of the device's handlers;
+    /// null for none. Set before the first report.
+    void setTurn(const LinkTurn* linkTurn, SeriesLife* seriesLife = nullptr)
+    {
+        turn = linkTurn;
+        life = seriesLife;
+    }
     /// Tells the host what the calling thread has kept back.
     void tellHost();
 
@@ -79,6 +87,7 @@ private:
 
     const Order order;
     const LinkTurn* turn = nullptr;
+    SeriesLife* life = nullptr;
     mutable ThreadSyncObject sync;
     std::deque<Line> kept;   ///< not told yet; guarded by sync
     FileLog* log_ = nullptr; ///< guarded by sync

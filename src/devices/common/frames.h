@@ -4,22 +4,22 @@
 #include "host/idorvet.h"
 
 #include <cstddef>
+#include <memory>
 
 namespace HwLatixel {
 
 inline constexpr unsigned CHIP_SIDE = 256; ///< pixels of a chip in a row and in a column
 
 /// Makes a frame of `chips` chips side by side with pixels of `dataType`, and lets `read(frame)` fill it. Null, with
-/// the frame given back, where that returns anything but 0.
+/// the frame given back, where that returns anything but 0; given back as well where it throws.
 template <typename Read>
 dv::IMpxFrame* filledFrame(IDorvet& dorvet, int chips, int dataType, Read read)
 {
     const unsigned width = static_cast<unsigned>(chips) * CHIP_SIDE;
-    dv::IMpxFrame* frame = dorvet.frameFactory()->createFrame(width, CHIP_SIDE, dataType);
-    if (frame == nullptr || read(*frame) == 0)
-        return frame;
-    frame->destroy();
-    return nullptr;
+    constexpr auto giveBack = [](dv::IMpxFrame* unread) { unread->destroy(); };
+    std::unique_ptr<dv::IMpxFrame, decltype(giveBack)> frame(
+        dorvet.frameFactory()->createFrame(width, CHIP_SIDE, dataType));
+    return frame != nullptr && read(*frame) == 0 ? frame.release() : nullptr;
 }
 
 /// The same with `read(pixels, count)` on the frame's acquired data.

@@ -3,6 +3,7 @@
 
 #include "devices/common/serieslife.h"
 #include "host/ihwdev.h"
+#include "shared/contained.h"
 #include "shared/hweventdispatcher.h"
 #include "shared/osdepend.h"
 
@@ -43,7 +44,7 @@ private:
         if (called == nullptr)
             return;
         const SeriesLife::Callback callback(self->life);
-        called(event, data, calledUser);
+        contained([&] { called(event, data, calledUser); });
     }
 
     SeriesLife& life;

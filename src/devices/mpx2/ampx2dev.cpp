@@ -26,9 +26,10 @@ constexpr double ID_TIMEOUT = 1.0;             ///< seconds for what comes out o
 constexpr std::size_t STREAM_SPARE_BYTES = 100;
 constexpr const char* UNREADABLE_ID = "000-W0000"; ///< of a chip whose fuses tell nothing
 
-constexpr double CLOSE_LIMIT = 2.5;         ///< seconds that closing waits for a series and for operations
+constexpr double CLOSE_LIMIT = 2.3;         ///< seconds that closing waits for a series and for operations
+constexpr double POWER_DOWN_LIMIT = 0.4;    ///< seconds for closing's own commands
 constexpr double CLOSING_SILENCE = 0.05;    ///< seconds of silence after which the link counts as empty
-constexpr double CLOSING_DRAIN_LIMIT = 0.3; ///< seconds
+constexpr double CLOSING_DRAIN_LIMIT = 0.2; ///< seconds
 
 constexpr dv::_DevInfo DEV_INFO{"Latixel", 8, 2, 1, 1};
 constexpr dv::_DevMpxInfo MPX_INFO{MPX2_CHIP_PIXELS, 1, 2, 0.0, 100.0, 4e-08, 86400.0, 0, 0, 0, {1}};
@@ -55,7 +56,7 @@ AMpx2Dev::AMpx2Dev(const Mpx2BoardKind& boardKind, std::string name, IDorvet* ho
 {
     devInfoRec.serialNumber = str::toNumDef<int>(serialText, DEV_INFO.serialNumber);
     devMpxInfoRec.acqModeMask = kind.acqModeMask;
-    report.setTurn(&linkTurn);
+    report.setTurn(&linkTurn, &life);
 }
 
 AMpx2Dev::~AMpx2Dev()
@@ -72,53 +73,63 @@ void AMpx2Dev::shutDown()
     events.dispatcher().stopThreadAndWait();
 }
 
+void AMpx2Dev::beginClosing()
+{
+    const bool begun = loadFlag(closing);
+    if (!begun)
+        closingSince = getPreciseTime();
+    storeFlag(closing, true);
+    storeFlag(halfStopped, true);
+    linkTurn.beginClosing();
+    const bool running = life.stop();
+    closedInSeries = running || (begun && closedInSeries);
+    linkTurn.endWholeSeries();
+    link.startClosing();
+}
+
 int AMpx2Dev::closeDevice()
 {
     if (life.caller() == SeriesLife::Caller::Handler)
         return logError(1, "The device cannot be closed from its own callback.");
-    const double deadline = getPreciseTime() + CLOSE_LIMIT;
-    const bool running = beginClosing();
+    beginClosing();
+    const double deadline = closingSince + CLOSE_LIMIT;
     const bool alone = life.awaitThreads(deadline - getPreciseTime());
-    DeviceTurn turn(linkTurn, report, deadline - getPreciseTime());
-    if (!alone || turn.require() != 0) {
-        turn.release();
-        storeFlag(closing, false);
-        linkTurn.endClosing();
-        if (running)
-            stopBoard();
-        return alone ? 1 : logError(1, "The device cannot be closed: a callback of the host does not end.");
-    }
-    if (link.exists()) {
-        if (running) {
+    DeviceTurn turn(linkTurn, report, alone ? deadline - getPreciseTime() : 0.0);
+    const bool free = alone && turn.taken();
+    if (free)
+        giveBoardUp(closedInSeries);
+    else
+        link.cancelClosing();
+    storeFlag(closing, false);
+    turn.release();
+    linkTurn.endClosing();
+    if (free)
+        return 0;
+    if (closedInSeries)
+        stopBoard();
+    return logError(1, alone ? "Device is busy" : "The device cannot be closed: a callback of the host does not end.");
+}
+
+/// Closing's own commands, and the end of link and log. The caller has the turn.
+void AMpx2Dev::giveBoardUp(bool stopFirst)
+{
+    link.runClosingCalls(POWER_DOWN_LIMIT, [&] {
+        if (stopFirst) {
             stopBoard();
             link.drain(CLOSING_SILENCE, CLOSING_DRAIN_LIMIT);
         }
         setPower(false);
-    }
-    {
-        ThreadLock lock(&exchangeSync);
-        if (ibFlash != nullptr)
-            ibFlash->attach(nullptr);
-        ibCpu.reset();
-        link.drop();
-    }
+    });
+    // The parameters still call the flash.
+    if (ibFlash != nullptr)
+        ibFlash->attach(nullptr);
+    ibCpu.reset();
+    link.drop();
     report.attachLog(nullptr);
     devLog.reset();
     storeFlag(noChip, true);
     storeFlag(connected, false);
-    storeFlag(closing, false);
-    linkTurn.endClosing();
-    return 0;
-}
-
-bool AMpx2Dev::beginClosing()
-{
-    linkTurn.beginClosing();
-    storeFlag(closing, true);
-    storeFlag(halfStopped, true);
-    const bool running = life.stop();
-    linkTurn.endWholeSeries();
-    return running;
+    storeFlag(boardMute, false);
 }
 
 void AMpx2Dev::destroy()
@@ -199,6 +210,7 @@ int AMpx2Dev::openBoard()
     storeFlag(busy, false);
     needsRecovery = false;
     timepix = true;
+    chipIds.clear();
     const std::string logPath = logDir + "/latixel_" + asFileName(serialText) + ".log";
     const std::string settingsPath = std::string(dorvet->configDirectory()) + "/latixel.ini";
     // The settings come behind the log, so that "LogRotate" counts from the second bring-up of an object on.
@@ -206,7 +218,6 @@ int AMpx2Dev::openBoard()
     devLog->setLogLevel(DBG);
     report.attachLog(devLog.get());
     loadSettings(settingsPath.c_str());
-    ThreadLock lock(&exchangeSync);
     return link.open(deviceNameText, devLog);
 }
 

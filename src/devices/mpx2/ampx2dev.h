@@ -26,6 +26,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <span>
@@ -61,18 +62,18 @@ struct Mpx2BoardKind {
 /// What needs an answer or the chips has the link's turn meanwhile: an operation of the host, a frame of a series from
 /// its start command to the end of its stream, or a series of rows as a whole. What brings no answer, the bias and a
 /// stop, needs the writing side alone. Locks, all recursive, in the order in which they are taken, behind the turn:
-/// `exchangeSync` around commands that must not be split by those two; the pins' own lock; the stream buffers' locks;
-/// the report's lock. None of them and no turn is held while events or log lines go to the host.
+/// the link's exchange around commands that must not be split by those two; the pins' own lock; the stream buffers'
+/// locks; the report's lock. None of them and no turn is held while events or log lines go to the host.
 class AMpx2Dev : public DevDefaults<dv::IHwDevMpx2> {
 public:
     // Life cycle (ampx2dev.cpp)
     /// Ends a running series, powers the chips down and closes link and log, within three seconds. 1 with a text from a
     /// callback of this device other than that of a series' last event, or where such a callback does not end in time:
-    /// then every other operation is refused, and closing may be tried again.
+    /// then nothing is closed, and the device can be used or closed again.
     int closeDevice() override;
-    /// Marks the device as closing, without waiting: what it does ends at its next step. `closeDevice` follows. Whether
-    /// a series was running.
-    bool beginClosing();
+    /// The first step of `closeDevice`, which does not wait: from here on every command fails and every wait ends, in
+    /// all threads, until `closeDevice` has been called. For a device of several boards, which end together then.
+    void beginClosing();
     /// As `closeDevice`, then frees the object. Where a callback of the host does not end in time, the thread that runs
     /// it does so as its last act.
     void destroy() override;
@@ -200,7 +201,7 @@ protected:
         std::uint8_t TpxPins::*pin;
         std::uint8_t level;
     };
-    class Flash;
+    using Link = BoardLink<CmdMgr>;
     /// Marks the calling thread as one that writes the CPU's values into the parameters, as long as it lives.
     class CpuParamUpdate {
     public:
@@ -256,7 +257,7 @@ protected:
     virtual int requireChips() const;
 
     void shutDown();
-    int turnOff(double deadline);
+    void giveBoardUp(bool stopFirst);
     DeviceTurn operationTurn() const { return {linkTurn, report, turnLimit()}; }
     double turnLimit() const;
 
@@ -272,6 +273,7 @@ protected:
     // Board (ampx2dev_board.cpp)
     std::string askFirmware() const;
     void readFlashParameters();
+    void readFlashLate(const std::function<int()>& read);
     virtual void initCpu();
     void changePins(std::initializer_list<PinChange> changes);
     int sendBiasCode(double volts);
@@ -335,6 +337,7 @@ protected:
     void takeMeasuredTime(const EndOfFrame& packet);
     unsigned char triggerFlags() const;
     void stopBoard();
+    void breakOff();
     static void acqFuncWrapper(void* device);
     /// Waits until the host has taken the frame before out of the stream. False where a stop or `interrupted()` ends
     /// the wait.
@@ -377,7 +380,6 @@ protected:
     const Mpx2BoardKind& kind;
 
     mutable LinkTurn linkTurn;
-    mutable ThreadSyncObject exchangeSync; ///< keeps commands together that a bias or a stop must not split
     mutable DeviceReport report;
     mutable SeriesLife life;
     HostEvents events{life};
@@ -386,7 +388,7 @@ protected:
     mutable DoubleBuffer buffers;
     std::vector<unsigned char> spareStream; ///< a frame that makes way for others on the link; the series' thread
 
-    BoardLink<CmdMgr> link{report};
+    Link link{report};
     std::unique_ptr<IBFlashFpx<CmdMgr>> ibFlash; ///< lives as long as the parameters that call it
     std::unique_ptr<IBCpuMgr<CmdMgr>> ibCpu;     ///< the turn; null when the board has no usable CPU
     IBBiasParams biasParams;                     ///< filled at bring-up
@@ -416,10 +418,13 @@ protected:
     bool connected = false; ///< polled: the bring-up has ended
     bool noChip = true;     ///< polled: there is no chip
     bool busy = false;
-    bool acquiring = false;          ///< polled: between the first step of a series' thread and its last event
-    bool frameAnnounced = false;     ///< polled: the series has handed over a frame
-    bool halfStopped = false;        ///< polled: an exposure in two halves is to end
-    bool closing = false;            ///< polled: the device is being closed
+    bool acquiring = false;      ///< polled: between the first step of a series' thread and its last event
+    bool frameAnnounced = false; ///< polled: the series has handed over a frame
+    bool halfStopped = false;    ///< polled: an exposure in two halves is to end
+    bool closing = false;        ///< polled: the device is being closed
+    double closingSince = 0.0;   ///< when that has begun; the closing thread's, as the next one
+    bool closedInSeries = false;
+    bool boardMute = false;          ///< polled: the bring-up has ended since the board did not answer
     bool needsRecovery = false;      ///< a stop has cut a recovery; kept by whoever drives the series
     mutable bool overheated = false; ///< polled: the temperature protection has tripped
 
@@ -431,9 +436,9 @@ protected:
     std::atomic<int> recoverResult{0};         ///< of the last recovery in a series; 0 once a frame was exposed again
     std::atomic<double> timepixClock{10.0};    ///< MHz
     std::atomic<double> biasValue{0.0};        ///< the last bias asked for, volts
-    int preShutterClockCount = 100;            ///< exchangeSync, as the next two
-    int preShutterClockDivider = 1;
-    int preShutterDelayClockCount = 100;
+    std::atomic<int> preShutterClockCount{100};
+    std::atomic<int> preShutterClockDivider{1};
+    std::atomic<int> preShutterDelayClockCount{100};
     mutable std::atomic<double> biasSense{0.0};    ///< last measured bias, volts
     mutable std::atomic<double> currentSense{0.0}; ///< last measured bias current, in the calibration's unit
     mutable std::atomic<double> lastCpuRead{0.0};  ///< time of the last refresh by a read of a CPU parameter

@@ -2,6 +2,7 @@
 #include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/boardreports.h"
+#include "shared/contained.h"
 #include "shared/str.h"
 
 #include <algorithm>
@@ -61,10 +62,10 @@ std::string AMpx2Dev::askFirmware() const
 {
     constexpr CmdId INFO = InfoCmd::Info;
     unsigned char answer[FIRMWARE_TEXT_SIZE + 1] = {};
-    ThreadLock lock(&exchangeSync);
-    if (link.exists())
-        link->sendRecv(INFO.perif, INFO.command, 0, 0, 0, 0, answer, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT,
-                       FIRMWARE_TIMEOUT, true);
+    const Link::Exchange whole(link);
+    if (whole)
+        whole.manager()->sendRecv(INFO.perif, INFO.command, 0, 0, 0, 0, answer, FIRMWARE_TEXT_SIZE, cmdflag::OUTPUT,
+                                  FIRMWARE_TIMEOUT, true);
     return reinterpret_cast<const char*>(answer);
 }
 
@@ -88,41 +89,33 @@ void AMpx2Dev::logTraffic(bool commands, bool sentData, bool receivedData) const
         link->enableLogging(commands, sentData, receivedData);
 }
 
-/// The flash of a board, whose values are read whenever the host first looks at them.
-class AMpx2Dev::Flash : public IBFlashFpx<CmdMgr> {
-public:
-    Flash(AMpx2Dev& mpx2Dev, CmdMgr* manager) : IBFlashFpx(manager), device(mpx2Dev) {}
-
-    int flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override
-    {
-        // The frames of a series are not held up for it: the value can be read later.
-        if (device.life.state() != SeriesLife::State::Idle)
-            return device.logError(1, "Acquisition is running");
-        const DeviceTurn turn = device.operationTurn();
-        if (turn.require() != 0)
-            return 1;
-        ThreadLock lock(&device.exchangeSync);
-        if (mgr == nullptr)
-            return 1;
-        return IBFlashFpx::flashReadWrite(tx, rx, size, received);
-    }
-
-private:
-    AMpx2Dev& device;
-};
-
 void AMpx2Dev::readFlashParameters()
 {
     logFunction("Read Parameters in Flash");
-    if (ibFlash == nullptr)
-        ibFlash = std::make_unique<Flash>(*this, link.manager());
-    else
+    if (ibFlash == nullptr) {
+        ibFlash = std::make_unique<IBFlashFpx<CmdMgr>>(link.manager());
+        ibFlash->setReadGate([this](const std::function<int()>& read) { readFlashLate(read); });
+    } else {
         ibFlash->attach(link.manager());
+    }
     logTraffic(false, false, true);
     ibFlash->loadParameters(inDeviceParams, false);
     logFlashParameters(report, *inDeviceParams);
     biasParams.readFlashParameters(inDeviceParams);
     logTraffic(true, true, true);
+}
+
+/// Reads the big values, once somebody has asked for one of them. The frames of a series are not held up for it: then
+/// they can be read later.
+void AMpx2Dev::readFlashLate(const std::function<int()>& read)
+{
+    if (life.state() != SeriesLife::State::Idle) {
+        logError(1, "Acquisition is running");
+        return;
+    }
+    const DeviceTurn turn = operationTurn();
+    if (turn.require() == 0)
+        read();
 }
 
 void AMpx2Dev::initCpu()
@@ -145,10 +138,10 @@ void AMpx2Dev::initCpu()
 
 void AMpx2Dev::setPins(TpxPins newPins)
 {
-    ThreadLock exchange(&exchangeSync);
+    const Link::Exchange whole(link);
     ThreadLock lock(&pinSync);
     pins = newPins;
-    if (!link.exists())
+    if (!whole)
         return;
     const unsigned word = pinWord(pins);
     link.send(tpx::TpxCmd::Pins, {0, 0, static_cast<unsigned char>(word >> 8), static_cast<unsigned char>(word)});
@@ -156,7 +149,7 @@ void AMpx2Dev::setPins(TpxPins newPins)
 
 void AMpx2Dev::changePins(std::initializer_list<PinChange> changes)
 {
-    ThreadLock exchange(&exchangeSync);
+    const Link::Exchange whole(link);
     ThreadLock lock(&pinSync);
     for (const auto& change : changes)
         pins.*change.pin = change.level;
@@ -181,7 +174,6 @@ int AMpx2Dev::setPower(bool on)
         return 1;
     logFunction("Set Medipix Power");
     changePins({{&TpxPins::PWR, static_cast<std::uint8_t>(on ? 1 : 0)}, {&TpxPins::RST, 0}});
-    ThreadLock lock(&exchangeSync);
     if (ibCpu != nullptr)
         ibCpu->setPowerOn(on);
     return 0;
@@ -201,15 +193,7 @@ int AMpx2Dev::setInterfaceDac(char dac, double value)
 /// Writes the bias DAC. What the link's failures between the first and the last command were is not told.
 int AMpx2Dev::sendBiasCode(double volts)
 {
-    const unsigned char code = biasParams.getBiasCode(volts, false);
-    int result = 1;
-    {
-        // Nothing comes back: this may go out while a frame is exposed.
-        ThreadLock lock(&exchangeSync);
-        if (link.exists())
-            result = ibspi::writeBiasDac(*link, code, kind.biasHandBack);
-    }
-    return result != 0 ? logError(result, "Failed sending command (%s)", link.lastError()) : 0;
+    return link.writeBias(biasParams.getBiasCode(volts, false), kind.biasHandBack);
 }
 
 int AMpx2Dev::getADC(unsigned char channel, unsigned short* value, bool flag) const
@@ -220,8 +204,8 @@ int AMpx2Dev::getADC(unsigned char channel, unsigned short* value, bool flag) co
     const DeviceTurn turn = operationTurn();
     if (turn.require() != 0)
         return 1;
-    ThreadLock lock(&exchangeSync);
-    if (!link.exists())
+    const Link::Exchange whole(link);
+    if (!whole)
         return logError(1, "%s", NOT_CONNECTED);
     logTraffic(false, true, true);
     const int selected = spiSet(*link, spislave::ADC);
@@ -318,6 +302,8 @@ int AMpx2Dev::deviceStatus() const
 
 const char* AMpx2Dev::deviceStatusText() const
 {
+    if (loadFlag(boardMute))
+        return BOARD_MUTE;
     read(WISH_STATUS_TEXT, STATUS_PATIENCE, [this] { pollStatusText(); });
     return statusText.get();
 }
@@ -325,7 +311,6 @@ const char* AMpx2Dev::deviceStatusText() const
 /// Asks the CPU for its status, with the turn in hand.
 int AMpx2Dev::pollStatus() const
 {
-    ThreadLock lock(&exchangeSync);
     logTraffic(false, false, true);
     if (ibCpu != nullptr) {
         logFunction("Get Device Status");
@@ -339,7 +324,6 @@ int AMpx2Dev::pollStatus() const
 
 void AMpx2Dev::pollStatusText() const
 {
-    ThreadLock lock(&exchangeSync);
     logTraffic(false, false, true);
     if (ibCpu != nullptr)
         statusText.set(ibCpu->getStatusText());
@@ -356,7 +340,6 @@ int AMpx2Dev::sendRawData(unsigned char* data, unsigned long size, unsigned long
     const DeviceTurn turn = operationTurn();
     if (turn.require() != 0)
         return 1;
-    ThreadLock lock(&exchangeSync);
     if (!link.exists())
         return logError(1, "%s", NOT_CONNECTED);
     const auto flagByte = static_cast<unsigned char>(flags);
@@ -390,11 +373,14 @@ int AMpx2Dev::receiveRawData(unsigned char* data, unsigned long size, unsigned l
 
 void AMpx2Dev::initParameters()
 {
+    const int clocks = preShutterClockCount;
+    const int divider = preShutterClockDivider;
+    const int delay = preShutterDelayClockCount;
     const ParamContent contents[] = {{"HwLibVer", LIBRARY_VERSION},
                                      {"Firmware", firmwareText.c_str()},
-                                     {"PreShutterClockCount", &preShutterClockCount},
-                                     {"PreShutterClockDivider", &preShutterClockDivider},
-                                     {"PreShutterDelayClockCount", &preShutterDelayClockCount}};
+                                     {"PreShutterClockCount", &clocks},
+                                     {"PreShutterClockDivider", &divider},
+                                     {"PreShutterDelayClockCount", &delay}};
     for (const std::span<const ParamRow> rows : {std::span<const ParamRow>(IDENTITY_PARAMS), kind.sensorParams,
                                                  std::span<const ParamRow>(PARAMS), kind.lastParams})
         addParams(*devParams, rows, contents, paramReadSetFunc, reinterpret_cast<long>(this));
@@ -417,13 +403,9 @@ void AMpx2Dev::fetchCpuParams() const
 /// Asks the CPU for its values, with the turn in hand.
 void AMpx2Dev::fetchCpuValues() const
 {
-    IBCpu::Values values;
-    {
-        ThreadLock lock(&exchangeSync);
-        if (ibCpu == nullptr)
-            return;
-        values = ibCpu->getValues();
-    }
+    if (ibCpu == nullptr)
+        return;
+    IBCpu::Values values = ibCpu->getValues();
     ThreadLock lock(&valueSync);
     cpuValues = std::move(values);
     cpuValuesNew = true;
@@ -442,6 +424,7 @@ void AMpx2Dev::publishCpuValues() const
         values = cpuValues;
     }
     const CpuParamUpdate update;
+    const SeriesLife::Callback hostsCode(life);
     for (const auto& [name, text] : values)
         if (devParams->exists(name.c_str()))
             devParams->get(name.c_str())->setString(text.c_str());
@@ -470,20 +453,14 @@ void AMpx2Dev::onWriteParam(dv::IParam* param)
 int AMpx2Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
 {
     auto* device = reinterpret_cast<AMpx2Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
-    if (isRead)
-        device->onReadParam(param);
-    else
-        device->onWriteParam(param);
+    contained([&] { isRead ? device->onReadParam(param) : device->onWriteParam(param); });
     return 0;
 }
 
 int AMpx2Dev::paramReadSetFuncCpu(dv::IParam* param, bool isRead, long user)
 {
     auto* device = reinterpret_cast<AMpx2Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
-    if (isRead)
-        device->onReadParamCpu();
-    else
-        device->onWriteParamCpu(param);
+    contained([&] { isRead ? device->onReadParamCpu() : device->onWriteParamCpu(param); });
     return 0;
 }
 

@@ -135,12 +135,10 @@ int AMpx2Dev::setDACs(const unsigned short* dacs, std::size_t size, char* stream
 /// block was sent shows in the answer.
 int AMpx2Dev::exchangeDacs(unsigned char* block, unsigned char* answer, std::size_t size, double timeout)
 {
-    {
-        ThreadLock lock(&exchangeSync);
-        changePins({{&TpxPins::ENIN, 0}, {&TpxPins::OUTEN, 1}});
-        link.sendPayload(tpx::TpxCmd::Data, block, size, cmdflag::EXCHANGE);
-        changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
-    }
+    const Link::Exchange whole(link);
+    changePins({{&TpxPins::ENIN, 0}, {&TpxPins::OUTEN, 1}});
+    link.sendPayload(tpx::TpxCmd::Data, block, size, cmdflag::EXCHANGE);
+    changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
     unsigned long received = size;
     if (const int result = link.receive(answer, &received, timeout); result != 0)
         return logError(result, "Cannot not set DACs (%s)", link.lastError());
@@ -166,7 +164,7 @@ int AMpx2Dev::writeChips(const unsigned short* matrix, std::size_t size, bool co
         std::vector<unsigned char> stream(chips * MPX2_STREAM_STRIDE);
         serializeMpx2(words.data(), words.size(), stream.data(), stream.size(), true);
 
-        ThreadLock lock(&exchangeSync);
+        const Link::Exchange whole(link);
         changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 1}, {&TpxPins::OUTEN, 0}, {&TpxPins::ENIN, 0}});
         const int sent = link.sendPayload(tpx::TpxCmd::Data, stream.data(), stream.size(), cmdflag::EXCHANGE);
         changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
@@ -181,7 +179,7 @@ int AMpx2Dev::writeChips(const unsigned short* matrix, std::size_t size, bool co
 /// Orders a readout: the length of what is to come, and the bits to clock.
 void AMpx2Dev::sendReadout(const Mpx2Readout& readout)
 {
-    ThreadLock lock(&exchangeSync);
+    const Link::Exchange whole(link);
     link.send(tpx::TpxCmd::AnnounceLength, CmdArgs::word(readout.announcedBytes()), cmdflag::OUTPUT);
     link.send(tpx::TpxCmd::Readout, CmdArgs::word(readout.bits), cmdflag::OUTPUT);
 }
@@ -206,6 +204,7 @@ int AMpx2Dev::setTimer(double seconds)
     if (turn.require() != 0)
         return 1;
     logFunction("Set Timer");
+    const Link::Exchange whole(link);
     unsigned char b[6];
     doubleToInt48(seconds * kind.ticksPerSecond, b);
     link.send(AcqCmd::CountLow, {b[3], b[2], b[1], b[0]});
@@ -233,15 +232,15 @@ int AMpx2Dev::setTimepixClock(double* mhz)
 int AMpx2Dev::setAcqClocks()
 {
     logFunction("Set Acq Clocks");
-    ThreadLock lock(&exchangeSync);
     preShutterClockCount = paramInt32(devParams, "PreShutterClockCount");
     preShutterClockDivider = paramInt32(devParams, "PreShutterClockDivider");
     preShutterDelayClockCount = paramInt32(devParams, "PreShutterDelayClockCount");
-    const auto count = static_cast<std::uint32_t>(preShutterClockCount);
-    const auto delay = CmdArgs::word(static_cast<std::uint32_t>(preShutterDelayClockCount));
+    const Link::Exchange whole(link);
+    const auto count = static_cast<std::uint32_t>(preShutterClockCount.load());
+    const auto delay = CmdArgs::word(static_cast<std::uint32_t>(preShutterDelayClockCount.load()));
     int sum = link.send(tpx::TpxAcqCmd::PreShutterClocks, CmdArgs::byteAnd24(0, count));
-    sum +=
-        link.send(tpx::TpxAcqCmd::PreShutterDivider, CmdArgs::word(static_cast<std::uint32_t>(preShutterClockDivider)));
+    sum += link.send(tpx::TpxAcqCmd::PreShutterDivider,
+                     CmdArgs::word(static_cast<std::uint32_t>(preShutterClockDivider.load())));
     sum += link.send(tpx::TpxAcqCmd::PreShutterWait, {0, 0, delay.d2, delay.d3});
     sum += link.send(tpx::TpxAcqCmd::Count3, CmdArgs::low(COUNT_3));
     sum += link.send(tpx::TpxAcqCmd::Divider3, CmdArgs::low(DIVIDER_3));

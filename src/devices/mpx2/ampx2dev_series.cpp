@@ -3,8 +3,10 @@
 #include "devices/mpx2/ampx2dev.h"
 
 #include "devices/common/frames.h"
+#include "devices/common/seriespreparation.h"
 #include "host/datatype.h"
 #include "link/tpxcmds.h"
+#include "shared/contained.h"
 
 #include <cmath>
 
@@ -68,18 +70,18 @@ unsigned char AMpx2Dev::triggerFlags() const
 /// Opens the shutter. On failure the chips stay in acquisition.
 int AMpx2Dev::startExposure(unsigned char flags, std::uint32_t frameWord)
 {
-    ThreadLock lock(&exchangeSync);
+    const Link::Exchange whole(link);
     changePins({{&TpxPins::ACQOVER, 1}, {&TpxPins::OUTEN, 0}});
     return link.send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
 }
 
 void AMpx2Dev::endExposure()
 {
-    ThreadLock lock(&exchangeSync);
-    if (!link.exists())
+    const Link::Exchange whole(link);
+    if (!whole)
         return;
     changePins({{&TpxPins::ACQOVER, 0}, {&TpxPins::OUTEN, 0}});
-    handBackOutput(*link);
+    handBackOutput(*whole.manager());
 }
 
 /// Waits for the packet at the end of a frame. The packet of a frame that a stop has cut is still on its way, and is
@@ -116,7 +118,7 @@ int AMpx2Dev::expose()
     logFunction("Start Acquisition");
     {
         // A stop is seen here, or sends its command behind the start.
-        ThreadLock lock(&exchangeSync);
+        const Link::Exchange whole(link);
         if (life.stopped())
             return 0;
         if (const int result = startExposure(triggerFlags(), tpx::SINGLE_FRAME); result != 0)
@@ -139,11 +141,10 @@ int AMpx2Dev::completeExposure(bool ended, const EndOfFrame& packet)
     return 0;
 }
 
-/// Ends the frame on the board.
+/// Ends the frame on the board. Nothing is told to the host here.
 void AMpx2Dev::stopBoard()
 {
-    ThreadLock lock(&exchangeSync);
-    if (link.exists())
+    if (const Link::Exchange whole(link); whole)
         link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
 }
 
@@ -182,6 +183,9 @@ int AMpx2Dev::configureSeries(double seconds)
 
 int AMpx2Dev::startAcquisition(unsigned count, double seconds)
 {
+    // Also in a callback that is none of a series' events.
+    if (life.caller() == SeriesLife::Caller::Handler)
+        return logError(1, RUNNING);
     if (!(seconds >= devMpxInfoRec.acqTimeMin && seconds <= devMpxInfoRec.acqTimeMax))
         return logError(1, "Invalid acquisition time (%g s).", seconds);
     switch (life.begin()) {
@@ -193,10 +197,10 @@ int AMpx2Dev::startAcquisition(unsigned count, double seconds)
     case SeriesLife::Start::InCallback:
         return logError(1, RUNNING);
     }
-    if (prepareSeries(count, seconds) != 0) {
-        life.giveUp();
+    SeriesPreparation preparation(life);
+    if (prepareSeries(count, seconds) != 0)
         return 1;
-    }
+    preparation.keep();
     if (!life.run(acqFuncWrapper, this))
         return logError(1, "Cannot start the acquisition thread.");
     return 0;
@@ -437,10 +441,22 @@ void AMpx2Dev::discardMatrix()
 void AMpx2Dev::acqFuncWrapper(void* device)
 {
     auto* self = static_cast<AMpx2Dev*>(device);
-    self->acqFunc();
+    const auto tell = [self](const char* text) { self->logError(1, "Acquisition failed (%s)", text); };
+    if (!contained([self] { self->acqFunc(); }, tell))
+        contained([self] { self->breakOff(); });
     // The host has gone away meanwhile and has left the device to this thread.
     if (self->life.left())
         delete self;
+}
+
+/// Ends a series whose thread can't go on.
+void AMpx2Dev::breakOff()
+{
+    life.stop();
+    stopBoard();
+    linkTurn.endWholeSeries();
+    linkTurn.endReservation();
+    endSeries(Pass::Lost, false);
 }
 
 // ---- Readings for a host that polls ----

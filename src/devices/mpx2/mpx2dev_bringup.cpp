@@ -68,6 +68,8 @@ int Mpx2Dev::initDevice()
     if (const int result = openBoard(); result != 0)
         return result;
     logFunction("Init Device");
+    const Link::BringUp watched(link, boardMute);
+    const SeriesLife::Callback hostsCode(life); // which the bring-up calls, and which must not close the device
     identifyBoard();
     powerCycle();
     detectModules();
@@ -181,6 +183,7 @@ int Mpx2Dev::detectModules()
         changePins(
             {{&TpxPins::M0, 1}, {&TpxPins::M1, 0}, {&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}, {&TpxPins::RST, 0}});
         sleepThread(PATTERN_RESET_PAUSE);
+        const Link::Exchange whole(link);
         changePins({{&TpxPins::RST, 1}});
         link.send(tpx::TpxCmd::ClockTest, {}, cmdflag::OUTPUT);
         pattern.fill(0);
@@ -247,6 +250,7 @@ int Mpx2Dev::countModuleChips(int module, int* chips)
     if (const int result = switchModule(module); result != 0)
         return result;
     std::array<unsigned char, CHAIN_TEST_SIZE> block;
+    const Link::Exchange whole(link);
     devLog->setLogBufferContent(false);
     block.fill(0xFF);
     link.sendPayload(tpx::TpxCmd::Data, block.data(), block.size(), cmdflag::EXCHANGE);

@@ -24,7 +24,6 @@ int Mpx2Dev::setBias(double volts)
         const DeviceTurn turn = operationTurn();
         if (turn.require() != 0)
             return 1;
-        ThreadLock lock(&exchangeSync);
         return ibCpu != nullptr ? ibCpu->setValue(biasSetParamIndex, static_cast<float>(std::fabs(volts))) : 1;
     }
     if (devMpxInfoRec.biasMin == 0.0 && devMpxInfoRec.biasMax == 0.0)
@@ -65,7 +64,6 @@ int Mpx2Dev::writeMatrix(const unsigned short* matrix, std::size_t size, bool co
 
 void Mpx2Dev::setPreshutterParams(int count, int divider, int delay)
 {
-    ThreadLock lock(&exchangeSync);
     preShutterClockCount = count;
     preShutterClockDivider = divider;
     preShutterDelayClockCount = delay;

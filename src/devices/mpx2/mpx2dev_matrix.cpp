@@ -4,6 +4,7 @@
 #include "chipdata/mpx2matrix.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace HwLatixel {
 
@@ -59,8 +60,6 @@ int Mpx2Dev::readModules(std::span<unsigned char> stream)
         if (group.chips == 0)
             continue;
         const auto chips = static_cast<std::size_t>(group.chips);
-        changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}});
-        changePins({{&TpxPins::ENIN, 0}, {&TpxPins::PS, 0}});
         if (const int result = readModule(mpx2ModuleReadout(chips), stream); result != 0)
             return result;
         stream = stream.subspan(std::min(mpx2ModuleStride(chips), stream.size()));
@@ -70,10 +69,14 @@ int Mpx2Dev::readModules(std::span<unsigned char> stream)
 
 int Mpx2Dev::readModule(const Mpx2Readout& readout, std::span<unsigned char> stream)
 {
+    std::optional<Link::Exchange> whole(link);
+    changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}});
+    changePins({{&TpxPins::ENIN, 0}, {&TpxPins::PS, 0}});
     sendReadout(readout);
     const unsigned long expected = std::min(readout.bytes, stream.size());
     unsigned long received = expected;
     const int result = link.receive(stream.data(), &received, MODULE_TIMEOUT);
+    whole.reset();
     if (mpx2TailOutOfStep(stream.first(received))) {
         logError(1, "Reading more data");
         drainTail(MODULE_DRAIN_TIMEOUT, MODULE_DRAIN_READS);
@@ -86,6 +89,7 @@ int Mpx2Dev::readAllModules(std::span<unsigned char> stream)
 {
     if (const int result = switchModule(ENABLED_MODULES); result != 0)
         return result;
+    std::optional<Link::Exchange> whole(link);
     changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 0}, {&TpxPins::PS, 0}});
     const Mpx2Readout readout =
         mpx2ParallelReadout(static_cast<std::size_t>(chipCount_), static_cast<std::size_t>(activeModuleCount));
@@ -93,6 +97,7 @@ int Mpx2Dev::readAllModules(std::span<unsigned char> stream)
     const unsigned long expected = std::min(readout.bytes, stream.size());
     unsigned long received = expected;
     const int result = link.receive(stream.data(), &received, PARALLEL_TIMEOUT);
+    whole.reset();
     if (mpx2TailOutOfStep(stream.first(received)))
         drainTail(PARALLEL_DRAIN_TIMEOUT, PARALLEL_DRAIN_READS);
     changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});

@@ -36,7 +36,6 @@ void Mpx2Dev::onWriteParamCpu(dv::IParam* param)
     const DeviceTurn turn = operationTurn();
     if (turn.require() != 0)
         return;
-    ThreadLock lock(&exchangeSync);
     const int index = ibCpu != nullptr ? ibCpu->parameterIndex(name) : -1;
     if (index < 0)
         return;

@@ -48,7 +48,7 @@ AMpx3Dev::AMpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::
       logDir(std::move(logFolder)),
       settingsFile(std::move(settings))
 {
-    report.setTurn(&linkTurn);
+    report.setTurn(&linkTurn, &series);
 }
 
 AMpx3Dev::~AMpx3Dev()

@@ -113,7 +113,7 @@ protected:
 
     mutable HwLatixel::LinkTurn linkTurn; ///< who may use the link
     mutable HwLatixel::DeviceReport report{HwLatixel::DeviceReport::Order::CallThenStore};
-    HwLatixel::SeriesLife series;
+    mutable HwLatixel::SeriesLife series;
     HwLatixel::SoftTrigger softTrigger; ///< fired by `doSoftwareTrigger`
 
     // Records: written before and in `initDevice`, then only read

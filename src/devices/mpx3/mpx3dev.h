@@ -9,6 +9,7 @@
 #include "devices/common/boardlink.h"
 #include "devices/common/deviceturn.h"
 #include "devices/common/rowtimes.h"
+#include "devices/common/seriespreparation.h"
 #include "devices/common/seriesturn.h"
 #include "devices/mpx3/ampx3dev.h"
 #include "link/cmdmgrmpx3.h"
@@ -33,9 +34,10 @@ namespace HwLatixel {
 ///
 /// Whatever needs an answer or the chips has the link's turn, the register image and the CPU included; a frame of a
 /// series has it from its start command to the last byte of its stream, and gives it back before the host is called.
-/// Locks, in the order in which they are taken, all behind the turn: `writeSync` around what goes out and must not be
-/// split, `readerSync` around the decoding of a series' frame, `streamSync` around the frame that was announced last,
-/// the report's lock. None is held while the host is called. A series has one thread, "mpx3devacq".
+/// Locks, in the order in which they are taken, all behind the turn: the link's exchange around what must not be split
+/// by a thread without the turn, which sends the bias or a stop; `readerSync` around the decoding of a series' frame,
+/// `streamSync` around the frame that was announced last, the report's lock. None is held while the host is called. A
+/// series has one thread, "mpx3devacq".
 class Mpx3Dev : public AMpx3Dev {
 public:
     /// `variant` is the variant letter of the name, which chooses the bias rule. `fromLad` is true for a member of a
@@ -48,10 +50,12 @@ public:
     /// Opens the link and brings the board up: firmware text, flash, CPU, power, chips. Takes some seconds. Fails only
     /// where the link does not open, with the link's result; a board without a working chip is a device without chips.
     int initDevice() override;
-    /// Ends a running series, powers the chips down and closes the link, also from the handler of a series' last event.
-    /// 1 from any other event handler, and where a handler of the host goes on too long: then nothing is closed.
+    /// Ends a running series, powers the chips down and closes the link, within three seconds, also from the handler of
+    /// a series' last event. 1 from any other handler of this device, and where one goes on too long: then nothing is
+    /// closed, and the device can be used or closed again.
     int closeDevice() override;
-    /// Marks the device as closing, without waiting: what it does ends at its next step. `closeDevice` follows.
+    /// The first step of `closeDevice`, which does not wait: from here on every command fails and every wait ends, in
+    /// all threads, until `closeDevice` has been called. For a device of several boards, which end together then.
     void beginClosing();
     /// Closes and frees the device, at the latest when the last handler of the host has returned. Refused within an
     /// event handler other than that of a series' last event.
@@ -183,16 +187,19 @@ private:
     };
     static constexpr unsigned ADC_CHANNELS = 16;
 
-    /// The board's CPU and flash, each exchange of which is made within the turn.
+    using Link = BoardLink<CmdMgrMpx3>;
+    /// The board's CPU, each exchange of which is made within the turn.
     class TurnCpu;
-    class TurnFlash;
 
     // Bring-up steps (mpx3dev_bringup.cpp)
     int openLink();
     int endSession();
+    void giveBoardUp();
     void findChips();
+    void forgetChips();
     void readFirmware();
     void readFlashParameters();
+    void readFlashLate(const std::function<int()>& read);
     void initCpu();
     int detectChipCount();
     int readChipIDs();
@@ -223,7 +230,6 @@ private:
     // Commands (mpx3dev_config.cpp)
     int sendShift(const unsigned char* data, std::size_t size, unsigned char flags) const
     {
-        ThreadLock lock(&writeSync);
         return link.sendPayload(mpx3::MpxCmd::Shift, data, size, flags);
     }
     double patience() const;
@@ -282,21 +288,20 @@ private:
     int exposeAndRead(bool startCommand, SeriesTurn& turn);
     int receiveFrame();
     void restoreReadout();
-    int waitForFrameEnd(bool* ended);
+    int waitForFrameEnd();
     bool waitForReader(bool orWanted);
     void publish();
     void announceFrame(unsigned index, bool throughWorker);
     void leaveBoard(bool drain, const std::function<void()>& restore);
     void endSeries(int result);
     void failSeries();
+    void breakOff();
     bool readTdiFrame();
     void receiveTdiRows();
     unsigned long receiveTdiRow(std::size_t offset, unsigned long record);
     /// The series' stop flag, as waits of the link poll it; they only read it.
     bool* stopFlag() const { return const_cast<bool*>(series.stopRequested()); }
 
-    /// Keeps what goes out and must not be split apart from single frames of threads without the turn.
-    mutable ThreadSyncObject writeSync;
     /// What is read from the link; of who has the turn.
     std::unique_ptr<Stream> incoming = std::make_unique<Stream>();
     ThreadSyncObject streamSync;
@@ -305,9 +310,9 @@ private:
     Stream reading;                                    ///< copy that is decoded; guarded by readerSync
     Event matrixReadEvent{false, false, "matrixRead"}; ///< the reader has taken the announced stream away
 
-    BoardLink<CmdMgrMpx3> link{report};
-    std::unique_ptr<TurnFlash> ibFlash;
-    std::unique_ptr<TurnCpu> ibCpu; ///< null when the board has no usable CPU; by the turn
+    Link link{report};
+    std::unique_ptr<IBFlashFpxMpx3<CmdMgrMpx3>> ibFlash; ///< lives as long as the parameters that call it
+    std::unique_ptr<TurnCpu> ibCpu;                      ///< null when the board has no usable CPU; by the turn
     IBBiasParams biasParams;
 
     // Set at bring-up, then only read
@@ -328,11 +333,11 @@ private:
     Plan now;                                 ///< of the series that runs; its thread's
     bool preparedForLad = false;              ///< by `prepareAcquisition`, and not started; polled
     bool acquiring = false;                   ///< polled: the board may be exposing, a stop tells it
-    bool startSent = false;                   ///< guarded by writeSync, as the next one
+    bool startSent = false;                   ///< within an exchange, as the next one
     bool stopSent = false;                    ///< the board has been told to stop
     bool frameAnnounced = false;              ///< polled: reads get the announced frame
     bool leaving = false;                     ///< polled: the device is being closed
-    bool boardSilent = false;                 ///< polled: the board has not answered a stop
+    double closingSince = 0.0;                ///< when closing has begun; the closing thread's
     bool readoutDisturbed = false;            ///< the chips or the data path are not as a frame needs them; turn
     double wishesServed = 0.0;                ///< when; the series' thread's
     Event frameOver{true, true, "frameOver"}; ///< no frame of the series is on the wire
@@ -340,6 +345,7 @@ private:
 
     mutable std::atomic<unsigned> wishes{0}; ///< Wish bits, and one for each ADC channel
     bool cpuPresent = false;                 ///< polled: there is an ibCpu
+    bool boardMute = false;                  ///< polled: the bring-up has ended since the board did not answer
     mutable bool overheated = false;         ///< polled: temperature protection has tripped
     mutable std::atomic<int> lastCpuStatus{0};
     mutable LastError statusText;
@@ -353,21 +359,11 @@ private:
     mutable std::atomic<double> currentSense{0.0}; ///< last measured bias current, in the calibration's unit
 };
 
-/// Exchanges with the CPU take the turn one by one, and nothing goes out in the middle of one.
+/// Exchanges with the CPU take the turn one by one.
 class Mpx3Dev::TurnCpu : public IBCpuMgrMpx3 {
 public:
     explicit TurnCpu(const Mpx3Dev& owner) : IBCpuMgrMpx3(owner.link.manager()), device(owner) {}
     int sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override;
-
-private:
-    const Mpx3Dev& device;
-};
-
-/// The same for the flash, which somebody may read at any time through its parameters: in a series that is refused.
-class Mpx3Dev::TurnFlash : public IBFlashFpxMpx3<CmdMgrMpx3> {
-public:
-    explicit TurnFlash(const Mpx3Dev& owner) : IBFlashFpxMpx3(owner.link.manager()), device(owner) {}
-    int flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size, unsigned long* received) override;
 
 private:
     const Mpx3Dev& device;

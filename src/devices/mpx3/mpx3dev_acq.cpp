@@ -4,6 +4,7 @@
 #include "devices/common/frames.h"
 #include "devices/common/triggers.h"
 #include "host/datatype.h"
+#include "shared/contained.h"
 
 #include <algorithm>
 #include <array>
@@ -78,9 +79,10 @@ int Mpx3Dev::prepareSeries(unsigned count, double time, bool allowBurst)
     next.tdi = (mode & dv::ACQMODE_TDI) != 0;
     next.softTrigger = (mode & dv::ACQMODE_SOFT_TRIGGER) != 0;
     next.burst = allowBurst && time < BURST_THRESHOLD;
+    SeriesPreparation preparation(series);
     const int result = prepareChips(next);
-    if (result != 0)
-        series.giveUp();
+    if (result == 0)
+        preparation.keep();
     return result;
 }
 
@@ -117,6 +119,9 @@ int Mpx3Dev::startAcquisition(unsigned count, double time)
     if (requireChips() != 0 || checkTime(time) != 0)
         return 1;
     logFunction("START ACQUISITION");
+    // Also in a callback that is none of a series' events.
+    if (series.caller() == SeriesLife::Caller::Handler)
+        return logError(1, "Acquisition is running");
     if (beginSeries() != 0)
         return 1;
     const int result = prepareSeries(count, time, true);
@@ -176,11 +181,12 @@ void Mpx3Dev::requestStop()
     tellBoardStop();
 }
 
-/// Once for each series, whoever comes first: the host's stop or the series that has seen it.
+/// Once for each series, whoever comes first: the host's stop, the series that has seen it, or closing. Nothing is told
+/// to the host here.
 void Mpx3Dev::tellBoardStop()
 {
-    ThreadLock lock(&writeSync);
-    if (!loadFlag(acquiring) || stopSent)
+    const Link::Exchange whole(link);
+    if (!whole || stopSent || !(loadFlag(acquiring) || startSent) || link.usb()->refusesCalls())
         return;
     stopSent = true;
     link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
@@ -199,13 +205,26 @@ void Mpx3Dev::awaitFrameOver()
 void Mpx3Dev::acqFunc()
 {
     setCurrentThreadName("mpx3devacq");
-    now = plan.get();
-    if (now.tdi)
-        acqFuncTDI();
-    else if (now.continuous)
-        acqFuncCRW();
-    else
-        acqFuncNormal();
+    const auto frames = [this] {
+        now = plan.get();
+        if (now.tdi)
+            acqFuncTDI();
+        else if (now.continuous)
+            acqFuncCRW();
+        else
+            acqFuncNormal();
+    };
+    if (!contained(frames, [this](const char* text) { logError(1, "Acquisition failed (%s)", text); }))
+        contained([this] { breakOff(); });
+}
+
+/// Ends a series whose thread can't go on.
+void Mpx3Dev::breakOff()
+{
+    series.stop();
+    frameOver.set();
+    leaveBoard(false, [] {});
+    endSeries(dv::RESULT_FAILED);
 }
 
 unsigned char Mpx3Dev::startFlags(bool withContinuous) const
@@ -220,9 +239,8 @@ unsigned char Mpx3Dev::startFlags(bool withContinuous) const
 void Mpx3Dev::beginLoop()
 {
     wishes = 0;
-    storeFlag(boardSilent, false);
     wishesServed = 0.0;
-    ThreadLock lock(&writeSync);
+    const Link::Exchange whole(link);
     startSent = false;
     stopSent = false;
     storeFlag(acquiring, true);
@@ -231,7 +249,8 @@ void Mpx3Dev::beginLoop()
 /// Tells the board to start, unless a stop has come: then `*opened` is false.
 int Mpx3Dev::sendStart(unsigned char flags, std::uint32_t frameWord, bool* opened)
 {
-    ThreadLock lock(&writeSync);
+    // A stop is seen here, or its command goes behind the start.
+    const Link::Exchange whole(link);
     *opened = !series.stopped();
     if (!*opened)
         return 0;
@@ -336,10 +355,8 @@ int Mpx3Dev::exposeAndRead(bool startCommand, SeriesTurn& turn)
         if (!opened)
             return 0;
     }
-    bool ended = false;
-    if (const int result = waitForFrameEnd(&ended); result != 0)
+    if (const int result = waitForFrameEnd(); result != 0)
         return result;
-    storeFlag(boardSilent, !ended);
     // Nobody wants what is left on a link that is being closed.
     if (loadFlag(leaving))
         return 0;
@@ -369,8 +386,8 @@ void Mpx3Dev::restoreReadout()
 }
 
 /// Waits for the packet at the end of a frame, and takes the measured time from it. A frame that a stop has cut is no
-/// failure, whether its packet comes or not, which `*ended` tells.
-int Mpx3Dev::waitForFrameEnd(bool* ended)
+/// failure, whether its packet comes or not.
+int Mpx3Dev::waitForFrameEnd()
 {
     const bool triggered = now.triggerMode != TRIGGER_NONE;
     const double timeout = triggered ? WAIT_UNLIMITED : now.time + PACKET_GRACE;
@@ -383,8 +400,7 @@ int Mpx3Dev::waitForFrameEnd(bool* ended)
     }
     if (result == dv::RESULT_STOPPED)
         result = link->waitForPacket(CUT_FRAME_TIMEOUT, nullptr, packet.data(), END_OF_FRAME_SIZE, false, false);
-    *ended = result == 0;
-    if (*ended)
+    if (result == 0)
         lastAcqTimeValue = mpx3::shutterTimeOf(reinterpret_cast<const unsigned char*>(packet.data()));
     return 0;
 }
@@ -404,7 +420,7 @@ bool Mpx3Dev::waitForReader(bool orWanted)
 int Mpx3Dev::receiveFrame()
 {
     if (const int result = readMatrixStream(ALL_CHANNELS, false); result != 0)
-        return logError(result, "Cannot read matrix %s", link.lastError());
+        return loadFlag(leaving) ? 0 : logError(result, "Cannot read matrix %s", link.lastError());
     incoming->shape = streamShape(ALL_CHANNELS);
     incoming->counters = config.get().counterSelect;
     incoming->frameTime = now.time;
@@ -439,6 +455,9 @@ void Mpx3Dev::leaveBoard(bool drain, const std::function<void()>& restore)
         if (drain && turn.taken())
             link.drain(DRAIN_TIMEOUT, DRAIN_LIMIT);
         restore();
+        // What closing has cut is stopped by closing itself.
+        const Link::Exchange whole(link);
+        startSent = startSent && loadFlag(leaving);
     }
     linkTurn.endWholeSeries();
     linkTurn.endReservation();

@@ -20,8 +20,8 @@ constexpr double POWER_PAUSE = 0.1;       ///< seconds that the supply needs aft
 constexpr double CHIP_RESET_PAUSE = 1.0;  ///< seconds that the chips need after a reset
 constexpr double FIRMWARE_TIMEOUT = 2.0;  ///< seconds
 constexpr double FUSE_TIMEOUT = 0.5;      ///< seconds
-constexpr double SERIES_END_LIMIT = 2.4;  ///< seconds that closing waits for what is left of a series
-constexpr double CLOSE_PATIENCE = 0.5;    ///< seconds that closing waits for an operation of another thread
+constexpr double SERIES_END_LIMIT = 2.3;  ///< seconds that closing waits for a series and for operations
+constexpr double POWER_DOWN_LIMIT = 0.4;  ///< seconds for closing's own commands
 constexpr double LAD_END_LIMIT = 30.0;    ///< seconds that a composite waits for a member's series
 
 /// Bytes of one chip on each channel that a whole stream of one counter takes, and what a stream may have beyond it.
@@ -59,8 +59,8 @@ Mpx3Dev::Mpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::st
 
 Mpx3Dev::~Mpx3Dev()
 {
-    linkTurn.beginClosing();
-    requestStop();
+    beginClosing();
+    series.stop();
     // Nothing is freed under a thread, however long it takes.
     while (!series.awaitThreads(SERIES_END_LIMIT)) {
     }
@@ -81,11 +81,14 @@ int Mpx3Dev::initDevice()
     if (const int result = openLink(); result != 0)
         return result;
     storeFlag(overheated, false);
+    storeFlag(noChip, true);
     omrValue.set(OMR());
     applyConfig(config.get());
     lastCpuStatus = 0;
     storeFlag(connected, true);
     logFunction("Init Device");
+    const Link::BringUp watched(link, boardMute);
+    const SeriesLife::Callback hostsCode(series); // which the bring-up calls, and which must not close the device
     resetDevice();
     sleepThread(LINK_RESET_PAUSE);
     readFirmware();
@@ -95,6 +98,7 @@ int Mpx3Dev::initDevice()
     findChips();
     if (chipCountValue > 0)
         storeFlag(noChip, false);
+    sizeBuffers();
     completeMpxInfo();
     report.plain(MSG, "\n\n\n\n");
     return 0;
@@ -104,6 +108,7 @@ int Mpx3Dev::initDevice()
 void Mpx3Dev::findChips()
 {
     const DeviceTurn turn(linkTurn, report, OPERATION_PATIENCE);
+    forgetChips();
     if (turn.require() != 0)
         return;
     switchChannel(ALL_CHANNELS, false, true, true);
@@ -114,7 +119,14 @@ void Mpx3Dev::findChips()
     resetMedipix();
     detectChipCount();
     readChipIDs();
-    sizeBuffers();
+}
+
+void Mpx3Dev::forgetChips()
+{
+    chipCountValue = 0;
+    chipIds.clear();
+    channelMasks.clear();
+    channelCount = 0;
 }
 
 int Mpx3Dev::openLink()
@@ -133,45 +145,56 @@ int Mpx3Dev::closeDevice()
     return AMpx3Dev::closeDevice();
 }
 
+void Mpx3Dev::beginClosing()
+{
+    if (!loadFlag(leaving))
+        closingSince = getPreciseTime();
+    storeFlag(leaving, true);
+    linkTurn.beginClosing();
+    linkTurn.endWholeSeries();
+    series.stop();
+    link.startClosing();
+}
+
 /// Ends the series and gives link and board up. 1 with a text, and nothing given up, where the host's own code is in
 /// the way.
 int Mpx3Dev::endSession()
 {
     if (series.caller() == SeriesLife::Caller::Handler)
         return logError(1, "Device cannot be closed from an event handler.");
+    giveUpPreparation();
     beginClosing();
-    const bool alone = series.awaitThreads(SERIES_END_LIMIT);
+    const double deadline = closingSince + SERIES_END_LIMIT;
+    const bool alone = series.awaitThreads(deadline - getPreciseTime());
+    DeviceTurn turn(linkTurn, report, alone ? deadline - getPreciseTime() : 0.0);
+    const bool free = alone && turn.taken();
+    if (free)
+        giveBoardUp();
+    else
+        link.cancelClosing();
     storeFlag(leaving, false);
-    DeviceTurn turn(linkTurn, report, alone ? CLOSE_PATIENCE : 0.0);
-    if (!alone || !turn.taken()) {
-        linkTurn.endClosing();
-        return logError(1, "Device cannot be closed: a call of it has not returned.");
-    }
-    if (loadFlag(boardSilent))
-        setPins(mpx3::pinword::POWER_OFF); // a CPU that does not answer would cost seconds
-    else if (link.exists())
-        setPower(false);
-    storeFlag(connected, false);
-    storeFlag(boardSilent, false);
-    storeFlag(cpuPresent, false);
-    {
-        // Flash and CPU refer to the command manager.
-        ThreadLock lock(&writeSync);
-        ibFlash.reset();
-        ibCpu.reset();
-        link.drop();
-    }
     turn.release();
     linkTurn.endClosing();
-    return 0;
+    if (free)
+        return 0;
+    tellBoardStop();
+    return logError(1, "Device cannot be closed: a call of it has not returned.");
 }
 
-void Mpx3Dev::beginClosing()
+void Mpx3Dev::giveBoardUp()
 {
-    giveUpPreparation();
-    linkTurn.beginClosing();
-    storeFlag(leaving, true);
-    requestStop();
+    link.runClosingCalls(POWER_DOWN_LIMIT, [this] {
+        tellBoardStop();
+        setPower(false);
+    });
+    storeFlag(connected, false);
+    storeFlag(boardMute, false);
+    storeFlag(cpuPresent, false);
+    // Flash and CPU refer to the command manager. The parameters still call the flash.
+    if (ibFlash != nullptr)
+        ibFlash->attach(nullptr);
+    ibCpu.reset();
+    link.drop();
 }
 
 void Mpx3Dev::destroy()
@@ -282,11 +305,25 @@ void Mpx3Dev::readFirmware()
 void Mpx3Dev::readFlashParameters()
 {
     logFunction("Read Parameters in Flash");
-    ibFlash = std::make_unique<TurnFlash>(*this);
+    ibFlash = std::make_unique<IBFlashFpxMpx3<CmdMgrMpx3>>(link.manager());
+    ibFlash->setReadGate([this](const std::function<int()>& read) { readFlashLate(read); });
     ibFlash->loadParameters(inDeviceParams, false);
     logFlashParameters(report, *inDeviceParams);
     biasParams.setVoltCurrentSenseChannels(VOLT_SENSE_CHANNEL, CURRENT_SENSE_CHANNEL);
     biasParams.readFlashParameters(inDeviceParams);
+}
+
+/// Reads the big values, once somebody has asked for one of them. The frames of a series are not held up for it: then
+/// they can be read later.
+void Mpx3Dev::readFlashLate(const std::function<int()>& read)
+{
+    if (inSeries()) {
+        logError(1, "Acquisition is running");
+        return;
+    }
+    const DeviceTurn turn(linkTurn, report, patience());
+    if (turn.require() == 0)
+        read();
 }
 
 void Mpx3Dev::initCpu()
@@ -359,6 +396,7 @@ int Mpx3Dev::exchangeFuses(int channel, std::size_t size, unsigned char* answer)
             return result;
         if (const int result = switchChannel(channel, true, true, false); result != 0)
             return result;
+        const Link::Exchange whole(link);
         if (const int result = sendShift(request.data(), size, cmdflag::EXCHANGE); result != 0)
             return result;
         std::fill_n(answer, size, static_cast<unsigned char>(0));
@@ -374,10 +412,7 @@ int Mpx3Dev::readChipIDs()
     logFunction("Read Chip IDs");
     if (const int result = handBackOutput(*link); result != 0)
         return result;
-    chipCountValue = 0;
-    chipIds.clear();
-    channelMasks.clear();
-    channelCount = 0;
+    forgetChips();
     for (int channel = 0; channel < PHYSICAL_CHANNELS; ++channel) {
         if (moduleEnable[static_cast<std::size_t>(channel)] == MODULE_OFF)
             continue;

@@ -233,6 +233,7 @@ int Mpx3Dev::setTimer(double seconds)
     if (turn.require() != 0)
         return 1;
     logFunction("Set Timer");
+    const Link::Exchange whole(link);
     unsigned char b[6];
     doubleToInt48(seconds * mpx3::SHUTTER_COUNTS_PER_SECOND, b);
     link.send(AcqCmd::CountLow, {b[3], b[2], b[1], b[0]});

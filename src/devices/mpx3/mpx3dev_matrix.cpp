@@ -4,6 +4,7 @@
 #include "chipdata/mpx3counters.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace HwLatixel {
 
@@ -136,7 +137,7 @@ int Mpx3Dev::fastClearMatrix()
         return 1;
     readoutDisturbed = true;
     // The pins bracket what is clocked through.
-    ThreadLock lock(&writeSync);
+    const Link::Exchange whole(link);
     logFunction("Fast Clear Matrix");
     const unsigned char zeros[mpx3::FAST_CLEAR_SIZE] = {};
     int sum = setPins(mpx3::pinword::FAST_CLEAR_LOW);
@@ -248,8 +249,11 @@ int Mpx3Dev::setMatrixStreamParams()
 /// Receives a stream into `incoming`; the caller has the turn.
 int Mpx3Dev::readMatrixStream(int channel, bool sendCommand)
 {
-    if (sendCommand)
+    std::optional<Link::Exchange> whole;
+    if (sendCommand) {
+        whole.emplace(link);
         link.send(mpx3::MpxCmd::Start, streamParams(), cmdflag::OUTPUT);
+    }
     const unsigned long expected = matrixStreamSize(channel == ALL_CHANNELS ? channelCount.load() : 1);
     incoming->received = expected;
     const int result = link.receive(incoming->bytes.data(), &incoming->received, READ_TIMEOUT);

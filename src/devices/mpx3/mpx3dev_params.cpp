@@ -4,6 +4,7 @@
 #include "board/adcscale.h"
 #include "devices/common/boardreports.h"
 #include "devices/common/paramtable.h"
+#include "shared/contained.h"
 
 #include <string_view>
 
@@ -43,17 +44,15 @@ void Mpx3Dev::initParameters()
 int Mpx3Dev::paramReadSetFunc(dv::IParam* param, bool isRead, long user)
 {
     auto* device = reinterpret_cast<Mpx3Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
-    if (isRead)
-        device->onReadParam(param);
-    else
-        device->onWriteParam(param);
+    contained([&] { isRead ? device->onReadParam(param) : device->onWriteParam(param); });
     return 0;
 }
 
 int Mpx3Dev::paramReadSetFuncCpu(dv::IParam*, bool isRead, long user)
 {
+    auto* device = reinterpret_cast<Mpx3Dev*>(user); // NOLINT(performance-no-int-to-ptr): the host's word
     if (isRead)
-        reinterpret_cast<Mpx3Dev*>(user)->onReadParamCpu(); // NOLINT(performance-no-int-to-ptr): the host's word
+        contained([&] { device->onReadParamCpu(); });
     return 0;
 }
 
@@ -61,13 +60,16 @@ void Mpx3Dev::onReadParam(dv::IParam* param)
 {
     if (std::string_view(param->name()) != "Temperature")
         return;
-    if (!inSeries()) {
-        param->setDouble(adcCelsius(readSenseCode(TEMPERATURE_ADC_CHANNEL)));
-        return;
+    int code = 0;
+    if (inSeries()) {
+        leaveWish(1U << TEMPERATURE_ADC_CHANNEL);
+        code = adcCodes[TEMPERATURE_ADC_CHANNEL];
+    } else {
+        code = readSenseCode(TEMPERATURE_ADC_CHANNEL);
     }
-    leaveWish(1U << TEMPERATURE_ADC_CHANNEL);
-    if (const int last = adcCodes[TEMPERATURE_ADC_CHANNEL]; last >= 0)
-        param->setDouble(adcCelsius(static_cast<unsigned short>(last)));
+    const SeriesLife::Callback hostsCode(series);
+    if (code >= 0)
+        param->setDouble(adcCelsius(static_cast<unsigned short>(code)));
 }
 
 void Mpx3Dev::onWriteParam(dv::IParam* param)
@@ -78,7 +80,6 @@ void Mpx3Dev::onWriteParam(dv::IParam* param)
         setDebugLog(param->getBool() || loadFlag(debugLog));
     } else if (name == "BiasDischarge") {
         const unsigned char word = param->getByte();
-        ThreadLock lock(&writeSync);
         link.send(SpiCmd::BiasDischarge, CmdArgs::low(static_cast<unsigned char>(word << 2)));
     }
 }
@@ -125,6 +126,7 @@ void Mpx3Dev::refreshCpuValues() const
 
 void Mpx3Dev::storeCpuValues(const IBCpu::Values& values) const
 {
+    const SeriesLife::Callback hostsCode(series);
     for (const auto& [name, value] : values)
         if (devParams->exists(name.c_str()))
             devParams->get(name.c_str())->setString(value.c_str());
@@ -168,6 +170,8 @@ void Mpx3Dev::pollStatus() const
 
 const char* Mpx3Dev::deviceStatusText() const
 {
+    if (loadFlag(boardMute))
+        return BOARD_MUTE;
     if (!loadFlag(cpuPresent))
         return statusText.get();
     if (inSeries()) {
@@ -228,20 +232,7 @@ int Mpx3Dev::TurnCpu::sendReceiveSpi(unsigned char* tx, unsigned char* rx, unsig
     const DeviceTurn turn(device.linkTurn, device.report, device.patience());
     if (turn.require() != 0)
         return 1;
-    ThreadLock lock(&device.writeSync);
     return IBCpuMgrMpx3::sendReceiveSpi(tx, rx, size, received);
-}
-
-int Mpx3Dev::TurnFlash::flashReadWrite(unsigned char* tx, unsigned char* rx, unsigned long size,
-                                       unsigned long* received)
-{
-    if (device.inSeries())
-        return device.logError(1, "Acquisition is running");
-    const DeviceTurn turn(device.linkTurn, device.report, device.patience());
-    if (turn.require() != 0)
-        return 1;
-    ThreadLock lock(&device.writeSync);
-    return IBFlashFpxMpx3::flashReadWrite(tx, rx, size, received);
 }
 
 } // namespace HwLatixel

@@ -79,7 +79,7 @@ int Mpx3Dev::getADC(unsigned char channel, unsigned short* value, bool flag) con
         return 1;
     if (!link.exists())
         return logError(1, "%s", NOT_CONNECTED);
-    ThreadLock lock(&writeSync);
+    const Link::Exchange whole(link);
     if (skipPeriodicLog)
         report.setLevel(MSG);
     int result = spiSet(*link, spislave::ADC);
@@ -128,18 +128,10 @@ int Mpx3Dev::setBias(double volts)
     // What is not a number would become the lowest code, which is the highest voltage.
     if (std::isnan(volts))
         return logError(1, "Bias voltage is not a number.");
-    // Brings no answer: it may go out in the middle of a frame.
-    ThreadLock lock(&writeSync);
     logFunction("Set Bias");
     if (devMpxInfo_.biasMin == 0.0 && devMpxInfo_.biasMax == 0.0)
         return -1;
-    if (!link.exists())
-        return logError(1, "%s", NOT_CONNECTED);
-    const unsigned char code = biasParams.getBiasCode(volts, false);
-    const int result = ibspi::writeBiasDac(*link, code, ibspi::BiasHandBack::Last);
-    if (result != 0)
-        return logError(result, "Failed sending command (%s)", link.lastError());
-    return 0;
+    return link.writeBias(biasParams.getBiasCode(volts, false), ibspi::BiasHandBack::Last);
 }
 
 int Mpx3Dev::biasVoltageCurrentSense(double* volts, double* amperes) const

@@ -100,6 +100,7 @@ private:
     // Bring-up steps
     void findChips();
     void logChipIds() const;
+    void exchangePattern(std::span<unsigned char> reply);
     int restoreChips();
 
     // Matrices

@@ -1,9 +1,11 @@
 // Series on a row board: of single frames, and of rows that the board delivers while one shutter stays open (TDI).
 #include "devices/row/mpx2devrow.h"
 
+#include "devices/common/seriesturn.h"
 #include "link/tpxcmds.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace HwLatixel {
 
@@ -91,11 +93,12 @@ void Mpx2DevRow::acqFuncContinuous()
 /// The rows of a series, up to the last frame, which is left to be told; `count` is empty where there is none.
 Mpx2DevRow::Pass Mpx2DevRow::runRows(std::uint64_t& frame, StreamCount& count)
 {
-    bool held = linkTurn.takeForSeries();
+    std::optional<SeriesTurn> turn;
+    turn.emplace(linkTurn, report);
     const std::uint64_t frames = acqCount;
     const unsigned rows = tdiRowCount();
     Pass last = Pass::Stopped;
-    if (held && !life.stopped())
+    if (turn->taken() && !life.stopped())
         last = startRows(blocksOf(frames)) == 0 ? Pass::Taken : Pass::Lost;
     const bool started = last == Pass::Taken;
     while (last == Pass::Taken && frame < frames) {
@@ -106,21 +109,18 @@ Mpx2DevRow::Pass Mpx2DevRow::runRows(std::uint64_t& frame, StreamCount& count)
         }
         if (frame + 1 == frames)
             break;
-        linkTurn.give();
-        report.tellHost();
+        turn.reset();
         announceFrame(frame, count);
-        held = linkTurn.takeForSeries();
-        if (!held)
+        turn.emplace(linkTurn, report);
+        if (!turn->taken())
             last = Pass::Stopped;
         count = {};
         ++frame;
     }
     if (started)
         leaveRows();
-    if (held)
-        linkTurn.give();
+    turn.reset();
     linkTurn.endReservation();
-    report.tellHost();
     return last;
 }
 
@@ -138,9 +138,9 @@ void Mpx2DevRow::leaveRows()
 /// Opens the shutter for a series of `blocks` blocks of rows.
 int Mpx2DevRow::startRows(std::uint64_t blocks)
 {
-    // Under the lock that a stop takes for its command: behind it no series is started.
-    ThreadLock lock(&exchangeSync);
-    if (!link.exists())
+    // A stop is seen here, or its command goes behind the start.
+    const Link::Exchange whole(link);
+    if (!whole)
         return 1;
     if (life.stopped())
         return 0;

@@ -69,6 +69,8 @@ int Mpx2DevRow::initDevice()
         return result;
     logFunction("Init Device");
     storeFlag(overheated, false);
+    const Link::BringUp watched(link, boardMute);
+    const SeriesLife::Callback hostsCode(life); // which the bring-up calls, and which must not close the device
     identifyBoard();
     powerCycle();
     findChips();
@@ -152,16 +154,22 @@ int Mpx2DevRow::switchChannel(int channel)
     return result != 0 ? logError(result, "Cannot switch to channel #%d (%s)", channel, link.lastError()) : 0;
 }
 
+void Mpx2DevRow::exchangePattern(std::span<unsigned char> reply)
+{
+    const Link::Exchange whole(link);
+    changePins({{&TpxPins::RST, 1}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 1}});
+    link.send(tpx::TpxCmd::Mux, CmdArgs::low(ALL_LINES), cmdflag::OUTPUT);
+    link.sendPayload(tpx::TpxCmd::Data, PATTERN.data(), PATTERN.size(), cmdflag::EXCHANGE);
+    unsigned long received = reply.size();
+    link.receive(reply.data(), &received, PATTERN_TIMEOUT);
+}
+
 int Mpx2DevRow::getChipCount()
 {
     logFunction("Get Chip Count");
     chipCount_ = 0;
-    changePins({{&TpxPins::RST, 1}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 1}});
-    link.send(tpx::TpxCmd::Mux, CmdArgs::low(ALL_LINES), cmdflag::OUTPUT);
-    link.sendPayload(tpx::TpxCmd::Data, PATTERN.data(), PATTERN.size(), cmdflag::EXCHANGE);
     std::array<unsigned char, PATTERN.size() * CHANNELS> reply{};
-    unsigned long received = reply.size();
-    link.receive(reply.data(), &received, PATTERN_TIMEOUT);
+    exchangePattern(reply);
     std::string text;
     for (std::size_t channel = 0; channel < channelEnabled.size(); ++channel) {
         bool answers = true;

@@ -29,8 +29,11 @@ int Mpx2DevRow::requireChips() const
 
 void Mpx2DevRow::onReadParam(dv::IParam* param)
 {
-    if (std::string_view(param->name()) == "Temperature")
-        param->setDouble(adcCelsius(pollAdcCode(TEMPERATURE_ADC_CHANNEL)));
+    if (std::string_view(param->name()) != "Temperature")
+        return;
+    const double temperature = adcCelsius(pollAdcCode(TEMPERATURE_ADC_CHANNEL));
+    const SeriesLife::Callback hostsCode(life);
+    param->setDouble(temperature);
 }
 
 // ---- Configuration ----
@@ -134,6 +137,7 @@ int Mpx2DevRow::readOut(std::span<unsigned char> stream, bool rowOnly, StreamCou
     logFunction("Read Matrix");
     if (const int result = switchChannel(ENABLED_CHANNELS); result != 0)
         return result;
+    const Link::Exchange whole(link);
     changePins({{&TpxPins::M0, 0}, {&TpxPins::M1, 0}, {&TpxPins::OUTEN, 1}, {&TpxPins::ENIN, 0}});
     const int result = rowOnly ? receiveRow(stream) : receiveStream(stream, count);
     changePins({{&TpxPins::ENIN, 1}, {&TpxPins::OUTEN, 0}});
