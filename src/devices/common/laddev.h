@@ -37,7 +37,8 @@ inline constexpr unsigned LAD_ADC_CHANNELS = 16;      ///< of each member
 /// while the host is called. The host keeps other calls away from `initDevice` alone: the members that `closeDevice`
 /// has closed stay until then, so that a call that is still among them meets closed boards.
 ///
-/// `Base` stands between the host's interface and the composite, with the virtual operations that come before `acqFunc`.
+/// `Base` stands between the host's interface and the composite, with the virtual operations that come before
+/// `acqFunc`.
 template <typename Interface, typename Member, typename Base = DevDefaults<Interface>>
 class LadDev : public Base {
 public:
