@@ -5,7 +5,39 @@
 #include "devices/common/devicereport.h"
 #include "devices/common/linkturn.h"
 
+#include <algorithm>
+
 namespace HwLatixel {
+
+/// What the calling thread may wait for turns altogether, for the life of the guard: an operation that several devices
+/// carry out one after the other waits no longer than that of a single one. An inner guard changes nothing.
+class TurnBudget {
+public:
+    explicit TurnBudget(double seconds) : own(seconds), outer(current)
+    {
+        if (outer == nullptr)
+            current = &own;
+    }
+    ~TurnBudget() { current = outer; }
+    TurnBudget(const TurnBudget&) = delete;
+    TurnBudget& operator=(const TurnBudget&) = delete;
+
+    /// As `turn.take`, of what is left.
+    static LinkTurn::Answer take(LinkTurn& turn, double limit)
+    {
+        if (current == nullptr)
+            return turn.take(limit);
+        const double begin = getPreciseTime();
+        const LinkTurn::Answer answer = turn.take(std::min(limit, *current));
+        *current -= getPreciseTime() - begin;
+        return answer;
+    }
+
+private:
+    double own; ///< seconds that are left
+    double* outer;
+    inline static thread_local double* current = nullptr;
+};
 
 /// Holds the turn for the life of the guard, or tells why it can't be had. What was reported meanwhile reaches the host
 /// once the turn is given back.
@@ -15,7 +47,7 @@ public:
     DeviceTurn(LinkTurn& linkTurn, DeviceReport& deviceReport, double limit)
         : turn(linkTurn),
           report(deviceReport),
-          result(turn.take(limit))
+          result(TurnBudget::take(turn, limit))
     {
     }
     ~DeviceTurn() { release(); }

@@ -1,9 +1,11 @@
 // A frame for the host from a device's last matrix.
 #pragma once
 
+#include "host/datatype.h"
 #include "host/idorvet.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 namespace HwLatixel {
@@ -31,6 +33,15 @@ dv::IMpxFrame* frameOf(IDorvet& dorvet, int chips, int dataType, Read read)
         frame.acquireData(&pixels, 0.0);
         return read(pixels.data(), static_cast<std::size_t>(pixels.size()));
     });
+}
+
+/// Tells on a frame how many of its bytes have not come from the boards; on a whole frame nothing.
+inline void addMissingBytes(dv::IMpxFrame& frame, std::size_t bytes)
+{
+    constexpr const char* NAME = "MissingBytes";
+    const auto count = static_cast<std::uint32_t>(bytes);
+    if (count != 0)
+        frame.addMetaData(NAME, NAME, DTYPE_U32, &count, sizeof(count));
 }
 
 } // namespace HwLatixel

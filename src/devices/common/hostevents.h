@@ -24,6 +24,13 @@ public:
         func = newFunc;
         user = newUser;
     }
+    /// Runs `hook(owner)` on the thread of each frame event, before the host's callback and also where there is none.
+    /// Set before the first event.
+    void setBeforeFrame(void (*hook)(void*), void* owner)
+    {
+        beforeFrame = hook;
+        frameOwner = owner;
+    }
     /// In order with all other events that go this way; `throughWorker` on the dispatcher's thread.
     void send(unsigned event, long data, bool throughWorker) { worker.setEvent(event, data, throughWorker); }
     /// At once on this thread, beside the order of the others.
@@ -34,6 +41,8 @@ private:
     static void deliver(unsigned event, long data, void* events)
     {
         auto* self = static_cast<HostEvents*>(events);
+        if (event == HWEVENT_FRAME_READY && self->beforeFrame != nullptr)
+            self->beforeFrame(self->frameOwner);
         dv::EventFunc called = nullptr;
         void* calledUser = nullptr;
         {
@@ -51,6 +60,8 @@ private:
     ThreadSyncObject sync;        ///< keeps callback and user together; never held across a call
     dv::EventFunc func = nullptr; ///< sync
     void* user = nullptr;         ///< sync
+    void (*beforeFrame)(void*) = nullptr;
+    void* frameOwner = nullptr;
     HwEventDispatcher worker;
 };
 

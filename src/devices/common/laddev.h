@@ -36,8 +36,11 @@ inline constexpr unsigned LAD_ADC_CHANNELS = 16;      ///< of each member
 /// while it goes through the members, and takes the turn of one member after the other. No lock and no turn is held
 /// while the host is called. The host keeps other calls away from `initDevice` alone: the members that `closeDevice`
 /// has closed stay until then, so that a call that is still among them meets closed boards.
-template <typename Interface, typename Member>
-class LadDev : public DevDefaults<Interface> {
+///
+/// `Base` stands between the host's interface and the composite, with the virtual operations that come before
+/// `acqFunc`.
+template <typename Interface, typename Member, typename Base = DevDefaults<Interface>>
+class LadDev : public Base {
 public:
     int initDevice() override = 0;
     /// Ends a running series and closes the members, within three seconds. 1 with a text from a callback of this
@@ -47,24 +50,11 @@ public:
     {
         if (life.caller() == SeriesLife::Caller::Handler)
             return logError(1, "The device cannot be closed from its own callback.");
-        const double deadline = getPreciseTime() + CLOSE_LIMIT;
-        linkTurn.beginClosing();
-        // All of them before the first is waited for: what a member does then ends at its next step.
-        forAll([](Member& member) { member.beginClosing(); });
-        life.stop();
-        dismissSeries();
-        const bool alone = life.awaitThreads(deadline - getPreciseTime());
-        DeviceTurn turn(linkTurn, report, alone ? deadline - getPreciseTime() : 0.0);
-        if (!alone || !turn.taken()) {
-            linkTurn.endClosing();
-            return logError(1, "The device cannot be closed: a callback of the host does not end.");
-        }
-        storeFlag(connected, false);
-        closeMembers();
-        members.retire();
-        turn.release();
-        linkTurn.endClosing();
-        return 0;
+        if (closing.exchange(true))
+            return logError(1, "Device is busy");
+        const int result = closeWithin(getPreciseTime() + CLOSE_LIMIT);
+        closing = false;
+        return result == 0 ? 0 : logError(1, "The device cannot be closed: a call of it has not returned.");
     }
     /// As `closeDevice`, then frees the object. Where a callback of the host does not end in time, the thread that runs
     /// it does so as its last act.
@@ -125,7 +115,9 @@ public:
         std::string text;
         for (std::size_t i = 0; i < members.size() && text.empty(); ++i)
             text = members[i].deviceStatusText();
-        statusText.set(text);
+        // What the host holds stays valid as long as nothing new comes.
+        if (text != statusText.get())
+            statusText.set(text);
         return statusText.get();
     }
     int chipIDList(dv::IStrList* list) const override
@@ -147,12 +139,10 @@ public:
     {
         if (value == nullptr)
             return refuseNull();
-        const DeviceTurn turn = operationTurn();
-        if (turn.require() != 0)
-            return 1;
         const auto* found = members.findChip(chip);
-        return found != nullptr ? found->member->analogValue(static_cast<unsigned>(found->index), value)
-                                : logError(wrongArgumentCode, "Invalid chip index: %u", chip);
+        if (found == nullptr)
+            return logError(wrongArgumentCode, "Invalid chip index: %u", chip);
+        return operate([&] { return found->member->analogValue(static_cast<unsigned>(found->index), value); });
     }
     /// As requested, not as measured.
     double lastAcqTime() const override { return acqTime; }
@@ -279,6 +269,17 @@ protected:
                         static_cast<unsigned long>(pixelCount()));
     }
     int refuseNull() const { return logError(1, "No place for a result, or no data, given."); }
+    /// 1 with a text where no board is open.
+    int requireMembers() const { return members.empty() ? logError(1, "%s", NOT_CONNECTED) : 0; }
+    /// Runs an operation that goes through the members, with the turn in hand; what it waits for their turns is limited
+    /// for all of them together. 1 with a text where there is no turn or no board, else the operation's result.
+    template <typename Operation>
+    int operate(Operation operation) const
+    {
+        const TurnBudget budget(turnLimit());
+        const DeviceTurn turn = operationTurn();
+        return turn.require() != 0 || requireMembers() != 0 ? 1 : operation();
+    }
     DeviceTurn operationTurn() const { return {linkTurn, report, turnLimit()}; }
     /// Seconds that an operation waits for the turn.
     double turnLimit() const
@@ -308,6 +309,9 @@ protected:
         const bool limited = devMpxInfoRec.acqTimeMax > 0.0;
         if (!std::isfinite(time) || time < devMpxInfoRec.acqTimeMin || (limited && time > devMpxInfoRec.acqTimeMax))
             return logError(1, "Invalid acquisition time (%g s).", time);
+        // Also in a callback that is none of a series' events.
+        if (life.caller() == SeriesLife::Caller::Handler)
+            return logError(1, "Acquisition is running");
         switch (life.begin()) {
         case SeriesLife::Start::Accepted:
             break;
@@ -366,6 +370,7 @@ protected:
     std::vector<std::string> deviceNames;
 
     bool connected = false;
+    std::atomic<bool> closing{false}; ///< a thread is in `closeDevice`
     bool busy = false;
     bool inAcquisition = false; ///< polled: a series runs
     std::atomic<unsigned> acqCount{0};
@@ -379,6 +384,26 @@ protected:
 private:
     static constexpr double CLOSE_LIMIT = 2.5; ///< seconds that closing waits for a series and for other calls
 
+    /// Closes members and composite. 1 where a series or another call goes on behind the deadline.
+    int closeWithin(double deadline)
+    {
+        linkTurn.beginClosing();
+        life.stop();
+        // All of them before the first is waited for: what a member does then ends at its next step.
+        forAll([](Member& member) { member.beginClosing(); });
+        dismissSeries();
+        // With the turn in hand nothing begins any more, a series that was being prepared included.
+        DeviceTurn turn(linkTurn, report, deadline - getPreciseTime());
+        const bool alone = turn.taken() && life.awaitThreads(deadline - getPreciseTime());
+        const bool closed = alone && closeMembers();
+        if (closed) {
+            storeFlag(connected, false);
+            members.retire();
+        }
+        turn.release();
+        linkTurn.endClosing();
+        return closed ? 0 : 1;
+    }
     void bringUp(const std::string& name)
     {
         std::unique_ptr<Member> member = makeMember(name, biasTypeOf(name));
@@ -395,9 +420,14 @@ private:
         members.add(std::move(member));
     }
     /// At once on all links: those of boards that are gone take their time.
-    void closeMembers()
+    bool closeMembers()
     {
-        inParallel(members.size(), [this](std::size_t i) { members[i].closeDevice(); });
+        std::atomic<bool> all = true;
+        inParallel(members.size(), [&](std::size_t i) {
+            if (members[i].closeDevice() != 0)
+                all = false;
+        });
+        return all;
     }
     /// That a board has become too hot concerns the user, whichever member tells it.
     static void passOn(unsigned level, const char* text, void* lad)

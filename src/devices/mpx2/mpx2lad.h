@@ -10,9 +10,17 @@
 
 namespace HwLatixel {
 
+/// What such a composite adds to the host's interface, right behind its destructor.
+class Mpx2LadExtras : public DevDefaults<dv::IHwDevMpx2> {
+public:
+    virtual int enableDataCompression(bool) { return dv::RESULT_NOT_SUPPORTED; }
+    virtual bool isDataCompressionEnabled() const { return false; }
+    virtual bool supportsDataCompression() const { return false; }
+};
+
 /// A composite whose frames have 16-bit counts. Broadcasts call the members in their order, up to the first that fails.
 template <typename Member>
-class Mpx2Lad : public LadDev<dv::IHwDevMpx2, Member> {
+class Mpx2Lad : public LadDev<dv::IHwDevMpx2, Member, Mpx2LadExtras> {
 public:
     int deviceType() const override { return 1; }
     int devMpx2Info(dv::_DevMpx2Info* info) const override
@@ -22,9 +30,6 @@ public:
     }
     /// The composite takes its chips for Timepix chips, whatever they are.
     bool isTimepix() const override { return true; }
-    virtual int enableDataCompression(bool) { return dv::RESULT_NOT_SUPPORTED; }
-    virtual bool isDataCompressionEnabled() const { return false; }
-    virtual bool supportsDataCompression() const { return false; }
 
     int resetMedipix() override
     {
@@ -106,7 +111,7 @@ public:
 protected:
     static constexpr int CHIP_KIND = 2; ///< of dv::_DevMpxInfo
 
-    using LadDev<dv::IHwDevMpx2, Member>::LadDev;
+    using LadDev<dv::IHwDevMpx2, Member, Mpx2LadExtras>::LadDev;
 };
 
 } // namespace HwLatixel

@@ -115,6 +115,8 @@ public:
     /// From the first frame event of a series to its last event the frame announced last, else what the chips hold.
     int readMatrix(unsigned* data, std::size_t size, bool convert) override;
     int readMatrix(unsigned* data, std::size_t size, unsigned char counter, bool convert) override;
+    /// As `readMatrix`; `missing` gets the bytes of the frame that have not come, whose pixels are 0.
+    int readFrame(unsigned* data, std::size_t size, bool convert, unsigned long* missing);
     int writeMatrix(const unsigned* data, std::size_t size, bool convert) override;
     int writeMatrix(const unsigned* data, std::size_t size, unsigned char counter, bool convert) override;
     int eraseMatrix() override;
@@ -135,12 +137,16 @@ public:
     int startAcquisitionFromLad();
     /// Forgets a series that was prepared and is not to be started.
     void giveUpPreparation();
-    /// Gives the last frame up unread, so that the series may overwrite it.
-    void releaseFrame() { matrixReadEvent.set(); }
-    /// Waits until the threads of a series that ends are gone. One that goes on is stopped after half a second.
-    void awaitSeriesEnd();
-    /// Waits until the board is free of a series that ends, at most `limit` seconds; only its last event may be left.
-    bool awaitIdle(double limit) const;
+    /// Whether the series that was prepared last goes by one start command as a whole.
+    bool preparedWhole() const { return plan.get().whole(); }
+    /// Bytes of a whole frame of the series that was prepared last, on the wire.
+    unsigned long frameBytes() const { return plan.get().frameBytes; }
+    /// `stopAcquisition` in two steps, for several boards that stop together: the first one tells the board and returns
+    /// what the guards say, the second one waits for the frame on the wire, up to `deadline`.
+    int beginStop();
+    void endStop(double deadline);
+    /// Waits until the thread of a series is gone, its last event included, at most `limit` seconds. Whether it is.
+    bool awaitSeriesGone(double limit) { return series.awaitThreads(limit); }
     void acqFunc() override;
 
     /// Switches the debug log on or off; what the settings switch on stays on until then.
@@ -166,6 +172,7 @@ private:
         bool continuous = false; ///< continuous read-write
         bool softTrigger = false;
         bool burst = false;
+        unsigned long frameBytes = 0; ///< of a whole frame on the wire
         /// One start command for the whole series.
         bool whole() const { return tdi || continuous; }
     };
@@ -273,10 +280,11 @@ private:
     int prepareChips(const Plan& newPlan);
     int runSeries();
     int checkTime(double time) const;
+    unsigned long frameSize(bool tdi) const;
     unsigned char startFlags(bool withContinuous) const;
     void requestStop();
     void tellBoardStop();
-    void awaitFrameOver();
+    void awaitFrameOver(double deadline);
     void beginLoop();
     int sendStart(unsigned char flags, std::uint32_t frameWord, bool* opened);
     void acqFuncNormal();

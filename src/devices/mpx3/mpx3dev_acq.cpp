@@ -28,6 +28,13 @@ constexpr double DRAIN_LIMIT = 2.0;        ///< seconds after which a board that
 
 constexpr unsigned TDI_ROWS = RowTimes::ROWS;
 
+/// The image of a TDI series.
+void selectSingleRows(OMR& image)
+{
+    image.RowBlock = 0;
+    image.RowBlockSel = 1;
+}
+
 } // namespace
 
 int Mpx3Dev::setAcqMode(unsigned mode)
@@ -94,6 +101,7 @@ int Mpx3Dev::prepareChips(const Plan& newPlan)
         return 1;
     Plan next = newPlan;
     next.continuous = config.get().continuousRW != 0 && !next.tdi;
+    next.frameBytes = frameSize(next.tdi);
     lastAcqTimeValue = next.time;
     acqTime = next.time;
     plan.set(next);
@@ -112,6 +120,15 @@ int Mpx3Dev::prepareChips(const Plan& newPlan)
         linkTurn.reserve();
     }
     return 0;
+}
+
+unsigned long Mpx3Dev::frameSize(bool tdi) const
+{
+    OMR image = omrValue.get();
+    if (!tdi)
+        return mpx3ReadSize(image, twoChips, channelCount, bothCounters());
+    selectSingleRows(image);
+    return TDI_ROWS * mpx3TdiRecordSize(image, twoChips, channelCount, bothCounters());
 }
 
 int Mpx3Dev::startAcquisition(unsigned count, double time)
@@ -162,15 +179,27 @@ void Mpx3Dev::giveUpPreparation()
 
 int Mpx3Dev::stopAcquisition()
 {
+    const int refused = beginStop();
+    // A handler may be what the frame's end waits for.
+    endStop(series.caller() == SeriesLife::Caller::Host ? getPreciseTime() + STOP_PATIENCE : 0.0);
+    return refused;
+}
+
+int Mpx3Dev::beginStop()
+{
     // What the guards say is told, yet the series is stopped.
     const int refused = requireChips();
     if (refused == 0)
         logFunction("Stop Acquisition");
     requestStop();
-    awaitFrameOver();
+    return refused;
+}
+
+void Mpx3Dev::endStop(double deadline)
+{
+    awaitFrameOver(deadline);
     storeFlag(busy, false);
     storeFlag(acquiring, false);
-    return refused;
 }
 
 /// Behind this no shutter is opened any more; a board that may be exposing is told.
@@ -192,13 +221,10 @@ void Mpx3Dev::tellBoardStop()
     link.send(AcqCmd::Stop, {}, cmdflag::OUTPUT);
 }
 
-/// Waits until the frame on the wire is through. A handler may be what the frame's end waits for.
-void Mpx3Dev::awaitFrameOver()
+/// Waits until the frame on the wire is through.
+void Mpx3Dev::awaitFrameOver(double deadline)
 {
-    if (series.caller() != SeriesLife::Caller::Host)
-        return;
-    const double deadline = getPreciseTime() + STOP_PATIENCE;
-    while (!frameOver.wait(STOP_POLL_MS) && getPreciseTime() < deadline) {
+    while (getPreciseTime() < deadline && !frameOver.wait(STOP_POLL_MS)) {
     }
 }
 
@@ -494,10 +520,7 @@ void Mpx3Dev::acqFuncTDI()
     int started = 0;
     if (const SeriesTurn turn(linkTurn, report); turn.taken()) {
         beginLoop();
-        omrValue.update([](OMR& image) {
-            image.RowBlock = 0;
-            image.RowBlockSel = 1;
-        });
+        omrValue.update(selectSingleRows);
         setReadoutOMRs();
         setMatrixStreamParams();
         openHandOver(true);
@@ -601,10 +624,7 @@ dv::IMpxFrame* Mpx3Dev::lastData()
         return nullptr;
     if (about.shape.tdi)
         tdiRowTimes.addNextTo(*frame, about.frameTime);
-    if (about.missing != 0) {
-        const auto missing = static_cast<std::uint32_t>(about.missing);
-        frame->addMetaData("MissingBytes", "MissingBytes", DTYPE_U32, &missing, sizeof(missing));
-    }
+    addMissingBytes(*frame, about.missing);
     return frame;
 }
 

@@ -22,7 +22,6 @@ constexpr double FIRMWARE_TIMEOUT = 2.0;  ///< seconds
 constexpr double FUSE_TIMEOUT = 0.5;      ///< seconds
 constexpr double SERIES_END_LIMIT = 2.3;  ///< seconds that closing waits for a series and for operations
 constexpr double POWER_DOWN_LIMIT = 0.4;  ///< seconds for closing's own commands
-constexpr double LAD_END_LIMIT = 30.0;    ///< seconds that a composite waits for a member's series
 
 /// Bytes of one chip on each channel that a whole stream of one counter takes, and what a stream may have beyond it.
 constexpr unsigned long STREAM_CHANNEL_BYTES = 98308;
@@ -206,28 +205,6 @@ void Mpx3Dev::destroy()
     Mpx3Dev::closeDevice();
     if (series.abandon())
         delete this;
-}
-
-void Mpx3Dev::awaitSeriesEnd()
-{
-    constexpr double GRACE = 0.5; // seconds
-    giveUpPreparation();
-    if (series.awaitThreads(GRACE))
-        return;
-    requestStop();
-    series.awaitThreads(LAD_END_LIMIT);
-}
-
-bool Mpx3Dev::awaitIdle(double limit) const
-{
-    constexpr double POLL = 0.001; // seconds
-    const double deadline = getPreciseTime() + limit;
-    while (inSeries()) {
-        if (getPreciseTime() >= deadline)
-            return false;
-        sleepThread(POLL);
-    }
-    return true;
 }
 
 int Mpx3Dev::resetDevice()

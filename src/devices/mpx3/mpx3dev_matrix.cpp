@@ -156,11 +156,20 @@ std::span<unsigned> Mpx3Dev::hostMatrix(unsigned* data, std::size_t size) const
 
 int Mpx3Dev::readMatrix(unsigned* data, std::size_t size, bool convert)
 {
+    unsigned long missing = 0;
+    return readFrame(data, size, convert, &missing);
+}
+
+int Mpx3Dev::readFrame(unsigned* data, std::size_t size, bool convert, unsigned long* missing)
+{
+    *missing = 0;
     if (requireChips() != 0)
         return 1;
     if (!loadFlag(frameAnnounced))
-        return readMatrixFromDevice(hostMatrix(data, size), config.get().counterSelect, convert, nullptr);
-    readAnnounced(hostMatrix(data, size), nullptr, convert, nullptr);
+        return readMatrixFromDevice(hostMatrix(data, size), config.get().counterSelect, convert, missing);
+    Stream about;
+    readAnnounced(hostMatrix(data, size), nullptr, convert, &about);
+    *missing = about.missing;
     return 0;
 }
 

@@ -17,11 +17,15 @@ constexpr dv::_DevMpx3Info MPX3_INFO{1000, 10000.0, 10000.0, 0.000236};
 constexpr int MPX3_CHIP_KIND = 3;
 constexpr unsigned MODES = dv::ACQMODE_EXT_TRIGGER_START | dv::ACQMODE_EXT_TRIGGER_STOP | dv::ACQMODE_TDI;
 constexpr std::size_t DACS_PER_CHIP = 27;
+constexpr int ALL_CHIPS = -1;
 constexpr std::size_t PIXEL_CFG_BYTES = 2 * LAD_CHIP_PIXELS; ///< of a chip
 
 constexpr double SMALLEST_BIAS_AT_FIRST = 1000.0; ///< volts
 
-constexpr double MEMBER_END_LIMIT = 5.0; ///< seconds for what a member does behind its last frame
+constexpr double MEMBER_END_LIMIT = 5.0; ///< seconds for what the members do behind their last frame
+constexpr double END_POLL = 0.05;        ///< seconds between two looks at a closing
+constexpr double STOP_PATIENCE = 1.0;    ///< seconds that a stop waits for the frames on the wire
+constexpr double ERASE_PATIENCE = 5.0;   ///< seconds that the members' turns are waited for behind a failure
 constexpr unsigned READ_POLL_MS = 100;   ///< between two looks at the stop flag
 constexpr double LONG_FRAME = 0.5;       ///< seconds, from which the members are looked at less often
 constexpr unsigned LONG_POLL_MS = 100;
@@ -55,21 +59,24 @@ Mpx3LadDev::Mpx3LadDev(IDorvet* host, std::string logFolder, FileLog* log, std::
     devMpxInfoRec.acqModeMask = MODES;
     const ParamContent contents[] = {{"HwLibVer", LIBRARY_VERSION}, {"Firmware", ""}, {"DeviceSerials", ""}};
     addParams(*params, PARAMS, contents, paramReadSetFunc, reinterpret_cast<long>(this));
+    events.setBeforeFrame(beforeFrame, this);
 }
 
 Mpx3LadDev::~Mpx3LadDev()
 {
-    Mpx3LadDev::closeDevice();
+    logFunction("Close Device");
     shutDown();
+    // Their threads still call this class.
+    members.clear();
 }
 
 int Mpx3LadDev::initDevice()
 {
     logFunction("Init Device");
     loadSettings();
-    if (!members.empty() || life.state() != SeriesLife::State::Idle)
-        if (const int closed = closeDevice(); closed != 0)
-            return closed;
+    if (const int closed = LadDev::closeDevice(); closed != 0)
+        return closed;
+    members.clear();
     devEventInfos.clear();
     smallestBias = SMALLEST_BIAS_AT_FIRST;
     largestBias = 0.0;
@@ -77,8 +84,8 @@ int Mpx3LadDev::initDevice()
     publishMembers();
     devMpxInfoRec.biasMin = smallestBias;
     devMpxInfoRec.biasMax = largestBias;
-    matrix.reinit(pixelCount());
-    matrix.setVal(0);
+    matrix.assign(pixelCount(), 0);
+    announced.assign(pixelCount(), 0);
     if (result != 0)
         return result;
     report.setLevel(debugLog ? DBG : ERR);
@@ -109,8 +116,6 @@ void Mpx3LadDev::memberUp(Mpx3Dev& member, std::size_t index)
 int Mpx3LadDev::closeDevice()
 {
     logFunction("Close Device");
-    // Nobody takes the members' frames any more.
-    storeFlag(membersDismissed, true);
     return LadDev::closeDevice();
 }
 
@@ -143,6 +148,8 @@ void Mpx3LadDev::onWriteParam(dv::IParam* param)
 
 int Mpx3LadDev::devMpx3Info(dv::_DevMpx3Info* info) const
 {
+    if (info == nullptr)
+        return refuseNull();
     *info = MPX3_INFO;
     return 0;
 }
@@ -152,14 +159,16 @@ int Mpx3LadDev::devMpx3Info(dv::_DevMpx3Info* info) const
 int Mpx3LadDev::resetMedipix()
 {
     logFunction("Reset Medipix");
-    forAll([](Mpx3Dev& member) { member.resetMedipix(); });
-    return 0;
+    return operate([this] {
+        forAll([](Mpx3Dev& member) { member.resetMedipix(); });
+        return 0;
+    });
 }
 
 int Mpx3LadDev::eraseMatrix()
 {
     logFunction("Erase Medipix");
-    return untilFailure([](Mpx3Dev& member) { return member.eraseMatrix(); });
+    return operate([this] { return untilFailure([](Mpx3Dev& member) { return member.eraseMatrix(); }); });
 }
 
 int Mpx3LadDev::setAcqMode(unsigned mode)
@@ -168,10 +177,13 @@ int Mpx3LadDev::setAcqMode(unsigned mode)
     return 0;
 }
 
+/// Brings no answer, and goes out in the middle of a frame.
 int Mpx3LadDev::setBias(double volts)
 {
     logFunction("Set Bias");
     report.line(DBG, "Set Bias: %f", volts);
+    if (requireMembers() != 0)
+        return 1;
     return untilFailure([volts](Mpx3Dev& member) { return member.setBias(volts); });
 }
 
@@ -179,7 +191,8 @@ int Mpx3LadDev::biasVoltageCurrentSense(double* volts, double* amperes) const
 {
     if (volts == nullptr && amperes == nullptr)
         return 0;
-    if (!loadFlag(inAcquisition) && !members.empty()) {
+    // In a series the member gives its last values, and measures between two frames.
+    if (!members.empty()) {
         double measuredVolts = 0.0;
         double measuredCurrent = 0.0;
         members[0].biasVoltageCurrentSense(&measuredVolts, &measuredCurrent);
@@ -198,42 +211,46 @@ int Mpx3LadDev::setDacs(const unsigned short* dacs, std::size_t size, int chip)
     logFunction("Set Dacs");
     if (dacs == nullptr)
         return logError(1, "No DAC values given.");
+    // A host that tells no size has values for all chips.
     if (size == 0)
         size = static_cast<std::size_t>(members.chipCount()) * DACS_PER_CHIP;
-    const DeviceTurn turn = operationTurn();
-    if (turn.require() != 0)
-        return 1;
-    if (chip < 0)
-        return untilFailure([&](Mpx3Dev& member, std::size_t i) {
+    return operate([&] {
+        if (chip == ALL_CHIPS)
+            return untilFailure([&](Mpx3Dev& member, std::size_t i) {
+                const auto slice = memberSlice(dacs, size, i, DACS_PER_CHIP);
+                return member.loadDacs(slice.data, slice.size, ALL_CHIPS);
+            });
+        const auto* found = members.findChip(static_cast<unsigned>(chip));
+        for (std::size_t i = 0; i < members.size(); ++i) {
+            if (found == nullptr || found->member != &members[i])
+                continue;
             const auto slice = memberSlice(dacs, size, i, DACS_PER_CHIP);
-            return member.loadDacs(slice.data, slice.size, -1);
-        });
-    const auto* found = members.findChip(static_cast<unsigned>(chip));
-    for (std::size_t i = 0; i < members.size(); ++i) {
-        if (found == nullptr || found->member != &members[i])
-            continue;
-        const auto slice = memberSlice(dacs, size, i, DACS_PER_CHIP);
-        // A failure for a single chip is seen in the member's log alone.
-        members[i].loadDacs(slice.data, slice.size, found->index);
-    }
-    return 0;
+            // A failure for a single chip is seen in the member's log alone.
+            members[i].loadDacs(slice.data, slice.size, found->index);
+        }
+        return 0;
+    });
 }
 
-int Mpx3LadDev::setPixelCfg(const unsigned char* data, std::size_t size)
+/// The size is not looked at: the host gives two bytes for each pixel of all chips, or what lies behind its array is
+/// taken for them.
+int Mpx3LadDev::setPixelCfg(const unsigned char* data, std::size_t)
 {
     logFunction("Set Pixel Cfg");
-    const DeviceTurn turn = operationTurn();
-    if (turn.require() != 0)
-        return 1;
-    return untilFailure([&](Mpx3Dev& member, std::size_t i) {
-        const auto slice = memberSlice(data, size, i, PIXEL_CFG_BYTES);
-        return member.setPixelCfg(slice.data, slice.size);
+    if (data == nullptr)
+        return logError(1, "No pixel configuration given.");
+    return operate([&] {
+        const std::size_t size = static_cast<std::size_t>(members.chipCount()) * PIXEL_CFG_BYTES;
+        return untilFailure([&](Mpx3Dev& member, std::size_t i) {
+            const auto slice = memberSlice(data, size, i, PIXEL_CFG_BYTES);
+            return member.setPixelCfg(slice.data, slice.size);
+        });
     });
 }
 
 int Mpx3LadDev::setConfig(dv::_Mpx3Config config)
 {
-    return untilFailure([config](Mpx3Dev& member) { return member.setConfig(config); });
+    return operate([&] { return untilFailure([&](Mpx3Dev& member) { return member.setConfig(config); }); });
 }
 
 int Mpx3LadDev::sendTestPulses(unsigned count, double period, const unsigned char* ctpr)
@@ -243,28 +260,84 @@ int Mpx3LadDev::sendTestPulses(unsigned count, double period, const unsigned cha
 
 int Mpx3LadDev::senseDac(unsigned chip, unsigned dac)
 {
-    const DeviceTurn turn = operationTurn();
-    if (turn.require() != 0)
-        return 1;
     const auto* found = members.findChip(chip);
-    return found != nullptr ? found->member->senseDac(static_cast<unsigned>(found->index), dac)
-                            : logError(1, "Invalid chip index: %u", chip);
+    if (found == nullptr)
+        return logError(1, "Invalid chip index: %u", chip);
+    return operate([&] { return found->member->senseDac(static_cast<unsigned>(found->index), dac); });
 }
 
 // ---- Matrices ----
 
 int Mpx3LadDev::writeMatrix(const unsigned* data, std::size_t size, bool convert)
 {
-    const DeviceTurn turn = operationTurn();
-    if (turn.require() != 0)
-        return 1;
     logFunction("Write matrix");
     if (checkMatrixSize(size) != 0)
         return 1;
-    return untilFailure([&](Mpx3Dev& member, std::size_t i) {
-        const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
-        return member.writeMatrix(slice.data, slice.size, convert);
+    if (data == nullptr)
+        return refuseNull();
+    return operate([&] {
+        return untilFailure([&](Mpx3Dev& member, std::size_t i) {
+            const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
+            return member.writeMatrix(slice.data, slice.size, convert);
+        });
     });
+}
+
+int Mpx3LadDev::readMatrix(unsigned* data, std::size_t size, bool convert)
+{
+    unsigned long missing = 0;
+    return readFrame(data, size, convert, &missing);
+}
+
+/// As `readMatrix`; `missing` gets the bytes that have not come, of all members together.
+int Mpx3LadDev::readFrame(unsigned* data, std::size_t size, bool convert, unsigned long* missing)
+{
+    if (!loadFlag(inAcquisition))
+        logFunction("Read matrix");
+    if (size < pixelCount()) {
+        // A host that can't take the frame doesn't hold the series up for it.
+        letMembersRead();
+        return checkMatrixSize(size);
+    }
+    if (data == nullptr)
+        return refuseNull();
+    if (copyAnnounced(data, size, missing)) {
+        letMembersRead();
+        return 0;
+    }
+    return operate([&] {
+        return untilFailure([&](Mpx3Dev& member, std::size_t i) {
+            const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
+            unsigned long ofMember = 0;
+            const int result = member.readFrame(slice.data, slice.size, convert, &ofMember);
+            *missing += ofMember;
+            return result;
+        });
+    });
+}
+
+/// False where there is no announced frame.
+bool Mpx3LadDev::copyAnnounced(unsigned* data, std::size_t size, unsigned long* missing)
+{
+    ThreadLock lock(&frameSync);
+    if (!frameAnnounced || size < announced.size())
+        return false;
+    std::ranges::copy(announced, data);
+    *missing = announcedMissing;
+    return true;
+}
+
+/// The announced frame is in the host's hands: the members may go on with the next one. A second read of the same
+/// frame gives nothing more away.
+void Mpx3LadDev::letMembersRead()
+{
+    {
+        ThreadLock lock(&frameSync);
+        if (!frameAnnounced || frameTaken)
+            return;
+        frameTaken = true;
+    }
+    setMatrixRead();
 }
 
 void Mpx3LadDev::setMatrixRead()
@@ -273,38 +346,17 @@ void Mpx3LadDev::setMatrixRead()
         info->readAllowed.set();
 }
 
-int Mpx3LadDev::readMatrix(unsigned* data, std::size_t size, bool convert)
-{
-    const bool running = loadFlag(inAcquisition);
-    if (!running)
-        logFunction("Read matrix");
-    if (size < pixelCount()) {
-        setMatrixRead();
-        return checkMatrixSize(size);
-    }
-    if (!running) {
-        const int result = untilFailure([&](Mpx3Dev& member, std::size_t i) {
-            const auto slice = memberSlice(data, size, i, LAD_CHIP_PIXELS);
-            return member.readMatrix(slice.data, slice.size, convert);
-        });
-        if (result != 0)
-            return result;
-    } else {
-        for (const auto& info : devEventInfos) {
-            ThreadLock lock(&info->sliceSync);
-            const auto from = memberSlice(matrix.data(), matrix.size(), info->index, LAD_CHIP_PIXELS);
-            std::copy_n(from.data, from.size, memberSlice(data, size, info->index, LAD_CHIP_PIXELS).data);
-        }
-    }
-    setMatrixRead();
-    return 0;
-}
-
 dv::IMpxFrame* Mpx3LadDev::lastData()
 {
-    return filledFrame(*dorvet, members.chipCount(), DTYPE_U32, [this](dv::IMpxFrame& frame) {
-        return readMatrix(static_cast<unsigned*>(frame.dataPointer(0.0)), frame.pixelCount(), true);
+    unsigned long missing = 0;
+    if (requireMembers() != 0)
+        return nullptr;
+    dv::IMpxFrame* made = filledFrame(*dorvet, members.chipCount(), DTYPE_U32, [&](dv::IMpxFrame& frame) {
+        return readFrame(static_cast<unsigned*>(frame.dataPointer(0.0)), frame.pixelCount(), true, &missing);
     });
+    if (made != nullptr)
+        addMissingBytes(*made, missing);
+    return made;
 }
 
 // ---- Series ----
@@ -312,142 +364,233 @@ dv::IMpxFrame* Mpx3LadDev::lastData()
 int Mpx3LadDev::startAcquisition(unsigned count, double time)
 {
     logFunction("Start acquisition");
+    const double deadline = getPreciseTime() + SeriesLife::START_LIMIT;
     if (beginSeries(count, time) != 0)
         return 1;
-    endSeriesBefore();
-    const int prepared = prepareAcq();
-    if (prepared == 0) {
-        ThreadLock lock(&startSync);
-        startedSeries.push_back(seriesNumber);
+    // The last events of the series before would be taken for those of the new one.
+    if (!awaitMembers(deadline)) {
+        life.giveUp();
+        return logError(1, "Device is busy");
     }
-    return runSeries(prepared);
+    configureTriggers();
+    int result = 0;
+    {
+        // A closing gets the turn behind this, and finds the thread of the series.
+        const TurnBudget budget(turnLimit());
+        const DeviceTurn turn = operationTurn();
+        const int ready = turn.require() != 0 || requireMembers() != 0 ? 1 : prepareAcq();
+        result = runSeries(ready);
+    }
+    if (result != 0)
+        abandonPreparation();
+    return result;
 }
 
-/// The host may start right behind a stop, or behind the end of a series whose last frame nobody has taken. The
-/// members' threads of that series would take frames of the new one, and their events its permissions to read.
-void Mpx3LadDev::endSeriesBefore()
+/// Waits until no member runs a series, up to `deadline` or a closing, which waits for the members itself.
+bool Mpx3LadDev::awaitMembers(double deadline) const
 {
-    ++seriesNumber;
-    storeFlag(membersDismissed, true);
-    forAll([](Mpx3Dev& member) { member.awaitSeriesEnd(); });
-    storeFlag(membersDismissed, false);
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        while (!members[i].awaitSeriesGone(END_POLL)) {
+            if (getPreciseTime() >= deadline || closing)
+                return false;
+        }
+    }
+    return true;
 }
 
 int Mpx3LadDev::prepareAcq()
 {
     logFunction("Prepare acq");
-    const bool synced = paramBool(params, "Synced");
-    const int result = untilFailure([&](Mpx3Dev& member, std::size_t i) {
-        member.setAcqMode(synced ? unsigned{dv::ACQMODE_EXT_TRIGGER_START} : acqMode.load());
-        configureTriggers(member, i == 0);
-        return member.prepareAcquisition(acqCount, acqTime, false);
-    });
-    if (result != 0)
-        forAll([](Mpx3Dev& member) { member.giveUpPreparation(); });
+    const int result =
+        untilFailure([this](Mpx3Dev& member) { return member.prepareAcquisition(acqCount, acqTime, false); });
+    bool whole = false;
+    forAll([&](const Mpx3Dev& member) { whole = whole || member.preparedWhole(); });
+    if (result == 0 && whole)
+        linkTurn.beginWholeSeries();
     return result;
 }
 
-/// The master takes the composite's trigger; the others are held by the level of the master's output.
-void Mpx3LadDev::configureTriggers(Mpx3Dev& member, bool master) const
+void Mpx3LadDev::abandonPreparation()
 {
-    dv::IParamMgr& own = *member.parameters();
+    linkTurn.endWholeSeries();
+    forAll([](Mpx3Dev& member) { member.giveUpPreparation(); });
+}
+
+/// The master takes the composite's mode and trigger; the others are held by the level of the master's output.
+void Mpx3LadDev::configureTriggers() const
+{
+    const bool synced = paramBool(params, "Synced");
+    const unsigned char setting = paramByte(params, "TriggerStg");
+    const bool tdiSeries = paramBool(params, "TriggerTdiSeries");
     const unsigned char outLevel = paramByte(params, "TriggerOutLevel");
+    const int tdiRows = paramInt32(params, "TdiRowCount");
     const unsigned char follower = outLevel != 0 ? FOLLOW_HIGH : FOLLOW_LOW;
-    own.get("TriggerWaitForReady")->setBool(true);
-    own.get("TriggerMaster")->setBool(master);
-    own.get("TriggerOutLevel")->setByte(outLevel);
-    own.get("TdiRowCount")->setInt32(paramInt32(params, "TdiRowCount"));
-    own.get("TriggerTdiSeries")->setBool(paramBool(params, "TriggerTdiSeries"));
-    own.get("TriggerStg")->setByte(master ? paramByte(params, "TriggerStg") : follower);
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        members[i].setAcqMode(synced ? unsigned{dv::ACQMODE_EXT_TRIGGER_START} : acqMode.load());
+        dv::IParamMgr& own = *members[i].parameters();
+        own.get("TriggerWaitForReady")->setBool(true);
+        own.get("TriggerMaster")->setBool(i == 0);
+        own.get("TriggerOutLevel")->setByte(outLevel);
+        own.get("TdiRowCount")->setInt32(tdiRows);
+        own.get("TriggerTdiSeries")->setBool(tdiSeries);
+        own.get("TriggerStg")->setByte(i == 0 ? setting : follower);
+    }
 }
 
 int Mpx3LadDev::stopAcquisition()
 {
     logFunction("Stop acquisition");
     life.stop();
-    forAll([](Mpx3Dev& member) { member.stopAcquisition(); });
+    linkTurn.endWholeSeries();
+    dismissSeries();
+    // A handler may be what the members' frames wait for.
+    stopMembers(life.caller() == SeriesLife::Caller::Host ? STOP_PATIENCE : 0.0);
     return 0;
+}
+
+/// Tells all members to stop before it waits for the first.
+void Mpx3LadDev::stopMembers(double patience)
+{
+    forAll([](Mpx3Dev& member) { member.beginStop(); });
+    const double deadline = getPreciseTime() + patience;
+    forAll([deadline](Mpx3Dev& member) { member.endStop(deadline); });
+}
+
+/// Wakes the members that wait for the host: they see that nobody takes their frames any more.
+void Mpx3LadDev::dismissSeries()
+{
+    setMatrixRead();
 }
 
 void Mpx3LadDev::acqFunc()
 {
     setCurrentThreadName("mpx3ladacq");
-    // One series at a time: one that the host has begun anew meanwhile ends first.
-    ThreadLock lock(&seriesSync);
-    const unsigned own = takeStartedSeries();
     logFunction("Acquisition");
     setBusy(true);
     storeFlag(inAcquisition, true);
     events.dispatcher().startThread();
-    if (seriesNumber == own)
-        startMembers();
-    for (unsigned i = 0; i < acqCount && seriesNumber == own; ++i) {
-        logFunction("Acquisition");
-        report.line(DBG, "Acq: Waiting for acq finish %u/%u", i, acqCount.load());
-        if (!waitForMembers(i, own)) {
-            // Their events wait for nothing any more: a member that is held by its event can't be stopped.
-            storeFlag(membersDismissed, true);
-            abortAcqAllDevs();
-            events.send(HWEVENT_ACQ_FAILED, static_cast<long>(i), false);
-            break;
-        }
-        report.line(DBG, "Acq: Single acq finished %d", static_cast<int>(i));
-        // A stop still delivers the frame that was in progress, and before the worker is sent away.
-        const bool over = isOver(own);
-        events.send(HWEVENT_FRAME_READY, static_cast<long>(i), !over && i + 1 < acqCount);
-        if (over)
-            break;
-    }
+    startMembers();
+    takeFrames();
     report.line(DBG, "Acq: All acq finished.");
+    life.framesOver();
+    dismissSeries();
     // The host may use the boards from the last event on. One that does not fall silent is not waited for any longer.
-    forAll([](const Mpx3Dev& member) { member.awaitIdle(MEMBER_END_LIMIT); });
+    awaitMembers(getPreciseTime() + MEMBER_END_LIMIT);
     events.dispatcher().stopThread();
+    linkTurn.endWholeSeries();
     setBusy(false);
     storeFlag(inAcquisition, false);
-    life.framesOver();
-    endSeries(isOver(own) ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
+    {
+        ThreadLock lock(&frameSync);
+        frameAnnounced = false;
+    }
+    endSeries(life.stopped() ? HWEVENT_ACQ_ABORTED : HWEVENT_ACQ_FINISHED, 0);
     report.line(DBG, "Acq: Thread finished.");
 }
 
-unsigned Mpx3LadDev::takeStartedSeries()
-{
-    ThreadLock lock(&startSync);
-    const unsigned number = startedSeries.front();
-    startedSeries.pop_front();
-    return number;
-}
-
+/// Starts the members that no stop has come for. One that does not start has failed.
 void Mpx3LadDev::startMembers()
 {
     for (const auto& info : devEventInfos) {
         info->result = 0;
+        info->framesEnded = 0;
+        info->failed = false;
+        info->filled = false;
         info->acqFinished.reset();
         info->readAllowed.set();
     }
     // The trigger master stands first.
-    forAll([](Mpx3Dev& member) { member.startAcquisitionFromLad(); });
+    for (const auto& info : devEventInfos) {
+        Mpx3Dev& member = members[info->index];
+        if (life.stopped())
+            member.giveUpPreparation();
+        else if (member.startAcquisitionFromLad() != 0)
+            endMemberFrame(*info, HWEVENT_ACQ_FAILED);
+    }
     report.line(DBG, "Acquisitions started.");
 }
 
-/// Whether the host has stopped the series, or begun another one.
-bool Mpx3LadDev::isOver(unsigned number) const
+void Mpx3LadDev::takeFrames()
 {
-    return life.stopped() || seriesNumber != number;
+    for (unsigned i = 0; i < acqCount; ++i) {
+        logFunction("Acquisition");
+        report.line(DBG, "Acq: Waiting for acq finish %u/%u", i, acqCount.load());
+        if (!waitForMembers(i)) {
+            abortMembers();
+            events.send(HWEVENT_ACQ_FAILED, static_cast<long>(i), false);
+            return;
+        }
+        report.line(DBG, "Acq: Single acq finished %d", static_cast<int>(i));
+        // A stop still delivers the frame that was in progress, and before the worker is sent away.
+        const bool stopped = life.stopped();
+        events.send(HWEVENT_FRAME_READY, static_cast<long>(i), !stopped && i + 1 < acqCount);
+        if (stopped)
+            return;
+    }
 }
 
-/// Waits until each member has ended its frame, or for a stop. False where one has failed.
-bool Mpx3LadDev::waitForMembers(unsigned frame, unsigned number)
+/// Waits until each member has ended its frame, for a stop, or until one has failed: the others may wait for its
+/// trigger. False in the last case.
+bool Mpx3LadDev::waitForMembers(unsigned frame)
 {
     const unsigned poll = acqTime >= LONG_FRAME ? LONG_POLL_MS : SHORT_POLL_MS;
-    bool ok = true;
     for (const auto& info : devEventInfos) {
-        while (!info->acqFinished.wait(poll) && !isOver(number)) {
-        }
+        while (info->framesEnded <= frame && !isFailed(frame) && !life.stopped())
+            info->acqFinished.wait(poll);
         report.line(DBG, "Acq[%d]: Acq %d finished with result %d", static_cast<int>(info->index),
                     static_cast<int>(frame), info->result.load());
-        ok = ok && info->result != HWEVENT_ACQ_FAILED;
     }
-    return ok;
+    return !isFailed(frame);
+}
+
+/// Whether a member has failed before it ended that frame.
+bool Mpx3LadDev::isFailed(unsigned frame) const
+{
+    return std::ranges::any_of(devEventInfos,
+                               [frame](const auto& info) { return info->failed && info->framesEnded <= frame; });
+}
+
+/// Stops all members and clears their counters; their results don't count.
+void Mpx3LadDev::abortMembers()
+{
+    // A member that is held by its event can't end.
+    life.framesOver();
+    dismissSeries();
+    stopMembers(STOP_PATIENCE);
+    const TurnBudget budget(ERASE_PATIENCE);
+    forAll([](Mpx3Dev& member) { member.eraseMatrix(); });
+}
+
+void Mpx3LadDev::beforeFrame(void* lad)
+{
+    static_cast<Mpx3LadDev*>(lad)->announceFrame();
+}
+
+/// The host's handler of a frame event comes next: from here on reads get this frame. No member is at it: they may read
+/// the next one when the host has taken this one, and behind a stop none at all.
+void Mpx3LadDev::announceFrame()
+{
+    unsigned long expected = 0;
+    unsigned long missing = 0;
+    for (const auto& info : devEventInfos) {
+        ThreadLock lock(&info->sliceSync);
+        const unsigned long whole = members[info->index].frameBytes();
+        if (!info->filled) {
+            const auto slice = memberSlice(matrix.data(), matrix.size(), info->index, LAD_CHIP_PIXELS);
+            std::fill_n(slice.data, slice.size, 0U);
+            info->missing = whole;
+        }
+        info->filled = false;
+        missing += info->missing;
+        expected += whole;
+    }
+    if (missing != 0)
+        report.line(ERR, "Frame is incomplete: %lu of %lu bytes received", expected - missing, expected);
+    ThreadLock lock(&frameSync);
+    std::swap(matrix, announced);
+    announcedMissing = missing;
+    frameAnnounced = true;
+    frameTaken = false;
 }
 
 // ---- Events of the members ----
@@ -462,48 +605,58 @@ void Mpx3LadDev::devEventFunc(DevEventInfo& info, unsigned event, long data)
 {
     const int index = static_cast<int>(info.index);
     report.line(DBG, "DevAcqEvent[%d]: type=%d, data=%d", index, static_cast<int>(event), static_cast<int>(data));
-    if (event == HWEVENT_BUSY_CHANGED)
-        return;
-    report.line(DBG, "DevAcqEvent[%d]: before read", index);
-    const bool allowed = waitForReadAllowed(info);
-    report.line(DBG, "DevAcqEvent[%d]: after read", index);
-    if (!allowed) {
-        // Nobody takes this frame any more. A TDI series holds the member until somebody does.
-        members[info.index].releaseFrame();
-        return;
-    }
-    info.result = static_cast<int>(event);
     if (event == HWEVENT_FRAME_READY) {
+        report.line(DBG, "DevAcqEvent[%d]: before read", index);
+        const bool allowed = waitForReadAllowed(info);
+        report.line(DBG, "DevAcqEvent[%d]: after read", index);
+        if (!allowed)
+            return;
         readMatrixFromDevice(info);
-        info.acqFinished.set();
+        endMemberFrame(info, event);
         report.line(DBG, "DevAcqEvent[%d]: Acq event single finished.", index);
     } else if (event == HWEVENT_ACQ_FAILED || event == HWEVENT_ACQ_ABORTED) {
-        info.acqFinished.set();
+        // Waits for no reader: a member that has ended must not be held by a host that takes no frames.
+        endMemberFrame(info, event);
         report.line(DBG, "DevAcqEvent[%d]: Acq event failed/aborted.", index);
     }
-    // Any other event has used the permission up as well, so that a finished member waits for the last frame's reader.
 }
 
-/// Waits until the member may read into its slice. False after a stop, a failed frame, and the start of another series.
+/// Takes an event of a member into account, and wakes the series.
+void Mpx3LadDev::endMemberFrame(DevEventInfo& info, unsigned event) const
+{
+    info.result = static_cast<int>(event);
+    if (event == HWEVENT_ACQ_FAILED)
+        info.failed = true;
+    else
+        ++info.framesEnded;
+    info.acqFinished.set();
+}
+
+/// Waits until the member may read into its part of the frame. False where nobody takes frames any more.
 bool Mpx3LadDev::waitForReadAllowed(DevEventInfo& info) const
 {
-    const auto given = [this] { return !life.stopped() && !loadFlag(membersDismissed); };
-    while (given()) {
+    while (isRunning()) {
         if (info.readAllowed.wait(READ_POLL_MS))
-            return given();
+            return isRunning();
     }
     return false;
 }
 
-/// A member's read that fails leaves the frame before in its slice; the frame counts as delivered.
+/// Where a member's read fails, its part of the frame is empty; the frame counts as delivered.
 void Mpx3LadDev::readMatrixFromDevice(DevEventInfo& info)
 {
     report.line(DBG, "Read Matrix From Device [%d]", static_cast<int>(info.index));
     Mpx3Dev& member = members[info.index];
-    ThreadLock lock(&info.sliceSync);
-    const auto slice = memberSlice(matrix.data(), matrix.size(), info.index, LAD_CHIP_PIXELS);
-    if (member.readMatrix(slice.data, slice.size, true) == 0)
-        return;
+    {
+        ThreadLock lock(&info.sliceSync);
+        // The stopped frame is announced without what has not come by then.
+        if (!isRunning())
+            return;
+        const auto slice = memberSlice(matrix.data(), matrix.size(), info.index, LAD_CHIP_PIXELS);
+        info.filled = member.readFrame(slice.data, slice.size, true, &info.missing) == 0;
+        if (info.filled)
+            return;
+    }
     memberFailed(info.index, member.lastError());
     recoverDevice(member.deviceName());
 }

@@ -5,7 +5,6 @@
 #include "devices/mpx3/mpx3dev.h"
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,16 +18,22 @@ struct DevEventInfo {
     Mpx3LadDev* lad;
     std::size_t index;                              ///< the member's position
     Event readAllowed{false, false, "readAllowed"}; ///< the member may read its next frame into the composite's matrix
-    Event acqFinished{false, false, "acqFinished"}; ///< the member has ended its frame
+    Event acqFinished{false, false, "acqFinished"}; ///< the member has ended its frame, or its series
     std::atomic<int> result{0};                     ///< type of the last event taken into account
-    ThreadSyncObject sliceSync;                     ///< keeps a write of the member's slice and a copy of it apart
+    std::atomic<unsigned> framesEnded{0};           ///< in this series
+    std::atomic<bool> failed{false};                ///< the series of this member has
+    ThreadSyncObject sliceSync;                     ///< around a write of the member's part of the frame; guards:
+    bool filled = false;                            ///< the part is that of the frame to be announced next
+    unsigned long missing = 0;                      ///< bytes of it that have not come
 };
 
 /// A composite of Medipix3 boards. Member 0 is the trigger master, the others follow its trigger output.
 ///
-/// A series has a detached thread, "mpx3ladacq", beside those of the members. Each member may have one frame read into
-/// `matrix` ahead of the host: its event waits for `readAllowed`, which a read by the host gives to all members, and
-/// answers with `acqFinished`. A host that takes no frames holds the series at the second one.
+/// A series has a detached thread, "mpx3ladacq", beside those of the members, which end before its last event. Each
+/// member may have one frame read into `matrix` ahead of the host: its event waits for `readAllowed`, which the first
+/// read of the announced frame gives to all members, and answers with `acqFinished`. A host that takes no frames holds
+/// the series at the second one. When a frame's event comes to the host, `matrix` and `announced` are swapped: what the
+/// host reads is the announced frame as often as it likes, up to the last event of the series.
 class Mpx3LadDev : public LadDev<dv::IHwDevMpx3, Mpx3Dev> {
 public:
     /// `log` is the library's log, not owned. Touches no hardware before `initDevice`.
@@ -61,9 +66,12 @@ public:
 
     // Matrices and series
     int writeMatrix(const unsigned* data, std::size_t size, bool convert) override;
-    /// While a series runs a copy of the last frame, after which the members may read the next one.
+    /// From the first frame event of a series to its last event the announced frame, else what the chips hold.
     int readMatrix(unsigned* data, std::size_t size, bool convert) override;
     int startAcquisition(unsigned count, double time) override;
+    /// Ends the series in any state; a frame event still comes for the frame in progress, whose members that have not
+    /// delivered count as missing. Waits for what the boards have on the wire, about a second for all of them together,
+    /// in a handler not at all.
     int stopAcquisition() override;
     dv::IMpxFrame* lastData() override;
     void acqFunc() override;
@@ -71,33 +79,44 @@ public:
 protected:
     std::unique_ptr<Mpx3Dev> makeMember(const std::string& name, const std::string& biasType) override;
     void memberUp(Mpx3Dev& member, std::size_t index) override;
+    void dismissSeries() override;
 
 private:
     void loadSettings();
     static int paramReadSetFunc(dv::IParam* param, bool isRead, long user);
     void onWriteParam(dv::IParam* param);
+    bool awaitMembers(double deadline) const;
+    void configureTriggers() const;
     int prepareAcq();
-    void configureTriggers(Mpx3Dev& member, bool master) const;
-    void endSeriesBefore();
-    unsigned takeStartedSeries();
+    void abandonPreparation();
     void startMembers();
-    bool isOver(unsigned number) const;
-    bool waitForMembers(unsigned frame, unsigned number);
+    void takeFrames();
+    bool waitForMembers(unsigned frame);
+    bool isFailed(unsigned frame) const;
+    void stopMembers(double patience);
+    void abortMembers();
+    static void beforeFrame(void* lad);
+    void announceFrame();
+    bool copyAnnounced(unsigned* data, std::size_t size, unsigned long* missing);
+    void letMembersRead();
+    void setMatrixRead();
+    int readFrame(unsigned* data, std::size_t size, bool convert, unsigned long* missing);
     static void devEventFuncWrapper(unsigned event, long data, void* info);
     void devEventFunc(DevEventInfo& info, unsigned event, long data);
+    void endMemberFrame(DevEventInfo& info, unsigned event) const;
     bool waitForReadAllowed(DevEventInfo& info) const;
     void readMatrixFromDevice(DevEventInfo& info);
     int recoverDevice(const char* name) const;
-    void setMatrixRead();
+    bool isRunning() const { return life.state() == SeriesLife::State::Running; }
     void logFunction(const char* name) const { report.section(name, true); }
 
-    Buffer<unsigned> matrix{0, false};                        ///< the frame; by the hand-shake and `sliceSync`
+    std::vector<unsigned> matrix;                             ///< the frame that the members read; by the hand-shake
     std::vector<std::unique_ptr<DevEventInfo>> devEventInfos; ///< by member
-    std::atomic<unsigned> seriesNumber{0};                    ///< of the series that the host has begun last
-    ThreadSyncObject seriesSync;                              ///< held by the thread of a series, but for its start
-    ThreadSyncObject startSync;                               ///< guards startedSeries
-    std::deque<unsigned> startedSeries;                       ///< numbers for the threads that begin
-    bool membersDismissed = false;                            ///< polled: nobody takes the members' frames any more
+    ThreadSyncObject frameSync;                               ///< guards what is announced:
+    std::vector<unsigned> announced;                          ///< the frame that the host was told of last
+    unsigned long announcedMissing = 0;                       ///< bytes of it that have not come
+    bool frameAnnounced = false;                              ///< there is one
+    bool frameTaken = false;                                  ///< it was read, and the members have gone on
     std::atomic<unsigned> acqMode{0};
     mutable std::atomic<double> lastBiasVoltage{0.0}; ///< last measured bias, volts
     mutable std::atomic<double> lastBiasCurrent{0.0}; ///< last measured bias current, in the calibration's unit

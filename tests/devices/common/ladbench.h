@@ -10,7 +10,7 @@
 namespace support {
 
 /// A composite with its members' boards on the bus in the order in which they stand in it. Each has a flux of its own:
-/// 1000 times its position, from 1 on, in counts per second.
+/// 1000 times its position, from 1 on, in counts per second, unless it brings its scene.
 template <typename LadClass, typename BoardClass, typename Pixel>
 class LadBench : public BenchBase<LadClass, BoardClass, Pixel> {
     using Base = BenchBase<LadClass, BoardClass, Pixel>;
@@ -27,7 +27,9 @@ public:
     {
         double flux = 0;
         for (auto& board : boards) {
-            board["scene"] = flatScene(flux += 1000);
+            flux += 1000;
+            if (!board.contains("scene"))
+                board["scene"] = flatScene(flux);
             names.push_back(board.at("description"));
         }
         sim::loadBench({{"boards", boards}});
@@ -200,7 +202,8 @@ void stressSeries(Lad& lad, const std::function<void(const Dice&)>& prepare,
         lad.events->clear();
         prepare(dice);
         const bool endless = dice(2) == 0;
-        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), dice(20) / 1000.0), 0) << lad->lastError();
+        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), (1 + dice(20)) / 1000.0), 0)
+            << lad->lastError();
         if (endless) {
             sleepMs(static_cast<int>(dice(300)));
             EXPECT_EQ(lad->stopAcquisition(), 0);
