@@ -259,30 +259,18 @@ TEST_F(Mpx3Lad, TdiSeriesEndsAndStops)
 
 TEST_F(Mpx3Lad, RestartRightBehindAStop)
 {
-    std::atomic<bool> taking = false;
-    bench.events->onFrame = [&](long) {
-        if (taking)
-            frames.push_back(bench.frame());
-    };
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < 6; ++i) {
         SCOPED_TRACE(i);
-        taking = false;
+        bench.events->onFrame = nullptr;
         start(50, 0.005);
         // The members' events wait for the reader by then, or the series has only just begun.
-        sleepMs(20 * i);
+        sleepMs(30 * i);
         EXPECT_EQ(bench->stopAcquisition(), 0);
-        if (i % 2 == 0) {
-            ASSERT_TRUE(bench.events->waitForEnd());
-        }
-        taking = true;
-        ASSERT_EQ(bench->startAcquisition(3, 0.01), 0);
+        ASSERT_EQ(bench->startAcquisition(0, 0.01), 0) << "waits for the former one's end";
         ASSERT_TRUE(bench.events->waitFor({FINISHED}));
-        Events events = bench.events->seen();
-        ASSERT_GE(events.size(), 5U);
-        const auto second = events.end() - 4;
-        EXPECT_EQ(Events(second, events.end()), readyEvents(3, FINISHED));
-        EXPECT_EQ(*(second - 1), (Seen{ABORTED, 0})) << "the first series ends before the second one";
-        expectBlocks(frames.back(), 2, 2, 10);
+        const Events events = bench.events->seen();
+        EXPECT_EQ(Events(events.end() - 2, events.end()), (Events{{ABORTED, 0}, {FINISHED, 0}}));
+        expectNextSeriesWorks();
     }
 }
 
@@ -302,15 +290,8 @@ TEST_F(Mpx3Lad, SeriesWhoseLastFrameNobodyTakesHoldsUpNothing)
     run(1, 0.02);
     const auto begin = Clock::now();
     EXPECT_EQ(bench->closeDevice(), 0);
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(6));
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(3));
     bringUp();
-    // A member that has failed counts anew in the next series, also behind a stop.
-    sim::addFault(1, {{"kind", "silence"}, {"when", {{"after_written", START}}}, {"seconds", 3.0}});
-    run(1, 0.05);
-    EXPECT_EQ(bench.events->seen(), (Events{{FAILED, 0}, {FINISHED, 0}}));
-    sim::clearFaults(1);
-    bench->stopAcquisition();
-    expectNextSeriesWorks();
 }
 
 TEST(Mpx3LadStress, EightMembersUnderAllThatAHostDoes)
