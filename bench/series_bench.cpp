@@ -71,6 +71,7 @@ constexpr Link REAL{"-paced-latency", REAL_RATE, true};
 struct Taken {
     unsigned frames = 0;
     double seconds = 0; ///< from the start to the last frame
+    double first = 0;   ///< from the start to the first frame
     double cpu = 0;     ///< seconds of the processor in the host's calls for frames
     bool finished = false;
 };
@@ -149,6 +150,7 @@ Taken take(refhost::Device& device, const Run& run)
             taken.cpu += threadSeconds() - before;
             taken.frames += there ? 1 : 0;
             taken.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+            taken.first = taken.first == 0 ? taken.seconds : taken.first;
         } else if (event.type != HWEVENT_BUSY_CHANGED) {
             const std::lock_guard lock(mutex);
             taken.finished = event.type == HWEVENT_ACQ_FINISHED;
@@ -179,6 +181,7 @@ void series(benchmark::State& state, const Run& run)
         }
         state.SetIterationTime(taken.seconds);
         all.seconds += taken.seconds;
+        all.first += taken.first;
         all.cpu += taken.cpu;
         all.frames += taken.frames;
     }
@@ -189,7 +192,11 @@ void series(benchmark::State& state, const Run& run)
     state.counters["host_share_of_core"] = all.cpu / all.seconds;
     if (run.linkRate > 0) {
         const double linkBytes = static_cast<double>(run.frameBytes) / static_cast<double>(run.boards.size());
-        state.counters["share_of_link"] = rate * linkBytes / (run.linkRate * 1e6);
+        const double linkRate = run.linkRate * 1e6 / linkBytes; // frames per second
+        state.counters["share_of_link"] = rate / linkRate;
+        // Without the preparation of the boards, which reads them empty once.
+        const auto behindFirst = static_cast<double>(all.frames - static_cast<unsigned>(state.iterations()));
+        state.counters["share_behind_first"] = behindFirst / (all.seconds - all.first) / linkRate;
     }
 }
 

@@ -4,6 +4,7 @@
 #include <concepts>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 /// In use for `unsigned char`, `char`, `unsigned short` and `unsigned int`. New elements are not set to anything, and
 /// accessors check nothing. An object belongs to one thread at a time.
@@ -29,6 +30,14 @@ public:
             allocate(count);
         else
             size_ = count;
+    }
+
+    /// Exchanges the contents with another buffer's.
+    void swap(Buffer& other) noexcept
+    {
+        std::swap(data_, other.data_);
+        std::swap(size_, other.size_);
+        std::swap(capacity, other.capacity);
     }
 
     /// First element; null if nothing is allocated.

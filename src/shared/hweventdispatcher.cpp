@@ -90,6 +90,12 @@ void HwEventDispatcher::setEvent(unsigned int type, long data, bool async)
     deliver(lock, type, data);
 }
 
+void HwEventDispatcher::awaitDelivery()
+{
+    Lock lock(sync);
+    changed.wait(lock, [this] { return !othersDeliver() && (!eventPending || !running); });
+}
+
 void HwEventDispatcher::setFunc(EventFunc newFunc, void* user)
 {
     const Lock lock(sync);

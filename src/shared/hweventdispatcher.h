@@ -35,6 +35,9 @@ public:
     /// One that the worker has still to take comes first. Without a callback it does nothing.
     virtual void setEvent(unsigned int type, long data, bool async);
 
+    /// Waits until the worker has delivered what it was given. Not to be run from the callback.
+    void awaitDelivery();
+
     /// Sets the callback and what it gets as `user`; null for none. May be called at any time: it does not wait for a
     /// callback in progress, which still has the former pair.
     void setFunc(EventFunc newFunc, void* user);

@@ -49,7 +49,9 @@ public:
     {
         ThreadLock copyLock(&copySync);
         ThreadLock streamLock(&streamSync);
-        takeOver();
+        std::copy_n(stream.data(), stream.size(), copied.data());
+        copiedMissing = missing;
+        fresh = false;
     }
     /// The same, unless the frame was taken over before: then the stream may hold a part of the next one. Whether it
     /// was taken over now.
@@ -58,8 +60,12 @@ public:
         ThreadLock copyLock(&copySync);
         ThreadLock streamLock(&streamSync);
         const bool taken = fresh;
+        // What the copy held is of no use any more, and the stream is filled anew: they change places.
         if (taken)
-            takeOver();
+            stream.swap(copied);
+        if (taken)
+            copiedMissing = missing;
+        fresh = false;
         return taken;
     }
     /// Bytes that have not come of the frame in the copy.
@@ -83,13 +89,6 @@ public:
     }
 
 private:
-    void takeOver()
-    {
-        std::copy_n(stream.data(), stream.size(), copied.data());
-        copiedMissing = missing;
-        fresh = false;
-    }
-
     ThreadSyncObject streamSync;
     ThreadSyncObject copySync;
     Buffer<unsigned char> stream{0, false}; ///< guarded by streamSync

@@ -31,6 +31,8 @@ public:
         beforeFrame = hook;
         frameOwner = owner;
     }
+    /// The same behind the callback.
+    void setBehindFrame(void (*hook)(void*)) { behindFrame = hook; }
     /// In order with all other events that go this way; `throughWorker` on the dispatcher's thread.
     void send(unsigned event, long data, bool throughWorker) { worker.setEvent(event, data, throughWorker); }
     /// At once on this thread, beside the order of the others.
@@ -50,10 +52,12 @@ private:
             called = self->func;
             calledUser = self->user;
         }
-        if (called == nullptr)
-            return;
-        const SeriesLife::Callback callback(self->life);
-        contained([&] { called(event, data, calledUser); });
+        if (called != nullptr) {
+            const SeriesLife::Callback callback(self->life);
+            contained([&] { called(event, data, calledUser); });
+        }
+        if (event == HWEVENT_FRAME_READY && self->behindFrame != nullptr)
+            self->behindFrame(self->frameOwner);
     }
 
     SeriesLife& life;
@@ -61,6 +65,7 @@ private:
     dv::EventFunc func = nullptr; ///< sync
     void* user = nullptr;         ///< sync
     void (*beforeFrame)(void*) = nullptr;
+    void (*behindFrame)(void*) = nullptr;
     void* frameOwner = nullptr;
     HwEventDispatcher worker;
 };

@@ -172,6 +172,17 @@ public:
     /// Tells the host of a change by HWEVENT_BUSY_CHANGED.
     void setBusy(bool value);
     virtual int copyMatrixStreamToSecondBuffer();
+    // For a composite that drives the exposures
+    /// Whether a composite's series runs: then nothing but that touches the stream buffers, and a stop cuts a recovery.
+    void setDriven(bool isDriven) { storeFlag(driven, isDriven); }
+    /// Whether the temperature protection has tripped.
+    bool isOverheated() const { return loadFlag(overheated); }
+    /// What the stream buffer holds becomes the frame that is announced.
+    void announceMatrix() { buffers.announce(streamMissing); }
+    /// Takes the announced frame over into the second buffer, unless that was done before. Whether it was done now.
+    bool takeAnnouncedMatrix() { return buffers.copyAnnounced(); }
+    /// Bytes that have not come of the frame in the second buffer.
+    std::size_t missingBytes() const { return buffers.copyMissing(); }
     int startAcquisition(unsigned count, double seconds) override;
     /// Works in every state, also where it is refused: without chips, or with chips that are switched off, the series
     /// ends all the same.
@@ -387,6 +398,7 @@ protected:
     SoftTrigger softTrigger;
     mutable DoubleBuffer buffers;
     std::vector<unsigned char> spareStream; ///< a frame that makes way for others on the link; the series' thread
+    std::size_t streamMissing = 0;          ///< bytes that a composite's frame lacks; the series' thread
 
     Link link{report};
     std::unique_ptr<IBFlashFpx<CmdMgr>> ibFlash; ///< lives as long as the parameters that call it
@@ -420,6 +432,7 @@ protected:
     bool busy = false;
     bool acquiring = false;      ///< polled: between the first step of a series' thread and its last event
     bool frameAnnounced = false; ///< polled: the series has handed over a frame
+    bool driven = false;         ///< polled: a composite runs a series
     bool halfStopped = false;    ///< polled: an exposure in two halves is to end
     bool closing = false;        ///< polled: the device is being closed
     double closingSince = 0.0;   ///< when that has begun; the closing thread's, as the next one

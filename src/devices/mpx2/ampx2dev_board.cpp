@@ -291,7 +291,7 @@ bool AMpx2Dev::reconnect()
 /// Whether a recovery is to end at its next step: its series is to end, or the device.
 bool AMpx2Dev::recoveryCut() const
 {
-    return loadFlag(closing) || (loadFlag(acquiring) && life.stopped());
+    return loadFlag(closing) || (loadFlag(acquiring) && life.stopped()) || (loadFlag(driven) && loadFlag(halfStopped));
 }
 
 int AMpx2Dev::deviceStatus() const

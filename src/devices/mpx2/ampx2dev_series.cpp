@@ -430,7 +430,7 @@ int AMpx2Dev::readChipsNow(unsigned short* matrix, std::size_t size, bool conver
 void AMpx2Dev::discardMatrix()
 {
     StreamCount count;
-    if (!loadFlag(acquiring)) {
+    if (!loadFlag(acquiring) && !loadFlag(driven)) {
         buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
         return;
     }

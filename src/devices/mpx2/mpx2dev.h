@@ -72,6 +72,10 @@ public:
     /// Brings the raw stream of all chips into the stream buffer, and leaves the counters cleared. Fails for a short
     /// stream.
     virtual int readMatrixFromDevice();
+    /// The same into a spare buffer, for a composite whose frame makes way for others.
+    int readMatrixAside();
+    /// Brings that stream into the stream buffer.
+    void takeAside();
 
     // Series (mpx2dev_acq.cpp)
     /// An exposure in two halves, for a composite that starts all members first; no trigger. Returns the result of the
@@ -104,6 +108,8 @@ private:
     bool moduleAnswers(int module, const std::array<unsigned char, 16>& pattern) const;
 
     // Matrices
+    template <typename Read>
+    int readForComposite(Read read);
     int readModules(std::span<unsigned char> stream);
     int readModule(const Mpx2Readout& readout, std::span<unsigned char> stream);
     int readAllModules(std::span<unsigned char> stream);

@@ -34,13 +34,37 @@ int Mpx2Dev::eraseMatrix()
 
 int Mpx2Dev::readMatrixFromDevice()
 {
+    return readForComposite(
+        [this](StreamCount& count) {
+            return buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+        });
+}
+
+int Mpx2Dev::readMatrixAside()
+{
+    spareStream.resize(buffers.size());
+    return readForComposite([this](StreamCount& count) { return readStream(spareStream, count); });
+}
+
+void Mpx2Dev::takeAside()
+{
+    buffers.receive([this](std::span<unsigned char> stream) {
+        std::copy_n(spareStream.begin(), std::min(spareStream.size(), stream.size()), stream.begin());
+    });
+}
+
+template <typename Read>
+int Mpx2Dev::readForComposite(Read read)
+{
     if (requireChips() != 0)
         return 1;
     const DeviceTurn turn = operationTurn();
     if (turn.require() != 0)
         return 1;
     StreamCount count;
-    return buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+    const int result = read(count);
+    streamMissing = count.missing();
+    return result;
 }
 
 /// A stream that comes short is a failure here, so that there is nothing to count.

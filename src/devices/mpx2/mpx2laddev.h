@@ -1,28 +1,25 @@
 // Several Medipix2 or Timepix boards as one detector.
 #pragma once
 
+#include "devices/common/workteam.h"
 #include "devices/mpx2/mpx2dev.h"
 #include "devices/mpx2/mpx2lad.h"
 
 #include <atomic>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace HwLatixel {
 
-/// One member's read in a thread of its own.
-struct ThreadObject {
-    Mpx2Dev* dev;
-    int result = 0;                    ///< of the read; written before `finished` is set
-    std::atomic<bool> finished{false}; ///< the thread has ended
-};
-
 /// A composite of Medipix2 or Timepix boards, which drives each frame itself: it opens the shutters one after the
 /// other, waits for all of them, reads all streams, and hands over one frame. Members have no series of their own.
 ///
-/// A series has a detached thread, which holds `devSync` for the whole of a frame, so that configuration calls wait for
-/// its end. The host's read of a frame copies the members' streams and decodes the copies, while the next frame is
+/// A series has a detached thread, which has the composite's turn from the first start command of a frame to the last
+/// byte of its streams. With the parameter "ParallelReadout" it has one more thread for each further member as long as
+/// it lasts, which work in that turn; then a short exposure also begins before the host's handler of the frame before
+/// has returned. The host's read of a frame takes the members' streams over and decodes them while the next frame is
 /// exposed.
 class Mpx2LadDev : public Mpx2Lad<Mpx2Dev> {
 public:
@@ -31,57 +28,70 @@ public:
                std::vector<std::string> names);
     ~Mpx2LadDev() override;
 
-    /// Brings all members up, which takes some seconds for each. -1 without a chip.
+    /// Brings all members up, which takes some seconds for each. -1 without a chip. Chips of both kinds count as
+    /// Timepix chips.
     int initDevice() override;
 
-    /// As `LadDev`, unless a frame is under way: after 100 ms of waiting the last status comes back.
-    int deviceStatus() const override;
-    const char* deviceStatusText() const override;
-
-    // These wait for the end of a frame, whose answers they would take else
-    double adcValue(unsigned index) const override;
-    int resetMedipix() override;
-    int eraseMatrix() override;
-    int setBias(double volts) override;
-    int setMpx2Dacs(const unsigned short* dacs, std::size_t size, int chip, int senseChip, int senseDac, int extDac,
-                    unsigned ctpr) override;
-    int setPixelCfg(const unsigned char* cfg, std::size_t size) override;
-    int writeMatrix(const unsigned short* data, std::size_t size, bool convert) override;
     /// Sends the pre-shutter clocks of the parameters to the members as well.
     int setTimepixClock(double* mhz) override;
 
-    // Matrices and series. A stop waits for nothing; a series that waits for the reader of the frame before goes on
-    // waiting.
+    // Matrices and series (mpx2laddev_series.cpp)
+    /// From the first frame event of a series to its last event the frame announced last, else what the chips hold.
     int readMatrix(unsigned short* data, std::size_t size, bool convert) override;
+    dv::IMpxFrame* lastData() override;
     int startAcquisition(unsigned count, double time) override;
     void acqFunc() override;
 
 protected:
     std::unique_ptr<Mpx2Dev> makeMember(const std::string& name, const std::string& biasType) override;
-    void dismissSeries() override;
 
 private:
     /// How one attempt at a frame ended.
-    enum class Pass { Taken, Again, Stopped, Lost };
+    enum class Pass { Taken, Again, Stopped, Lost, Overheated };
 
     void loadSettings();
+    void findChipKind();
+
+    int readMatrixCounting(unsigned short* data, std::size_t size, bool convert, std::size_t& missing);
+    int readChipsNow(unsigned short* data, std::size_t size, bool convert, std::size_t& missing);
+    bool givesAnnouncedFrame() const;
+    void takeAnnouncedFrame();
+
     int prepareAcq();
+    int completeRecoveries();
+    void openSeries();
+    Pass runFrames();
+    void closeSeries(Pass last);
     Pass takeFrame();
-    template <typename Step>
-    Pass stepAllMembers(Step step);
+    Pass startExposures();
+    void cutExposures(std::size_t started);
+    Pass awaitExposures();
+    Pass awaitAndRead();
+    Pass readAside(SeriesTurn& turn);
+    Pass readMatrixesFromDevices(int (Mpx2Dev::*readStreams)(), bool readerCame);
+    bool readWorked(std::size_t index, int result);
+    Pass repeatRead(bool readerCame);
+    template <typename Interrupted>
+    bool awaitReader(Interrupted interrupted);
+    bool anyOverheated() const;
     void announceFrame(unsigned index, bool last);
-    int readMatrixesFromDevices();
-    int readInSequence();
-    int readInParallel();
-    static void readThread(void* object);
+    static void placeFrame(void* lad);
+    static void goOnBehindFrame(void* lad);
+    Pass recoverMember(std::size_t index);
     int recoverDevice(Mpx2Dev& member);
+    WorkTeam& readers();
 
     Event matrixRead{false, false, "matrixRead"}; ///< the streams have been taken over; the next may be read
-    bool parallelReadout = false;  ///< of the parameter "ParallelReadout", as last looked at; the series' thread
-    int preShutterClockCount = 10; ///< of the parameters, as last looked at; the host's thread
+    ThreadSyncObject takeSync;                    ///< the announced frame is taken over, or put in place, as a whole
+    ThreadSyncObject decodeSync;                  ///< one reader's frame stays in the second buffers until it is decoded
+    std::unique_ptr<WorkTeam> team;               ///< the series' thread
+    std::set<Mpx2Dev*> unrecovered;  ///< a stop has cut their recovery; who starts the next series, or the series
+    bool parallelReadout = false;    ///< of the parameter "ParallelReadout", as last looked at; as `unrecovered`
+    bool frameAnnounced = false;     ///< polled: the series has handed over a frame
+    std::atomic<bool> busyFollows{false}; ///< behind the frame event under way `busy` becomes true
+    int preShutterClockCount = 10; ///< of the parameters, as last looked at; the turn, as the next two
     int preShutterClockDivider = 2;
     int preShutterDelayClockCount = 10;
-    mutable std::atomic<int> lastStatus{0};
     std::atomic<double> timepixClock{10.0}; ///< MHz, as the last member left it
 };
 

@@ -4,6 +4,7 @@
 #include "board/adcscale.h"
 #include "chipdata/bits.h"
 #include "chipdata/mpx2dacs.h"
+#include "chipdata/mpx2matrix.h"
 #include "chipdata/mpx2pixelcfg.h"
 #include "devices/common/devicename.h"
 #include "shared/fileops.h"
@@ -24,6 +25,8 @@ constexpr double TEST_PAUSE = 0.1;      ///< seconds
 constexpr int TEST_ROUNDS = 10;
 constexpr double RESET_PAUSE = 0.1; ///< seconds
 constexpr double DACS_PAUSE = 0.05; ///< seconds that the chips need behind new DACs
+
+constexpr double CLOSE_LIMIT = 2.5; ///< seconds from the first step of closing on
 
 constexpr int MAX_MODULES = 256;   ///< values of the module switch
 constexpr double MAX_DELAY = 60.0; ///< seconds; keeps a nonsense setting from holding up the host
@@ -116,13 +119,25 @@ int UMpx2Dev::initDevice()
     return 0;
 }
 
+void UMpx2Dev::beginClosing()
+{
+    storeFlag(stopRequested, true);
+    if (ftdi != nullptr)
+        ftdi->startClosing(CLOSE_LIMIT);
+}
+
 int UMpx2Dev::closeDevice()
 {
-    if (ftdi != nullptr)
-        ftdi->setBitMode(FtdiBitModeBitBang);
-    dropLink();
+    beginClosing();
     storeFlag(noChip, true);
     storeFlag(connected, false);
+    // A stop may still be on its way.
+    ThreadLock lock(&devSync);
+    if (ftdi != nullptr) {
+        const FtdiDev::ClosingCalls own(*ftdi);
+        ftdi->setBitMode(FtdiBitModeBitBang);
+    }
+    dropLink();
     return 0;
 }
 
@@ -208,6 +223,11 @@ int UMpx2Dev::getFrequencies()
 
 // ---- Commands ----
 
+int UMpx2Dev::refuseNull() const
+{
+    return logError(1, "No place for a result, or no data, given.");
+}
+
 int UMpx2Dev::requireChips() const
 {
     return loadFlag(connected) && !loadFlag(noChip) ? 0 : logError(1, "Device not connected or no chip");
@@ -266,8 +286,10 @@ int UMpx2Dev::readChipInfo()
         return logError(result, "Cannot read chip count (%s)", linkError());
     chipsPerModule = ack[2] & 0x1F;
     for (int module = 0; module < moduleCount; ++module) {
-        if (const int result = readModuleIds(module); result != 0)
+        if (const int result = readModuleIds(module); result != 0) {
+            chipIdList.clear();
             return result;
+        }
     }
     chipTotal = chipsPerModule * moduleCount;
     for (std::size_t i = 0; i < chipIdList.size(); ++i) {
@@ -345,6 +367,8 @@ int UMpx2Dev::setInterfaceDac(char dac, double volts)
 
 int UMpx2Dev::setTimepixClock(double* mhz)
 {
+    if (mhz == nullptr)
+        return refuseNull();
     ThreadLock lock(&devSync);
     if (timepixFrequency == 0)
         return logError(-1, "Device frequencies unknown");
@@ -384,6 +408,8 @@ int UMpx2Dev::getADC(unsigned char channel, unsigned short* value) const
 
 int UMpx2Dev::analogValue(unsigned, double* value)
 {
+    if (value == nullptr)
+        return refuseNull();
     const AdcKind& adc = newBoard ? NEW_ADC : OLD_ADC;
     unsigned short code = 0;
     getADC(adc.senseChannel, &code);
@@ -421,7 +447,8 @@ int UMpx2Dev::setDACs(const unsigned short* dacs, unsigned long size, char* stre
     if (dacs == nullptr || size < perModule || chipsPerModule == 0)
         return -1;
     for (int module = 0; module < moduleCount; ++module) {
-        if (chip >= 0 && chip / chipsPerModule != module)
+        // -1 alone stands for all; no chip has another negative number.
+        if (chip != -1 && (chip < 0 || chip / chipsPerModule != module))
             continue;
         switchModule(module, true);
         std::vector<unsigned char> block(static_cast<std::size_t>(chipsPerModule) * MPX2_DAC_STREAM_SIZE, 0xFF);
@@ -444,9 +471,13 @@ int UMpx2Dev::setDACs(const unsigned short* dacs, unsigned long size, char* stre
 
 int UMpx2Dev::setPixelCfg(const unsigned char* cfg, unsigned long size)
 {
-    std::vector<unsigned short> words(size);
-    pixelCfgToMatrixMpx2(cfg, size, timepix, words.data());
-    return writeMatrix(words.data(), size, false);
+    if (requireChips() != 0)
+        return 1;
+    if (cfg == nullptr)
+        return refuseNull();
+    std::vector<unsigned short> words(std::min(size, static_cast<unsigned long>(chipTotal) * MPX2_CHIP_PIXELS));
+    pixelCfgToMatrixMpx2(cfg, words.size(), timepix, words.data());
+    return writeMatrix(words.data(), words.size(), false);
 }
 
 // ---- Reports ----

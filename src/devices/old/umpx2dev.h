@@ -36,8 +36,8 @@ public:
     /// open or the board does not answer.
     virtual int initDevice();
     virtual int closeDevice();
-    /// Marks the board as closing, without waiting: a wait for a frame ends.
-    void beginClosing() { storeFlag(stopRequested, true); }
+    /// Marks the board as closing, without waiting: what uses the link ends at its next step. `closeDevice` follows.
+    void beginClosing();
     virtual int resetMedipix();
     virtual int eraseMatrix();
     /// Volts at the analog sense output, whatever `chip` says. Returns 0, also where the read failed.
@@ -46,11 +46,12 @@ public:
     virtual int setBias(double volts);
     /// Sets timer and measurement settings, and clears the counters unless they are clear.
     virtual int prepareAcquisition(double seconds);
+    /// Behind a stop, nothing is started.
     virtual int startAcquisition();
     virtual int stopAcquisition();
     /// Waits for the start and the end of a frame. A stop ends the wait with 0.
     virtual int waitForAcqFinish();
-    /// 14 values for each chip; `chip` -1 sets all modules, any other that chip's module. The number of values is
+    /// 14 values for each chip; `chip` -1 sets all modules, any other that chip's module, if there is one. The number of values is
     /// compared with one module's; where the array ends before the last module does, zeros are sent.
     virtual int setMpx2Dacs(const unsigned short* dacs, unsigned long size, int chip, int senseChip, int senseDac,
                             int extDac, unsigned ctpr);
@@ -104,6 +105,7 @@ private:
     static constexpr double TICKS_PER_MHZ = 1e6; ///< of the shutter timer, in one second
 
     int requireChips() const;
+    int refuseNull() const;
     int command(unsigned char code, unsigned char p0, unsigned char p1, unsigned char p2, char* ack = nullptr) const;
     int transfer(unsigned char code, std::span<unsigned char> out, std::span<unsigned char> in) const;
     int switchModule(int index, bool useMap);

@@ -13,6 +13,7 @@ namespace HwLatixel {
 namespace {
 
 constexpr double BREAK_TIMEOUT = 0.5;       ///< seconds
+constexpr unsigned STOP_PATIENCE_MS = 1000; ///< for an exchange in progress
 constexpr double START_TIMEOUT = 1.0;       ///< seconds until a frame has begun
 constexpr double END_GRACE = 2.0;           ///< seconds that the end of a frame may come late
 constexpr double WAIT_UNLIMITED = 1e100;    ///< seconds; an external trigger may hold a frame up for ever
@@ -28,6 +29,8 @@ int UMpx2Dev::writeMatrix(const unsigned short* data, unsigned long size, bool c
 {
     if (requireChips() != 0)
         return 1;
+    if (data == nullptr)
+        return refuseNull();
     logBanner(DBG, "WRITE MATRIX");
     ThreadLock lock(&devSync);
     erased = false;
@@ -113,6 +116,8 @@ int UMpx2Dev::prepareAcquisition(double seconds)
 {
     if (requireChips() != 0)
         return 1;
+    if (!(seconds >= 0))
+        return logError(1, "Invalid acquisition time (%g s).", seconds);
     ThreadLock lock(&devSync);
     storeFlag(stopRequested, false);
     lastAcqTime = seconds;
@@ -134,6 +139,10 @@ int UMpx2Dev::startAcquisition()
     if (requireChips() != 0)
         return 1;
     logBanner(DBG, "START ACQUISITION");
+    ThreadLock lock(&devSync);
+    // Behind a stop's BREAK nothing is started.
+    if (loadFlag(stopRequested))
+        return 0;
     if (command(oldcmd::MEAS_START, MEAS_START_WORD, 0, 0) != 0)
         return logError(-2, "Starting acq. failed (%s)", linkError());
     return 0;
@@ -143,6 +152,9 @@ int UMpx2Dev::waitForAcqFinish()
 {
     if (requireChips() != 0)
         return 1;
+    // Nothing comes any more but the answer to a stop.
+    if (loadFlag(stopRequested))
+        return 0;
     const auto is = [](char* params, unsigned char value) {
         return CmdMgrOld::frameEquals(params, value, value, value);
     };
@@ -151,7 +163,9 @@ int UMpx2Dev::waitForAcqFinish()
     char params[3] = {};
     cmdMgr->waitForFrame(oldcmd::MEAS_STATUS, params, extStart ? WAIT_UNLIMITED : START_TIMEOUT, &stopRequested, false,
                          extStart);
-    if (!is(params, measstatus::STARTED) && !loadFlag(stopRequested))
+    if (loadFlag(stopRequested))
+        return 0;
+    if (!is(params, measstatus::STARTED))
         return logError(-3, "Acquisition timeout (%s)", linkError());
     const double timeout = extStop ? WAIT_UNLIMITED : acqTime + END_GRACE;
     const int result = cmdMgr->waitForFrame(oldcmd::MEAS_STATUS, params, timeout, &stopRequested, false,
@@ -163,11 +177,18 @@ int UMpx2Dev::waitForAcqFinish()
 
 int UMpx2Dev::stopAcquisition()
 {
-    if (requireChips() != 0)
-        return 1;
     // Before the lock, so that a wait in progress ends.
     storeFlag(stopRequested, true);
-    ThreadLock lock(&devSync);
+    if (requireChips() != 0)
+        return 1;
+    // A start that is under way gets its answer first.
+    const ThreadLockTimeout lock(&devSync, STOP_PATIENCE_MS);
+    if (!lock.locked())
+        return logError(1, "Device is busy");
+    if (cmdMgr == nullptr)
+        return logError(1, "Device not connected");
+    // The wait for the frame's end leaves the answer to this thread.
+    const CmdMgrBase::Exchange whole(*cmdMgr);
     cmdMgr->sendFrame(oldcmd::MEAS_BREAK, 0, 0, 0);
     char params[3] = {};
     cmdMgr->skipAllDataUntilFrame(oldcmd::MEAS_BREAK, params, BREAK_TIMEOUT);

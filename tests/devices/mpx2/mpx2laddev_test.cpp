@@ -4,6 +4,8 @@
 
 #include "devices/mpx2/mpx2laddev.h"
 
+#include <limits>
+
 using namespace support;
 
 namespace {
@@ -69,7 +71,10 @@ TEST_F(Mpx2Lad, DacsClocksAndStatusGoToTheirMembers)
         dac = static_cast<unsigned short>(dac + 10);
     ASSERT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), 3, 3, 6, 0, 0), 0);
     expectChips({1, 2, 13, 14}, {5, 0, 0, 6}); // a member loads all of its chips
-    EXPECT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), 9, 0, 0, 0, 0), 0);
+    sim::clearTraffic();
+    for (const int chip : {9, -2, std::numeric_limits<int>::min()})
+        EXPECT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), chip, 0, 0, 0, 0), 0);
+    EXPECT_TRUE(sim::written(0).empty() && sim::written(1).empty()) << "there are no such chips";
     EXPECT_EQ(bench.setDacs(Lad::Pixels(2 * DACS), 2), 0) << "a single chip fails silently";
     EXPECT_EQ(bench.errors->take(), Strings{});
 
@@ -84,6 +89,56 @@ TEST_F(Mpx2Lad, DacsClocksAndStatusGoToTheirMembers)
         });
     EXPECT_EQ(bench->setBias(20), 0);
     expectAdcAndStatus();
+}
+
+TEST_F(Mpx2Lad, ArgumentsThatNoDeviceTakes)
+{
+    constexpr double NAN_TIME = std::numeric_limits<double>::quiet_NaN();
+    const std::vector<std::function<int()>> calls = {
+        [&] { return bench->setMpx2Dacs(nullptr, 56, -1, 0, 0, 0, 0); },
+        [&] { return bench->setPixelCfg(nullptr, 4 * CHIP); },
+        [&] { return bench->writeMatrix(nullptr, 4 * CHIP, true); },
+        [&] { return bench->readMatrix(nullptr, 4 * CHIP, true); },
+        [&] { return bench->setTimepixClock(nullptr); },
+        [&] { return bench->devMpx2Info(nullptr); },
+        [&] { return bench->analogValue(0, nullptr); },
+        [&] { return bench->startAcquisition(1, NAN_TIME); },
+        [&] { return bench->startAcquisition(1, -1); },
+        [&] { return bench->startAcquisition(1, 1e9); },
+    };
+    for (const auto& call : calls)
+        EXPECT_EQ(call(), 1) << &call - calls.data();
+    const std::vector<unsigned char> cfg(4 * CHIP);
+    EXPECT_EQ(bench->setPixelCfg(cfg.data(), std::size_t{1} << 60), 0) << "as much as there are pixels";
+    EXPECT_TRUE(bench->isTimepix());
+}
+
+TEST(Mpx2LadBringUp, ChipsOfAllMembersDecideTheKind)
+{
+    struct Case {
+        bool first;
+        bool second;
+        bool told;
+    };
+    for (const auto& [first, second, told] : {Case{false, false, false}, Case{true, false, true}}) {
+        nlohmann::json both = boards(2, {1});
+        both[0].update(nlohmann::json{{"chip", first ? "timepix" : "medipix2"}});
+        both[1].update(nlohmann::json{{"chip", second ? "timepix" : "medipix2"}});
+        BroughtUp<Lad> lad(both);
+        EXPECT_EQ(lad->isTimepix(), told);
+        EXPECT_EQ(lad.logged("Members with Medipix2 and with Timepix chips"), told);
+        if (told)
+            continue;
+        // 15 DACs for each chip, and the other pixel map.
+        std::vector<unsigned short> dacs(30, 3);
+        dacs[15] = 7;
+        EXPECT_EQ(lad.setDacs(dacs), 0);
+        EXPECT_EQ(lad.setPixelCfg(std::vector<unsigned char>(2 * Lad::CHIP, 3)), 0);
+        lad.board(1, [](sim::Mpx2Board& board) {
+            EXPECT_EQ(board.chip(0).dac(0), 7);
+            EXPECT_EQ(board.chip(0).configuration().back(), 0x0001);
+        });
+    }
 }
 
 TEST_F(Mpx2Lad, MatricesOfAllMembers)
@@ -187,28 +242,132 @@ TEST_F(Mpx2Lad, StopInEachState)
         expectStops();
         expectNextSeriesWorks();
     }
-    // During a recovery: it is not forgotten, whatever the preparation of the member resets.
-    sim::addFault(1, readsFail(1000));
-    startAndExpose(100, 0.001, 2);
-    expectStop();
-    sim::clearFaults(1);
 }
 
 TEST_F(Mpx2Lad, HostPacesTheSeries)
 {
-    startWithoutReader();
-    bench->stopAcquisition();
-    sleepMs(400);
-    EXPECT_EQ(bench.events->seen(), (Events{{READY, 0}})) << "a stop does not end this wait";
-    EXPECT_TRUE(bench->isConnected());
-    // Polls don't hang behind the frame, and don't spoil it.
+    for (const int parallel : {0, 1}) {
+        SCOPED_TRACE(parallel);
+        bench.set("ParallelReadout", parallel);
+        startWithoutReader();
+        readTooLittle();
+        ASSERT_TRUE(soon([&] { return bench.events->seen().size() == 2; }));
+        bench->stopAcquisition(); // the next frame is exposed, and nobody takes this one
+        // A start right behind a stop waits for what is left of the series.
+        takeFrames();
+        expectSeries(2, 0.02);
+    }
+}
+
+TEST_F(Mpx2Lad, OperationsBeforeTheFrameIsTakenOrBesideDoNotHarmTheFrames)
+{
+    const std::vector<unsigned short> dacs(4 * DACS, 9);
+    double mhz = 10;
+    const std::vector<std::function<bool()>> operations = {
+        [&] { return bench->adcValue(17) >= 0; },
+        [&] { return bench->setBias(20) == 0; },
+        [&] { return bench->eraseMatrix() == 0; },
+        [&] { return bench->resetMedipix() == 0; },
+        [&] { return bench->setTimepixClock(&mhz) == 0; },
+        [&] { return bench->setDacs(dacs.data(), dacs.size(), -1) == 0; },
+        [&] { return bench->deviceStatus() == 0; },
+    };
+    const auto count = static_cast<unsigned>(operations.size());
+    for (const int parallel : {0, 1}) {
+        SCOPED_TRACE(parallel);
+        bench.set("ParallelReadout", parallel);
+        bench.events->onFrame = [&](long i) {
+            EXPECT_TRUE(operations[static_cast<std::size_t>(i)]()) << i << ": " << bench->lastError();
+            frames.push_back(bench.frame());
+            sleepMs(30); // the next frame is on its way
+            EXPECT_TRUE(bench.frame() == frames.back()) << "a second read is of the same frame";
+        };
+        expectSeries(count, 0.02);
+        // From another thread, on a series whose frames nobody takes for a while.
+        takeFrames(30);
+        start(20, 0.02);
+        std::size_t calls = 0;
+        while (bench.events->seen().empty() || bench.events->seen().back() != Seen{FINISHED, 0})
+            EXPECT_TRUE(operations[calls++ % count]()) << bench->lastError();
+        ASSERT_EQ(frames.size(), 20U);
+        for (const auto& frame : frames)
+            expectBlocks(frame, 2, 2, 20);
+        EXPECT_GT(calls, 10U);
+    }
+}
+
+TEST_F(Mpx2Lad, AnnouncedFrameStaysUntilTheLastEvent)
+{
+    std::vector<Lad::Pixels> taken;
+    bench.events->onEvent = [&](unsigned event) {
+        if (event == READY) {
+            EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
+            EXPECT_STREQ(bench->lastError(), "Acquisition is running");
+            bench->stopAcquisition();
+            sleepMs(50); // the series has seen it
+        }
+        if (event == READY || event == ABORTED)
+            taken.push_back(bench.frame());
+    };
+    bench.events->onFrame = nullptr;
+    run(100, 0.02);
+    bench.events->onEvent = nullptr;
+    ASSERT_EQ(taken.size(), 2U);
+    expectBlocks(taken[0], 2, 2, 20);
+    EXPECT_TRUE(taken[1] != taken[0]) << "behind the series the chips are read";
+    // From the last event the next series begins.
+    bench.events->onEvent = [&, left = 2](unsigned event) mutable {
+        if (event == FINISHED && left-- > 0) {
+            EXPECT_EQ(bench->startAcquisition(1, 0.02), 0) << bench->lastError();
+        }
+    };
+    start(1, 0.02);
+    EXPECT_TRUE(soon([&] { return std::ranges::count(bench.events->seen(), Seen{FINISHED, 0}) == 3; }));
+    bench.events->onEvent = nullptr;
+}
+
+TEST_F(Mpx2Lad, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
+{
+    start(100000, 0.02);
+    ASSERT_TRUE(bench.events->waitFor({READY}));
+    EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
     sim::addFault(0, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
-    EXPECT_EQ(bench->deviceStatus(), 0);
-    EXPECT_STREQ(bench->deviceStatusText(), "");
+    EXPECT_TRUE(soon([&] {
+        return bench->deviceStatus() == 1 && bench->deviceStatusText() == std::string("warm") && bench->adcValue(17) > 0;
+    }));
     sim::clearFaults(0);
-    readTooLittle();
+    EXPECT_EQ(bench.errors->take(), Strings{});
+    sim::addFault(1, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
+    EXPECT_TRUE(soon([&] { return bench->deviceStatus() == 2; }));
     ASSERT_TRUE(bench.events->waitForEnd());
-    EXPECT_EQ(bench.events->seen().back(), (Seen{ABORTED, 0}));
+    const auto seen = bench.events->seen();
+    EXPECT_EQ((Events{seen.end() - 2, seen.end()}), (Events{{FAILED, -1037}, {ABORTED, 0}}));
+    EXPECT_FALSE(bench->isBusy());
+    const Strings errors = bench.errors->take();
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_TRUE(errors[0].starts_with("Maximal allowed temperature exceeded !")) << "a member's, for the host";
+    for (const auto& frame : frames)
+        expectBlocks(frame, 2, 2, 20);
+    sim::clearFaults(1);
+    bringUp();
+}
+
+TEST_F(Mpx2Lad, StopInARecoveryEndsTheSeriesAndTheNextOneMakesUpForIt)
+{
+    for (const int back : {1, 0}) {
+        SCOPED_TRACE(back);
+        sim::addFault(1, behind(START, {{"kind", "unplug"}}, 2));
+        start(100, 0.02);
+        ASSERT_TRUE(soon([&] { return std::ranges::count(bench.errors->take(), reconnecting(1)) > 0; }));
+        expectStop();
+        sim::clearFaults(1);
+        if (back == 0) {
+            EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
+            EXPECT_FALSE(bench->isBusy());
+        }
+        sim::plug(1);
+        expectNextSeriesWorks();
+    }
 }
 
 TEST_F(Mpx2Lad, CloseDuringASeries)

@@ -4,7 +4,11 @@
 #include "devices/common/ladbench.h"
 #include "sim/boards/oldboard.h"
 
+#include <atomic>
+#include <cmath>
+#include <functional>
 #include <numeric>
+#include <thread>
 
 namespace {
 
@@ -136,6 +140,102 @@ TEST_F(OldDetector, StopEndsALongFrameAndTheNextSeriesWorks)
     sleepMs(300);
 }
 
+TEST_F(OldDetector, BehindAStopNothingIsStarted)
+{
+    for (int i = 0; i < 20; ++i) {
+        commands(0);
+        start(5, 60.0);
+        sleepMs(i % 5);
+        const auto begin = Clock::now();
+        EXPECT_EQ(bench->stopAcquisition(), 0);
+        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(10));
+        ASSERT_TRUE(bench.events->waitForEnd());
+        EXPECT_EQ(bench.events->seen().back(), (Seen{ABORTED, 0})) << i;
+        const Strings lines = commands(0);
+        const auto stopped = std::ranges::find(lines, "55 23 00 00 00 23 ");
+        EXPECT_NE(stopped, lines.end());
+        EXPECT_EQ(std::count(stopped, lines.end(), "55 22 40 00 00 62 "), 0) << i;
+    }
+}
+
+TEST_F(OldDetector, TurnStaysWithTheFrameEvent)
+{
+    std::atomic<bool> inHandler = false;
+    std::vector<std::jthread> others;
+    bench.events->onFrame = [&](long i) {
+        inHandler = true;
+        if (i == 0)
+            others.emplace_back([&] {
+                EXPECT_EQ(bench->eraseMatrix(), 0) << bench->lastError();
+                EXPECT_FALSE(inHandler) << "while the host takes its frame";
+            });
+        EXPECT_GE(bench->adcValue(0), 0.0) << "on this thread it is answered";
+        EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
+        sleepMs(100);
+        frames.push_back(bench.frame());
+        inHandler = false;
+    };
+    expectSeries(3, 0.05);
+    others.clear();
+    // Polls beside a series do not take the answers of its frames.
+    takeFrames();
+    start(50, 0.02);
+    while (bench.events->seen().empty() || bench.events->seen().back() != Seen{FINISHED, 0}) {
+        bench->adcValue(1);
+        if (bench.events->seen().size() > 60)
+            break;
+    }
+    EXPECT_EQ(bench.events->seen(), readyEvents(50, FINISHED));
+    for (const auto& frame : frames)
+        expectBlocks(frame, 2, 2, 20);
+}
+
+TEST_F(OldDetector, ArgumentsThatNoBoardTakes)
+{
+    commands(0);
+    const Bench::Pixels dacs(4 * 14);
+    const std::vector<std::function<int()>> calls = {
+        [&] { return bench->setMpx2Dacs(nullptr, 56, -1, 0, 0, 0, 0); },
+        [&] { return bench->setPixelCfg(nullptr, 4 * 65536); },
+        [&] { return bench->writeMatrix(nullptr, 4 * 65536, false); },
+        [&] { return bench->readMatrix(nullptr, 4 * 65536, true); },
+        [&] { return bench->setTimepixClock(nullptr); },
+        [&] { return bench->startAcquisition(1, -1.0); },
+        [&] { return bench->startAcquisition(1, std::nan("")); },
+    };
+    for (const auto& call : calls)
+        EXPECT_EQ(call(), 1) << &call - calls.data();
+    EXPECT_EQ(bench.setDacs(dacs, -2), 0) << "no chip has this number";
+    EXPECT_EQ(commands(0), Strings{});
+    HwLatixel::UMpx2Dev closed("MPX2 USB2 sn: 9 A", &bench.host, bench.folder.path(), "");
+    double volts = 0;
+    EXPECT_EQ(closed.eraseMatrix(), 1);
+    EXPECT_EQ(closed.stopAcquisition(), 1);
+    EXPECT_EQ(closed.waitForAcqFinish(), 1);
+    EXPECT_EQ(closed.resetDevice(), 1);
+    EXPECT_EQ(closed.analogValue(0, &volts), 0);
+    EXPECT_EQ(closed.closeDevice(), 0);
+}
+
+TEST_F(OldDetector, CloseDuringASeries)
+{
+    for (const bool mute : {false, true}) {
+        SCOPED_TRACE(mute);
+        if (mute)
+            for (std::size_t m = 0; m < 2; ++m)
+                sim::addFault(m, behind("55 22 40 00 00 62", {{"kind", "hang"}}));
+        bench.events->onFrame = nullptr;
+        start(5, 60.0);
+        ASSERT_TRUE(soon([] { return std::ranges::count(commands(0), "55 22 40 00 00 62 ") > 0; }));
+        const auto begin = Clock::now();
+        EXPECT_EQ(bench->closeDevice(), 0) << bench->lastError();
+        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(4));
+        for (std::size_t m = 0; m < 2; ++m)
+            sim::clearFaults(m);
+        bringUp();
+    }
+}
+
 TEST_F(OldDetector, FailuresHaveTextAndEvents)
 {
     struct Case {
@@ -181,6 +281,13 @@ TEST(OldBringUp, WorksWithThoseThatComeUp)
         EXPECT_TRUE(bench.logged(failed + "9 A failed: "));
         EXPECT_TRUE(bench.logged(failed + "0112 A failed: Device not responding"));
         EXPECT_EQ(bench.frame().size(), 2U * 65536);
+    }
+    {
+        // What the first module has told is not kept where the second one fails.
+        Bench bench(BOTH, SECTIONS);
+        sim::addFault(0, {{"kind", "refuse_data"}, {"command", "Write FSR"}, {"frames", 1}, {"when", {{"after_written", "55 68 01 01 01 69"}}}});
+        EXPECT_EQ(bench->initDevice(), 0);
+        EXPECT_EQ(bench.chipIds(), (Strings{"D04-W0062", "E04-W0062"}));
     }
     // Without their sections the boards have no modules, and so no chips.
     Bench bench(nlohmann::json::array({USB2}));
