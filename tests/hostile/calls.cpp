@@ -12,8 +12,6 @@ constexpr double START = 5.0 + OPERATION;
 constexpr double STOP = 1.0 + TIMES.back() + 0.5;
 constexpr double CLOSE = 3.0;
 
-constexpr unsigned ANYWHERE = 0;
-
 using Host = HostileHost;
 
 /// A state of a dimension, by the dice.
@@ -108,41 +106,41 @@ void look(Host& host, Dice&)
 }
 
 const Call CALLS[] = {
-    {"startAcquisition", START, ANYWHERE, start},
-    {"stopAcquisition", STOP, ANYWHERE, [](Host& h, Dice&) { h.dev().stopAcquisition(); }},
-    {"closeDevice", CLOSE, ANYWHERE, [](Host& h, Dice&) { h.close(); }},
-    {"setAcqMode", AT_ONCE, ANYWHERE, setAcqMode},
-    {"setDacs", OPERATION, ANYWHERE, setDacs},
-    {"setPixelCfg", OPERATION, ANYWHERE, setPixelCfg},
-    {"setConfig", OPERATION, ANYWHERE, setConfig},
-    {"writeMatrix", OPERATION, ANYWHERE, writeMatrix},
-    {"eraseMatrix", OPERATION, ANYWHERE, [](Host& h, Dice&) { h.dev().eraseMatrix(); }},
-    {"readMatrix", OPERATION, ANYWHERE, [](Host& h, Dice&) { h.subject().readMatrix(); }},
-    {"lastData", OPERATION, ANYWHERE, [](Host& h, Dice&) { h.takeFrame(); }},
-    {"resetMedipix", OPERATION, ANYWHERE, resetMedipix},
-    {"senseDac, clock", OPERATION, ANYWHERE, [](Host& h, Dice& d) { h.subject().operate(d(2)); }},
-    {"analogValue", OPERATION, ANYWHERE,
+    {"startAcquisition", START, start},
+    {"stopAcquisition", STOP, [](Host& h, Dice&) { h.dev().stopAcquisition(); }},
+    {"closeDevice", CLOSE, [](Host& h, Dice&) { h.close(); }},
+    {"setAcqMode", AT_ONCE, setAcqMode},
+    {"setDacs", OPERATION, setDacs},
+    {"setPixelCfg", OPERATION, setPixelCfg},
+    {"setConfig", OPERATION, setConfig},
+    {"writeMatrix", OPERATION, writeMatrix},
+    {"eraseMatrix", OPERATION, [](Host& h, Dice&) { h.dev().eraseMatrix(); }},
+    {"readMatrix", OPERATION, [](Host& h, Dice&) { h.subject().readMatrix(); }},
+    {"lastData", OPERATION, [](Host& h, Dice&) { h.takeFrame(); }},
+    {"resetMedipix", OPERATION, resetMedipix},
+    {"senseDac, clock", OPERATION, [](Host& h, Dice& d) { h.subject().operate(d(2)); }},
+    {"analogValue", OPERATION,
      [](Host& h, Dice&) {
          double volts = 0;
          h.dev().analogValue(0, &volts);
      }},
-    {"setBias", OPERATION, ANYWHERE, [](Host& h, Dice& d) { h.dev().setBias(10 + d(20)); }},
-    {"bias sense", READING, ANYWHERE,
+    {"setBias", OPERATION, [](Host& h, Dice& d) { h.dev().setBias(10 + d(20)); }},
+    {"bias sense", READING,
      [](Host& h, Dice&) {
          double volts = 0;
          double amperes = 0;
          h.dev().biasVoltageCurrentSense(&volts, &amperes);
      }},
-    {"adcValue", READING, ANYWHERE, [](Host& h, Dice& d) { h.dev().adcValue(d(16)); }},
-    {"deviceStatus", READING, ANYWHERE, [](Host& h, Dice&) { h.dev().deviceStatus(); }},
-    {"deviceStatusText", READING, ANYWHERE, [](Host& h, Dice&) { h.dev().deviceStatusText(); }},
-    {"CPU parameter", READING, ANYWHERE, [](Host& h, Dice&) { readParameter(h, h.dev().parameters(), "TempCpu"); }},
-    {"flash parameter", OPERATION, ANYWHERE,
+    {"adcValue", READING, [](Host& h, Dice& d) { h.dev().adcValue(d(16)); }},
+    {"deviceStatus", READING, [](Host& h, Dice&) { h.dev().deviceStatus(); }},
+    {"deviceStatusText", READING, [](Host& h, Dice&) { h.dev().deviceStatusText(); }},
+    {"CPU parameter", READING, [](Host& h, Dice&) { readParameter(h, h.dev().parameters(), "TempCpu"); }},
+    {"flash parameter", OPERATION,
      [](Host& h, Dice&) { readParameter(h, h.dev().inDeviceConfigParameters(), "Table"); }},
-    {"doSoftwareTrigger", AT_ONCE, ANYWHERE, [](Host& h, Dice&) { h.dev().doSoftwareTrigger(0); }},
-    {"records and flags", AT_ONCE, ANYWHERE, look},
-    {"setEventFunc", AT_ONCE, ANYWHERE, [](Host& h, Dice&) { h.listen(); }},
-    {"setLogMsgFunc", AT_ONCE, ANYWHERE, [](Host& h, Dice&) { h.listenToLog(); }},
+    {"doSoftwareTrigger", AT_ONCE, [](Host& h, Dice&) { h.dev().doSoftwareTrigger(0); }},
+    {"records and flags", AT_ONCE, look},
+    {"setEventFunc", AT_ONCE, [](Host& h, Dice&) { h.listen(); }},
+    {"setLogMsgFunc", AT_ONCE, [](Host& h, Dice&) { h.listenToLog(); }},
 };
 
 } // namespace

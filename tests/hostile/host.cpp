@@ -2,6 +2,7 @@
 #include "hostile/host.h"
 
 #include "sim/usb/latixelsim.h"
+#include "support/wire.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -20,11 +21,10 @@ constexpr double SLOWNESS = 2;
 constexpr double SCHEDULING = 1.0; ///< seconds that a loaded machine may keep a thread waiting
 constexpr double HANG = 60.0;      ///< seconds after which a call counts as never returning
 
-const Call OPEN = {"initDevice", 30, 0, nullptr};
-const Call DESTROY = {"destroy", 3, 0, nullptr};
+const Call OPEN = {"initDevice", 30, nullptr};
+const Call DESTROY = {"destroy", 3, nullptr};
 
-constexpr Stage ANY = STAGES; ///< of a card that waits for no stage
-const std::vector<Stage> HOST_STAGES = {Idle, Preparing, Running, Stopping, Ending, Closed};
+constexpr std::initializer_list<Stage> HOST_STAGES = {Idle, Preparing, Running, Stopping, Ending, Closed};
 
 std::atomic<HostileHost*> current{nullptr};
 thread_local int depth = 0;           ///< calls of the host that this thread is in
@@ -62,16 +62,22 @@ private:
 
 } // namespace
 
-HostileHost::Caller::Caller(std::uint64_t callerSeed, std::vector<Stage> stages) : dice(callerSeed)
+HostileHost::Caller::Caller(std::uint64_t callerSeed, std::initializer_list<Stage> stages, const Hits& met)
+    : dice(callerSeed)
 {
-    for (const Call& call : calls())
-        for (const Stage stage : stages)
-            if (stage == ANY || (call.unwanted >> stage & 1U) == 0)
-                cards.emplace_back(&call, stage);
+    const auto collect = [&](bool all) {
+        for (const Call& call : calls())
+            for (const Stage stage : stages)
+                if (all || met.at(call.name).at(stage) == 0)
+                    cards.push_back({&call, stage});
+    };
+    collect(met.empty());
+    if (cards.empty())
+        collect(true);
     next = cards.size();
 }
 
-std::pair<const Call*, Stage> HostileHost::Caller::draw()
+HostileHost::Card HostileHost::Caller::draw()
 {
     if (next == cards.size()) {
         dice.shuffle(cards);
@@ -80,19 +86,26 @@ std::pair<const Call*, Stage> HostileHost::Caller::draw()
     return cards[next++];
 }
 
-HostileHost::HostileHost(const Kind& kind, const KnownFrames& known, std::uint64_t hostSeed, bool withFaults)
+HostileHost::HostileHost(const Kind& kind, const KnownFrames& known, std::uint64_t hostSeed, bool withFaults,
+                         const Hits& met)
     : kindOfDevice(kind),
       seed(hostSeed),
       faults(withFaults),
       host(folder.path(), folder.path()),
       history(known),
       device(kind.make(kind, host, folder)),
-      frameCalls(mixed(hostSeed + 3), {ANY}),
-      lastCalls(mixed(hostSeed + 4), {ANY}),
-      logCalls(mixed(hostSeed + 5), {ANY})
+      threads{{{mixed(hostSeed), HOST_STAGES, met},
+                {mixed(hostSeed + 1), HOST_STAGES, met},
+                {mixed(hostSeed + 2), HOST_STAGES, met}}},
+      frameCalls(mixed(hostSeed + 3), {InFrame}, met),
+      lastCalls(mixed(hostSeed + 4), {InLast}, met),
+      logCalls(mixed(hostSeed + 5), {Idle}, met),
+      patience(met.empty() ? 0.02 : 0.3)
 {
-    for (std::size_t i = 0; i < threads.size(); ++i)
-        threads[i] = std::make_unique<Caller>(mixed(hostSeed + i), HOST_STAGES);
+    if (!met.empty())
+        for (const Stage stage : {Running, InLast, Ending, Closed, Stopping, Idle})
+            if (met.at(DESTROY.name).at(stage) == 0)
+                lastStage = stage;
     current = this;
     sim::setUsbHook(&HostileHost::usbCall);
     listen();
@@ -122,7 +135,7 @@ HostileHost::Report HostileHost::run(double seconds)
     watcher.join();
     if (!faults)
         for (const auto& violation : sim::violations())
-            complain("protocol violation: " + violation.what);
+            complain("protocol violation: " + violation.what + ": " + support::hex(violation.bytes, 16));
     if (sim::openSessions() != 0 || sim::liveContexts() != 0)
         complain("the link is still open");
     host.complainOfLeftovers();
@@ -152,47 +165,56 @@ void HostileHost::listenToLog()
 /// Begins and ends series, opens the device again and again, and lets boards fail.
 void HostileHost::drive(std::size_t thread)
 {
-    Caller& caller = *threads[thread];
+    Caller& caller = threads.at(thread);
     const auto named = [](const std::string& name) { return std::ranges::find(calls(), name, &Call::name); };
     const Call& start = *named("startAcquisition");
     const Call& stop = *named("stopAcquisition");
     while (!over) {
         const unsigned drawn = caller.dice(100);
-        report.made[thread].push_back(drawn < 40 ? start.name : drawn < 55 ? stop.name : OPEN.name);
-        if (drawn < 40)
+        report.made[thread].push_back(drawn < 35 ? start.name : drawn < 55 ? stop.name : OPEN.name);
+        if (drawn < 35)
             perform(start, caller.dice);
         else if (drawn < 55)
             perform(stop, caller.dice);
         else if (drawn < 60)
             breakSomething(caller.dice);
-        else if (drawn < 63 || !dev().isConnected())
+        else if (drawn < 63 || !dev().isConnected()) {
+            linger();
             openDevice();
-        pause(caller.dice(30000));
+        }
+        linger();
+        pause(caller.dice(15000));
     }
 }
 
 /// Makes each call in each stage, if that comes soon enough; else in any.
 void HostileHost::haunt(std::size_t thread)
 {
-    Caller& caller = *threads[thread];
+    Caller& caller = threads.at(thread);
     while (!over) {
         const auto [call, wanted] = caller.draw();
-        awaitStage(wanted);
         report.made[thread].push_back(call->name);
+        awaitStage(wanted);
         perform(*call, caller.dice);
-        pause(caller.dice(2000));
     }
 }
 
-bool HostileHost::awaitStage(Stage wanted) const
+void HostileHost::awaitStage(Stage wanted)
 {
-    constexpr int LOOKS = 100;
-    for (int i = 0; i < LOOKS && !over; ++i) {
-        if (const_cast<HostileHost*>(this)->stage() == wanted)
-            return true;
+    ++awaited.at(wanted);
+    const Moment begun = Clock::now();
+    while (stageOfSeries() != wanted && secondsSince(begun) < patience && !over)
         pause(100);
-    }
-    return false;
+    --awaited.at(wanted);
+}
+
+/// Stretches the stage that the series is in, while somebody waits for it.
+void HostileHost::linger()
+{
+    constexpr int LOOKS = 50;
+    const Stage lasting = stageOfSeries();
+    for (int i = 0; i < LOOKS && awaited.at(lasting) > 0 && stageOfSeries() == lasting; ++i)
+        pause(200);
 }
 
 Stage HostileHost::stage()
@@ -205,6 +227,11 @@ Stage HostileHost::stage()
     case Series::Caller::Host:
         break;
     }
+    return stageOfSeries();
+}
+
+Stage HostileHost::stageOfSeries()
+{
     switch (device->series()) {
     case Series::State::Preparing:
         return Preparing;
@@ -259,7 +286,7 @@ void HostileHost::perform(const Call& call, Dice& dice)
 /// Brings the device up, alone with it, in whatever state its series is.
 void HostileHost::openDevice()
 {
-    static const Call INIT = {OPEN.name, OPEN.limit, 0, [](HostileHost& h, Dice&) {
+    static const Call INIT = {OPEN.name, OPEN.limit, [](HostileHost& h, Dice&) {
                                   sim::clearFaults(0);
                                   sim::plug(0);
                                   if (h.dev().initDevice() != 0)
@@ -311,7 +338,7 @@ void HostileHost::performFrom(Caller& caller)
     std::uint64_t own = 0;
     {
         const std::scoped_lock lock(caller.mutex);
-        call = caller.draw().first;
+        call = caller.draw().call;
         own = caller.dice(1U << 31U);
     }
     Dice dice(own);
@@ -336,16 +363,15 @@ void HostileHost::takeFrameEvent(long index)
         const std::scoped_lock lock(frameCalls.mutex);
         drawn = frameCalls.dice(100);
     }
-    if (over)
-        return takeFrame();
-    if (drawn % 2 == 0)
+    if (!over && drawn % 2 == 0)
         performFrom(frameCalls);
     if (drawn < 90)
         takeFrame();
-    if (drawn % 5 == 0)
+    if (!over && drawn % 4 == 0)
         performFrom(frameCalls);
     if (drawn < 20)
-        pause(drawn * 1000);
+        pause(drawn * 500);
+    linger();
 }
 
 void HostileHost::takeEvent(unsigned event)
@@ -356,7 +382,7 @@ void HostileHost::takeEvent(unsigned event)
             dev().doSoftwareTrigger(0);
     }
     if (event == HWEVENT_WAIT_TRIGGER || event == HWEVENT_BUSY_CHANGED)
-        return;
+        return linger();
     history.announced(std::nullopt);
     if (device->caller() != Series::Caller::LastEvent)
         return;
@@ -369,7 +395,7 @@ void HostileHost::takeEvent(unsigned event)
         destroyed = true;
         return;
     }
-    for (int i = 0; i < 2 && !over; ++i)
+    for (int i = 0; i < 4 && !over; ++i)
         performFrom(lastCalls);
 }
 
@@ -395,6 +421,8 @@ void HostileHost::usbCall(std::span<const std::uint8_t> bytes)
     if (std::ranges::equal(bytes.first(std::min(bytes.size(), START.size())), START))
         self->history.exposes();
     const std::uint64_t drawn = mixed(self->seed + ++self->usbCalls);
+    if (self->stageOfSeries() != Running)
+        self->linger();
     if (drawn % 16 == 0)
         pause(static_cast<unsigned>(drawn >> 8U) % 500);
     else if (drawn % 4 == 0)
@@ -417,7 +445,7 @@ void HostileHost::breakSomething(Dice& dice)
     const nlohmann::json& fault = FAULTS.at(dice(static_cast<unsigned>(FAULTS.size())));
     if (!faults)
         return;
-    history.doubt();
+    history.doubt(fault.dump());
     sim::addFault(0, fault);
 }
 
@@ -437,33 +465,34 @@ void HostileHost::watch()
     }
 }
 
-/// Destroys the device in a stage that the seed chooses.
+/// Brings the device up once more and destroys it, in a stage of its series.
 void HostileHost::endLife()
 {
-    constexpr std::array<Stage, 6> ENDS = {Running, InLast, Ending, Closed, Stopping, Idle};
-    const Stage wanted = ENDS.at(seed % ENDS.size());
+    sim::setUsbHook(nullptr);
     openDevice();
     dev().setAcqMode(0);
-    if (wanted == Closed)
+    if (lastStage == Closed)
         dev().closeDevice();
-    else if (wanted == InLast) {
-        destroysInLast = true;
-        dev().startAcquisition(1, TIMES.front());
-        for (int i = 0; i < 10000 && !destroyed; ++i)
-            pause(1000);
-        if (!destroyed)
-            complain("the last event of the last series has not come");
-    } else if (wanted != Idle) {
-        dev().startAcquisition(wanted == Ending ? 2 : 1000, TIMES.front());
-        awaitStage(Running);
-        pause(15000);
-        if (wanted == Stopping || wanted == Ending)
-            dev().stopAcquisition();
-    }
+    destroysInLast = lastStage == InLast;
+    if (lastStage != Closed && lastStage != Idle)
+        history.start(TIMES.size() - 1, [&] { return dev().startAcquisition(lastStage == InLast ? 1 : 1000, TIMES.back()); });
+    for (int i = 0; i < 10000 && lastStage == InLast && !destroyed; ++i)
+        pause(1000);
     if (destroyed)
         return;
+    over = false; // the last frames are slow ones
+    std::jthread stop([this] {
+        pause(50000);
+        if (lastStage == Stopping || lastStage == Ending)
+            dev().stopAcquisition();
+    });
+    patience = 5;
+    awaitStage(lastStage);
     ++report.hits[DESTROY.name][stage()];
+    over = true;
     const Moment begun = Clock::now();
+    if (lastStage == Stopping || lastStage == Ending)
+        stop.join();
     dev().destroy();
     if (secondsSince(begun) > DESTROY.limit * SLOWNESS + SCHEDULING)
         complain("destroy took " + std::to_string(secondsSince(begun)) + " s");

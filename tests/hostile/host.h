@@ -39,8 +39,7 @@ class HostileHost;
 /// A call of the host.
 struct Call {
     const char* name;
-    double limit;      ///< seconds within which it returns, on a machine that has nothing else to do
-    unsigned unwanted; ///< a bit for each stage that this host does not bring it into
+    double limit; ///< seconds within which it returns, on a machine that has nothing else to do
     void (*make)(HostileHost& host, Dice& dice);
 };
 std::span<const Call> calls();
@@ -58,8 +57,9 @@ public:
         unsigned long framesChecked = 0;
     };
 
-    /// With `faults` boards fail, overheat, leave and come back.
-    HostileHost(const Kind& kind, const KnownFrames& known, std::uint64_t seed, bool faults);
+    /// With `faults` boards fail, overheat, leave and come back. Where there are hits already, what was not met yet is
+    /// called more than all else.
+    HostileHost(const Kind& kind, const KnownFrames& known, std::uint64_t seed, bool faults, const Hits& met);
     ~HostileHost();
     HostileHost(const HostileHost&) = delete;
     HostileHost& operator=(const HostileHost&) = delete;
@@ -78,19 +78,24 @@ public:
     void close();
     void listen();
     void listenToLog();
-    /// True while the calling thread runs a call that may use the device's parameters.
+    /// Runs what uses the device's parameters, which are gone once it is closed.
     template <typename Use>
     void withParameters(Use use);
 
 private:
-    /// Who makes calls: draws them from decks of all calls, so that each comes.
+    /// A call, and the stage that it waits for.
+    struct Card {
+        const Call* call;
+        Stage stage;
+    };
+    /// Who makes calls: draws them from decks of all calls and stages, so that each comes.
     struct Caller {
-        Caller(std::uint64_t seed, std::vector<Stage> stages);
-        std::pair<const Call*, Stage> draw();
+        Caller(std::uint64_t seed, std::initializer_list<Stage> stages, const Hits& met);
+        Card draw();
 
         Dice dice;
         std::mutex mutex; ///< for callbacks, which several threads may run
-        std::vector<std::pair<const Call*, Stage>> cards;
+        std::vector<Card> cards;
         std::size_t next = 0;
     };
     struct Active {
@@ -102,8 +107,10 @@ private:
     void openDevice();
     void drive(std::size_t thread);
     void haunt(std::size_t thread);
-    bool awaitStage(Stage stage) const;
+    void awaitStage(Stage wanted);
     Stage stage();
+    Stage stageOfSeries();
+    void linger();
     void perform(const Call& call, Dice& dice);
     void performFrom(Caller& caller);
     void breakSomething(Dice& dice);
@@ -122,10 +129,12 @@ private:
     refhost::Host host;
     World history;
     std::unique_ptr<Subject> device;
-    std::array<std::unique_ptr<Caller>, 3> threads;
+    std::array<Caller, 3> threads;
     Caller frameCalls;
     Caller lastCalls;
     Caller logCalls;
+    double patience; ///< seconds that a thread waits for the stage that it wants
+    Stage lastStage = static_cast<Stage>(Idle); ///< in which the device is destroyed
 
     std::atomic<bool> over{false};
     std::atomic<bool> opening{false};   ///< a bring-up wants the device for itself
@@ -134,6 +143,7 @@ private:
     std::atomic<bool> destroysInLast{false};
     std::atomic<bool> destroyed{false};
     std::atomic<std::uint64_t> usbCalls{0};
+    std::array<std::atomic<int>, STAGES> awaited{}; ///< threads that wait for a stage
 
     std::mutex mutex; ///< guards the two below
     Report report;

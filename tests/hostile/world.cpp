@@ -107,13 +107,13 @@ void World::reset()
         list.assign(1, {.state = 0, .begun = now, .returned = now});
     commands.clear();
     told.reset();
-    doubtful = false;
+    doubts.clear();
 }
 
-void World::doubt()
+void World::doubt(const std::string& why)
 {
     const std::scoped_lock lock(mutex);
-    doubtful = true;
+    doubts += " " + why;
 }
 
 void World::exposes()
@@ -152,7 +152,7 @@ World::Window World::windowOf(long index)
 
 bool World::mayHold(const State& state, const Window& window) const
 {
-    if (doubtful)
+    if (!doubts.empty())
         return true;
     for (std::size_t dim = 0; dim < DIMS; ++dim) {
         const auto inForce = [&](const Entry& entry) {
@@ -172,7 +172,7 @@ std::string World::complaint(const refhost::Frame& frame, const Window& window)
     const std::vector<State> states = known.statesOf(frame);
     const std::scoped_lock lock(mutex);
     if (frame.findMetaData("MissingBytes") != nullptr)
-        return doubtful || isOfRows(frame) ? "" : "a frame is incomplete though no board has failed";
+        return !doubts.empty() || isOfRows(frame) ? "" : "a frame is incomplete though no board has failed";
     if (std::ranges::any_of(states, [&](const State& state) { return mayHold(state, window); }))
         return "";
     std::ostringstream text;
@@ -196,7 +196,7 @@ std::string World::describe(const Window& window) const
                    : std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(moment - window.to).count());
     };
     std::ostringstream text;
-    text << "; taken from " << ms(window.from) << " ms on";
+    text << "; taken from " << ms(window.from) << " ms on;" << doubts;
     for (std::size_t dim = 0; dim < DIMS; ++dim) {
         text << "\n  dimension " << dim << ":";
         for (const Entry& entry : entries[dim])

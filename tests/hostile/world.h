@@ -67,7 +67,7 @@ public:
     /// The device has been brought up anew: everything is in its first state.
     void reset();
     /// From now on anything known may be in force: a board has failed, and what was set last may have got lost.
-    void doubt();
+    void doubt(const std::string& why);
     /// A start command is about to go to the board.
     void exposes();
 
@@ -103,7 +103,7 @@ private:
     std::size_t series = 0;
     std::vector<Moment> commands; ///< start commands
     std::optional<long> told;     ///< index of the frame that was told last
-    bool doubtful = false;
+    std::string doubts; ///< the boards' failures
 };
 
 } // namespace hostile
