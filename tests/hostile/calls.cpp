@@ -80,9 +80,10 @@ void resetMedipix(Host& host, Dice&)
         host.world().change(Dacs, 0, reset);
 }
 
-void readParameter(Host& host, dv::IParamMgr* manager, const char* name)
+void readParameter(Host& host, bool inFlash, const char* name)
 {
     host.withParameters([&] {
+        dv::IParamMgr* manager = inFlash ? host.dev().inDeviceConfigParameters() : host.dev().parameters();
         if (manager == nullptr)
             return;
         if (dv::IParam* param = manager->get(name); param != nullptr)
@@ -134,9 +135,9 @@ const Call CALLS[] = {
     {"adcValue", READING, [](Host& h, Dice& d) { h.dev().adcValue(d(16)); }},
     {"deviceStatus", READING, [](Host& h, Dice&) { h.dev().deviceStatus(); }},
     {"deviceStatusText", READING, [](Host& h, Dice&) { h.dev().deviceStatusText(); }},
-    {"CPU parameter", READING, [](Host& h, Dice&) { readParameter(h, h.dev().parameters(), "TempCpu"); }},
+    {"CPU parameter", READING, [](Host& h, Dice&) { readParameter(h, false, "TempCpu"); }},
     {"flash parameter", OPERATION,
-     [](Host& h, Dice&) { readParameter(h, h.dev().inDeviceConfigParameters(), "Table"); }},
+     [](Host& h, Dice&) { readParameter(h, true, "Table"); }},
     {"doSoftwareTrigger", AT_ONCE, [](Host& h, Dice&) { h.dev().doSoftwareTrigger(0); }},
     {"records and flags", AT_ONCE, look},
     {"setEventFunc", AT_ONCE, [](Host& h, Dice&) { h.listen(); }},

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <sstream>
 
 namespace hostile {
 
@@ -196,6 +195,7 @@ void HostileHost::haunt(std::size_t thread)
         report.made[thread].push_back(call->name);
         awaitStage(wanted);
         perform(*call, caller.dice);
+        pause(caller.dice(1000));
     }
 }
 
@@ -310,8 +310,20 @@ void HostileHost::openDevice()
 /// The parameters of a device are gone once it is closed: nobody uses them meanwhile.
 void HostileHost::close()
 {
-    if (parameterUsers == 0)
-        dev().closeDevice();
+    int none = 0;
+    if (!parameterUsers.compare_exchange_strong(none, CLOSES))
+        return;
+    dev().closeDevice();
+    parameterUsers = 0;
+}
+
+bool HostileHost::beginParameters()
+{
+    int before = parameterUsers;
+    while (before != CLOSES)
+        if (parameterUsers.compare_exchange_weak(before, before + 1))
+            return true;
+    return false;
 }
 
 void HostileHost::takeFrame()

@@ -104,6 +104,9 @@ private:
         Moment begun;
     };
 
+    static constexpr int CLOSES = -1;
+
+    bool beginParameters();
     void openDevice();
     void drive(std::size_t thread);
     void haunt(std::size_t thread);
@@ -139,7 +142,7 @@ private:
     std::atomic<bool> over{false};
     std::atomic<bool> opening{false};   ///< a bring-up wants the device for itself
     std::atomic<int> users{0};          ///< calls under way, but for those within others
-    std::atomic<int> parameterUsers{0}; ///< those of them that hold parameters of the device
+    std::atomic<int> parameterUsers{0}; ///< those of them that use the device's parameters, or CLOSES
     std::atomic<bool> destroysInLast{false};
     std::atomic<bool> destroyed{false};
     std::atomic<std::uint64_t> usbCalls{0};
@@ -153,7 +156,8 @@ private:
 template <typename Use>
 void HostileHost::withParameters(Use use)
 {
-    ++parameterUsers;
+    if (!beginParameters())
+        return;
     use();
     --parameterUsers;
 }

@@ -55,7 +55,8 @@ struct Kind {
     const char* settings;
     State states;   ///< how many each dimension has
     bool matrix3;   ///< Medipix3: matrices and configurations are those of that family
-    unsigned modes; ///< acquisition modes that it has beside the normal one
+    unsigned modes;   ///< acquisition modes that it has beside the normal one
+    bool rowsChecked; ///< its frames of rows depend on nothing but their state
     std::unique_ptr<Subject> (*make)(const Kind& kind, IDorvet& host, const support::TempFolder& folder);
 };
 

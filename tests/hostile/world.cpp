@@ -51,6 +51,11 @@ std::uint64_t KnownFrames::digest(const refhost::Frame& frame)
     return digestOf(std::span(reinterpret_cast<const std::uint32_t*>(bytes), frame.bytes().size() / 4));
 }
 
+bool KnownFrames::ignores(const refhost::Frame& frame) const
+{
+    return isOfRows(frame) && rows.empty();
+}
+
 std::vector<State> KnownFrames::statesOf(const refhost::Frame& frame) const
 {
     std::vector<State> states;
@@ -173,7 +178,10 @@ std::string World::complaint(const refhost::Frame& frame, const Window& window)
     const std::scoped_lock lock(mutex);
     if (frame.findMetaData("MissingBytes") != nullptr)
         return !doubts.empty() || isOfRows(frame) ? "" : "a frame is incomplete though no board has failed";
-    if (std::ranges::any_of(states, [&](const State& state) { return mayHold(state, window); }))
+    // An overheated board has switched its chips off, until somebody polls it.
+    const bool off = doubts.find("overheated") != std::string::npos &&
+                     std::ranges::all_of(frame.bytes(), [&](unsigned char byte) { return byte == 0; });
+    if (off || known.ignores(frame) || std::ranges::any_of(states, [&](const State& state) { return mayHold(state, window); }))
         return "";
     std::ostringstream text;
     text << (states.empty() ? "a frame of no known state" : "a frame of a state that was not in force");

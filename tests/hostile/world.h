@@ -25,6 +25,8 @@ public:
     void addRows(const refhost::Frame& frame, const State& state) { rows.emplace(digest(frame), state); }
     /// All states in which a frame looks like this.
     std::vector<State> statesOf(const refhost::Frame& frame) const;
+    /// Whether there is nothing to compare the frame with.
+    bool ignores(const refhost::Frame& frame) const;
 
 private:
     using Table = std::unordered_multimap<std::uint64_t, State>;
