@@ -4,8 +4,10 @@
 #include "sim/usb/bridge.h"
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 namespace sim {
@@ -21,6 +23,8 @@ struct Session {
     Sighting chip;
     bool claimed = false;
 };
+
+using UsbHook = void (*)(std::span<const std::uint8_t> bytes);
 
 /// What an initialised context of libftdi owns.
 struct Context {
@@ -75,6 +79,7 @@ public:
 
     Pool<Session> sessions;
     Pool<Context> contexts;
+    std::atomic<UsbHook> hook{nullptr}; ///< of tests, see setUsbHook
 
 private:
     Bus() = default;

@@ -33,6 +33,22 @@ constexpr std::size_t MOST_CONTEXTS = 509; ///< two descriptors each: more than 
 constexpr const char* UNAVAILABLE = "USB device unavailable";
 constexpr const char* INVALID_CONTEXT = "ftdi context invalid";
 
+/// Runs the test's hook before and behind a call.
+class Hooked {
+public:
+    explicit Hooked(std::span<const std::uint8_t> bytes = {}) { run(bytes); }
+    ~Hooked() { run({}); }
+    Hooked(const Hooked&) = delete;
+    Hooked& operator=(const Hooked&) = delete;
+
+private:
+    static void run(std::span<const std::uint8_t> bytes)
+    {
+        if (const sim::UsbHook hook = Bus::instance().hook; hook != nullptr)
+            hook(bytes);
+    }
+};
+
 /// The text in a context, which a thread that reads and one that writes may both leave at the same time.
 std::atomic_ref<const char*> errorText(ftdi_context* ftdi)
 {
@@ -146,6 +162,7 @@ int control(ftdi_context* ftdi, int notOpen, int failed, const char* text, Reque
     const Session* session = sessionOf(ftdi);
     if (session == nullptr)
         return fail(ftdi, notOpen, UNAVAILABLE);
+    const Hooked hooked;
     Bridge& bridge = *session->chip.bridge;
     const sim::Plugging plugging = session->chip.plugging;
     const bool answered = bridge.awaitAnswer(plugging, writeLimit(ftdi)) && request(bridge, plugging);
@@ -397,6 +414,7 @@ int ftdi_read_data(ftdi_context* ftdi, unsigned char* buf, int size)
     const Session* session = sessionOf(ftdi);
     if (session == nullptr)
         return fail(ftdi, NOT_OPEN, UNAVAILABLE);
+    const Hooked hooked;
     const auto failed = [&](UsbResult result) {
         return fail(ftdi, result.value, result.text != nullptr ? result.text : "usb bulk read failed");
     };
@@ -425,6 +443,7 @@ int ftdi_write_data(ftdi_context* ftdi, const unsigned char* buf, int size)
     if (size <= 0)
         return 0;
     const std::span bytes(buf, static_cast<std::size_t>(size));
+    const Hooked hooked(bytes);
     const UsbResult result = session->chip.bridge->write(session->chip.plugging, bytes, writeLimit(ftdi));
     if (result.value < 0)
         return fail(ftdi, result.value, result.text != nullptr ? result.text : "usb bulk write failed");

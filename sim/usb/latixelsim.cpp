@@ -82,6 +82,11 @@ void pulseTrigger(std::size_t board)
     Bus::instance().bridge(board)->pulseTrigger();
 }
 
+void setUsbHook(void (*hook)(std::span<const std::uint8_t> bytes))
+{
+    Bus::instance().hook = hook;
+}
+
 int openSessions()
 {
     return static_cast<int>(Bus::instance().sessions.size());

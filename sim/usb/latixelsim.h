@@ -4,8 +4,10 @@
 
 #include "sim/boards/board.h"
 
+#include <cstdint>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,11 @@ LATIXELSIM_API void plug(std::size_t board);
 
 /// A pulse on the external trigger input of a board.
 LATIXELSIM_API void pulseTrigger(std::size_t board);
+
+/// Calls `hook` before and behind each call of libftdi for a chip that is open, on the thread of that call and with no
+/// lock held: there a test gives way to other threads, or looks at what is about to be written (`bytes`, empty in all
+/// other calls). Null for none.
+LATIXELSIM_API void setUsbHook(void (*hook)(std::span<const std::uint8_t> bytes));
 
 /// Number of sessions that the host holds open on the bus, and of contexts that were initialised and not released.
 LATIXELSIM_API int openSessions();

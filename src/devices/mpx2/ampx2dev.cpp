@@ -203,9 +203,9 @@ int AMpx2Dev::logError(int code, const char* format, ...) const
 /// Opens log, settings and link. Returns the link's result.
 int AMpx2Dev::openBoard()
 {
-    if (link.exists())
-        if (const int result = closeDevice(); result != 0)
-            return result;
+    // Also without a link, where a series may be failing that was started all the same.
+    if (const int result = closeDevice(); result != 0)
+        return result;
     // A series that ended by a failed recovery has left it.
     storeFlag(busy, false);
     needsRecovery = false;

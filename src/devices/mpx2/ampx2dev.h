@@ -441,8 +441,8 @@ protected:
     bool needsRecovery = false;      ///< a stop has cut a recovery; kept by whoever drives the series
     mutable bool overheated = false; ///< polled: the temperature protection has tripped
 
-    std::atomic<unsigned> acqMode{0};
-    std::atomic<int> triggerMode{TRIGGER_NONE};
+    std::atomic<unsigned> acqMode{0};          ///< bits of dv::AcqMode, as the host wants the next series
+    std::atomic<unsigned> seriesMode{0};       ///< the same of the series that was prepared last
     std::atomic<std::uint64_t> acqCount{0};    ///< frames in the series
     std::atomic<double> acqTime{0.0};          ///< requested length of a frame, seconds
     std::atomic<double> lastAcqTimeValue{0.0}; ///< as the board measured it; no operation hands it out

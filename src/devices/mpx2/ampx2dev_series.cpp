@@ -27,7 +27,6 @@ constexpr const char* RUNNING = "Acquisition is running";
 int AMpx2Dev::setAcqMode(unsigned mode)
 {
     acqMode = mode;
-    triggerMode = triggerModeOf(mode);
     return 0;
 }
 
@@ -62,6 +61,7 @@ int AMpx2Dev::copyMatrixStreamToSecondBuffer()
 
 unsigned char AMpx2Dev::triggerFlags() const
 {
+    const int triggerMode = triggerModeOf(seriesMode);
     unsigned flags = triggersStart(triggerMode) ? tpx::startflag::START_ON_TRIGGER : 0U;
     flags |= triggersStop(triggerMode) ? tpx::startflag::STOP_ON_TRIGGER : 0U;
     return static_cast<unsigned char>(flags);
@@ -124,7 +124,7 @@ int AMpx2Dev::expose()
         if (const int result = startExposure(triggerFlags(), tpx::SINGLE_FRAME); result != 0)
             return result;
     }
-    const bool triggered = triggerMode != TRIGGER_NONE;
+    const bool triggered = triggerModeOf(seriesMode) != TRIGGER_NONE;
     const double timeout = triggered ? WAIT_UNLIMITED : acqTime + PACKET_GRACE;
     EndOfFrame packet{};
     const int result =
@@ -152,7 +152,7 @@ void AMpx2Dev::stopBoard()
 double AMpx2Dev::turnLimit() const
 {
     constexpr double PATIENCE = 5.0;
-    const bool timed = life.state() != SeriesLife::State::Idle && triggerMode == TRIGGER_NONE;
+    const bool timed = life.state() != SeriesLife::State::Idle && triggerModeOf(seriesMode) == TRIGGER_NONE;
     return timed ? acqTime + PATIENCE : PATIENCE;
 }
 
@@ -161,6 +161,7 @@ int AMpx2Dev::prepareAcquisition(double seconds)
     const DeviceTurn turn = operationTurn();
     if (turn.require() != 0)
         return 1;
+    seriesMode = acqMode.load();
     storeFlag(halfStopped, false);
     lastAcqTimeValue = seconds;
     return configureSeries(seconds);
@@ -209,18 +210,21 @@ int AMpx2Dev::startAcquisition(unsigned count, double seconds)
 /// What is to be done before the thread of a series. A preparation that the board refuses shows in the thread.
 int AMpx2Dev::prepareSeries(unsigned count, double seconds)
 {
-    if (const int result = checkSeries(count); result != 0)
-        return result;
     const DeviceTurn turn = operationTurn();
     if (turn.require() != 0)
         return 1;
+    seriesMode = acqMode.load();
+    if (const int result = checkSeries(count); result != 0)
+        return result;
     if (needsRecovery) {
         if (recoverDevice() != 0)
             return 1;
         needsRecovery = false;
     }
     acqCount = count;
-    prepareAcquisition(seconds);
+    storeFlag(halfStopped, false);
+    lastAcqTimeValue = seconds;
+    configureSeries(seconds);
     return 0;
 }
 
@@ -279,7 +283,7 @@ AMpx2Dev::Pass AMpx2Dev::runFrames()
 AMpx2Dev::Pass AMpx2Dev::takeFrame(bool repeated, StreamCount& count)
 {
     // The trigger of a frame that is repeated has come.
-    if (!repeated && (acqMode & dv::ACQMODE_SOFT_TRIGGER) != 0)
+    if (!repeated && (seriesMode & dv::ACQMODE_SOFT_TRIGGER) != 0)
         waitForSwTrigger(const_cast<bool*>(life.stopRequested()));
     DeviceTurn turn(linkTurn, report, SERIES_PATIENCE);
     // A stop that has come between two frames, or instead of a trigger: its command must stay the last one.

@@ -62,11 +62,10 @@ Mpx2Dev::~Mpx2Dev()
 
 int Mpx2Dev::initDevice()
 {
-    storeFlag(noChip, true);
-    storeFlag(overheated, false);
-    chipCount_ = 0;
     if (const int result = openBoard(); result != 0)
         return result;
+    storeFlag(overheated, false);
+    chipCount_ = 0;
     logFunction("Init Device");
     const Link::BringUp watched(link, boardMute);
     const SeriesLife::Callback hostsCode(life); // which the bring-up calls, and which must not close the device

@@ -29,13 +29,6 @@ unsigned pixelCfgWord(unsigned char b0, unsigned char b1)
 /// Bytes of the largest configuration: five channels of two chips.
 constexpr std::size_t PIXEL_CFG_LIMIT = std::size_t{2} * 65536 * 10;
 
-void release(dv::IParamMgr*& manager)
-{
-    if (manager != nullptr)
-        manager->destroy();
-    manager = nullptr;
-}
-
 } // namespace
 
 AMpx3Dev::AMpx3Dev(std::string name, IDorvet* host, std::string logFolder, std::string settings)
@@ -59,9 +52,19 @@ AMpx3Dev::~AMpx3Dev()
 void AMpx3Dev::releaseHostObjects()
 {
     report.attachLog(nullptr);
-    devLog.reset();
-    release(devParams);
-    release(inDeviceParams);
+    std::unique_ptr<FileLog> log;
+    dv::IParamMgr* params = nullptr;
+    dv::IParamMgr* inDevice = nullptr;
+    {
+        // Two threads may close at once.
+        ThreadLock lock(&hostObjectsSync);
+        log = std::move(devLog);
+        params = std::exchange(devParams, nullptr);
+        inDevice = std::exchange(inDeviceParams, nullptr);
+    }
+    for (dv::IParamMgr* manager : {params, inDevice})
+        if (manager != nullptr)
+            manager->destroy();
 }
 
 int AMpx3Dev::initDevice()

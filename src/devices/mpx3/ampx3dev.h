@@ -135,6 +135,7 @@ protected:
     Buffer<unsigned short> dacs{0, false};                   ///< for `reinitDeviceAfterError`; nothing fills it
     HwLatixel::HostEvents events{series};
     std::unique_ptr<FileLog> devLog;
+    ThreadSyncObject hostObjectsSync; ///< keeps together that log and parameters are given up
 
     bool connected = false; ///< the USB link is open
     bool noChip = true;     ///< no chip has been detected

@@ -70,7 +70,6 @@ public:
     virtual int readContinuousMatrixFromDevice(unsigned long rows);
 
     // Series (mpx2devrow_acq.cpp)
-    int setAcqMode(unsigned mode) override;
     /// Tells the board how many bits a block of "TdiRowCount" rows has.
     virtual int setReadoutBitCount();
     void acqFunc() override;
@@ -87,6 +86,7 @@ protected:
                       bool convert) const override;
     void describeFrame(dv::IMpxFrame& frame) override;
     double shutterTime(double seconds) const override;
+    bool preparedForRows() const { return (seriesMode & dv::ACQMODE_TDI) != 0; }
     int prepareReadout() override { return setReadoutBitCount(); }
     int checkSeries(unsigned count) override;
     void onReadParam(dv::IParam* param) override;
@@ -121,7 +121,6 @@ private:
     std::string biasTypeText;
     std::array<int, CHANNELS> channelEnabled{}; ///< 1 for a channel with a chip; set at bring-up, then only read
 
-    std::atomic<bool> tdiMode{false};
     std::atomic<std::uint64_t> rowsRead{0}; ///< rows of the current TDI frame in the stream buffer
     std::atomic<bool> seriesOfRows{false};  ///< the mode of the series that runs
     std::atomic<bool> rowsMissed{false};    ///< a block of the TDI series has come short, and may come yet

@@ -15,16 +15,10 @@ constexpr unsigned TDI_ROWS = RowTimes::ROWS; ///< of a frame
 
 } // namespace
 
-int Mpx2DevRow::setAcqMode(unsigned mode)
-{
-    tdiMode = (mode & dv::ACQMODE_TDI) != 0;
-    return AMpx2Dev::setAcqMode(mode);
-}
-
 /// A TDI frame takes its time for all of its rows together.
 double Mpx2DevRow::shutterTime(double seconds) const
 {
-    return tdiMode ? seconds / TDI_ROWS : seconds;
+    return preparedForRows() ? seconds / TDI_ROWS : seconds;
 }
 
 /// Rows of a block, as the host wants them. 0 brings no rows, and a series of such frames lasts until it is stopped; so
@@ -44,7 +38,7 @@ std::uint64_t Mpx2DevRow::blocksOf(std::uint64_t frames) const
 /// The board counts the blocks of a series; one that counts on from 0 again would end early.
 int Mpx2DevRow::checkSeries(unsigned count)
 {
-    if (!tdiMode || blocksOf(count) <= MAX_BLOCKS)
+    if (!preparedForRows() || blocksOf(count) <= MAX_BLOCKS)
         return 0;
     return logError(1, "Too many frames for a series of rows: %u", count);
 }
@@ -58,7 +52,7 @@ int Mpx2DevRow::setReadoutBitCount()
 void Mpx2DevRow::acqFunc()
 {
     setCurrentThreadName("mpx2rowacq");
-    seriesOfRows = tdiMode.load();
+    seriesOfRows = preparedForRows();
     if (seriesOfRows) {
         acqFuncContinuous();
         return;

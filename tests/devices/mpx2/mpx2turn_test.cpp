@@ -202,6 +202,35 @@ TYPED_TEST(TpxTurn, RecoveryThatAStopCutsIsMadeUpFor)
     this->expectNextSeriesWorks();
 }
 
+TYPED_TEST(TpxTurn, ModeThatIsSetInASeriesIsForTheNextOne)
+{
+    auto& tpx = this->bench;
+    tpx.events->onFrame = [&](long) {
+        tpx->setAcqMode(dv::ACQMODE_SOFT_TRIGGER | dv::ACQMODE_EXT_TRIGGER_START);
+        this->frames.push_back(tpx.frame());
+    };
+    this->run(3, 0.02);
+    EXPECT_EQ(tpx.events->seen(), readyEvents(3, HWEVENT_ACQ_FINISHED));
+    ASSERT_EQ(this->frames.size(), 3U);
+    this->expectFrames(20);
+    this->expectNextSeriesWorks();
+}
+
+TYPED_TEST(TpxTurn, BringUpWaitsForASeriesThatFailsWithoutALink)
+{
+    auto& tpx = this->bench;
+    tpx.events->onFrame = nullptr;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(tpx->closeDevice(), 0);
+        tpx.events->clear();
+        ASSERT_EQ(tpx->startAcquisition(3, 0.02), 0);
+        sleepMs(i);
+        this->bringUp();
+        EXPECT_TRUE(tpx.events->waitFor({HWEVENT_ACQ_FAILED, HWEVENT_ACQ_ABORTED})) << "all told before";
+    }
+    this->expectNextSeriesWorks();
+}
+
 TYPED_TEST(TpxTurn, ReadsBehindAStopGiveTheAnnouncedFrame)
 {
     auto& tpx = this->bench;

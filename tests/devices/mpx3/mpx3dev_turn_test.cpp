@@ -370,6 +370,24 @@ TEST_F(Mpx3Turn, CloseFromHandlers)
     expectNextSeriesWorks();
 }
 
+TEST_F(Mpx3Turn, TwoThreadsCloseAtOnce)
+{
+    for (int i = 0; i < 20; ++i) {
+        std::atomic<int> ready = 0;
+        const auto close = [&] {
+            for (++ready; ready < 2;) {
+            }
+            bench->closeDevice();
+        };
+        std::jthread other(close);
+        close();
+        other.join();
+        EXPECT_FALSE(bench->isConnected());
+        bringUp();
+    }
+    EXPECT_EQ(bench.host.complaints(), Strings{}) << "nothing is given back twice";
+}
+
 TEST_F(Mpx3Turn, MuteBoardDoesNotHoldUpAStop)
 {
     start(3, 30.0);
