@@ -421,6 +421,7 @@ protected:
     bool acquiring = false;      ///< polled: between the first step of a series' thread and its last event
     bool frameAnnounced = false; ///< polled: the series has handed over a frame
     bool halfStopped = false;    ///< polled: an exposure in two halves is to end
+    bool exposing = false;       ///< polled: a shutter was opened, and not seen to end but by closing
     bool closing = false;        ///< polled: the device is being closed
     double closingSince = 0.0;   ///< when that has begun; the closing thread's, as the next one
     bool closedInSeries = false;
