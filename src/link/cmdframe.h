@@ -196,8 +196,9 @@ public:
     }
 
     /// Waits for one packet of `size` bytes, at most `timeout` seconds. The board is asked for a second at a time,
-    /// or for what is left of them, so an abort is noticed about once a second, and bytes of an incomplete packet are dropped. A failing link is
-    /// reported and waited for: only the deadline and a closing link end the wait. It is no `Exchange`.
+    /// or for what is left of them, so an abort is noticed about once a second, and bytes of an incomplete packet are
+    /// dropped. A failing link is reported and waited for: only the deadline and a closing link end the wait. It is no
+    /// `Exchange`.
     /// @param abort          polled flag that ends the wait, or null
     /// @param reportTimeout  whether reaching the deadline is an error to report
     /// @param sleepBetween   sleep 2 ms between two attempts

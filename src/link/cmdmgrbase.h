@@ -82,9 +82,9 @@ protected:
     {
         return result >= 0 && static_cast<unsigned long>(result) == size;
     }
-    /// Attempts until one is done, at least once; each is told how many seconds it may take. Behind an attempt that brought nothing it pauses 2 ms if
-    /// `sleepBetween` or if another thread wants an exchange, behind a failed link longer, but not beyond the deadline,
-    /// and then looks at `abort`, which may be null.
+    /// Attempts until one is done, at least once; each is told how many seconds it may take. Behind an attempt that
+    /// brought nothing it pauses 2 ms if `sleepBetween` or if another thread wants an exchange, behind a failed link
+    /// longer, but not beyond the deadline, and then looks at `abort`, which may be null.
     /// @return 0 when done, -1 at the deadline or when the link is closing, -2 when aborted
     int keepTrying(double timeout, const bool* abort, bool sleepBetween,
                    const std::function<Attempt(double seconds)>& attempt) const;

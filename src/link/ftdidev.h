@@ -241,8 +241,8 @@ private:
     std::atomic<const char*> refusal = nullptr; ///< Why calls fail, while they do.
     std::atomic<double> closingEnd = 0;         ///< When closing's own calls end.
     std::atomic<pthread_t> closer = 0;          ///< The thread that closes.
-    bool requestFailed = false; ///< The last request of the chip did; with both locks held.
-    bool contextInUse = false;  ///< libftdi may hold resources in the context that `ftdi_deinit` releases.
+    bool requestFailed = false;                 ///< The last request of the chip did; with both locks held.
+    bool contextInUse = false; ///< libftdi may hold resources in the context that `ftdi_deinit` releases.
 
     static std::vector<std::uint32_t> mVidPids;
     static std::map<std::string, std::uint32_t> mNameToVidPid;

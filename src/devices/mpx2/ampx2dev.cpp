@@ -97,7 +97,7 @@ int AMpx2Dev::closeDevice()
     DeviceTurn turn(linkTurn, report, alone ? deadline - getPreciseTime() : 0.0);
     const bool free = alone && turn.taken();
     if (free)
-        giveBoardUp(closedInSeries);
+        giveBoardUp(closedInSeries || loadFlag(exposing));
     else
         link.cancelClosing();
     storeFlag(closing, false);
@@ -129,6 +129,7 @@ void AMpx2Dev::giveBoardUp(bool stopFirst)
     devLog.reset();
     storeFlag(noChip, true);
     storeFlag(connected, false);
+    storeFlag(exposing, false);
     storeFlag(boardMute, false);
 }
 

@@ -430,16 +430,17 @@ protected:
     bool connected = false; ///< polled: the bring-up has ended
     bool noChip = true;     ///< polled: there is no chip
     bool busy = false;
-    bool acquiring = false;      ///< polled: between the first step of a series' thread and its last event
-    bool frameAnnounced = false; ///< polled: the series has handed over a frame
-    bool driven = false;         ///< polled: a composite runs a series
-    bool halfStopped = false;    ///< polled: an exposure in two halves is to end
-    bool closing = false;        ///< polled: the device is being closed
-    double closingSince = 0.0;   ///< when that has begun; the closing thread's, as the next one
-    bool closedInSeries = false;
-    bool boardMute = false;          ///< polled: the bring-up has ended since the board did not answer
-    bool needsRecovery = false;      ///< a stop has cut a recovery; kept by whoever drives the series
-    mutable bool overheated = false; ///< polled: the temperature protection has tripped
+    bool acquiring = false;                  ///< polled: between the first step of a series' thread and its last event
+    bool frameAnnounced = false;             ///< polled: the series has handed over a frame
+    bool driven = false;                     ///< polled: a composite runs a series
+    bool halfStopped = false;                ///< polled: an exposure in two halves is to end
+    bool exposing = false;                   ///< polled: a shutter was opened, and not seen to end but by closing
+    bool closing = false;                    ///< polled: the device is being closed
+    std::atomic<double> closingSince{0.0};   ///< when that has begun
+    std::atomic<bool> closedInSeries{false}; ///< and a series ran
+    bool boardMute = false;                  ///< polled: the bring-up has ended since the board did not answer
+    bool needsRecovery = false;              ///< a stop has cut a recovery; kept by whoever drives the series
+    mutable bool overheated = false;         ///< polled: the temperature protection has tripped
 
     std::atomic<unsigned> acqMode{0};          ///< bits of dv::AcqMode, as the host wants the next series
     std::atomic<unsigned> seriesMode{0};       ///< the same of the series that was prepared last

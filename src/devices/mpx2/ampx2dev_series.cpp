@@ -72,6 +72,7 @@ int AMpx2Dev::startExposure(unsigned char flags, std::uint32_t frameWord)
 {
     const Link::Exchange whole(link);
     changePins({{&TpxPins::ACQOVER, 1}, {&TpxPins::OUTEN, 0}});
+    storeFlag(exposing, true);
     return link.send(AcqCmd::Start, CmdArgs::byteAnd24(flags, frameWord), cmdflag::OUTPUT);
 }
 
@@ -80,6 +81,7 @@ void AMpx2Dev::endExposure()
     const Link::Exchange whole(link);
     if (!whole)
         return;
+    storeFlag(exposing, loadFlag(exposing) && loadFlag(closing));
     changePins({{&TpxPins::ACQOVER, 0}, {&TpxPins::OUTEN, 0}});
     handBackOutput(*whole.manager());
 }

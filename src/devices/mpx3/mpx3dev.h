@@ -345,7 +345,7 @@ private:
     bool stopSent = false;                    ///< the board has been told to stop
     bool frameAnnounced = false;              ///< polled: reads get the announced frame
     bool leaving = false;                     ///< polled: the device is being closed
-    double closingSince = 0.0;                ///< when closing has begun; the closing thread's
+    std::atomic<double> closingSince{0.0};    ///< when closing has begun
     bool readoutDisturbed = false;            ///< the chips or the data path are not as a frame needs them; turn
     double wishesServed = 0.0;                ///< when; the series' thread's
     Event frameOver{true, true, "frameOver"}; ///< no frame of the series is on the wire

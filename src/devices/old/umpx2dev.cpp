@@ -26,7 +26,7 @@ constexpr int TEST_ROUNDS = 10;
 constexpr double RESET_PAUSE = 0.1; ///< seconds
 constexpr double DACS_PAUSE = 0.05; ///< seconds that the chips need behind new DACs
 
-constexpr double CLOSE_LIMIT = 2.5; ///< seconds from the first step of closing on
+constexpr double CLOSING_CALLS_LIMIT = 0.5; ///< seconds for what closing itself asks of the link
 
 constexpr int MAX_MODULES = 256;   ///< values of the module switch
 constexpr double MAX_DELAY = 60.0; ///< seconds; keeps a nonsense setting from holding up the host
@@ -123,7 +123,7 @@ void UMpx2Dev::beginClosing()
 {
     storeFlag(stopRequested, true);
     if (ftdi != nullptr)
-        ftdi->startClosing(CLOSE_LIMIT);
+        ftdi->startClosing();
 }
 
 int UMpx2Dev::closeDevice()
@@ -134,7 +134,7 @@ int UMpx2Dev::closeDevice()
     // A stop may still be on its way.
     ThreadLock lock(&devSync);
     if (ftdi != nullptr) {
-        const FtdiDev::ClosingCalls own(*ftdi);
+        const FtdiDev::ClosingCalls own(*ftdi, CLOSING_CALLS_LIMIT);
         ftdi->setBitMode(FtdiBitModeBitBang);
     }
     dropLink();

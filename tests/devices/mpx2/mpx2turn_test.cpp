@@ -525,6 +525,21 @@ TEST(RowKind, ChipsThatTellNothingDoNotDecide)
     EXPECT_TRUE(bench->isTimepix());
 }
 
+TEST_F(Mpx2Turn, ClosingEndsAnExposureInTwoHalves)
+{
+    ASSERT_EQ(bench->prepareAcquisition(30), 0);
+    ASSERT_EQ(bench->startSingleAcquisition(), 0);
+    auto waiting = std::async(std::launch::async, [&] { return bench->waitForAcqFinish(false); });
+    sleepMs(100);
+    expectWithin(3, [&] {
+        bench->beginClosing();
+        waiting.get();
+        EXPECT_EQ(bench->closeDevice(), 0) << bench->lastError();
+    });
+    EXPECT_EQ(bench.sent("55 02 05 02"), 1);
+    bringUp();
+}
+
 TEST_F(Mpx2Turn, StopOfAnExposureInTwoHalvesEndsTheAcquisition)
 {
     std::mt19937 random(3);
