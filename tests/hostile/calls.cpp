@@ -24,9 +24,8 @@ void start(Host& host, Dice& dice)
 {
     const int time = stateOf(host, Time, dice);
     const unsigned count = dice(3) == 0 ? 1000 : 1 + dice(6);
-    host.world().start(time, [&] {
-        return host.dev().startAcquisition(count, TIMES.at(static_cast<std::size_t>(time)));
-    });
+    host.world().start(time,
+                       [&] { return host.dev().startAcquisition(count, TIMES.at(static_cast<std::size_t>(time))); });
 }
 
 void setAcqMode(Host& host, Dice& dice)
@@ -47,7 +46,9 @@ void setDacs(Host& host, Dice& dice)
 void setPixelCfg(Host& host, Dice& dice)
 {
     const int state = static_cast<int>(dice(2));
-    const auto set = [&] { return host.world().change(Pixels, state, [&] { return host.subject().setPixels(state); }); };
+    const auto set = [&] {
+        return host.world().change(Pixels, state, [&] { return host.subject().setPixels(state); });
+    };
     if (host.kind().matrix3)
         set();
     else
@@ -136,8 +137,7 @@ const Call CALLS[] = {
     {"deviceStatus", READING, [](Host& h, Dice&) { h.dev().deviceStatus(); }},
     {"deviceStatusText", READING, [](Host& h, Dice&) { h.dev().deviceStatusText(); }},
     {"CPU parameter", READING, [](Host& h, Dice&) { readParameter(h, false, "TempCpu"); }},
-    {"flash parameter", OPERATION,
-     [](Host& h, Dice&) { readParameter(h, true, "Table"); }},
+    {"flash parameter", OPERATION, [](Host& h, Dice&) { readParameter(h, true, "Table"); }},
     {"doSoftwareTrigger", AT_ONCE, [](Host& h, Dice&) { h.dev().doSoftwareTrigger(0); }},
     {"records and flags", AT_ONCE, look},
     {"setEventFunc", AT_ONCE, [](Host& h, Dice&) { h.listen(); }},

@@ -26,8 +26,8 @@ const Call DESTROY = {"destroy", 3, nullptr};
 constexpr std::initializer_list<Stage> HOST_STAGES = {Idle, Preparing, Running, Stopping, Ending, Closed};
 
 std::atomic<HostileHost*> current{nullptr};
-thread_local int depth = 0;           ///< calls of the host that this thread is in
-thread_local double inCallbacks = 0;  ///< seconds that callbacks have taken of the call
+thread_local int depth = 0;          ///< calls of the host that this thread is in
+thread_local double inCallbacks = 0; ///< seconds that callbacks have taken of the call
 
 double secondsSince(Moment begun)
 {
@@ -94,8 +94,8 @@ HostileHost::HostileHost(const Kind& kind, const KnownFrames& known, std::uint64
       history(known),
       device(kind.make(kind, host, folder)),
       threads{{{mixed(hostSeed), HOST_STAGES, met},
-                {mixed(hostSeed + 1), HOST_STAGES, met},
-                {mixed(hostSeed + 2), HOST_STAGES, met}}},
+               {mixed(hostSeed + 1), HOST_STAGES, met},
+               {mixed(hostSeed + 2), HOST_STAGES, met}}},
       frameCalls(mixed(hostSeed + 3), {InFrame}, met),
       lastCalls(mixed(hostSeed + 4), {InLast}, met),
       logCalls(mixed(hostSeed + 5), {Idle}, met),
@@ -487,7 +487,8 @@ void HostileHost::endLife()
         dev().closeDevice();
     destroysInLast = lastStage == InLast;
     if (lastStage != Closed && lastStage != Idle)
-        history.start(TIMES.size() - 1, [&] { return dev().startAcquisition(lastStage == InLast ? 1 : 1000, TIMES.back()); });
+        history.start(TIMES.size() - 1,
+                      [&] { return dev().startAcquisition(lastStage == InLast ? 1 : 1000, TIMES.back()); });
     for (int i = 0; i < 10000 && lastStage == InLast && !destroyed; ++i)
         pause(1000);
     if (destroyed)
@@ -500,7 +501,10 @@ void HostileHost::endLife()
     });
     patience = 5;
     awaitStage(lastStage);
-    ++report.hits[DESTROY.name][stage()];
+    {
+        const std::scoped_lock lock(mutex);
+        ++report.hits[DESTROY.name][stage()];
+    }
     over = true;
     const Moment begun = Clock::now();
     if (lastStage == Stopping || lastStage == Ending)

@@ -136,7 +136,7 @@ private:
     Caller frameCalls;
     Caller lastCalls;
     Caller logCalls;
-    double patience; ///< seconds that a thread waits for the stage that it wants
+    double patience;                            ///< seconds that a thread waits for the stage that it wants
     Stage lastStage = static_cast<Stage>(Idle); ///< in which the device is destroyed
 
     std::atomic<bool> over{false};

@@ -60,7 +60,8 @@ void print(const Hits& hits)
 
 constexpr double MOST = 40; ///< seconds for what the dice have left out
 
-/// Cells of the table that cannot be: a device is not brought up while another call of it runs, and not freed under one.
+/// Cells of the table that cannot be: a device is not brought up while another call of it runs, and not freed under
+/// one.
 constexpr std::array<Stage, 5> NO_INIT = {Preparing, Stopping, Ending, InFrame, InLast};
 constexpr std::array<Stage, 2> NO_DESTROY = {Preparing, InFrame};
 
@@ -114,6 +115,26 @@ TEST_P(HostileTest, Rages)
     EXPECT_GT(frames, 20U);
     print(hits);
     std::cout << frames << " frames checked\n";
+}
+
+/// Whatever the machine does meanwhile, each thread makes the same calls in the same order.
+TEST(HostileSchedule, RepeatsForASeed)
+{
+    const Kind& kind = kinds().front();
+    const KnownFrames known(kind);
+    const auto calls = [&](std::uint64_t seed) { return HostileHost(kind, known, seed, false, {}).run(0.7).made; };
+    const auto first = calls(7);
+    const auto again = calls(7);
+    const auto other = calls(8);
+    for (std::size_t thread = 0; thread < first.size(); ++thread) {
+        const std::size_t both = std::min({first[thread].size(), again[thread].size(), other[thread].size()});
+        ASSERT_GT(both, 5U);
+        const auto begin = [&](const auto& made) {
+            return std::vector(made[thread].begin(), made[thread].begin() + static_cast<long>(both));
+        };
+        EXPECT_EQ(begin(first), begin(again)) << thread;
+        EXPECT_NE(begin(first), begin(other)) << thread;
+    }
 }
 
 std::vector<const Kind*> allKinds()

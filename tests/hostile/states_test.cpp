@@ -32,21 +32,51 @@ struct Row {
     int (*make)(Subject& subject);
 };
 
-int start(Subject& s) { return s.device().startAcquisition(1, TIMES.front()); }
-int stop(Subject& s) { return s.device().stopAcquisition(); }
-int close(Subject& s) { return s.device().closeDevice(); }
+int start(Subject& s)
+{
+    return s.device().startAcquisition(1, TIMES.front());
+}
+int stop(Subject& s)
+{
+    return s.device().stopAcquisition();
+}
+int close(Subject& s)
+{
+    return s.device().closeDevice();
+}
 int destroy(Subject& s)
 {
     s.device().destroy();
     return 0;
 }
-int erase(Subject& s) { return s.device().eraseMatrix(); }
-int bias(Subject& s) { return s.device().setBias(20); }
-int status(Subject& s) { return s.device().deviceStatus(); }
-int readMatrix(Subject& s) { return s.readMatrix(); }
-int lastData(Subject& s) { return refhost::adopt(s.device().lastData()) != nullptr ? 0 : 1; }
-int trigger(Subject& s) { return s.device().doSoftwareTrigger(0); }
-int init(Subject& s) { return s.device().initDevice(); }
+int erase(Subject& s)
+{
+    return s.device().eraseMatrix();
+}
+int bias(Subject& s)
+{
+    return s.device().setBias(20);
+}
+int status(Subject& s)
+{
+    return s.device().deviceStatus();
+}
+int readMatrix(Subject& s)
+{
+    return s.readMatrix();
+}
+int lastData(Subject& s)
+{
+    return refhost::adopt(s.device().lastData()) != nullptr ? 0 : 1;
+}
+int trigger(Subject& s)
+{
+    return s.device().doSoftwareTrigger(0);
+}
+int init(Subject& s)
+{
+    return s.device().initDevice();
+}
 
 // The document tells what the words mean.
 const Row ROWS[] = {
@@ -55,10 +85,14 @@ const Row ROWS[] = {
     {"stop", {"closed", "done", "done", "done", "done", "done", "done", "done", "done", "done"}, stop},
     {"close", {"done", "done", "done", "done", "done", "done", "done", "refused", "done", "done"}, close},
     {"destroy", {"done", "done", "-", "done", "done", "done", "done", "refused", "done", "-"}, destroy},
-    {"setters, erase", {"closed", "done", "waits", "waits", "running", "waits", "waits", "done", "done", "done"}, erase},
+    {"setters, erase",
+     {"closed", "done", "waits", "waits", "running", "waits", "waits", "done", "done", "done"},
+     erase},
     {"bias", {"closed", "done", "done", "done", "done", "done", "done", "done", "done", "done"}, bias},
     {"readers", {"last", "new", "last", "last", "last", "last", "last", "last", "new", "new"}, status},
-    {"matrices", {"closed", "chips", "waits", "frame", "frame", "frame", "frame", "frame", "chips", "chips"}, readMatrix},
+    {"matrices",
+     {"closed", "chips", "waits", "frame", "frame", "frame", "frame", "frame", "chips", "chips"},
+     readMatrix},
     {"lastData", {"closed", "chips", "waits", "frame", "frame", "frame", "frame", "frame", "chips", "chips"}, lastData},
     {"trigger", {"done", "done", "done", "done", "done", "done", "done", "done", "done", "done"}, trigger},
     {"initDevice", {"done", "done", "-", "done", "done", "done", "done", "refused", "done", "-"}, init},
@@ -259,7 +293,8 @@ bool gave(const std::string& word, Staged& staged, const Row& row, const Staged:
     if (word == "fails") // at once, or by an event
         return outcome.result == 1 || support::soon([&] { return staged.failures > 0; });
     if (word == "refused")
-        return (outcome.result == 1 || row.make == destroy) && (tells("cannot be closed") || tells("cannot be destroyed"));
+        return (outcome.result == 1 || row.make == destroy) &&
+               (tells("cannot be closed") || tells("cannot be destroyed"));
     if (word == "new")
         return outcome.result == 0 && outcome.asked;
     return outcome.result == 0;

@@ -259,7 +259,8 @@ constexpr unsigned SOFT = dv::ACQMODE_SOFT_TRIGGER;
 constexpr unsigned TDI = dv::ACQMODE_TDI;
 
 const Kind KINDS[] = {
-    {"mpx3", mpx3, "[Settings]\nModule2=0\nModule3=0\nModule4=0\n", MPX3_STATES, true, SOFT | TDI, false, // rows are right with five channels alone
+    {"mpx3", mpx3, "[Settings]\nModule2=0\nModule3=0\nModule4=0\n", MPX3_STATES, true, SOFT | TDI,
+     false, // rows are right with five channels alone
      makeSingle<Mpx3Subject<Mpx3Dev>, Mpx3Dev, false>},
     {"mpx2", mpx2, "[Settings]\n", MPX2_STATES, false, SOFT, false, makeSingle<Mpx2Subject<Mpx2Dev>, Mpx2Dev, false>},
     {"row", row, "[Settings]\n", MPX2_STATES, false, SOFT | TDI, true, makeSingle<Mpx2Subject<Mpx2DevRow>, Mpx2DevRow>},

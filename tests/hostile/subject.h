@@ -53,8 +53,8 @@ struct Kind {
     const char* name;
     nlohmann::json (*boards)();
     const char* settings;
-    State states;   ///< how many each dimension has
-    bool matrix3;   ///< Medipix3: matrices and configurations are those of that family
+    State states;     ///< how many each dimension has
+    bool matrix3;     ///< Medipix3: matrices and configurations are those of that family
     unsigned modes;   ///< acquisition modes that it has beside the normal one
     bool rowsChecked; ///< its frames of rows depend on nothing but their state
     std::unique_ptr<Subject> (*make)(const Kind& kind, IDorvet& host, const support::TempFolder& folder);

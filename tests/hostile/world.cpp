@@ -39,8 +39,7 @@ bool isOfRows(const refhost::Frame& frame)
 
 KnownFrames::KnownFrames(const Kind& kind)
 {
-    forEachState(kind,
-                 [&](const State& state) { frames.emplace(digestOf(expectedFrame(kind, state)), state); });
+    forEachState(kind, [&](const State& state) { frames.emplace(digestOf(expectedFrame(kind, state)), state); });
 }
 
 std::uint64_t KnownFrames::digest(const refhost::Frame& frame)
@@ -181,7 +180,8 @@ std::string World::complaint(const refhost::Frame& frame, const Window& window)
     // An overheated board has switched its chips off, until somebody polls it.
     const bool off = doubts.find("overheated") != std::string::npos &&
                      std::ranges::all_of(frame.bytes(), [&](unsigned char byte) { return byte == 0; });
-    if (off || known.ignores(frame) || std::ranges::any_of(states, [&](const State& state) { return mayHold(state, window); }))
+    if (off || known.ignores(frame) ||
+        std::ranges::any_of(states, [&](const State& state) { return mayHold(state, window); }))
         return "";
     std::ostringstream text;
     text << (states.empty() ? "a frame of no known state" : "a frame of a state that was not in force");
@@ -191,8 +191,8 @@ std::string World::complaint(const refhost::Frame& frame, const Window& window)
             text << value;
         text << "]";
     }
-    text << (isOfRows(frame) ? ", of rows" : "") << ", first pixels " << frame.pixel(0) << " " << frame.pixel(1) << ", last "
-         << frame.pixel(std::size_t{frame.width()} * frame.height() - 1) << describe(window);
+    text << (isOfRows(frame) ? ", of rows" : "") << ", first pixels " << frame.pixel(0) << " " << frame.pixel(1)
+         << ", last " << frame.pixel(std::size_t{frame.width()} * frame.height() - 1) << describe(window);
     return text.str();
 }
 

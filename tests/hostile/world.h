@@ -105,7 +105,7 @@ private:
     std::size_t series = 0;
     std::vector<Moment> commands; ///< start commands
     std::optional<long> told;     ///< index of the frame that was told last
-    std::string doubts; ///< the boards' failures
+    std::string doubts;           ///< the boards' failures
 };
 
 } // namespace hostile
