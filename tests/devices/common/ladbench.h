@@ -200,7 +200,8 @@ void stressSeries(Lad& lad, const std::function<void(const Dice&)>& prepare,
         lad.events->clear();
         prepare(dice);
         const bool endless = dice(2) == 0;
-        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), (1 + dice(20)) / 1000.0), 0) << lad->lastError();
+        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), (1 + dice(20)) / 1000.0), 0)
+            << lad->lastError();
         if (endless) {
             sleepMs(static_cast<int>(dice(300)));
             EXPECT_EQ(lad->stopAcquisition(), 0);
