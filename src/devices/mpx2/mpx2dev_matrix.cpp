@@ -34,10 +34,9 @@ int Mpx2Dev::eraseMatrix()
 
 int Mpx2Dev::readMatrixFromDevice()
 {
-    return readForComposite(
-        [this](StreamCount& count) {
-            return buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
-        });
+    return readForComposite([this](StreamCount& count) {
+        return buffers.receive([&](std::span<unsigned char> stream) { return readStream(stream, count); });
+    });
 }
 
 int Mpx2Dev::readMatrixAside()

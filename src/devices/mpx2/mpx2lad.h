@@ -66,7 +66,8 @@ public:
     }
     int eraseMatrix() override
     {
-        return this->operate([this] { return this->untilFailure([](Member& member) { return member.eraseMatrix(); }); });
+        return this->operate(
+            [this] { return this->untilFailure([](Member& member) { return member.eraseMatrix(); }); });
     }
     int setAcqMode(unsigned) override { return 0; }
     int setBias(double volts) override
@@ -162,10 +163,7 @@ protected:
     using LadDev<dv::IHwDevMpx2, Member, Mpx2LadExtras>::LadDev;
 
     /// Whether a series runs that makes the readings.
-    bool inSeries() const
-    {
-        return loadFlag(this->inAcquisition) && this->life.state() != SeriesLife::State::Idle;
-    }
+    bool inSeries() const { return loadFlag(this->inAcquisition) && this->life.state() != SeriesLife::State::Idle; }
     /// Makes a reading; in a series, which is not to be disturbed, asks for it and gives it a moment.
     void read(unsigned reading, double patience) const
     {

@@ -83,13 +83,13 @@ private:
 
     Event matrixRead{false, false, "matrixRead"}; ///< the streams have been taken over; the next may be read
     ThreadSyncObject takeSync;                    ///< the announced frame is taken over, or put in place, as a whole
-    ThreadSyncObject decodeSync;                  ///< one reader's frame stays in the second buffers until it is decoded
-    std::unique_ptr<WorkTeam> team;               ///< the series' thread
-    std::set<Mpx2Dev*> unrecovered;  ///< a stop has cut their recovery; who starts the next series, or the series
-    bool parallelReadout = false;    ///< of the parameter "ParallelReadout", as last looked at; as `unrecovered`
-    bool frameAnnounced = false;     ///< polled: the series has handed over a frame
+    ThreadSyncObject decodeSync;          ///< one reader's frame stays in the second buffers until it is decoded
+    std::unique_ptr<WorkTeam> team;       ///< the series' thread
+    std::set<Mpx2Dev*> unrecovered;       ///< a stop has cut their recovery; who starts the next series, or the series
+    bool parallelReadout = false;         ///< of the parameter "ParallelReadout", as last looked at; as `unrecovered`
+    bool frameAnnounced = false;          ///< polled: the series has handed over a frame
     std::atomic<bool> busyFollows{false}; ///< behind the frame event under way `busy` becomes true
-    int preShutterClockCount = 10; ///< of the parameters, as last looked at; the turn, as the next two
+    int preShutterClockCount = 10;        ///< of the parameters, as last looked at; the turn, as the next two
     int preShutterClockDivider = 2;
     int preShutterDelayClockCount = 10;
     std::atomic<double> timepixClock{10.0}; ///< MHz, as the last member left it

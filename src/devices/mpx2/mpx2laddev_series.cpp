@@ -7,7 +7,7 @@ namespace HwLatixel {
 
 namespace {
 
-constexpr unsigned READER_POLL_MS = 10;  ///< for those who wait for the boards meanwhile
+constexpr unsigned READER_POLL_MS = 10;   ///< for those who wait for the boards meanwhile
 constexpr double OVERLAPPING_BELOW = 0.1; ///< seconds; frames so short do not wait for the host's handler
 
 } // namespace
@@ -73,6 +73,11 @@ int Mpx2LadDev::readChipsNow(unsigned short* data, std::size_t size, bool conver
 
 dv::IMpxFrame* Mpx2LadDev::lastData()
 {
+    // Ahead of the host's frame, which takes its time to be made.
+    if (givesAnnouncedFrame()) {
+        ThreadLock lock(&decodeSync);
+        takeAnnouncedFrame();
+    }
     std::size_t missing = 0;
     dv::IMpxFrame* frame = frameOf<unsigned short>(
         *dorvet, members.chipCount(), DTYPE_I16,

@@ -44,8 +44,7 @@ int ULadDev::setTimepixClock(double* mhz)
 {
     if (mhz == nullptr)
         return refuseNull();
-    return operate(
-        [&] { return untilFailure([mhz](UMpx2Dev& member) { return member.setTimepixClock(mhz); }); });
+    return operate([&] { return untilFailure([mhz](UMpx2Dev& member) { return member.setTimepixClock(mhz); }); });
 }
 
 int ULadDev::readMatrix(unsigned short* data, std::size_t size, bool convert)
@@ -68,8 +67,8 @@ int ULadDev::startAcquisition(unsigned count, double time)
 {
     if (beginSeries(count, time) != 0)
         return 1;
-    return runSeries(operate(
-        [&] { return untilFailure([time](UMpx2Dev& member) { return member.prepareAcquisition(time); }); }));
+    return runSeries(
+        operate([&] { return untilFailure([time](UMpx2Dev& member) { return member.prepareAcquisition(time); }); }));
 }
 
 void ULadDev::acqFunc()

@@ -51,8 +51,8 @@ public:
     virtual int stopAcquisition();
     /// Waits for the start and the end of a frame. A stop ends the wait with 0.
     virtual int waitForAcqFinish();
-    /// 14 values for each chip; `chip` -1 sets all modules, any other that chip's module, if there is one. The number of values is
-    /// compared with one module's; where the array ends before the last module does, zeros are sent.
+    /// 14 values for each chip; `chip` -1 sets all modules, any other that chip's module, if there is one. The number
+    /// of values is compared with one module's; where the array ends before the last module does, zeros are sent.
     virtual int setMpx2Dacs(const unsigned short* dacs, unsigned long size, int chip, int senseChip, int senseDac,
                             int extDac, unsigned ctpr);
     /// Reads the chips of all modules into `size` words, and clears their counters. `data` may be null.

@@ -255,7 +255,10 @@ TEST_F(Mpx2Lad, HostPacesTheSeries)
         bench->stopAcquisition(); // the next frame is exposed, and nobody takes this one
         // A start right behind a stop waits for what is left of the series.
         takeFrames();
-        expectSeries(2, 0.02);
+        ASSERT_EQ(bench->startAcquisition(2, 0.02), 0) << bench->lastError();
+        ASSERT_TRUE(bench.events->waitFor({FINISHED}));
+        EXPECT_EQ(bench.events->seen(),
+                  (Events{{READY, 0}, {READY, 1}, {ABORTED, 0}, {READY, 0}, {READY, 1}, {FINISHED, 0}}));
     }
 }
 
@@ -330,10 +333,10 @@ TEST_F(Mpx2Lad, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
 {
     start(100000, 0.02);
     ASSERT_TRUE(bench.events->waitFor({READY}));
-    EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
     sim::addFault(0, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
     EXPECT_TRUE(soon([&] {
-        return bench->deviceStatus() == 1 && bench->deviceStatusText() == std::string("warm") && bench->adcValue(17) > 0;
+        return bench->deviceStatus() == 1 && bench->deviceStatusText() == std::string("warm") &&
+               bench->adcValue(17) > 0;
     }));
     sim::clearFaults(0);
     EXPECT_EQ(bench.errors->take(), Strings{});
@@ -346,28 +349,22 @@ TEST_F(Mpx2Lad, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
     const Strings errors = bench.errors->take();
     ASSERT_EQ(errors.size(), 1U);
     EXPECT_TRUE(errors[0].starts_with("Maximal allowed temperature exceeded !")) << "a member's, for the host";
-    for (const auto& frame : frames)
-        expectBlocks(frame, 2, 2, 20);
     sim::clearFaults(1);
     bringUp();
 }
 
 TEST_F(Mpx2Lad, StopInARecoveryEndsTheSeriesAndTheNextOneMakesUpForIt)
 {
-    for (const int back : {1, 0}) {
-        SCOPED_TRACE(back);
-        sim::addFault(1, behind(START, {{"kind", "unplug"}}, 2));
-        start(100, 0.02);
-        ASSERT_TRUE(soon([&] { return std::ranges::count(bench.errors->take(), reconnecting(1)) > 0; }));
-        expectStop();
-        sim::clearFaults(1);
-        if (back == 0) {
-            EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
-            EXPECT_FALSE(bench->isBusy());
-        }
-        sim::plug(1);
-        expectNextSeriesWorks();
-    }
+    sim::addFault(1, behind(START, {{"kind", "hang"}}, 2));
+    start(100, 0.02);
+    ASSERT_TRUE(soon([&] { return std::ranges::count(bench.errors->take(), reconnecting(1)) > 0; }));
+    expectStop();
+    sim::clearFaults(1);
+    sim::unplug(1);
+    EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
+    EXPECT_FALSE(bench->isBusy());
+    sim::plug(1); // without power and DACs
+    expectNextSeriesWorks();
 }
 
 TEST_F(Mpx2Lad, CloseDuringASeries)

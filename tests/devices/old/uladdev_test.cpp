@@ -223,7 +223,7 @@ TEST_F(OldDetector, CloseDuringASeries)
         SCOPED_TRACE(mute);
         if (mute)
             for (std::size_t m = 0; m < 2; ++m)
-                sim::addFault(m, behind("55 22 40 00 00 62", {{"kind", "hang"}}));
+                sim::addFault(m, {{"kind", "no_answer"}, {"command", "MEAS BREAK"}});
         bench.events->onFrame = nullptr;
         start(5, 60.0);
         ASSERT_TRUE(soon([] { return std::ranges::count(commands(0), "55 22 40 00 00 62 ") > 0; }));
@@ -285,7 +285,10 @@ TEST(OldBringUp, WorksWithThoseThatComeUp)
     {
         // What the first module has told is not kept where the second one fails.
         Bench bench(BOTH, SECTIONS);
-        sim::addFault(0, {{"kind", "refuse_data"}, {"command", "Write FSR"}, {"frames", 1}, {"when", {{"after_written", "55 68 01 01 01 69"}}}});
+        sim::addFault(0, {{"kind", "refuse_data"},
+                          {"command", "Write FSR"},
+                          {"frames", 1},
+                          {"when", {{"after_written", "55 68 01 01 01 69"}}}});
         EXPECT_EQ(bench->initDevice(), 0);
         EXPECT_EQ(bench.chipIds(), (Strings{"D04-W0062", "E04-W0062"}));
     }
