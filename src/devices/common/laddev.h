@@ -12,6 +12,7 @@
 #include "devices/common/paramtable.h"
 #include "devices/common/serieslife.h"
 #include "host/idorvet.h"
+#include "shared/contained.h"
 #include "shared/osdepend.h"
 #include "shared/str.h"
 
@@ -44,8 +45,8 @@ class LadDev : public Base {
 public:
     int initDevice() override = 0;
     /// Ends a running series and closes the members, within three seconds. 1 with a text from a callback of this
-    /// device other than that of a series' last event, or where such a callback does not end in time: then every
-    /// other operation is refused, and closing may be tried again.
+    /// device other than that of a series' last event, or where such a callback does not end in time: then
+    /// the device can be used or closed again.
     int closeDevice() override
     {
         if (life.caller() == SeriesLife::Caller::Handler)
@@ -162,7 +163,7 @@ protected:
           deviceNames(std::move(names))
     {
         devMpxInfoRec.biasMax = maxBiasOf(deviceNames);
-        report.setTurn(&linkTurn);
+        report.setTurn(&linkTurn, &life);
         report.attachLog(log);
     }
     ~LadDev() override
@@ -399,6 +400,8 @@ private:
         if (closed) {
             storeFlag(connected, false);
             members.retire();
+        } else {
+            forAll([](Member& member) { member.cancelClosing(); });
         }
         turn.release();
         linkTurn.endClosing();
@@ -435,10 +438,24 @@ private:
         if (std::string_view(text).starts_with(TOO_HOT_MESSAGE))
             static_cast<LadDev*>(lad)->report.pass(level, text);
     }
+    /// Ends a series whose thread can't go on.
+    void breakOff()
+    {
+        life.stop();
+        life.framesOver();
+        dismissSeries();
+        events.dispatcher().stopThread();
+        linkTurn.endWholeSeries();
+        setBusy(false);
+        storeFlag(inAcquisition, false);
+        endSeries(HWEVENT_ACQ_FAILED, -1);
+    }
     static void acqFuncWrapper(void* lad)
     {
         auto* self = static_cast<LadDev*>(lad);
-        self->acqFunc();
+        const auto tell = [self](const char* text) { self->logError(1, "Acquisition failed (%s)", text); };
+        if (!contained([self] { self->acqFunc(); }, tell))
+            contained([self] { self->breakOff(); });
         // The host has gone away meanwhile and has left the device to this thread.
         if (self->life.left())
             delete self;

@@ -87,6 +87,13 @@ void AMpx2Dev::beginClosing()
     link.startClosing();
 }
 
+void AMpx2Dev::cancelClosing()
+{
+    link.cancelClosing();
+    storeFlag(closing, false);
+    linkTurn.endClosing();
+}
+
 int AMpx2Dev::closeDevice()
 {
     if (life.caller() == SeriesLife::Caller::Handler)

@@ -74,6 +74,8 @@ public:
     /// The first step of `closeDevice`, which does not wait: from here on every command fails and every wait ends, in
     /// all threads, until `closeDevice` has been called. For a device of several boards, which end together then.
     void beginClosing();
+    /// Takes `beginClosing` back where the device of several boards is not closed after all.
+    void cancelClosing();
     /// As `closeDevice`, then frees the object. Where a callback of the host does not end in time, the thread that runs
     /// it does so as its last act.
     void destroy() override;

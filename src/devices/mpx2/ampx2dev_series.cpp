@@ -407,8 +407,7 @@ dv::IMpxFrame* AMpx2Dev::lastData()
     if (frame == nullptr)
         return nullptr;
     describeFrame(*frame);
-    if (const auto count = static_cast<std::uint32_t>(missing); count != 0)
-        frame->addMetaData("MissingBytes", "MissingBytes", DTYPE_U32, &count, sizeof(count));
+    addMissingBytes(*frame, missing);
     return frame;
 }
 

@@ -82,9 +82,8 @@ dv::IMpxFrame* Mpx2LadDev::lastData()
     dv::IMpxFrame* frame = frameOf<unsigned short>(
         *dorvet, members.chipCount(), DTYPE_I16,
         [&](unsigned short* pixels, std::size_t count) { return readMatrixCounting(pixels, count, true, missing); });
-    const auto count = static_cast<std::uint32_t>(missing);
-    if (frame != nullptr && count != 0)
-        frame->addMetaData("MissingBytes", "MissingBytes", DTYPE_U32, &count, sizeof(count));
+    if (frame != nullptr)
+        addMissingBytes(*frame, missing);
     return frame;
 }
 

@@ -57,6 +57,8 @@ public:
     /// The first step of `closeDevice`, which does not wait: from here on every command fails and every wait ends, in
     /// all threads, until `closeDevice` has been called. For a device of several boards, which end together then.
     void beginClosing();
+    /// Takes `beginClosing` back where the device of several boards is not closed after all.
+    void cancelClosing();
     /// Closes and frees the device, at the latest when the last handler of the host has returned. Refused within an
     /// event handler other than that of a series' last event.
     void destroy() override;

@@ -155,6 +155,13 @@ void Mpx3Dev::beginClosing()
     link.startClosing();
 }
 
+void Mpx3Dev::cancelClosing()
+{
+    link.cancelClosing();
+    storeFlag(leaving, false);
+    linkTurn.endClosing();
+}
+
 /// Ends the series and gives link and board up. 1 with a text, and nothing given up, where the host's own code is in
 /// the way.
 int Mpx3Dev::endSession()

@@ -126,6 +126,12 @@ void UMpx2Dev::beginClosing()
         ftdi->startClosing();
 }
 
+void UMpx2Dev::cancelClosing()
+{
+    if (ftdi != nullptr)
+        ftdi->cancelClosing();
+}
+
 int UMpx2Dev::closeDevice()
 {
     beginClosing();

@@ -38,6 +38,8 @@ public:
     virtual int closeDevice();
     /// Marks the board as closing, without waiting: what uses the link ends at its next step. `closeDevice` follows.
     void beginClosing();
+    /// Takes that back where the composite is not closed after all.
+    void cancelClosing();
     virtual int resetMedipix();
     virtual int eraseMatrix();
     /// Volts at the analog sense output, whatever `chip` says. Returns 0, also where the read failed.
