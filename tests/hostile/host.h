@@ -64,8 +64,8 @@ public:
     HostileHost(const HostileHost&) = delete;
     HostileHost& operator=(const HostileHost&) = delete;
 
-    /// Lets the host rage for so long, and destroys the device.
-    Report run(double seconds);
+    /// Lets the host rage until two of its threads have made so many calls each, and destroys the device.
+    Report run(std::size_t calls);
 
     // For the calls
     Subject& subject() { return *device; }
@@ -109,7 +109,7 @@ private:
     bool beginParameters();
     void openDevice();
     void drive(std::size_t thread);
-    void haunt(std::size_t thread);
+    void haunt(std::size_t thread, std::size_t count);
     void awaitStage(Stage wanted);
     Stage stage();
     Stage stageOfSeries();
