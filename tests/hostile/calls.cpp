@@ -33,10 +33,7 @@ void setAcqMode(Host& host, Dice& dice)
     const unsigned drawn = dice(6);
     constexpr std::array<unsigned, 2> SPECIAL = {dv::ACQMODE_SOFT_TRIGGER, dv::ACQMODE_TDI};
     const unsigned mode = drawn < SPECIAL.size() ? SPECIAL.at(drawn) : 0U;
-    // A row board's series of rows is not reserved before its thread runs: what comes in between changes pins and
-    // lines.
-    const unsigned left = host.kind().matrix3 ? host.kind().modes : host.kind().modes & ~unsigned{dv::ACQMODE_TDI};
-    host.dev().setAcqMode(mode & left);
+    host.dev().setAcqMode(mode & host.kind().modes);
 }
 
 void setDacs(Host& host, Dice& dice)

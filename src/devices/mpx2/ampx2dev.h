@@ -260,6 +260,8 @@ protected:
     virtual void describeFrame(dv::IMpxFrame& frame) = 0;
     /// What the shutter timer is set to for frames of `seconds`.
     virtual double shutterTime(double seconds) const { return seconds; }
+    /// Keeps the link for a series that is one turn as a whole, within the turn of its preparation.
+    virtual void reserveLink() {}
     /// What a series needs to be told of its readout beforehand.
     virtual int prepareReadout() { return 0; }
     /// 0, or 1 with a text for a series that the board can't count.

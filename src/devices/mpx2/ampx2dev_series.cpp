@@ -204,9 +204,11 @@ int AMpx2Dev::startAcquisition(unsigned count, double seconds)
     if (prepareSeries(count, seconds) != 0)
         return 1;
     preparation.keep();
-    if (!life.run(acqFuncWrapper, this))
-        return logError(1, "Cannot start the acquisition thread.");
-    return 0;
+    if (life.run(acqFuncWrapper, this))
+        return 0;
+    linkTurn.endWholeSeries();
+    linkTurn.endReservation();
+    return logError(1, "Cannot start the acquisition thread.");
 }
 
 /// What is to be done before the thread of a series. A preparation that the board refuses shows in the thread.
@@ -227,6 +229,7 @@ int AMpx2Dev::prepareSeries(unsigned count, double seconds)
     storeFlag(halfStopped, false);
     lastAcqTimeValue = seconds;
     configureSeries(seconds);
+    reserveLink();
     return 0;
 }
 

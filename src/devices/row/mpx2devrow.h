@@ -88,6 +88,7 @@ protected:
     double shutterTime(double seconds) const override;
     bool preparedForRows() const { return (seriesMode & dv::ACQMODE_TDI) != 0; }
     int prepareReadout() override { return setReadoutBitCount(); }
+    void reserveLink() override;
     int checkSeries(unsigned count) override;
     void onReadParam(dv::IParam* param) override;
 

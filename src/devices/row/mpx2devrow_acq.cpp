@@ -61,16 +61,22 @@ void Mpx2DevRow::acqFunc()
     endSeries(runFrames(), false);
 }
 
+/// The turn is kept for a series of rows throughout, but held only where the host is not called.
+void Mpx2DevRow::reserveLink()
+{
+    if (!preparedForRows())
+        return;
+    linkTurn.beginWholeSeries();
+    linkTurn.reserve();
+    if (life.stopped())
+        linkTurn.endWholeSeries();
+}
+
 void Mpx2DevRow::acqFuncContinuous()
 {
     openSeries();
     rowTimes.clear();
     rowsMissed = false;
-    // The turn is kept for the series throughout, but held only where the host is not called.
-    linkTurn.reserve();
-    linkTurn.beginWholeSeries();
-    if (life.stopped())
-        linkTurn.endWholeSeries();
     std::uint64_t frame = 0;
     StreamCount count;
     const Pass last = runRows(frame, count);

@@ -198,9 +198,9 @@ struct PoorMpx3 : Poor<HwLatixel::Mpx3Dev> {
 };
 struct PoorMpx2 : Poor<HwLatixel::Mpx2Dev> {
     using Poor::Poor;
-    int prepareAcquisition(double seconds) override
+    int setAcqClocks() override
     {
-        return unless(poor, [&] { return Poor::prepareAcquisition(seconds); });
+        return unless(poor, [&] { return Poor::setAcqClocks(); });
     }
     int doSingleAcquisition() override
     {

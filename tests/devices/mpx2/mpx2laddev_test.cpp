@@ -355,8 +355,9 @@ TEST_F(Mpx2Lad, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
 
 TEST_F(Mpx2Lad, StopInARecoveryEndsTheSeriesAndTheNextOneMakesUpForIt)
 {
-    sim::addFault(1, behind(START, {{"kind", "hang"}}, 2));
     start(100, 0.02);
+    ASSERT_TRUE(bench.events->waitFor({HWEVENT_FRAME_READY}));
+    sim::addFault(1, {{"kind", "silence"}, {"seconds", 1000.0}});
     ASSERT_TRUE(soon([&] { return std::ranges::count(bench.errors->take(), reconnecting(1)) > 0; }));
     expectStop();
     sim::clearFaults(1);
