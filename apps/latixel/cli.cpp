@@ -26,7 +26,7 @@ constexpr const char* FOOTER =
     "  2  bad option, value or file    5  the device refused, failed or fell silent\n"
     "  3  no plug-in                   6  the output cannot be written\n"
     "  1  unexpected                   7  fewer frames than asked for; those taken are kept\n"
-    "  130  ended by a second Ctrl-C\n"
+    "  10 (check) the file was not closed                      130  ended by a second Ctrl-C\n"
     "\n"
     "Environment: LATIXEL_PLUGIN_DIR holds liblatixel.so and liblatixelsim.so, LATIXELSIM_BENCH_DIR the benches.\n";
 
@@ -88,6 +88,7 @@ int runTool(int argc, const char* const* argv)
     addParamsCommand(app, global, run);
     addSenseCommand(app, global, run);
     addAcquireCommand(app, global, run);
+    addCheckCommand(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -16,6 +16,9 @@ enum class ExitCode : int {
     Device = 5,     ///< the device refused, failed or fell silent
     Output = 6,     ///< the output cannot be written
     Incomplete = 7, ///< the series ended early or frames were lost; the frames taken are kept
+    Overheated = 8, ///< the device was too hot and ended the series
+    Lost = 9,       ///< the device has gone from the bus
+    NotClosed = 10, ///< `check`: the writer of the file did not come to its end
     Killed = 130,   ///< a second Ctrl-C
 };
 

@@ -7,11 +7,13 @@
 #include "apps/latixel/progress.h"
 #include "apps/latixel/text.h"
 #include "apps/latixel/valuefile.h"
+#include "record/error.h"
 #include "record/framewriter.h"
 
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <unistd.h>
 
 namespace tool {
@@ -21,15 +23,25 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t QUEUE_BYTES = std::size_t{256} << 20;
 constexpr double TELLING_HOLD = 0.5; // seconds for which the disk may hold a series up before it is told
+constexpr double TELLING_BLOCK = 5;  // seconds for which a write may take before it is told
+constexpr auto PATIENCE = 4s;        // with such a write once the series has been stopped
 
 /// A series that is over, with what became of its frames.
 struct Outcome {
     refhost::SeriesResult series;
     double elapsed = 0;
-    double held = 0;
+    record::WriterCounts counts;
+    std::string diskFailure;  ///< one line; empty while the disk takes all
+    bool diskIsStuck = false; ///< a thread of ours still waits for it
     bool interrupted = false;
     bool triggersEnded = false;
 };
+
+std::uint32_t highestCountOf(const refhost::Device& device, const AcquireOptions& options)
+{
+    constexpr std::uint32_t SHORT = 11810; // the period of the counters of Medipix2 and Timepix chips
+    return device.isMpx3() ? (std::uint32_t{1} << options.depth) - 1 : SHORT;
+}
 
 record::Counting countingOf(const refhost::Device& device, const AcquirePlan& plan)
 {
@@ -105,15 +117,27 @@ std::string noteOf(const refhost::SeriesProgress& progress, const AcquireOptions
 }
 
 /// Waits for the end of the series; meanwhile shows progress, hands on triggers, and stops it where there is reason.
-Outcome watch(refhost::Series& series, const record::FrameWriter& writer, const AcquireOptions& options)
+Outcome watch(refhost::Series& series, record::FrameWriter& writer, const AcquireOptions& options)
 {
     const Interrupt interrupt;
     Progress progress(stderr);
     LineTrigger lines(STDIN_FILENO);
     Outcome outcome;
     bool stopping = false;
+    bool blockTold = false;
     series.start();
     while (!series.waitFor(20ms)) {
+        const double blocked = writer.blocked();
+        if (blocked > TELLING_BLOCK && !blockTold) {
+            progress.clear();
+            std::cerr << "latixel: the disk has taken nothing for " << fixed(TELLING_BLOCK, 0)
+                      << " s: the series waits for it" << std::endl;
+        }
+        blockTold = blocked > TELLING_BLOCK;
+        if (stopping && blockTold) {
+            outcome.diskIsStuck = true;
+            writer.giveUp(); // the device may wait for room in the queue
+        }
         const auto now = series.progress();
         if (now.waitsForTrigger && lines.take())
             series.trigger();
@@ -142,19 +166,34 @@ std::string wordsFor(const refhost::SeriesResult& series)
     }
 }
 
-Outcome takeFrames(refhost::Device& device, record::FrameSink& sink, const AcquireOptions& options,
-                   const AcquirePlan& plan)
+/// Completes the file with the frames that are there.
+void finish(record::FrameWriter& writer, Outcome& outcome)
 {
-    const record::PictureMaker maker(device.chipCount(), layoutFor(device, plan), countingOf(device, plan));
+    try {
+        writer.finish({timeStamp(), wordsFor(outcome.series)}, outcome.interrupted ? PATIENCE : 24h);
+    } catch (const record::OutputError& error) {
+        outcome.diskFailure = error.what();
+    }
+    outcome.diskIsStuck = outcome.diskIsStuck || writer.blocked() > 0;
+    outcome.counts = writer.counts();
+}
+
+Outcome takeFrames(refhost::Device& device, const std::shared_ptr<record::FrameSink>& sink,
+                   const AcquireOptions& options, const AcquirePlan& plan)
+{
+    const std::uint32_t highestCount = highestCountOf(device, options);
+    const record::PictureMaker maker(device.chipCount(), layoutFor(device, plan), countingOf(device, plan),
+                                     highestCount);
     record::SeriesInfo info = describe(device);
     info.startTime = timeStamp();
     info.width = maker.width();
     info.height = maker.height();
     info.picturesPerFrame = maker.picturesPerFrame();
     info.bitsPerPixel = device.isMpx3() ? 32 : 16;
+    info.highestCount = highestCount;
     info.frames = options.frames;
     info.seconds = options.seconds;
-    sink.begin(info);
+    sink->begin(info);
 
     record::FrameWriter writer(sink, maker, QUEUE_BYTES);
     refhost::SeriesRequest request;
@@ -162,35 +201,51 @@ Outcome takeFrames(refhost::Device& device, record::FrameSink& sink, const Acqui
     request.seconds = options.seconds;
     refhost::Series series(device, request, [&writer](refhost::SeriesFrame frame) { writer.push(std::move(frame)); });
     Outcome outcome = watch(series, writer, options);
-    writer.finish();
-    outcome.held = writer.held();
-    if (outcome.series.frames > 0)
-        sink.finish({timeStamp(), wordsFor(outcome.series)});
+    finish(writer, outcome);
     return outcome;
+}
+
+std::string framesText(std::size_t count)
+{
+    return std::to_string(count) + (count == 1 ? " frame" : " frames");
 }
 
 void tell(const Outcome& outcome, const record::FrameSink& sink, const AcquireOptions& options)
 {
-    const auto& series = outcome.series;
-    if (series.frames > 0)
-        std::cout << series.frames << (series.frames == 1 ? " frame" : " frames") << " of " << duration(options.seconds)
-                  << " in " << sink.place() << " (" << fixed(series.frames / std::max(outcome.elapsed, 1e-6), 2)
-                  << " frames/s)" << std::endl;
-    if (outcome.held > TELLING_HOLD)
-        std::cerr << "latixel: the disk held the series up for " << duration(outcome.held)
+    const auto& counts = outcome.counts;
+    if (const std::size_t safe = sink.safeFrames(); safe > 0) {
+        std::cout << framesText(safe) << " of " << duration(options.seconds) << " in " << sink.place() << " ("
+                  << fixed(outcome.series.frames / std::max(outcome.elapsed, 1e-6), 2) << " frames/s";
+        if (counts.incomplete > 0)
+            std::cout << ", " << counts.incomplete << " incomplete";
+        if (counts.zero > 0)
+            std::cout << ", " << counts.zero << " with nothing but zeros";
+        if (counts.saturated > 0)
+            std::cout << ", " << counts.saturated << " saturated pixels";
+        if (counts.inHurry > 0)
+            std::cout << ", " << fixed(100.0 * counts.inHurry / std::max(counts.written, 1u), 0) << " % uncompressed";
+        std::cout << ")" << std::endl;
+    }
+    if (counts.held > TELLING_HOLD)
+        std::cerr << "latixel: the disk held the series up for " << duration(counts.held)
                   << ": try --compression 0, or a faster disk\n";
-    if (series.lost > 0)
-        std::cerr << "latixel: " << series.lost << " frame(s) were lost: the device took them faster than they could "
-                  << "be read\n";
+    if (outcome.series.lost > 0)
+        std::cerr << "latixel: " << outcome.series.lost
+                  << " frame(s) were lost: the device took them faster than they could be read\n";
     if (outcome.triggersEnded)
         std::cerr << "latixel: stopped, since standard input ended and no more triggers can come\n";
 }
 
-ExitCode codeFor(const Outcome& outcome, const AcquireOptions& options)
+/// What the tool ends with. Of several reasons the one that the user can do most about is told.
+ExitCode codeFor(const Outcome& outcome, const record::FrameSink& sink, const AcquireOptions& options)
 {
     const auto& series = outcome.series;
-    const std::string kept =
-        series.frames > 0 ? "; the " + std::to_string(series.frames) + " frame(s) taken are kept" : "";
+    const std::size_t safe = sink.safeFrames();
+    if (!outcome.diskFailure.empty())
+        throw Failure(ExitCode::Output, outcome.diskFailure + "; " +
+                                            (safe > 0 ? framesText(safe) + " are safe in " + sink.place()
+                                                      : std::string("no frame was kept")));
+    const std::string kept = safe > 0 ? "; the " + std::to_string(safe) + " frame(s) taken are kept" : "";
     switch (series.end) {
     case refhost::SeriesEnd::Failed:
         throw Failure(ExitCode::Device, "the series failed: " + series.error + kept);
@@ -202,19 +257,23 @@ ExitCode codeFor(const Outcome& outcome, const AcquireOptions& options)
     default:
         break;
     }
-    if (series.frames == options.frames)
+    if (series.frames == options.frames && outcome.counts.incomplete == 0)
         return ExitCode::Success;
-    std::cerr << "latixel: " << series.frames << " of " << options.frames << " frames were taken"
-              << (series.frames > 0 ? "" : "; no file was made") << '\n';
+    if (series.frames < options.frames)
+        std::cerr << "latixel: " << series.frames << " of " << options.frames << " frames were taken"
+                  << (series.frames > 0 ? "" : "; no file was made") << '\n';
+    if (outcome.counts.incomplete > 0)
+        std::cerr << "latixel: bytes are missing in " << framesText(outcome.counts.incomplete)
+                  << ": see frame_table in the file\n";
     return ExitCode::Incomplete;
 }
 
-/// The device's threads may still run in the plug-in, so that nothing may be torn down under them.
-[[noreturn]] void endAtOnce(const Outcome& outcome, const AcquireOptions& options)
+/// Threads may still run in the plug-in, or wait for the disk, so that nothing may be torn down under them.
+[[noreturn]] void endAtOnce(const Outcome& outcome, const record::FrameSink& sink, const AcquireOptions& options)
 {
     ExitCode code = ExitCode::Device;
     try {
-        code = codeFor(outcome, options);
+        code = codeFor(outcome, sink, options);
     } catch (const Failure& failure) {
         std::cerr << "latixel: " << printable(failure.what()) << std::endl;
         code = failure.code;
@@ -231,20 +290,22 @@ ExitCode acquire(const GlobalOptions& global, const AcquireOptions& options, con
         values.dacs = readNumbers(options.dacs);
     if (!options.pixelConfig.empty())
         values.pixelConfig = readBytes(options.pixelConfig);
-    auto sink = record::makeSink(plan.output);
+    const std::shared_ptr<record::FrameSink> sink = record::makeSink(plan.output);
 
-    Session session(global);
-    refhost::Device& device = session.deviceWithChips(options.device);
+    std::optional<Session> session(std::in_place, global);
+    refhost::Device& device = session->deviceWithChips(options.device);
     checkChips(device, options, mpx3Only);
     configure(device, options, plan, values);
-    const Outcome outcome = takeFrames(device, *sink, options, plan);
+    const Outcome outcome = takeFrames(device, sink, options, plan);
     tell(outcome, *sink, options);
-    if (outcome.series.end == refhost::SeriesEnd::Silent) {
-        session.abandon();
-        sink.reset(); // takes an incomplete file away
-        endAtOnce(outcome, options);
-    }
-    return codeFor(outcome, options);
+    const bool silent = outcome.series.end == refhost::SeriesEnd::Silent;
+    if (silent)
+        session->abandon();
+    else
+        session.reset();
+    if (silent || outcome.diskIsStuck)
+        endAtOnce(outcome, *sink, options);
+    return codeFor(outcome, *sink, options);
 }
 
 } // namespace
@@ -256,7 +317,10 @@ void addAcquireCommand(CLI::App& app, const GlobalOptions& global, Run& run)
     addAcquireOptions(*command, *options);
     command->footer(
         "Ctrl-C ends the series and keeps the frames taken; a second one ends the tool at once.\n"
-        "Up to 256 MB of frames wait for the disk; beyond that the series waits.\n"
+        "The file has its name from the first frame on; \"latixel check FILE\" tells what it holds, also after a "
+        "kill.\n"
+        "Up to 256 MB of frames wait for the disk; beyond that the series waits. From half of it on frames are not\n"
+        "compressed.\n"
         "HDF5 files open with entry/data/data, frames x height x width; settings, chip identifiers and times are in\n"
         "entry/instrument/detector. With two counters the second is in entry/data/data_counter1, in every second page\n"
         "of a TIFF file, and in pictures that end in _c1. Pixels without a valid count hold the highest number of "
