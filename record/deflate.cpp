@@ -1,6 +1,7 @@
 // Compression of chunks.
 #include "record/deflate.h"
 
+#include <cstddef>
 #include <libdeflate.h>
 #include <memory>
 
@@ -30,9 +31,11 @@ std::vector<unsigned char> deflated(const std::vector<unsigned char>& bytes, int
     libdeflate_compressor* compressor = compressorOf(level);
     if (compressor == nullptr)
         return {};
-    std::vector<unsigned char> stream(bytes.size());
-    stream.resize(libdeflate_zlib_compress(compressor, bytes.data(), bytes.size(), stream.data(), stream.size()));
-    return stream;
+    // A room that is kept: fresh memory would cost more than the copy of what is a fraction of it.
+    thread_local std::vector<unsigned char> room;
+    room.resize(bytes.size());
+    const auto size = libdeflate_zlib_compress(compressor, bytes.data(), bytes.size(), room.data(), room.size());
+    return {room.begin(), room.begin() + static_cast<std::ptrdiff_t>(size)};
 }
 
 } // namespace record

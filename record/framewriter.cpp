@@ -73,6 +73,7 @@ struct FrameWriter::Pipe {
     std::exception_ptr failure;
     std::optional<Clock::time_point> busySince;
     WriterCounts counts;
+    unsigned zeroInARow = 0;
 };
 
 FrameWriter::FrameWriter(std::shared_ptr<FrameSink> sink, PictureMaker maker, std::size_t queueBytes, unsigned count)
@@ -210,8 +211,13 @@ void FrameWriter::Pipe::count(const FrameRecord& record, bool inHurry)
     ++counts.written;
     counts.incomplete += record.missingBytes > 0 ? 1 : 0;
     counts.inHurry += inHurry ? 1 : 0;
-    counts.zero += maker.isAllZero(record.tally) ? 1 : 0;
+    const bool isZero = maker.isAllZero(record.tally);
+    counts.zero += isZero ? 1 : 0;
+    zeroInARow = isZero ? zeroInARow + 1 : 0;
+    if (counts.zero < counts.written)
+        counts.longestZero = std::max(counts.longestZero, zeroInARow);
     counts.saturated += record.tally.saturated;
+    counts.mostSaturated = std::max(counts.mostSaturated, maker.saturatedShare(record.tally));
 }
 
 void FrameWriter::Pipe::fail(std::exception_ptr why)

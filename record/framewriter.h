@@ -21,6 +21,8 @@ struct WriterCounts {
     unsigned incomplete = 0;     ///< of those written: bytes are missing in them
     unsigned inHurry = 0;        ///< of those written: stored larger than they could be, to keep pace
     unsigned zero = 0;           ///< of those written: all of their pixels are zero
+    unsigned longestZero = 0;    ///< most of those in a row, behind one that was not
+    double mostSaturated = 0;    ///< largest share of the pixels of a frame
     std::uint64_t saturated = 0; ///< pixels
     double held = 0;             ///< seconds for which `push` waited
 };

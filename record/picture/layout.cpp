@@ -158,9 +158,19 @@ PixelTally PictureMaker::tally(const std::vector<Picture>& pictures) const
     return found;
 }
 
+std::uint64_t PictureMaker::pixels() const
+{
+    return std::uint64_t{chips} * CHIP_SIDE * CHIP_SIDE * picturesPerFrame();
+}
+
 bool PictureMaker::isAllZero(const PixelTally& tally) const
 {
-    return tally.zero == std::uint64_t{chips} * CHIP_SIDE * CHIP_SIDE * picturesPerFrame();
+    return tally.zero == pixels();
+}
+
+double PictureMaker::saturatedShare(const PixelTally& tally) const
+{
+    return static_cast<double>(tally.saturated) / static_cast<double>(std::max<std::uint64_t>(pixels(), 1));
 }
 
 template <typename Item, typename Row>

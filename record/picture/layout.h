@@ -73,8 +73,11 @@ public:
     PixelTally tally(const std::vector<Picture>& pictures) const;
     /// Whether a frame with that tally holds nothing but zeros.
     bool isAllZero(const PixelTally& tally) const;
+    /// The share of its pixels that are saturated.
+    double saturatedShare(const PixelTally& tally) const;
 
 private:
+    std::uint64_t pixels() const;
     bool fits(const refhost::Frame& frame) const;
     /// Calls `take` with a function that tells the count in an item of the frame, for each picture.
     template <typename Take>

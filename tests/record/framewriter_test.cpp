@@ -37,10 +37,10 @@ public:
 
 class WriterTest : public testing::Test {
 protected:
-    refhost::SeriesFrame frame(long index, unsigned chips = 1)
+    refhost::SeriesFrame frame(long index, unsigned chips = 1, std::uint32_t count = 1)
     {
         return {index, 0, 0,
-                support::frame<std::uint32_t>(host, chips, [](unsigned, unsigned, unsigned) { return 1u; })};
+                support::frame<std::uint32_t>(host, chips, [count](unsigned, unsigned, unsigned) { return count; })};
     }
     /// Takes that many frames while the disk is held, and lets it go after 100 ms.
     void run(long frames)
@@ -59,7 +59,7 @@ protected:
     refhost::Host host{"", ""};
     std::atomic<int> pushed{0};
     std::shared_ptr<SlowSink> sink = std::make_shared<SlowSink>();
-    record::FrameWriter writer{sink, record::PictureMaker(1, {1, 1}, record::Counting::Single), 3 * 256 * 256 * 4};
+    record::FrameWriter writer{sink, record::PictureMaker(1, {1, 1}, record::Counting::Single, 7), 3 * 256 * 256 * 4};
 };
 
 TEST_F(WriterTest, HoldsTheSeriesWhenTheQueueIsFullAndLosesNothing)
@@ -117,6 +117,26 @@ TEST_F(WriterTest, ADiskThatTakesNothingIsGivenUp)
     while (writer.blocked() > 0)
         std::this_thread::sleep_for(5ms);
     EXPECT_EQ(sink->outcome, "");
+}
+
+TEST_F(WriterTest, CountsWhatLooksWrong)
+{
+    sink->gate.set_value();
+    const std::uint32_t counts[] = {0, 0, 0, 7, 0, 0, 1}; // 7 is the highest
+    for (std::size_t i = 0; i < std::size(counts); ++i) {
+        auto next = frame(static_cast<long>(i), 1, counts[i]);
+        const std::uint32_t missing = i == 6 ? 12 : 0;
+        next.frame->addMetaData("MissingBytes", "", DTYPE_U32, &missing, sizeof missing);
+        writer.push(std::move(next));
+    }
+    writer.finish({"", "finished"});
+    const record::WriterCounts found = writer.counts();
+    EXPECT_EQ(found.written, 7u);
+    EXPECT_EQ(found.incomplete, 1u) << "a block that says 0 is no gap";
+    EXPECT_EQ(found.zero, 5u);
+    EXPECT_EQ(found.longestZero, 2u) << "those before the first count may be meant";
+    EXPECT_EQ(found.saturated, 65536u);
+    EXPECT_EQ(found.mostSaturated, 1);
 }
 
 } // namespace

@@ -87,8 +87,9 @@ class Case:
         return found
 
     def clean(self):
-        for name in os.listdir(os.path.dirname(self.path)):
-            os.unlink(os.path.join(os.path.dirname(self.path), name))
+        for entry in os.scandir(os.path.dirname(self.path)):
+            if entry.is_file():
+                os.unlink(entry.path)
 
 
 def tiff_pages(path):
@@ -136,7 +137,8 @@ def sample(case, frames, fault, count):
     assert process.wait() == 0, process.communicate()
     writes = int(open(case.count).read())
     case.clean()
-    return sorted({1 + round(i * (writes - 1) / max(1, count - 1)) for i in range(min(count, writes))})
+    count = min(count, writes)
+    return sorted({1 + round(i * (writes - 1) / max(1, count - 1)) for i in range(count)})
 
 
 def flush_kills(case, count):
@@ -192,6 +194,23 @@ def held_by_reader(case):
     print("h5: a reader followed a series to its end")
 
 
+def stuck_disk(case):
+    """The tool itself: a write that takes a minute is told, and a stop ends all the same."""
+    environment = dict(os.environ, HOME=os.path.dirname(case.path), LD_PRELOAD=case.args.faults,
+                       LATIXEL_FAULT_FILE=case.path, LATIXEL_FAULT="block:280")  # behind the first frame
+    command = [case.args.tool, "--simulate", "acquire", "-n", "10000", "-t", "0.02", "-o", case.path]
+    process = subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    for line in process.stderr:
+        if "has taken nothing for 5 s" in line:
+            break
+    begin = time.time()
+    process.send_signal(signal.SIGINT)
+    words = process.communicate(timeout=30)[1]
+    assert process.returncode == 6 and time.time() - begin < 10, (process.returncode, time.time() - begin, words)
+    assert "are safe in" in words and case.check() == NOT_CLOSED and case.check("--repair") == INCOMPLETE, words
+    print("h5: a disk that blocks was told, and the stop came through")
+
+
 def main():
     parser = argparse.ArgumentParser()
     for name in ("victim", "faults", "tool"):
@@ -201,6 +220,7 @@ def main():
     args = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         hdf5, tiff = Case(args, folder, "run.h5"), Case(args, folder, "run.tif")
+        stuck_disk(Case(args, tempfile.mkdtemp(dir=folder), "run.h5"))
         held_by_reader(hdf5)
         flush_kills(hdf5, args.flush_kills)
         errors(hdf5, args.writes)
