@@ -141,17 +141,20 @@ def sample(case, frames, fault, count):
     return sorted({1 + round(i * (writes - 1) / max(1, count - 1)) for i in range(count)})
 
 
-def flush_kills(case, count):
-    numbers = sample(case, 60, "killinflush", count)
+def kills_at_writes(case, count, fault, frames):
+    numbers = sample(case, frames, fault, count)
     total = 0
     for number in numbers:
-        process = case.start(60, fault=f"killinflush:{number}", direct=True)
+        process = case.start(frames, fault=f"{fault}:{number}", direct=True)
         told, words = process.communicate()
         assert process.returncode == -signal.SIGKILL, f"write {number}: {process.returncode} {words}"
-        total += case.survives(last_safe(told))
+        if os.path.exists(case.path):
+            total += case.survives(last_safe(told))
+        else:
+            assert last_safe(told) == 0
         case.clean()
-    print(f"{case.path[-3:]}: {len(numbers)} kills inside a flush survived, at its writes {numbers[0]} to "
-          f"{numbers[-1]}, {total} frames compared")
+    print(f"{case.path[-3:]}: {len(numbers)} kills survived ({fault}), at writes {numbers[0]} to {numbers[-1]}, "
+          f"{total} frames compared")
 
 
 def errors(case, count):
@@ -222,7 +225,8 @@ def main():
         hdf5, tiff = Case(args, folder, "run.h5"), Case(args, folder, "run.tif")
         stuck_disk(Case(args, tempfile.mkdtemp(dir=folder), "run.h5"))
         held_by_reader(hdf5)
-        flush_kills(hdf5, args.flush_kills)
+        kills_at_writes(hdf5, args.flush_kills, "killinflush", 60)
+        kills_at_writes(tiff, args.flush_kills, "kill", 12)
         errors(hdf5, args.writes)
         errors(tiff, args.writes)
         random_kills(hdf5, args.kills)
