@@ -11,6 +11,12 @@
 
 namespace record {
 
+void FrameSink::encode(const PictureMaker& maker, const refhost::Frame& frame, FrameRecord& record, bool) const
+{
+    record.pictures = maker.make(frame);
+    record.tally = maker.tally(record.pictures);
+}
+
 std::optional<OutputFormat> formatOf(const std::filesystem::path& path)
 {
     std::string extension = path.extension().string();

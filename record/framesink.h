@@ -39,10 +39,17 @@ struct SeriesInfo {
     unsigned width = 0; ///< of a picture
     unsigned height = 0;
     unsigned picturesPerFrame = 1;
-    unsigned bitsPerPixel = 32; ///< 16 or 32 in files of counts; bad pixels have all bits set
-    unsigned frames = 1;        ///< as asked for
+    unsigned bitsPerPixel = 32;     ///< 16 or 32 in files of counts; bad pixels have all bits set
+    std::uint32_t highestCount = 0; ///< of a pixel's counter; 0 where it is not known
+    unsigned frames = 1;            ///< as asked for
     double seconds = 1;
     std::vector<SettingGroup> settings;
+};
+
+/// A picture as it goes into the file: its bytes behind the filters of the format.
+struct Chunk {
+    std::vector<unsigned char> bytes;
+    bool deflated = false;
 };
 
 /// One frame on its way to a file.
@@ -50,8 +57,11 @@ struct FrameRecord {
     long index = 0;
     double arrival = 0;  ///< seconds since the start of the series
     double exposure = 0; ///< seconds
-    std::vector<Picture> pictures;
     std::vector<refhost::MetaData> metaData;
+    std::uint64_t missingBytes = 0; ///< that the device did not deliver; not 0 marks the frame as incomplete
+    PixelTally tally;
+    std::vector<Picture> pictures; ///< or instead of them
+    std::vector<Chunk> chunks;     ///< for formats whose `encode` makes these
 };
 
 /// What is known at the end.
@@ -60,18 +70,27 @@ struct SeriesSummary {
     std::string outcome; ///< "finished", "stopped" or the device's error
 };
 
-/// Takes frames one after another. `begin`, `write` and `finish` come in this order, never two at a time, but maybe
-/// from different threads. They throw OutputError when the output cannot be written. Without `finish` nothing is left
-/// of a single file.
+/// Takes frames one after another. `begin`, `write`, `flush` and `finish` come in this order, never two at a time, but
+/// maybe from different threads. They throw OutputError when the output cannot be written; what was written is kept,
+/// and `finish` may still be called then. Without a frame nothing is left of a single file.
 class FrameSink {
 public:
     virtual ~FrameSink() = default;
 
     virtual void begin(const SeriesInfo& info) = 0;
+    /// Lays a frame out as `write` wants it: the larger part of the work, which several threads may do at a time, for
+    /// frames of a series that has begun. With `inHurry` there is no time to make it small. Leaves pictures and chunks
+    /// empty when the frame is not what `maker` is for.
+    virtual void encode(const PictureMaker& maker, const refhost::Frame& frame, FrameRecord& record,
+                        bool inHurry) const;
     virtual void write(const FrameRecord& frame) = 0;
+    /// Makes sure that what was written outlives the process. Comes at least once a second while frames come.
+    virtual void flush() {}
     virtual void finish(const SeriesSummary& summary) = 0;
     /// Where the frames are, for people.
     virtual std::string place() const = 0;
+    /// Frames that are in the file whatever happens from now on.
+    virtual std::size_t safeFrames() const = 0;
 };
 
 enum class OutputFormat { Hdf5, Tiff, Png, None };

@@ -1,11 +1,16 @@
 // A thin layer over HDF5's C functions.
 #include "record/h5.h"
 
+#include "record/h5driver.h"
+
 #include <algorithm>
+#include <atomic>
 #include <limits>
 
 namespace record::h5 {
 namespace {
+
+std::atomic<unsigned long> created{0};
 
 /// Takes the reason out of "... error message = 'No space left on device', ..." where there is one.
 std::string essence(const std::string& description)
@@ -70,15 +75,17 @@ struct TextBlock {
 
 void attribute(hid_t object, const std::string& name, hid_t type, hid_t space, const void* data)
 {
-    const Handle created(H5Acreate2(object, name.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
-    check(H5Awrite(created, type, data));
+    const Handle made(H5Acreate2(object, name.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT), H5Aclose);
+    ++created;
+    check(H5Awrite(made, type, data));
 }
 
 Handle dataset(hid_t parent, const std::string& name, hid_t type, hid_t space, const void* data)
 {
-    Handle created(H5Dcreate2(parent, name.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Dclose);
-    check(H5Dwrite(created, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, data));
-    return created;
+    Handle made(H5Dcreate2(parent, name.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Dclose);
+    ++created;
+    check(H5Dwrite(made, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, data));
+    return made;
 }
 
 } // namespace
@@ -104,17 +111,32 @@ herr_t Handle::reset()
 
 void silence()
 {
+    H5dont_atexit(); // refused once HDF5 is in use, and then it was done before
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
 }
 
-Handle createFile(const std::string& path)
+Handle createFile(DiskFile& disk)
 {
-    return {H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose};
+    const Handle access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
+    check(H5Pset_libver_bounds(access, H5F_LIBVER_V110, H5F_LIBVER_V110));
+    setDisk(access, disk);
+    return {H5Fcreate("series", H5F_ACC_TRUNC, H5P_DEFAULT, access), H5Fclose};
+}
+
+void letReadersIn(hid_t file)
+{
+    check(H5Fstart_swmr_write(file));
+}
+
+unsigned long createdObjects()
+{
+    return created;
 }
 
 Handle createGroup(hid_t parent, const std::string& name, const std::string& nexusClass)
 {
     Handle group(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Gclose);
+    ++created;
     writeAttribute(group, "NX_class", nexusClass);
     return group;
 }
@@ -156,6 +178,43 @@ Handle write(hid_t parent, const std::string& name, const std::vector<double>& v
     return dataset(parent, name, H5T_NATIVE_DOUBLE, listSpace(values.size()), values.data());
 }
 
+Handle writeRoom(hid_t parent, const std::string& name, std::size_t length, const std::string& text)
+{
+    const std::string empty(length, '\0');
+    Handle made = dataset(parent, name, textType(length), scalarSpace(), empty.data());
+    overwrite(made, text);
+    return made;
+}
+
+void overwrite(hid_t room, const std::string& text)
+{
+    const Handle type(H5Dget_type(room), H5Tclose);
+    std::string bytes = TextBlock::plain(text);
+    bytes.resize(H5Tget_size(type), '\0');
+    check(H5Dwrite(room, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, bytes.data()));
+}
+
+Handle writeCount(hid_t parent, const std::string& name, std::uint64_t value)
+{
+    return dataset(parent, name, H5T_NATIVE_UINT64, scalarSpace(), &value);
+}
+
+void overwrite(hid_t count, std::uint64_t value)
+{
+    check(H5Dwrite(count, H5T_NATIVE_UINT64, H5S_ALL, H5S_ALL, H5P_DEFAULT, &value));
+}
+
+std::vector<std::string> namesIn(hid_t group)
+{
+    std::vector<std::string> names;
+    const auto keep = [](hid_t, const char* name, const H5L_info_t*, void* list) -> herr_t {
+        static_cast<std::vector<std::string>*>(list)->emplace_back(name);
+        return 0;
+    };
+    h5::check(H5Literate(group, H5_INDEX_NAME, H5_ITER_INC, nullptr, keep, &names));
+    return names;
+}
+
 std::string freeName(hid_t parent, const std::string& name)
 {
     std::string base = name;
@@ -191,6 +250,7 @@ Growing::Growing(hid_t parent, const std::string& name, hid_t type, std::vector<
     }
     const Handle space(H5Screate_simple(rank, extent.data(), largest.data()), H5Sclose);
     dataset = Handle(H5Dcreate2(parent, name.c_str(), type, space, H5P_DEFAULT, properties, H5P_DEFAULT), H5Dclose);
+    ++created;
 }
 
 void Growing::grow(hsize_t count)
@@ -199,6 +259,19 @@ void Growing::grow(hsize_t count)
         return;
     extent[0] = count;
     check(H5Dset_extent(dataset, extent.data()));
+}
+
+void Growing::putChunk(hsize_t position, const std::vector<unsigned char>& bytes, std::uint32_t leftOut)
+{
+    grow(position + 1);
+    std::vector<hsize_t> offset(extent.size(), 0);
+    offset[0] = position;
+    check(H5Dwrite_chunk(dataset, H5P_DEFAULT, leftOut, offset.data(), bytes.size(), bytes.data()));
+}
+
+void Growing::flush() const
+{
+    check(H5Dflush(dataset));
 }
 
 void Growing::put(hsize_t position, const void* data, hid_t memoryType)

@@ -1,4 +1,4 @@
-// A file that has its final name only once it is complete.
+// A file that has its final name only once there is something in it.
 #include "record/outputfile.h"
 
 #include "record/error.h"

@@ -1,4 +1,4 @@
-// A file that has its final name only once it is complete.
+// A file that has its final name only once there is something in it.
 #pragma once
 
 #include <filesystem>
@@ -21,6 +21,7 @@ public:
     const std::filesystem::path& path() const { return finalPath; }
     /// Gives the file its final name. Throws OutputError when that fails, and the temporary file goes away.
     void complete();
+    bool isComplete() const { return completed; }
 
 private:
     const std::filesystem::path finalPath;

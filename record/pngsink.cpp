@@ -46,6 +46,7 @@ void PngSink::write(const FrameRecord& frame)
 {
     for (std::size_t i = 0; i < frame.pictures.size(); ++i)
         writePicture(frame.pictures[i], nameOf(options.path, frame.index, i, frames, picturesPerFrame));
+    ++written;
 }
 
 void PngSink::writePicture(const Picture& picture, const std::filesystem::path& path) const

@@ -4,6 +4,8 @@
 #include "record/framesink.h"
 #include "record/outputfile.h"
 
+#include <atomic>
+
 namespace record {
 
 /// A series of one picture has the name that was given. Otherwise the number of the frame, from 0 and with at least
@@ -17,6 +19,7 @@ public:
     void write(const FrameRecord& frame) override;
     void finish(const SeriesSummary& summary) override;
     std::string place() const override;
+    std::size_t safeFrames() const override { return written; }
 
     /// The name of one picture of a series with `frames` frames and `pictures` pictures in each.
     static std::filesystem::path nameOf(const std::filesystem::path& base, long frame, std::size_t picture,
@@ -29,7 +32,7 @@ private:
     std::unique_ptr<OutputFile> probe; // shows at the start that the folder can be written
     unsigned frames = 1;
     unsigned picturesPerFrame = 1;
-    std::size_t written = 0;
+    std::atomic<std::size_t> written{0}; // read by other threads
 };
 
 } // namespace record

@@ -14,21 +14,24 @@ namespace {
 constexpr const char* SUMMARY =
     "Drives Latixel pixel detectors: lists them, reads and sets their parameters, takes frames.\n";
 
-constexpr const char* FOOTER =
-    "Examples:\n"
-    "  latixel list                                     what is plugged in\n"
-    "  latixel acquire -n 10 -t 0.5 -o run.h5           ten frames of half a second\n"
-    "  latixel --simulate acquire -o look.png           a frame from virtual boards\n"
-    "  latixel COMMAND --help                           options and examples of a command\n"
-    "\n"
-    "Exit codes:\n"
-    "  0  success                      4  no device, or one without chips\n"
-    "  2  bad option, value or file    5  the device refused, failed or fell silent\n"
-    "  3  no plug-in                   6  the output cannot be written\n"
-    "  1  unexpected                   7  fewer frames than asked for; those taken are kept\n"
-    "  130  ended by a second Ctrl-C\n"
-    "\n"
+constexpr const char* FOOTER = "Examples:\n"
+                               "  latixel list                                     what is plugged in\n"
+                               "  latixel acquire -n 10 -t 0.5 -o run.h5           ten frames of half a second\n"
+                               "  latixel --simulate acquire -o look.png           a frame from virtual boards\n"
+                               "  latixel COMMAND --help                           options and examples of a command\n";
+
+constexpr const char* ENVIRONMENT =
     "Environment: LATIXEL_PLUGIN_DIR holds liblatixel.so and liblatixelsim.so, LATIXELSIM_BENCH_DIR the benches.\n";
+
+std::string footer()
+{
+    std::string text = FOOTER + std::string("\nExit codes:\n");
+    for (const ExitCodeText& row : EXIT_CODES) {
+        const std::string number = std::to_string(static_cast<int>(row.code));
+        text += "  " + number + std::string(5 - number.size(), ' ') + row.text + "\n";
+    }
+    return text + "\n" + ENVIRONMENT;
+}
 
 void addGlobalOptions(CLI::App& app, GlobalOptions& options)
 {
@@ -76,7 +79,7 @@ int runTool(int argc, const char* const* argv)
     GlobalOptions global;
     Run run;
     app.set_version_flag("--version", "latixel " LATIXEL_VERSION);
-    app.footer(FOOTER);
+    app.footer(footer());
     app.fallthrough();
     app.require_subcommand(1);
     app.failure_message([](const CLI::App* command, const CLI::Error& error) {
@@ -88,6 +91,7 @@ int runTool(int argc, const char* const* argv)
     addParamsCommand(app, global, run);
     addSenseCommand(app, global, run);
     addAcquireCommand(app, global, run);
+    addCheckCommand(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -19,7 +19,7 @@ void onSignal(int)
 {
     if (received.fetch_add(1) == 0)
         return;
-    constexpr char WORDS[] = "\nlatixel: ended at once; an incomplete output file keeps its name with .part\n";
+    constexpr char WORDS[] = "\nlatixel: ended at once; see \"latixel check FILE\" for what the file holds\n";
     [[maybe_unused]] const auto ignored = write(STDERR_FILENO, WORDS, sizeof WORDS - 1);
     _exit(static_cast<int>(ExitCode::Killed));
 }

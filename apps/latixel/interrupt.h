@@ -6,7 +6,7 @@
 namespace tool {
 
 /// While it lives, SIGINT, SIGTERM and SIGHUP are requests to stop. A second signal ends the process with code 130;
-/// an incomplete output file then stays under its temporary name. One at a time.
+/// the output file is then as after a kill. One at a time.
 class Interrupt {
 public:
     Interrupt();

@@ -115,10 +115,4 @@ void Session::close()
         std::cerr << "complaint: " + printable(complaint) + "\n";
 }
 
-std::string paramText(const refhost::Device& device, const std::string& name)
-{
-    refhost::Param* param = device.findParam(name);
-    return param != nullptr ? param->getString() : std::string();
-}
-
 } // namespace tool

@@ -47,7 +47,4 @@ private:
     std::unique_ptr<refhost::Plugin> plugin;
 };
 
-/// The text of the device's parameter of that name; empty if it has none.
-std::string paramText(const refhost::Device& device, const std::string& name);
-
 } // namespace tool

@@ -40,25 +40,60 @@ enum class Counting {
     Short,  ///< one count in 16 bits, at most 11810
 };
 
+/// How the counts of a picture lie in a file: little endian, each in as many bytes as its type has.
+struct PixelType {
+    unsigned bytes = 4;    ///< 2 or 4
+    bool shuffled = false; ///< first all low bytes of the picture, then all next ones, and so on
+};
+
+/// A picture as it lies in a file. A bad pixel has all bits set; a count that is too high for the type has so too.
+using PixelBytes = std::vector<unsigned char>;
+
+/// Pixels of a frame that tell something of it as a whole. Bad ones count as neither.
+struct PixelTally {
+    std::uint64_t zero = 0;
+    std::uint64_t saturated = 0; ///< at the highest count that their counter has
+};
+
 /// Turns frames, in which the chips' blocks of 256 times 256 pixels lie one after another, into pictures: two for
 /// each frame, low counter first, where frames hold two counters, else one.
 class PictureMaker {
 public:
-    PictureMaker(unsigned chips, Layout layout, Counting counting);
+    /// `highestCount` is that of the counters; 0 where nothing is to be taken as saturated.
+    PictureMaker(unsigned chips, Layout layout, Counting counting, std::uint32_t highestCount = 0);
 
     unsigned width() const;
     unsigned height() const;
     unsigned picturesPerFrame() const { return counting == Counting::Double ? 2 : 1; }
     /// Empty when the frame has another size or type of pixel than this maker is for.
     std::vector<Picture> make(const refhost::Frame& frame) const;
+    /// The same as bytes for a file, laid out and narrowed in one pass that counts pixels on its way.
+    std::vector<PixelBytes> pack(const refhost::Frame& frame, PixelType type, PixelTally& tally) const;
+    /// Of all of a frame's pictures; what `pack` counts while it is at it.
+    PixelTally tally(const std::vector<Picture>& pictures) const;
+    /// Whether a frame with that tally holds nothing but zeros.
+    bool isAllZero(const PixelTally& tally) const;
+    /// The share of its pixels that are saturated.
+    double saturatedShare(const PixelTally& tally) const;
 
 private:
+    std::uint64_t pixels() const;
+    bool fits(const refhost::Frame& frame) const;
+    /// Calls `take` with a function that tells the count in an item of the frame, for each picture.
+    template <typename Take>
+    void eachPicture(Take take) const;
+    /// Calls `row` with the first item of each row of each chip and the number of the pixel that it belongs to.
+    template <typename Item, typename Row>
+    void eachRow(std::span<const unsigned char> bytes, Row row) const;
     template <typename Item, typename Count>
     Picture lay(std::span<const unsigned char> bytes, Count count) const;
+    template <unsigned BYTES, typename Item, typename Count>
+    PixelBytes packOne(std::span<const unsigned char> bytes, Count count, bool shuffled, PixelTally& tally) const;
 
     const unsigned chips;
     const Layout layout;
     const Counting counting;
+    const std::uint32_t highestCount;
 };
 
 } // namespace record

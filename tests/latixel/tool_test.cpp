@@ -38,10 +38,10 @@ protected:
         unsetenv("XDG_STATE_HOME");
     }
 
-    /// Starts the tool; `input` is its standard input. With `interruptOn` it gets a Ctrl-C when this text stands in
-    /// what it has told.
+    /// Starts the tool; `input` is its standard input. With `interruptOn` it gets a signal, Ctrl-C, when this text
+    /// stands in what it has told.
     std::future<Ended> start(const std::string& arguments, const std::string& input = {},
-                             const std::string& interruptOn = {})
+                             const std::string& interruptOn = {}, int signal = SIGINT)
     {
         const std::string run = "run" + std::to_string(runs++);
         folder.write(run + ".in", input);
@@ -51,7 +51,8 @@ protected:
         char* const words[] = {shell[0].data(), shell[1].data(), command.data(), nullptr};
         pid_t child = 0;
         EXPECT_EQ(posix_spawn(&child, "/bin/sh", nullptr, nullptr, words, environ), 0);
-        return std::async(std::launch::async, [this, child, run, interruptOn] { return end(child, run, interruptOn); });
+        return std::async(std::launch::async,
+                          [this, child, run, interruptOn, signal] { return end(child, run, interruptOn, signal); });
     }
 
     support::Hdf5File hdf5(const char* name) const { return support::Hdf5File(folder / name); }
@@ -67,14 +68,14 @@ protected:
     support::TempFolder folder;
 
 private:
-    Ended end(pid_t child, const std::string& run, std::string interruptOn) const
+    Ended end(pid_t child, const std::string& run, std::string interruptOn, int signal) const
     {
         int status = 0;
         const auto limit = std::chrono::steady_clock::now() + 60s;
         while (waitpid(child, &status, WNOHANG) == 0) {
             std::this_thread::sleep_for(10ms);
             if (!interruptOn.empty() && folder.read(run + ".err").find(interruptOn) != std::string::npos) {
-                kill(child, SIGINT);
+                kill(child, signal);
                 interruptOn.clear();
             }
             if (std::chrono::steady_clock::now() > limit)
@@ -227,17 +228,56 @@ TEST_F(ToolTest, FailuresAreOneLineAndACode)
     EXPECT_THAT(folder.names(), Not(testing::Contains(testing::StartsWith("x.h5"))));
 }
 
-TEST_F(ToolTest, ABoardThatLeavesInASeriesCostsNoFrameTaken)
+TEST_F(ToolTest, ABoardThatLeavesOrIsTooHotCostsNoFrameTaken)
 {
     const auto program = std::filesystem::path(LATIXEL_TOOL).parent_path();
-    std::ifstream quad(program / "../share/latixel/benches/mpx3-quad.json");
-    auto bench = nlohmann::json::parse(quad);
-    bench["boards"][0]["faults"] = nlohmann::json::array({{{"kind", "unplug"}, {"when", {{"after_bytes", 2500000}}}}});
-    folder.write("faulty.json", bench.dump());
-    const Ended ended = start("--simulate=faulty.json acquire -n 1000 -t 0.05 -o u.h5").get();
-    expectCode(ExitCode::Device, ended);
-    EXPECT_THAT(ended.err, HasSubstr("are kept"));
-    EXPECT_GT(hdf5("u.h5").shape("/entry/data/data")[0], 0u);
+    struct Case {
+        const char* bench;
+        const char* fault;
+        ExitCode code;
+        const char* text;
+    };
+    const Case cases[] = {
+        {"mpx3-quad", "unplug", ExitCode::Lost, "the board with serial 1042 has gone from the bus"},
+        {"timepix-cpu", "unplug", ExitCode::Lost, "the board with serial 2055 has gone from the bus"},
+        {"mpx3-quad", "cpu_overheated", ExitCode::Overheated, "too hot"},
+        {"timepix-cpu", "cpu_overheated", ExitCode::Overheated, "too hot"},
+    };
+    std::vector<std::future<Ended>> started;
+    for (const Case& one : cases) {
+        const std::string name = "case" + std::to_string(started.size());
+        std::ifstream original(program / "../share/latixel/benches" / (std::string(one.bench) + ".json"));
+        auto bench = nlohmann::json::parse(original);
+        bench["boards"][0]["faults"] = {{{"kind", one.fault}, {"text", "hot"}, {"when", {{"after_bytes", 2500000}}}}};
+        if (one.fault == std::string("unplug"))
+            bench["boards"][0]["faults"][0].erase("text");
+        folder.write(name + ".json", bench.dump());
+        started.push_back(start("--simulate=" + name + ".json acquire -n 1000 -t 0.05 -o " + name + ".h5"));
+    }
+    for (std::size_t i = 0; i < started.size(); ++i) {
+        SCOPED_TRACE(i);
+        const Ended ended = started[i].get();
+        expectCode(cases[i].code, ended);
+        EXPECT_THAT(ended.err, AllOf(HasSubstr(cases[i].text), HasSubstr("are kept")));
+        EXPECT_GT(hdf5(("case" + std::to_string(i) + ".h5").c_str()).shape("/entry/data/data")[0], 0u);
+    }
+}
+
+TEST_F(ToolTest, ChecksAndRepairsAFileWhoseWriterWasKilled)
+{
+    const Ended whole = start("--simulate acquire -n 3 -t 0.02 -o w.h5").get();
+    expectClean(whole);
+    EXPECT_EQ(start("check w.h5").get().code, 0);
+    expectCode(ExitCode::Arguments, start("check run0.out").get());
+    EXPECT_EQ(start("--simulate acquire -n 1000 -t 0.02 -o k.h5", {}, " frames/s,", SIGKILL).get().code,
+              1000 + SIGKILL);
+    const Ended cut = start("check k.h5").get();
+    expectCode(ExitCode::NotClosed, cut);
+    EXPECT_THAT(cut.err, HasSubstr("--repair k.h5"));
+    const Ended mended = start("check --repair k.h5").get();
+    expectCode(ExitCode::Incomplete, mended);
+    EXPECT_THAT(mended.out, AllOf(HasSubstr("Frames asked for"), HasSubstr("not closed"), HasSubstr("bias/voltage")));
+    EXPECT_GT(hdf5("k.h5").shape("/entry/data/data")[0], 0u);
 }
 
 } // namespace

@@ -40,6 +40,7 @@ public:
 
     /// Throws when it is not there.
     record::h5::Handle dataset(const char* path) const { return {H5Dopen2(file, path, H5P_DEFAULT), H5Dclose}; }
+    record::h5::Handle group(const char* path) const { return {H5Gopen2(file, path, H5P_DEFAULT), H5Gclose}; }
     std::vector<hsize_t> shape(const char* path) const
     {
         const record::h5::Handle space(H5Dget_space(dataset(path)), H5Sclose);

@@ -1,35 +1,31 @@
 // latixel acquire: takes a series of frames.
 #include "apps/latixel/commands/acquireoptions.h"
 #include "apps/latixel/commands/commands.h"
-#include "apps/latixel/devicesettings.h"
 #include "apps/latixel/interrupt.h"
 #include "apps/latixel/linetrigger.h"
 #include "apps/latixel/progress.h"
 #include "apps/latixel/text.h"
 #include "apps/latixel/valuefile.h"
-#include "record/framewriter.h"
+#include "record/devicesettings.h"
+#include "record/session.h"
 
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <unistd.h>
 
 namespace tool {
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr std::size_t QUEUE_BYTES = std::size_t{256} << 20;
 constexpr double TELLING_HOLD = 0.5; // seconds for which the disk may hold a series up before it is told
 
-/// A series that is over, with what became of its frames.
-struct Outcome {
-    refhost::SeriesResult series;
-    double elapsed = 0;
-    double held = 0;
-    bool interrupted = false;
-    bool triggersEnded = false;
-};
+std::uint32_t highestCountOf(const refhost::Device& device, const AcquireOptions& options)
+{
+    constexpr std::uint32_t SHORT = 11810; // the period of the counters of Medipix2 and Timepix chips
+    return device.isMpx3() ? (std::uint32_t{1} << options.depth) - 1 : SHORT;
+}
 
 record::Counting countingOf(const refhost::Device& device, const AcquirePlan& plan)
 {
@@ -90,12 +86,12 @@ void configure(refhost::Device& device, const AcquireOptions& options, const Acq
     if (options.bias)
         device.setBias(*options.bias);
     if (options.clock)
-        std::cout << "Timepix clock: " << clockText(device.setTimepixClock(*options.clock)) << std::endl;
+        std::cout << "Timepix clock: " << record::clockText(device.setTimepixClock(*options.clock)) << std::endl;
 }
 
-std::string noteOf(const refhost::SeriesProgress& progress, const AcquireOptions& options, bool stopping)
+std::string noteOf(const record::SessionProgress& progress, const AcquireOptions& options)
 {
-    if (stopping)
+    if (progress.stopping)
         return "stopping";
     if (progress.waitsForTrigger)
         return "press Enter for the next frame";
@@ -104,117 +100,155 @@ std::string noteOf(const refhost::SeriesProgress& progress, const AcquireOptions
     return {};
 }
 
-/// Waits for the end of the series; meanwhile shows progress, hands on triggers, and stops it where there is reason.
-Outcome watch(refhost::Series& series, const record::FrameWriter& writer, const AcquireOptions& options)
-{
-    const Interrupt interrupt;
-    Progress progress(stderr);
-    LineTrigger lines(STDIN_FILENO);
-    Outcome outcome;
-    bool stopping = false;
-    series.start();
-    while (!series.waitFor(20ms)) {
-        const auto now = series.progress();
+/// What happens in a session, as people see it; and what they ask of it by keys and signals.
+class Watcher {
+public:
+    Watcher(record::Session& recorderSession, const AcquireOptions& acquireOptions)
+        : session(recorderSession),
+          options(acquireOptions)
+    {
+    }
+
+    void operator()(const record::SessionProgress& now)
+    {
         if (now.waitsForTrigger && lines.take())
-            series.trigger();
-        outcome.triggersEnded = now.waitsForTrigger && lines.ended() && series.progress().waitsForTrigger;
-        outcome.interrupted = interrupt.requested();
-        if (!stopping && (outcome.interrupted || outcome.triggersEnded || writer.failed())) {
-            stopping = true;
-            series.stop();
-        }
-        progress.show({now.frames, options.frames, now.elapsed, options.seconds, noteOf(now, options, stopping)});
+            session.trigger();
+        else if (now.waitsForTrigger && lines.ended() && !now.stopping)
+            ended = true;
+        if (interrupt.requested() || ended)
+            session.stop();
+        progress.show({now.frames, options.frames, now.elapsed, options.seconds, noteOf(now, options)});
     }
-    outcome.series = series.result();
-    outcome.elapsed = series.progress().elapsed;
-    return outcome;
-}
-
-std::string wordsFor(const refhost::SeriesResult& series)
-{
-    switch (series.end) {
-    case refhost::SeriesEnd::Finished:
-        return "finished";
-    case refhost::SeriesEnd::Stopped:
-        return "stopped";
-    default:
-        return series.error;
+    void operator()(const record::DiskBlocked& disk)
+    {
+        say("the disk has taken nothing for " + fixed(disk.seconds, 0) + " s: the series waits for it");
     }
-}
+    void operator()(const record::OnlyZeros& zeros)
+    {
+        say("the last " + std::to_string(zeros.frames) +
+            " frames hold nothing but zeros: look at beam, bias and chips");
+    }
+    void operator()(const record::Saturated& saturated)
+    {
+        say(fixed(100 * saturated.share, 1) + " % of the pixels are saturated: expose for less time");
+    }
+    /// No more triggers could come.
+    bool triggersEnded() const { return ended; }
 
-Outcome takeFrames(refhost::Device& device, record::FrameSink& sink, const AcquireOptions& options,
-                   const AcquirePlan& plan)
+private:
+    void say(const std::string& text)
+    {
+        progress.clear();
+        std::cerr << "latixel: " << text << std::endl;
+    }
+
+    record::Session& session;
+    const AcquireOptions& options;
+    const Interrupt interrupt;
+    Progress progress{stderr};
+    LineTrigger lines{STDIN_FILENO};
+    bool ended = false;
+};
+
+record::SessionResult takeFrames(refhost::Device& device, const std::shared_ptr<record::FrameSink>& sink,
+                                 const AcquireOptions& options, const AcquirePlan& plan)
 {
-    const record::PictureMaker maker(device.chipCount(), layoutFor(device, plan), countingOf(device, plan));
-    record::SeriesInfo info = describe(device);
-    info.startTime = timeStamp();
-    info.width = maker.width();
-    info.height = maker.height();
-    info.picturesPerFrame = maker.picturesPerFrame();
-    info.bitsPerPixel = device.isMpx3() ? 32 : 16;
-    info.frames = options.frames;
-    info.seconds = options.seconds;
-    sink.begin(info);
-
-    record::FrameWriter writer(sink, maker, QUEUE_BYTES);
-    refhost::SeriesRequest request;
-    request.frames = options.frames;
-    request.seconds = options.seconds;
-    refhost::Series series(device, request, [&writer](refhost::SeriesFrame frame) { writer.push(std::move(frame)); });
-    Outcome outcome = watch(series, writer, options);
-    writer.finish();
-    outcome.held = writer.held();
-    if (outcome.series.frames > 0)
-        sink.finish({timeStamp(), wordsFor(outcome.series)});
-    return outcome;
-}
-
-void tell(const Outcome& outcome, const record::FrameSink& sink, const AcquireOptions& options)
-{
-    const auto& series = outcome.series;
-    if (series.frames > 0)
-        std::cout << series.frames << (series.frames == 1 ? " frame" : " frames") << " of " << duration(options.seconds)
-                  << " in " << sink.place() << " (" << fixed(series.frames / std::max(outcome.elapsed, 1e-6), 2)
-                  << " frames/s)" << std::endl;
-    if (outcome.held > TELLING_HOLD)
-        std::cerr << "latixel: the disk held the series up for " << duration(outcome.held)
-                  << ": try --compression 0, or a faster disk\n";
-    if (series.lost > 0)
-        std::cerr << "latixel: " << series.lost << " frame(s) were lost: the device took them faster than they could "
-                  << "be read\n";
-    if (outcome.triggersEnded)
+    record::SessionSettings settings;
+    settings.frames = options.frames;
+    settings.seconds = options.seconds;
+    settings.layout = layoutFor(device, plan);
+    settings.counting = countingOf(device, plan);
+    settings.highestCount = highestCountOf(device, options);
+    record::Session session(device, settings, sink);
+    Watcher watcher(session, options);
+    const record::SessionResult result =
+        session.run([&watcher](const record::SessionEvent& event) { std::visit(watcher, event); });
+    if (watcher.triggersEnded())
         std::cerr << "latixel: stopped, since standard input ended and no more triggers can come\n";
+    return result;
 }
 
-ExitCode codeFor(const Outcome& outcome, const AcquireOptions& options)
+std::string framesText(std::size_t count)
 {
-    const auto& series = outcome.series;
-    const std::string kept =
-        series.frames > 0 ? "; the " + std::to_string(series.frames) + " frame(s) taken are kept" : "";
-    switch (series.end) {
-    case refhost::SeriesEnd::Failed:
-        throw Failure(ExitCode::Device, "the series failed: " + series.error + kept);
-    case refhost::SeriesEnd::Refused:
-        throw Failure(ExitCode::Device, "the series did not start: " + series.error);
-    case refhost::SeriesEnd::Silent:
-        throw Failure(ExitCode::Device,
-                      "the device fell silent: " + series.error + "; unplug it and plug it in again" + kept);
+    return std::to_string(count) + (count == 1 ? " frame" : " frames");
+}
+
+void tell(const record::SessionResult& result, const std::string& place, const AcquireOptions& options)
+{
+    const auto& counts = result.counts;
+    if (result.safe > 0) {
+        std::cout << framesText(result.safe) << " of " << duration(options.seconds) << " in " << place << " ("
+                  << fixed(result.received / std::max(result.elapsed, 1e-6), 2) << " frames/s";
+        if (counts.incomplete > 0)
+            std::cout << ", " << counts.incomplete << " incomplete";
+        if (counts.zero > 0)
+            std::cout << ", " << counts.zero << " with nothing but zeros";
+        if (counts.saturated > 0)
+            std::cout << ", " << counts.saturated << " saturated pixels";
+        if (counts.inHurry > 0)
+            std::cout << ", " << fixed(100.0 * counts.inHurry / std::max(counts.written, 1u), 0) << " % uncompressed";
+        std::cout << ")" << std::endl;
+    }
+    if (counts.held > TELLING_HOLD)
+        std::cerr << "latixel: the disk held the series up for " << duration(counts.held)
+                  << ": try --compression 0, or a faster disk\n";
+    if (result.lost > 0)
+        std::cerr << "latixel: " << result.lost
+                  << " frame(s) were lost: the device took them faster than they could be read"
+                  << (result.gaps.empty() ? "" : "; their numbers: " + result.gaps) << '\n';
+}
+
+/// What the device has done that ends the tool with a failure, of the gravest first.
+void throwForDevice(const record::SessionResult& result, const std::string& serial)
+{
+    const std::string kept = result.safe > 0 ? "; the " + std::to_string(result.safe) + " frame(s) taken are kept" : "";
+    switch (result.end) {
+    case record::SessionEnd::Overheated:
+        throw Failure(ExitCode::Overheated, "the device is too hot, and has ended the series: " + result.error + kept);
+    case record::SessionEnd::Lost:
+        throw Failure(ExitCode::Lost,
+                      "the board with serial " + serial + " has gone from the bus: " + result.error + kept);
     default:
         break;
     }
-    if (series.frames == options.frames)
+    if (!result.diskFailure.empty())
+        return; // what the user can do something about
+    switch (result.end) {
+    case record::SessionEnd::Failed:
+        throw Failure(ExitCode::Device, "the series failed: " + result.error + kept);
+    case record::SessionEnd::Refused:
+        throw Failure(ExitCode::Device, "the series did not start: " + result.error);
+    case record::SessionEnd::Silent:
+        throw Failure(ExitCode::Device,
+                      "the device fell silent: " + result.error + "; unplug it and plug it in again" + kept);
+    default:
+        break;
+    }
+}
+
+ExitCode codeFor(const record::SessionResult& result, const std::string& place)
+{
+    if (!result.diskFailure.empty())
+        throw Failure(ExitCode::Output, result.diskFailure + "; " +
+                                            (result.safe > 0 ? framesText(result.safe) + " are safe in " + place
+                                                             : std::string("no frame was kept")));
+    if (result.isWhole())
         return ExitCode::Success;
-    std::cerr << "latixel: " << series.frames << " of " << options.frames << " frames were taken"
-              << (series.frames > 0 ? "" : "; no file was made") << '\n';
+    if (result.received < result.requested)
+        std::cerr << "latixel: " << result.received << " of " << result.requested << " frames were taken"
+                  << (result.received > 0 ? "" : "; no file was made") << '\n';
+    if (result.counts.incomplete > 0)
+        std::cerr << "latixel: bytes are missing in " << framesText(result.counts.incomplete)
+                  << ": see frame_table in the file\n";
     return ExitCode::Incomplete;
 }
 
-/// The device's threads may still run in the plug-in, so that nothing may be torn down under them.
-[[noreturn]] void endAtOnce(const Outcome& outcome, const AcquireOptions& options)
+/// Threads may still run in the plug-in, or wait for the disk, so that nothing may be torn down under them.
+[[noreturn]] void endAtOnce(const std::function<ExitCode()>& howToEnd)
 {
     ExitCode code = ExitCode::Device;
     try {
-        code = codeFor(outcome, options);
+        code = howToEnd();
     } catch (const Failure& failure) {
         std::cerr << "latixel: " << printable(failure.what()) << std::endl;
         code = failure.code;
@@ -231,20 +265,29 @@ ExitCode acquire(const GlobalOptions& global, const AcquireOptions& options, con
         values.dacs = readNumbers(options.dacs);
     if (!options.pixelConfig.empty())
         values.pixelConfig = readBytes(options.pixelConfig);
-    auto sink = record::makeSink(plan.output);
+    std::shared_ptr<record::FrameSink> sink = record::makeSink(plan.output);
 
-    Session session(global);
-    refhost::Device& device = session.deviceWithChips(options.device);
+    std::optional<Session> session(std::in_place, global);
+    refhost::Device& device = session->deviceWithChips(options.device);
+    const auto serial = std::to_string(device.info().serialNumber);
     checkChips(device, options, mpx3Only);
     configure(device, options, plan, values);
-    const Outcome outcome = takeFrames(device, *sink, options, plan);
-    tell(outcome, *sink, options);
-    if (outcome.series.end == refhost::SeriesEnd::Silent) {
-        session.abandon();
-        sink.reset(); // takes an incomplete file away
-        endAtOnce(outcome, options);
-    }
-    return codeFor(outcome, options);
+    const record::SessionResult result = takeFrames(device, sink, options, plan);
+    const std::string place = sink->place();
+    tell(result, place, options);
+    const auto howToEnd = [&] {
+        throwForDevice(result, serial);
+        return codeFor(result, place);
+    };
+    const bool silent = result.end == record::SessionEnd::Silent;
+    if (silent)
+        session->abandon();
+    else if (result.diskIsStuck)
+        session.reset();
+    if (!silent && !result.diskIsStuck)
+        return howToEnd();
+    sink.reset(); // takes a file without frames away
+    endAtOnce(howToEnd);
 }
 
 } // namespace
@@ -256,7 +299,10 @@ void addAcquireCommand(CLI::App& app, const GlobalOptions& global, Run& run)
     addAcquireOptions(*command, *options);
     command->footer(
         "Ctrl-C ends the series and keeps the frames taken; a second one ends the tool at once.\n"
-        "Up to 256 MB of frames wait for the disk; beyond that the series waits.\n"
+        "The file has its name from the first frame on; \"latixel check FILE\" tells what it holds, also after a "
+        "kill.\n"
+        "Up to 256 MB of frames wait for the disk; beyond that the series waits. From half of it on frames are not\n"
+        "compressed.\n"
         "HDF5 files open with entry/data/data, frames x height x width; settings, chip identifiers and times are in\n"
         "entry/instrument/detector. With two counters the second is in entry/data/data_counter1, in every second page\n"
         "of a TIFF file, and in pictures that end in _c1. Pixels without a valid count hold the highest number of "

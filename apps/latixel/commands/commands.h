@@ -17,6 +17,7 @@ void addInfoCommand(CLI::App& app, const GlobalOptions& global, Run& run);
 void addParamsCommand(CLI::App& app, const GlobalOptions& global, Run& run);
 void addSenseCommand(CLI::App& app, const GlobalOptions& global, Run& run);
 void addAcquireCommand(CLI::App& app, const GlobalOptions& global, Run& run);
+void addCheckCommand(CLI::App& app, Run& run);
 
 /// Parses the command line and runs what it asks for. Prints failures; returns the exit code.
 int runTool(int argc, const char* const* argv);

@@ -1,7 +1,7 @@
 // latixel info: everything that a device tells of itself.
 #include "apps/latixel/commands/commands.h"
-#include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
+#include "record/devicesettings.h"
 
 #include <iostream>
 #include <memory>
@@ -31,11 +31,11 @@ ExitCode info(const GlobalOptions& global, const std::string& which)
     Table table;
     table.row({"Name", printable(device.name())});
     table.row({"Serial", std::to_string(device.info().serialNumber)});
-    for (const std::string& serial : memberSerials(device))
+    for (const std::string& serial : record::memberSerials(device))
         table.row({"  board", serial});
-    table.row({"Kind", chipKind(device)});
-    table.row({"Firmware", firmware(device)});
-    table.row({"Plug-in", pluginVersion(device)});
+    table.row({"Kind", record::chipKind(device)});
+    table.row({"Firmware", record::firmware(device)});
+    table.row({"Plug-in", record::pluginVersion(device)});
     table.row({"Connected", device.isConnected() ? "yes" : "no"});
     const std::string status = printable(device.statusText());
     table.row({"Status", status.empty() ? "none told" : status});
@@ -46,7 +46,7 @@ ExitCode info(const GlobalOptions& global, const std::string& which)
     table.row({"Bias", fixed(facts.biasMin, 1) + " V to " + fixed(facts.biasMax, 1) + " V"});
     table.row({"Frame time", fixed(facts.acqTimeMin * 1e9, 0) + " ns to " + fixed(facts.acqTimeMax, 0) + " s"});
     if (device.isTimepix() && device.chipCount() > 0)
-        table.row({"Clock", clockText(device.timepixClock()) + ", or what --clock sets for a series"});
+        table.row({"Clock", record::clockText(device.timepixClock()) + ", or what --clock sets for a series"});
     table.row({"Modes", modes(facts.acqModeMask)});
     table.row({"Parameters", std::to_string(device.params().size()) + " of its own, " +
                                  std::to_string(device.flashParams().size()) + " in its flash"});

@@ -1,7 +1,7 @@
 // latixel list: the devices that are there.
 #include "apps/latixel/commands/commands.h"
-#include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
+#include "record/devicesettings.h"
 
 #include <iostream>
 
@@ -17,9 +17,9 @@ ExitCode list(const GlobalOptions& global)
     for (const auto& device : session.devices()) {
         const std::string status = printable(device->statusText());
         table.row({std::to_string(number++), printable(device->name()), std::to_string(device->chipCount()),
-                   chipKind(*device), std::to_string(device->info().serialNumber),
+                   record::chipKind(*device), std::to_string(device->info().serialNumber),
                    status.empty() ? (device->isConnected() ? "ready" : "not connected") : status});
-        for (const std::string& serial : memberSerials(*device))
+        for (const std::string& serial : record::memberSerials(*device))
             table.row({"", "  board", "", "", serial, ""});
     }
     table.print(std::cout);

@@ -1,7 +1,7 @@
 // latixel params: reads and sets a device's parameters.
 #include "apps/latixel/commands/commands.h"
-#include "apps/latixel/devicesettings.h"
 #include "apps/latixel/text.h"
+#include "record/devicesettings.h"
 #include "refhost/error.h"
 
 #include <iostream>
@@ -50,8 +50,8 @@ void serve(refhost::Device& device, const std::string& request)
 {
     const std::size_t sign = request.find('=');
     refhost::Param& param = find(device, request.substr(0, sign));
-    if (!isAtHand(param))
-        loadFlash(device);
+    if (!record::isAtHand(param))
+        record::loadFlash(device);
     if (sign != std::string::npos) {
         device.forgetErrorLine();
         try {
@@ -75,7 +75,7 @@ ExitCode params(const GlobalOptions& global, const ParamsOptions& options)
         serve(device, request);
     if (!options.requests.empty())
         return ExitCode::Success;
-    loadFlash(device);
+    record::loadFlash(device);
     Table table;
     table.row({"Name", "Value", "Type", "Access", "Description"});
     addRows(table, device.params(), options.all);

@@ -359,7 +359,7 @@ TEST_F(Mpx2Lad, StopInARecoveryEndsTheSeriesAndTheNextOneMakesUpForIt)
     ASSERT_TRUE(bench.events->waitFor({HWEVENT_FRAME_READY}));
     sim::addFault(1, {{"kind", "silence"}, {"seconds", 1000.0}});
     ASSERT_TRUE(soon([&] { return std::ranges::count(bench.errors->take(), reconnecting(1)) > 0; }));
-    expectStop();
+    EXPECT_EQ(bench->stopAcquisition(), 0); sleepMs(8000); for (auto e : bench.events->seen()) std::cerr << "EV " << e.first << " " << e.second << "\n"; std::cerr << bench->lastError() << "\n";
     sim::clearFaults(1);
     sim::unplug(1);
     EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);

@@ -1,21 +1,20 @@
 // What a file tells of the device that took its frames.
-#include "apps/latixel/devicesettings.h"
+#include "record/devicesettings.h"
 
-#include "apps/latixel/session.h"
-#include "apps/latixel/text.h"
+#include "record/text.h"
 
 #include <iterator>
 #include <sstream>
 
-namespace tool {
+namespace record {
 namespace {
 
 constexpr std::size_t LARGEST_AT_HAND = 10; // bytes
 constexpr std::size_t BULK_ITEMS = 11;      // reading a parameter of so many items makes the plug-in read the flash
 
-record::Setting settingOf(refhost::Param& param)
+Setting settingOf(refhost::Param& param)
 {
-    record::Setting setting{param.name(), printable(param.description()), {}};
+    Setting setting{param.name(), printable(param.description()), {}};
     const bool isText = param.type() == refhost::DataType::Text || param.type() == refhost::DataType::Char;
     if (isText) {
         setting.value = printable(param.getString());
@@ -28,17 +27,17 @@ record::Setting settingOf(refhost::Param& param)
     return setting;
 }
 
-record::SettingGroup groupOf(const std::string& name, const std::vector<refhost::Param*>& params)
+SettingGroup groupOf(const std::string& name, const std::vector<refhost::Param*>& params)
 {
-    record::SettingGroup group{name, {}};
+    SettingGroup group{name, {}};
     for (refhost::Param* param : params)
         group.settings.push_back(settingOf(*param));
     return group;
 }
 
-record::SettingGroup configuration(const refhost::Device& device)
+SettingGroup configuration(const refhost::Device& device)
 {
-    record::SettingGroup group{"configuration", {}};
+    SettingGroup group{"configuration", {}};
     const auto add = [&group](const char* name, const char* description, double value) {
         group.settings.push_back({name, description, value});
     };
@@ -63,7 +62,7 @@ record::SettingGroup configuration(const refhost::Device& device)
     return group;
 }
 
-record::SettingGroup bias(const refhost::Device& device)
+SettingGroup bias(const refhost::Device& device)
 {
     const auto limits = device.mpxInfo();
     const auto reading = device.bias();
@@ -75,6 +74,12 @@ record::SettingGroup bias(const refhost::Device& device)
 }
 
 } // namespace
+
+std::string paramText(const refhost::Device& device, const std::string& name)
+{
+    refhost::Param* param = device.findParam(name);
+    return param != nullptr ? param->getString() : std::string();
+}
 
 std::string pluginVersion(const refhost::Device& device)
 {
@@ -124,9 +129,9 @@ void loadFlash(const refhost::Device& device)
         }
 }
 
-record::SeriesInfo describe(const refhost::Device& device)
+SeriesInfo describe(const refhost::Device& device)
 {
-    record::SeriesInfo info;
+    SeriesInfo info;
     info.device = printable(device.name());
     info.serial = std::to_string(device.info().serialNumber);
     info.firmware = firmware(device);
@@ -141,4 +146,4 @@ record::SeriesInfo describe(const refhost::Device& device)
     return info;
 }
 
-} // namespace tool
+} // namespace record

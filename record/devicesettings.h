@@ -4,7 +4,10 @@
 #include "record/framesink.h"
 #include "refhost/device.h"
 
-namespace tool {
+namespace record {
+
+/// The text of the device's parameter of that name; empty if it has none.
+std::string paramText(const refhost::Device& device, const std::string& name);
 
 /// Version of the plug-in and firmware of the board, as the device's parameters tell them; empty where they do not.
 std::string pluginVersion(const refhost::Device& device);
@@ -24,6 +27,6 @@ void loadFlash(const refhost::Device& device);
 
 /// The device and its settings: its parameters, its configuration, and the small values
 /// of its flash. Reads the device, so it is for before a series.
-record::SeriesInfo describe(const refhost::Device& device);
+SeriesInfo describe(const refhost::Device& device);
 
-} // namespace tool
+} // namespace record
