@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <tuple>
 
 namespace {
 
@@ -101,18 +100,4 @@ TEST(Mpx2Dacs, ChipIdentifiers)
             getChipIDsFromDACStreamMpx2(stream.data(), 2, text.data(), &timepix);
             EXPECT_EQ(text.data(), first.id + last.id);
         }
-}
-
-TEST(Mpx2Dacs, ATimepixStreamIsReadBack)
-{
-    const Words dacs{1, 2, 3, 4, 5, 6, 1023, 15, 9, 10, 11, 12, 13, 255};
-    Bytes stream(MPX2_DAC_STREAM_SIZE);
-    dacsToStreamTPX(dacs.data(), stream.data(), 1, 0, 9, 2, 0x12345678);
-    Words back(dacs.size());
-    int senseDac = 0;
-    int extDac = 0;
-    unsigned ctpr = 0;
-    streamTPXToDacs(stream.data(), 1, 0, senseDac, extDac, ctpr, back.data());
-    EXPECT_EQ(back, dacs);
-    EXPECT_EQ(std::tuple(senseDac, extDac, ctpr), std::tuple(9, 2, 0x12345678U));
 }

@@ -132,9 +132,6 @@ TEST_P(Mpx2Matrix, EncodesWhatDecodingReads)
         for (std::size_t chip = 0; chip < CHIPS; ++chip)
             oracleDecode(whole, lead + chip * stride, back, chip * CHIP, serial, false);
         EXPECT_TRUE(back == cut) << "serial " << serial;
-        Bytes single(stride, 0xEE);
-        (serial ? serializeSingleMpx2 : serializeSingleMpx2Parallel)(matrix.data(), single.data());
-        EXPECT_TRUE(std::equal(single.begin(), single.end(), whole.begin() + serial));
         const auto behindLast = std::span(whole).subspan(lead + 2 * stride - (serial ? 32 : 0));
         EXPECT_EQ(std::ranges::count(behindLast, 0), std::ssize(behindLast)) << "nothing stale is sent";
         for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{900}, stride + 500}) {
@@ -146,26 +143,15 @@ TEST_P(Mpx2Matrix, EncodesWhatDecodingReads)
     }
 }
 
-TEST(Mpx2Readout, TakesModulesApart)
-{
-    const Bytes source = randomValues<unsigned char>(1003);
-    for (const std::size_t modules : {1U, 2U, 3U, 4U, 2000U}) {
-        Bytes out(520, 0xEE);
-        deinterleaveMpx2(source, modules, modules - 1, out);
-        EXPECT_EQ(out, takenApart(source, modules, modules - 1, 520)) << modules;
-    }
-}
-
 TEST(Mpx2Readout, ReadoutSizes)
 {
     EXPECT_EQ(mpx2ModuleReadout(3).bytes, 344170U);
-    const std::size_t extra[] = {9, 9, 3, 3, 3, 9, 9, 9, 9, 9}; // 9 chips are more than the corrections know
+    const std::size_t extra[] = {9, 9, 3, 3, 3, 9};
     for (std::size_t perModule = 0; perModule < std::size(extra); ++perModule)
         EXPECT_EQ(mpx2ParallelReadout(3 * perModule + 2, 3).bytes % 114721, extra[perModule]) << perModule;
     EXPECT_EQ(mpx2ParallelReadout(3, 0).bytes, 344172U);
     EXPECT_EQ(mpx2ParallelReadout(1, 2).bits, 0xFFFFFFFEU);
     EXPECT_EQ(mpx2RowDeviceReadout(7).bytes, 803056U);
-    EXPECT_EQ(mpx2TdiBlockBits(4), 14367U);
     EXPECT_EQ(mpx2TdiBlockSize(2, 4), 3610U);
 }
 

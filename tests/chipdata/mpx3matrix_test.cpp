@@ -202,8 +202,6 @@ TEST_P(Mpx3Matrix, TdiRecords)
             const int counters = 1 + i % 2;
             Pixels matrix = job.matrix();
             const auto stream = randomValues<unsigned char>(oracleTdi({}, matrix, job, counters) - 14);
-            deserializeMpx3Tdi(stream.data(), matrix.data(), DEPTHS[omr.CountL], omr.ColumnBlockSel, omr.ColumnBlock,
-                               omr.PS, counters, true, job.chips);
             // The last record's size is no bound for the series, but the ends of the buffers are.
             for (const std::size_t share : {1, 3}) {
                 const Bytes came = firstOf(stream, stream.size() / share);
@@ -211,7 +209,7 @@ TEST_P(Mpx3Matrix, TdiRecords)
                 Pixels converted = expected;
                 oracleTdi(came, expected, job, counters);
                 convertMpx3MatrixStream({omr, job.chips, false, true}, came, 100, converted, 0, counters, false);
-                ASSERT_TRUE(converted == expected && (share > 1 || matrix == expected)) << job << " of " << counters;
+                ASSERT_TRUE(converted == expected) << job << " of " << counters;
             }
         }
 }
@@ -224,19 +222,6 @@ TEST(Mpx3Stream, ImpossibleShapesStayInBounds)
         for (const unsigned char ps : {'\x03', '\x7F'})
             convertMpx3MatrixStream({omrOf(9, 255, 255, ps), channels}, stream, 96, matrix, 1000, 2, true);
     convertMpx3MatrixStream({}, stream, 96, {}, 1000, 2, true);
-    EXPECT_EQ(deserializeMpx3(nullptr, matrix.data(), 17, 0, 0, 0, 0, 0, true), 0) << "no chip counts with 17 bits";
-}
-
-TEST(Mpx3Stream, SizesOfReadouts)
-{
-    OMR omr;
-    EXPECT_EQ(mpx3ReadBits(omr, false), 786466U);
-    EXPECT_EQ(mpx3ReadCommandBits(omr, true), 786479U);
-    EXPECT_EQ(mpx3ReadSize(omr, false, 5, true), 2U * (98308 * 5 + 9));
-    EXPECT_EQ(mpx3ReadSize(omr, true, 5, true), 4U * (98309 * 5 + 9));
-    omr.RowBlockSel = 1;
-    EXPECT_EQ(mpx3TdiRecordSize(omr, false, 5, false), 1958U);
-    EXPECT_EQ(mpx3TdiRecordSize(omr, false, 5, true), 3907U);
 }
 
 TEST_P(Mpx3Matrix, EncodesWhatDecodes)

@@ -48,11 +48,3 @@ TEST(Mpx3Omr, EveryFieldHasItsPlace)
     empty.bytes(image.data());
     EXPECT_EQ(image, (Image{0x30, 0x00, 0x00, 0x00, 0x00, 0x08, 0x20}));
 }
-
-TEST(Mpx3Omr, ReadsDontGrowBeyondAChip)
-{
-    OMR omr;
-    omr.RowBlock = 254; // as a host can ask for
-    omr.RowBlockSel = 1;
-    EXPECT_EQ(omr.rowNumber(), 256U);
-}

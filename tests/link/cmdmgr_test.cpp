@@ -22,10 +22,6 @@ TEST_F(CmdMgrTest, AFailingReceiveLeavesTheLinkAlone)
     EXPECT_EQ(10U, size);
     EXPECT_EQ(0, mgr.receiveRaw(buffer.data(), &size, 0.01, true));
     EXPECT_EQ(4U, size);
-
-    unsigned char pattern[9] = {'0', '1', '2', '3', '4', '5', '6', '7', '8'};
-    ftdi.reads = {{"xy"}, {"012345678"}};
-    EXPECT_EQ(11, mgr.receiveAllDataUntil(buffer.data(), buffer.size(), pattern, 0.5));
 }
 
 TEST_F(CmdMgrTest, SwitchesGateWhatTheLogShows)

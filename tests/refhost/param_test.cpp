@@ -4,7 +4,6 @@
 #include "refhost/host.h"
 
 #include <gmock/gmock.h>
-#include <thread>
 
 namespace {
 
@@ -81,27 +80,6 @@ TEST_F(ParamTest, MisuseIsRecordedAndHarmless)
     EXPECT_EQ(kept->setByte(3), -1);
     manager.destroy();
     EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("setByte after"), HasSubstr("destroyed twice")));
-}
-
-TEST_F(ParamTest, ManyThreadsReadAndWrite)
-{
-    manager.addDouble("value", "", 0, nullptr, 0, 0);
-    manager.addString("text", "", "", nullptr, 0, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([this, t] {
-            for (int i = 0; i < 500; ++i) {
-                param("value").setDouble(t);
-                param("text").setString("some text that needs memory of its own");
-                param("text").getString();
-                param("value").getFloat();
-                manager.addInt32(("p" + std::to_string(i)).c_str(), "", i, nullptr, 0, 0);
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(manager.count(), 502u);
-    EXPECT_EQ(param("p7").getInt32(), 7);
 }
 
 } // namespace

@@ -3,11 +3,7 @@
 #include "refhost/error.h"
 #include "refhost/plugin.h"
 #include "refhost/series.h"
-#include "support/tempfolder.h"
 
-#include <cmath>
-#include <cstring>
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 
 namespace {
@@ -64,19 +60,6 @@ TEST(Frame, KeepsPixelsAndMetadataAndNoticesMisuse)
     EXPECT_EQ(raw->dataPointer(0), nullptr);
     raw->destroy();
     EXPECT_THAT(host.complaints(), ElementsAre(HasSubstr("dataPointer after"), HasSubstr("twice")));
-}
-
-TEST(Plugin, SaysWhatIsWrongWithAFile)
-{
-    refhost::Host host("config", "logs");
-    const auto failure = [&](const std::filesystem::path& path) {
-        return errorOf([&] { refhost::Plugin plugin(host, path); });
-    };
-    const support::TempFolder folder;
-    EXPECT_THAT(failure(folder.write("text.so", "no library")), HasSubstr("cannot load"));
-    Dl_info info{};
-    ASSERT_NE(dladdr(reinterpret_cast<void*>(&std::strlen), &info), 0);
-    EXPECT_THAT(failure(info.dli_fname), HasSubstr("no function dvGetHwLib"));
 }
 
 TEST(Plugin, ListsDevicesAndNoticesWhatIsLeftAfterClose)
@@ -231,14 +214,6 @@ TEST_F(SeriesTest, ASlowSinkIsNoSilenceAndNoSeriesStartsInsideAnEvent)
     });
     EXPECT_EQ(result.end, SeriesEnd::Finished);
     EXPECT_THAT(refusal, HasSubstr("within an event"));
-}
-
-TEST_F(SeriesTest, RefusalsCarryTheDevicesWords)
-{
-    EXPECT_THAT(errorOf([&] { device.setBias(101); }), HasSubstr("cannot set the bias of Fake A sn: 1 WA: Too much"));
-    for (const double clock : {200.0, std::nan("")})
-        EXPECT_THROW(device.setTimepixClock(clock), refhost::Error);
-    EXPECT_EQ(device.timepixClock(), 10) << "what failed leaves it";
 }
 
 } // namespace

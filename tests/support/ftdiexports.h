@@ -87,7 +87,6 @@ int ftdi_read_data(ftdi_context* context, unsigned char* buffer, int size)
     auto& s = script();
     meet("read", context->usb_read_timeout);
     ++s.readCount;
-    s.largestRead = std::max(s.largestRead, size);
     if (s.reads.empty())
         return 0;
     auto& [data, error] = s.reads.front();

@@ -32,7 +32,6 @@ struct ScriptedFtdi {
     std::vector<std::string> calls; ///< All calls but reads and writes, with their arguments.
     std::string written;            ///< All bytes taken.
     int readCount = 0;
-    int largestRead = 0;
     int liveContexts = 0; ///< `ftdi_init` less `ftdi_deinit`.
 
     static ScriptedFtdi& instance()

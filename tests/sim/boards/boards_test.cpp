@@ -3,9 +3,6 @@
 #include "sim/boards/mpx3wire.h"
 
 #include "sim/usb/latixelsim.h"
-#include "sim/world/triggerinput.h"
-
-#include <future>
 
 namespace sim {
 namespace {
@@ -79,32 +76,6 @@ TEST(TriggerLineTest, MasterWaitsForFollowersOnItsLine)
     EXPECT_EQ(packetNumber(follower.readAfter(10ms)), TEN_MS);
 }
 
-TEST(TriggerLineTest, FollowerOnAThreadOfItsOwnMissesNoFiring)
-{
-    const json entry = {{"trigger_line", "threads"}};
-    TriggerInput master(entry);
-    TriggerInput follower(entry);
-    master.set(4 | 8);
-    follower.set(4);
-    constexpr int FRAMES = 5000;
-    const auto taken = [](TriggerInput& input) {
-        int frames = 0;
-        Shutter shutter;
-        const Time limit = Clock::now() + 30s;
-        while (frames < FRAMES && Clock::now() < limit) {
-            if (shutter.idle())
-                shutter.start({.startWaits = true, .period = 1}, Clock::now());
-            input.serve(shutter, Clock::now());
-            frames += shutter.next(Clock::now()) ? 1 : 0;
-            std::this_thread::yield();
-        }
-        return frames;
-    };
-    auto followed = std::async(std::launch::async, taken, std::ref(follower));
-    EXPECT_EQ(taken(master), FRAMES);
-    EXPECT_EQ(followed.get(), FRAMES);
-}
-
 TEST(BenchesTest, ShippedBenchesLoadAndBadEntriesAreRefused)
 {
     for (const char* name :
@@ -118,8 +89,7 @@ TEST(BenchesTest, ShippedBenchesLoadAndBadEntriesAreRefused)
          {R"({"modules": [["X99"]]})", R"({"modules": [[], [], [], [], [], []]})", R"({"chip": "medipix9"})"}},
         {R"({"kind": "mpx3", "description": "sn: 7 A", "channels": [[""]]})",
          {R"({"channels": [["", "", ""]]})", R"({"scene": {"fluxx": 1}})", R"({"adc": {"16": 1}})",
-          R"({"flash": {"parameters": [{"name": "A", "type": "int", "value": 1}]}})",
-          R"({"firmware": "A text that goes on for more than it may"})"}},
+          R"({"flash": {"parameters": [{"name": "A", "type": "int", "value": 1}]}})"}},
         {R"({"kind": "mpxrow", "description": "sn: 7 A", "channels": [""]})",
          {R"({"channels": [1]})", R"({"channels": ["", "", "", "", "", "", "", ""]})"}},
         {R"({"kind": "fenxel", "description": "sn: 7 A", "modules": [[""]]})",

@@ -1,22 +1,8 @@
 // The Medipix3 board from the wire: faults of chips and flash, and what it has against bad frames.
 #include "sim/boards/mpx3wire.h"
 
-#include <cmath>
-
 namespace sim {
 namespace {
-
-TEST(Mpx3BoardTest, SensesBiasByItsCalibration)
-{
-    const json calibrated = {{"set_a", 2.0},    {"set_b", 5.0},  {"volt_a", 25.0}, {"volt_b", -1.0}, {"curr_a", 10.0},
-                             {"curr_b", -20.0}, {"curr_c", 0.5}, {"curr_d", 0.01}, {"leakage", 0.1}};
-    Mpx3Wire wire(mpx3Entry({{""}}, {{"bias", calibrated}}));
-    const BiasSupply& bias = wire.board.biasSupply();
-    EXPECT_NEAR(bias.volts(85), 40, 1e-9);
-    EXPECT_NEAR(bias.voltSense(85) * 25 - 1, 40, 1e-9);
-    const double c = bias.currentSense(85) * 10 - 20;
-    EXPECT_NEAR(0.5 * c * std::exp(0.01 * std::abs(c)), 4, 1e-3) << "microamperes";
-}
 
 TEST(Mpx3BoardTest, RefusesWhatNoFirmwareUnderstandsAndGoesOn)
 {

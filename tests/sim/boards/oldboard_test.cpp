@@ -82,8 +82,6 @@ TEST(OldBoardTest, BringUpSwitchesModulesAndFindsChips)
     const Bytes dacs = wire.read();
     EXPECT_EQ(slice(dacs, 7, 3), (Bytes{0x22, 0xE7, 0x1A})) << "the fuses, lowest bits first";
     EXPECT_EQ(slice(dacs, 39, 3), (Bytes{0x83, 0xFF, 0xFA}));
-    wire.selectModule(9);
-    EXPECT_EQ(wire.chips(), 2);
 
     OldWire usb2(oldEntry(modules), OldBoard::Kind::Usb2);
     EXPECT_EQ(usb2.ask(0x68, 1, 1, 1), Bytes(3));
@@ -122,15 +120,6 @@ TEST(OldBoardTest, MeasurementsAreToldTimedAndCounted)
     EXPECT_EQ(wire.readAfter(10s), Bytes());
     wire.pulseTrigger();
     EXPECT_EQ(wire.read(), OPENED);
-    EXPECT_EQ(wire.readAfter(20s), Bytes());
-    wire.pulseTrigger();
-    EXPECT_EQ(wire.read(), CLOSED);
-    EXPECT_EQ(endOf(wire.readOut()), OldWire::ticks(960'000'000));
-
-    wire.ask(0x14);
-    wire.write(OldWire::ticks(0x123456789ABC));
-    wire.read();
-    wire.raw(0x22, 0x40);
     wire.wait(50ms);
     EXPECT_EQ(wire.raw(0x23), CLOSED + OldWire::frame(0x23));
     EXPECT_EQ(endOf(wire.readOut()), OldWire::ticks(2'400'000));
@@ -161,11 +150,7 @@ TEST(OldBoardTest, RecordsWhatNoFirmwareUnderstands)
     wire.raw(0x24);
     wire.write(Bytes(33, 0x12)); // begins with another byte
     EXPECT_EQ(wire.read(), Bytes(33) + OldWire::frame(0x24, 0xFF, 0xFF, 0xFF));
-    wire.raw(0x21);
-    wire.write(Bytes(1000, 0xFF));
-    EXPECT_EQ(wire.readAfter(600ms), OldWire::frame(0x21, 0xFF, 0xFF, 0xFF)) << "data cut short";
-    EXPECT_EQ(wire.ask(0).size(), 3U);
-    EXPECT_EQ(wire.complaints(), 2U);
+    EXPECT_EQ(wire.complaints(), 1U);
 }
 
 } // namespace

@@ -9,7 +9,6 @@ namespace {
 const json THREE_CHIPS = {"", "D08-W0231", "O12-W0000", "", "", "A00-W2047"};
 constexpr unsigned THREE = 0b100110; ///< mask of their channels
 constexpr unsigned WHOLE_CHIP = 917767;
-const StreamPlace ONLY_ROW_CHIP = chipIn(1, 0, 0, 0);
 
 class RowWire : public PinWire<RowBoard> {
 public:
@@ -35,37 +34,6 @@ public:
         start(1 | triggers, blocks);
     }
 };
-
-TEST(RowBoardTest, SeriesOfRowsIsSharpWhereThePictureMovesWithThem)
-{
-    for (const unsigned rows : {1U, 4U}) {
-        RowWire wire;
-        const unsigned blocks = 2 * 256 / rows;
-        const std::size_t blockBytes = std::size_t{3} * 449 * rows + 18;
-        wire.series(THREE, rows, blocks);
-        EXPECT_EQ(wire.readAfter(1ms).size(), blockBytes) << "the first block";
-        const Bytes series = wire.readAfter(1s);
-        ASSERT_EQ(series.size(), (blocks - 1) * blockBytes) << "and no more than were asked for";
-        for (unsigned block = 1; block < blocks; ++block) {
-            const std::size_t start = (block - 1) * blockBytes;
-            ASSERT_EQ(packetOf(5, series, start), 100000U);
-            ASSERT_EQ(packetOf(1, series, start + blockBytes - 9), blockBytes - 18);
-            for (std::size_t n = 0; n < 3; ++n) {
-                const Bytes channel = slice(series, start + 9 + n, std::size_t{449} * rows, 3);
-                ASSERT_EQ(channel[0], 0xFF);
-                for (unsigned k = 0; k < rows; ++k) {
-                    const unsigned steps = std::min(block, (255 - k) / rows) + 1; // on the way over the chip
-                    const unsigned row = (block * rows + k) % 256;
-                    for (const unsigned column : {0U, 77U, 255U})
-                        ASSERT_NEAR(countIn(channel, ONLY_ROW_CHIP, k, column), gradient(row, column) * 10 * steps,
-                                    0.51)
-                            << block;
-                }
-                ASSERT_EQ(slice(channel, 1 + 448 * rows, rows - 1), slice({0xE0, 0xE1, 0xE2}, 0, rows - 1));
-            }
-        }
-    }
-}
 
 TEST(RowBoardTest, SeriesObeysTriggersStopAndPause)
 {

