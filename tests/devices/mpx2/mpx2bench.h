@@ -10,6 +10,8 @@
 #include "sim/boards/mpx2board.h"
 #include "sim/boards/rowboard.h"
 
+#include <cmath>
+
 namespace support {
 
 /// The board that most tests use, with so many chips in each module.
@@ -50,6 +52,17 @@ template <typename Bench>
 void countAll(const Bench& bench)
 {
     EXPECT_EQ(bench.setDacs(std::vector<unsigned short>(bench.chipIds().size() * 14, 9)), 0);
+}
+
+/// Checks that arguments that no device takes are refused.
+template <typename Bench>
+void expectArgumentsRefused(const Bench& bench)
+{
+    for (const int result :
+         {bench->setMpx2Dacs(nullptr, 28, -1, 0, 0, 0, 0) != 0 ? 1 : 0, bench->setPixelCfg(nullptr, 65536),
+          bench->writeMatrix(nullptr, 65536, false), bench->readMatrix(nullptr, 65536, true),
+          bench->setTimepixClock(nullptr), bench->startAcquisition(1, std::nan("")), bench->startAcquisition(1, -1)})
+        EXPECT_EQ(result, 1);
 }
 
 class Mpx2Bench : public DeviceBench<HwLatixel::Mpx2Dev, sim::Mpx2Board, unsigned short> {

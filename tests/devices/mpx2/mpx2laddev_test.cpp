@@ -4,6 +4,7 @@
 
 #include "devices/mpx2/mpx2laddev.h"
 
+#include <atomic>
 #include <limits>
 
 using namespace support;
@@ -46,8 +47,6 @@ TEST(Mpx2LadBringUp, MembersThatComeUpAreOneDetector)
     expectOneDetector<Lad>(boards(2, {1, 1}), 2, 0);
     BroughtUp<Lad> lad(boards(1, {1}), "", Strings{"Latixel Latixel TLWB 0 sn: 99 A"});
     EXPECT_EQ(lad.info().biasMax, 200.0) << "by the names alone, also that of the member that is not there";
-    EXPECT_TRUE(lad->isTimepix());
-    EXPECT_EQ(lad->deviceType(), 1);
     double volts = 7;
     EXPECT_EQ(lad->biasVoltageCurrentSense(&volts, nullptr), -1026);
     EXPECT_EQ(volts, 0.0);
@@ -67,10 +66,9 @@ TEST_F(Mpx2Lad, DacsClocksAndStatusGoToTheirMembers)
     };
     ASSERT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), -1, 0, 5, 0, 0), 0);
     expectChips({1, 2, 3, 4}, {5, 0, 5, 0});
-    for (auto& dac : dacs)
-        dac = static_cast<unsigned short>(dac + 10);
+    std::ranges::reverse(dacs);
     ASSERT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), 3, 3, 6, 0, 0), 0);
-    expectChips({1, 2, 13, 14}, {5, 0, 0, 6}); // a member loads all of its chips
+    expectChips({1, 2, 2, 1}, {5, 0, 0, 6}); // a member loads all of its chips
     sim::clearTraffic();
     for (const int chip : {9, -2, std::numeric_limits<int>::min()})
         EXPECT_EQ(bench->setMpx2Dacs(dacs.data(), dacs.size(), chip, 0, 0, 0, 0), 0);
@@ -87,58 +85,40 @@ TEST_F(Mpx2Lad, DacsClocksAndStatusGoToTheirMembers)
             EXPECT_DOUBLE_EQ(board.timepixClockMhz(), mhz);
             EXPECT_EQ(board.acquisitionRegister(16), 100U) << "the member's own parameter";
         });
-    EXPECT_EQ(bench->setBias(20), 0);
     expectAdcAndStatus();
 }
 
 TEST_F(Mpx2Lad, ArgumentsThatNoDeviceTakes)
 {
-    constexpr double NAN_TIME = std::numeric_limits<double>::quiet_NaN();
-    const std::vector<std::function<int()>> calls = {
-        [&] { return bench->setMpx2Dacs(nullptr, 56, -1, 0, 0, 0, 0); },
-        [&] { return bench->setPixelCfg(nullptr, 4 * CHIP); },
-        [&] { return bench->writeMatrix(nullptr, 4 * CHIP, true); },
-        [&] { return bench->readMatrix(nullptr, 4 * CHIP, true); },
-        [&] { return bench->setTimepixClock(nullptr); },
-        [&] { return bench->devMpx2Info(nullptr); },
-        [&] { return bench->analogValue(0, nullptr); },
-        [&] { return bench->startAcquisition(1, NAN_TIME); },
-        [&] { return bench->startAcquisition(1, -1); },
-        [&] { return bench->startAcquisition(1, 1e9); },
-    };
-    for (const auto& call : calls)
-        EXPECT_EQ(call(), 1) << &call - calls.data();
+    expectArgumentsRefused(bench);
+    EXPECT_EQ(bench->devMpx2Info(nullptr), 1);
+    EXPECT_EQ(bench->analogValue(0, nullptr), 1);
+    EXPECT_EQ(bench->startAcquisition(1, 1e9), 1);
     const std::vector<unsigned char> cfg(4 * CHIP);
     EXPECT_EQ(bench->setPixelCfg(cfg.data(), std::size_t{1} << 60), 0) << "as much as there are pixels";
-    EXPECT_TRUE(bench->isTimepix());
 }
 
 TEST(Mpx2LadBringUp, ChipsOfAllMembersDecideTheKind)
 {
-    struct Case {
-        bool first;
-        bool second;
-        bool told;
-    };
-    for (const auto& [first, second, told] : {Case{false, false, false}, Case{true, false, true}}) {
-        nlohmann::json both = boards(2, {1});
-        both[0].update(nlohmann::json{{"chip", first ? "timepix" : "medipix2"}});
-        both[1].update(nlohmann::json{{"chip", second ? "timepix" : "medipix2"}});
+    nlohmann::json both = boards(2, {1});
+    both[1].update(nlohmann::json{{"chip", "medipix2"}});
+    {
         BroughtUp<Lad> lad(both);
-        EXPECT_EQ(lad->isTimepix(), told);
-        EXPECT_EQ(lad.logged("Members with Medipix2 and with Timepix chips"), told);
-        if (told)
-            continue;
-        // 15 DACs for each chip, and the other pixel map.
-        std::vector<unsigned short> dacs(30, 3);
-        dacs[15] = 7;
-        EXPECT_EQ(lad.setDacs(dacs), 0);
-        EXPECT_EQ(lad.setPixelCfg(std::vector<unsigned char>(2 * Lad::CHIP, 3)), 0);
-        lad.board(1, [](sim::Mpx2Board& board) {
-            EXPECT_EQ(board.chip(0).dac(0), 7);
-            EXPECT_EQ(board.chip(0).configuration().back(), 0x0001);
-        });
+        EXPECT_TRUE(lad->isTimepix());
+        EXPECT_TRUE(lad.logged("Members with Medipix2 and with Timepix chips"));
     }
+    both[0].update(nlohmann::json{{"chip", "medipix2"}});
+    BroughtUp<Lad> lad(both);
+    EXPECT_FALSE(lad->isTimepix());
+    // 15 DACs for each chip, and the other pixel map.
+    std::vector<unsigned short> dacs(30, 3);
+    dacs[15] = 7;
+    EXPECT_EQ(lad.setDacs(dacs), 0);
+    EXPECT_EQ(lad.setPixelCfg(std::vector<unsigned char>(2 * Lad::CHIP, 3)), 0);
+    lad.board(1, [](sim::Mpx2Board& board) {
+        EXPECT_EQ(board.chip(0).dac(0), 7);
+        EXPECT_EQ(board.chip(0).configuration().back(), 0x0001);
+    });
 }
 
 TEST_F(Mpx2Lad, MatricesOfAllMembers)
@@ -156,16 +136,12 @@ TEST_F(Mpx2Lad, MatricesOfAllMembers)
     sim::addFault(1, {{"kind", "short_stream"}, {"readouts", 1}});
     EXPECT_EQ(bench->lastData(), nullptr);
     expectFailure(1, 1, "Reading matrix failed");
-    sim::unplug(0);
-    expectFailure(bench.write(Lad::Pixels(4 * CHIP)), 0);
 }
 
 TEST_F(Mpx2Lad, FramesInSequenceAndInParallel)
 {
     for (const int parallel : {0, 1}) {
-        SCOPED_TRACE(parallel);
         bench.set("ParallelReadout", parallel);
-        expectNextSeriesWorks();
         expectSeries(0, 0.02);
         expectSeries(1, 0.03);
         takeFrames(50); // one frame is decoded while the next is exposed
@@ -207,7 +183,7 @@ TEST_F(Mpx2Lad, ExposureThatFailsIsRepeatedBehindARecovery)
     EXPECT_EQ(bench.events->seen(), readyEvents(3, FINISHED));
     for (const auto& frame : frames)
         expectBlocks(frame, 2, 2, 20);
-    // The start command itself, behind which nothing else is sent.
+    // The start command itself.
     sim::addFault(0, behind("55 00 01 01 00 00 0C A7", linkError("write")));
     expectSeries(2, 0.02);
 }
@@ -217,116 +193,62 @@ TEST_F(Mpx2Lad, RecoveryThatFailsEndsTheSeriesWithoutAnEnd)
     sim::addFault(1, behind(START, {{"kind", "unplug"}}, 2));
     expectGivenUp(5, 0.02, 1);
     EXPECT_EQ(std::ranges::count(bench.errors->take(), reconnecting(1)), 1);
-    EXPECT_TRUE(bench->isBusy());
     EXPECT_EQ(bench->setBias(10), 1) << "and does not hang";
     sim::plug(1);
     bench->closeDevice();
     EXPECT_TRUE(bench->isBusy());
     bringUp();
     EXPECT_FALSE(bench->isBusy());
-    expectNextSeriesWorks();
-    // A next series works as well where the member is back by then.
-    sim::addFault(0, behind(START, {{"kind", "unplug"}}));
-    expectGivenUp(5, 0.02);
-    sim::plug(0);
-    ASSERT_EQ(bench->initDevice(), 0);
-    EXPECT_FALSE(bench->isBusy());
-    reconnect();
 }
 
 TEST_F(Mpx2Lad, StopInEachState)
 {
     for (const int parallel : {0, 1}) {
-        SCOPED_TRACE(parallel);
         bench.set("ParallelReadout", parallel);
         expectStops();
-        expectNextSeriesWorks();
     }
 }
 
 TEST_F(Mpx2Lad, HostPacesTheSeries)
 {
     for (const int parallel : {0, 1}) {
-        SCOPED_TRACE(parallel);
         bench.set("ParallelReadout", parallel);
         startWithoutReader();
         readTooLittle();
         ASSERT_TRUE(soon([&] { return bench.events->seen().size() == 2; }));
         bench->stopAcquisition(); // the next frame is exposed, and nobody takes this one
-        // A start right behind a stop waits for what is left of the series.
-        takeFrames();
-        ASSERT_EQ(bench->startAcquisition(2, 0.02), 0) << bench->lastError();
-        ASSERT_TRUE(bench.events->waitFor({FINISHED}));
-        EXPECT_EQ(bench.events->seen(),
-                  (Events{{READY, 0}, {READY, 1}, {ABORTED, 0}, {READY, 0}, {READY, 1}, {FINISHED, 0}}));
+        expectNextSeriesWorks();
     }
 }
 
 TEST_F(Mpx2Lad, OperationsBeforeTheFrameIsTakenOrBesideDoNotHarmTheFrames)
 {
-    const std::vector<unsigned short> dacs(4 * DACS, 9);
     double mhz = 10;
     const std::vector<std::function<bool()>> operations = {
-        [&] { return bench->adcValue(17) >= 0; },
-        [&] { return bench->setBias(20) == 0; },
-        [&] { return bench->eraseMatrix() == 0; },
-        [&] { return bench->resetMedipix() == 0; },
-        [&] { return bench->setTimepixClock(&mhz) == 0; },
-        [&] { return bench->setDacs(dacs.data(), dacs.size(), -1) == 0; },
+        [&] { return bench->adcValue(17) >= 0; },          [&] { return bench->setBias(20) == 0; },
+        [&] { return bench->eraseMatrix() == 0; },         [&] { return bench->resetMedipix() == 0; },
+        [&] { return bench->setTimepixClock(&mhz) == 0; }, [&] { return bench.setDacs(Lad::Pixels(4 * DACS, 9)) == 0; },
         [&] { return bench->deviceStatus() == 0; },
     };
-    const auto count = static_cast<unsigned>(operations.size());
     for (const int parallel : {0, 1}) {
         SCOPED_TRACE(parallel);
         bench.set("ParallelReadout", parallel);
-        bench.events->onFrame = [&](long i) {
-            EXPECT_TRUE(operations[static_cast<std::size_t>(i)]()) << i << ": " << bench->lastError();
+        std::atomic<std::size_t> calls = 0;
+        const auto operate = [&] { EXPECT_TRUE(operations[calls++ % operations.size()]()) << bench->lastError(); };
+        bench.events->onFrame = [&](long) {
+            operate();
             frames.push_back(bench.frame());
             sleepMs(30); // the next frame is on its way
             EXPECT_TRUE(bench.frame() == frames.back()) << "a second read is of the same frame";
         };
-        expectSeries(count, 0.02);
-        // From another thread, on a series whose frames nobody takes for a while.
-        takeFrames(30);
         start(20, 0.02);
-        std::size_t calls = 0;
         while (bench.events->seen().empty() || bench.events->seen().back() != Seen{FINISHED, 0})
-            EXPECT_TRUE(operations[calls++ % count]()) << bench->lastError();
+            operate();
         ASSERT_EQ(frames.size(), 20U);
         for (const auto& frame : frames)
             expectBlocks(frame, 2, 2, 20);
-        EXPECT_GT(calls, 10U);
+        EXPECT_GT(calls, 30U);
     }
-}
-
-TEST_F(Mpx2Lad, AnnouncedFrameStaysUntilTheLastEvent)
-{
-    std::vector<Lad::Pixels> taken;
-    bench.events->onEvent = [&](unsigned event) {
-        if (event == READY) {
-            EXPECT_EQ(bench->startAcquisition(1, 0.02), 1);
-            EXPECT_STREQ(bench->lastError(), "Acquisition is running");
-            bench->stopAcquisition();
-            sleepMs(50); // the series has seen it
-        }
-        if (event == READY || event == ABORTED)
-            taken.push_back(bench.frame());
-    };
-    bench.events->onFrame = nullptr;
-    run(100, 0.02);
-    bench.events->onEvent = nullptr;
-    ASSERT_EQ(taken.size(), 2U);
-    expectBlocks(taken[0], 2, 2, 20);
-    EXPECT_TRUE(taken[1] != taken[0]) << "behind the series the chips are read";
-    // From the last event the next series begins.
-    bench.events->onEvent = [&, left = 2](unsigned event) mutable {
-        if (event == FINISHED && left-- > 0) {
-            EXPECT_EQ(bench->startAcquisition(1, 0.02), 0) << bench->lastError();
-        }
-    };
-    start(1, 0.02);
-    EXPECT_TRUE(soon([&] { return std::ranges::count(bench.events->seen(), Seen{FINISHED, 0}) == 3; }));
-    bench.events->onEvent = nullptr;
 }
 
 TEST_F(Mpx2Lad, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
@@ -339,16 +261,12 @@ TEST_F(Mpx2Lad, PollsAreServedBetweenFramesAndHeatEndsTheSeries)
                bench->adcValue(17) > 0;
     }));
     sim::clearFaults(0);
-    EXPECT_EQ(bench.errors->take(), Strings{});
     sim::addFault(1, {{"kind", "cpu_overheated"}, {"text", "81 degrees"}});
     EXPECT_TRUE(soon([&] { return bench->deviceStatus() == 2; }));
     ASSERT_TRUE(bench.events->waitForEnd());
     const auto seen = bench.events->seen();
     EXPECT_EQ((Events{seen.end() - 2, seen.end()}), (Events{{FAILED, -1037}, {ABORTED, 0}}));
-    EXPECT_FALSE(bench->isBusy());
-    const Strings errors = bench.errors->take();
-    ASSERT_EQ(errors.size(), 1U);
-    EXPECT_TRUE(errors[0].starts_with("Maximal allowed temperature exceeded !")) << "a member's, for the host";
+    EXPECT_TRUE(bench.errors->take().at(0).starts_with("Maximal allowed temperature exceeded !"));
     sim::clearFaults(1);
     bringUp();
 }
@@ -371,10 +289,8 @@ TEST_F(Mpx2Lad, StopInARecoveryEndsTheSeriesAndTheNextOneMakesUpForIt)
 
 TEST_F(Mpx2Lad, CloseDuringASeries)
 {
-    for (const int delayMs : {0, 10, 300})
-        expectCloseInSeries(0.02, delayMs);
+    expectCloseInSeries(0.02, 300);
     worksAtTheEnd = false; // the bench closes it
-    bench.events->onFrame = nullptr;
     start(100, 30);
 }
 

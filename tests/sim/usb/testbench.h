@@ -26,10 +26,11 @@ public:
     void receive(std::span<const std::uint8_t> bytes, sim::Time /*now*/) override { emit(bytes); }
 
     void advance(sim::Time /*now*/) override {}
-    void setBitMode(std::uint8_t /*mask*/, std::uint8_t /*mode*/, sim::Time /*now*/) override {}
+    void setBitMode(std::uint8_t /*mask*/, std::uint8_t mode, sim::Time /*now*/) override { modes.push_back(mode); }
     void powerCycle(sim::Time /*now*/) override { ++powered; }
 
     int powered = 0;
+    Bytes modes; ///< each bit mode that was set
 };
 
 /// The bytes 0, 1, 2, ... up to 250 and again.
