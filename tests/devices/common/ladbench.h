@@ -5,8 +5,6 @@
 
 #include "shared/filelog.h"
 
-#include <cstdlib>
-
 namespace support {
 
 /// A composite with its members' boards on the bus in the order in which they stand in it. Each has a flux of its own:
@@ -169,65 +167,5 @@ protected:
         EXPECT_EQ(bench->stopAcquisition(), 0) << "and with no series at all";
     }
 };
-
-/// A number below a limit, at random.
-using Dice = std::function<unsigned(unsigned limit)>;
-
-/// Runs each of `steps` on a thread of its own, again and again, for as long as a stress test takes: a few seconds, or
-/// what LATIXEL_STRESS_SECONDS says.
-inline void stress(const std::vector<std::function<void(const Dice&)>>& steps)
-{
-    const char* wanted = std::getenv("LATIXEL_STRESS_SECONDS");
-    const auto length = std::chrono::duration<double>(wanted != nullptr ? std::atof(wanted) : 3.0);
-    const auto end = std::chrono::steady_clock::now() + length;
-    std::vector<std::jthread> threads;
-    for (unsigned i = 0; i < steps.size(); ++i)
-        threads.emplace_back([&, i, random = std::mt19937(i + 1)]() mutable {
-            const Dice dice = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
-            while (std::chrono::steady_clock::now() < end && !testing::Test::HasFatalFailure()) {
-                steps[i](dice);
-                std::this_thread::sleep_for(std::chrono::microseconds(dice(20000)));
-            }
-        });
-}
-
-/// Lets a composite of eight members of one chip each take series, some of which are stopped, while other threads do
-/// all else that a host does. `prepare` runs before each series, `writes` at any time. The composite works afterwards.
-template <typename Lad>
-void stressSeries(Lad& lad, const std::function<void(const Dice&)>& prepare,
-                  const std::function<void(const Dice&)>& writes)
-{
-    lad.events->onFrame = [&](long) { lad.frame(); };
-    const auto control = [&](const Dice& dice) {
-        lad.events->clear();
-        prepare(dice);
-        const bool endless = dice(2) == 0;
-        ASSERT_EQ(lad->startAcquisition(endless ? 1000000 : 1 + dice(5), (1 + dice(20)) / 1000.0), 0)
-            << lad->lastError();
-        if (endless) {
-            sleepMs(static_cast<int>(dice(300)));
-            EXPECT_EQ(lad->stopAcquisition(), 0);
-        }
-        ASSERT_TRUE(lad.events->waitForEnd());
-    };
-    const auto polls = [&](const Dice&) {
-        lad->deviceStatus();
-        lad->deviceStatusText();
-        double volts = 0;
-        lad->biasVoltageCurrentSense(&volts, nullptr);
-        EXPECT_TRUE(lad->isConnected());
-        lad->isBusy();
-        lad->lastError();
-    };
-    const auto adc = [&](const Dice& dice) { lad->adcValue(dice(130)); };
-    const auto stops = [&](const Dice& dice) {
-        if (dice(20) == 0)
-            lad->stopAcquisition();
-    };
-    stress({control, polls, writes, adc, stops});
-    const auto frames = lad.series(2, 0.02);
-    EXPECT_EQ(lad.events->seen(), readyEvents(2, HWEVENT_ACQ_FINISHED));
-    expectBlocks(frames.at(1), 8, 1, 20);
-}
 
 } // namespace support

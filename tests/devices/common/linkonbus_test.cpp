@@ -44,14 +44,5 @@ TEST_F(LinkOnBusTest, ACutFrameIsForgottenByTheBoardBeforeTheNextOne)
     EXPECT_EQ(13U, sim::written(0).size());
 }
 
-TEST_F(LinkOnBusTest, ADeadChipCostsALinkTwoSecondsForEachExchange)
-{
-    sim::addFault(0, {{"kind", "mute"}});
-    for (int i = 0; i < 2; ++i)
-        EXPECT_LT(timeOf([&] { EXPECT_EQ(-1, mgr.send(AcqCmd::Start)); }), 2500ms);
-    sim::clearFaults(0);
-    EXPECT_EQ(0, mgr.send(AcqCmd::Start));
-}
-
 } // namespace
 } // namespace simtest

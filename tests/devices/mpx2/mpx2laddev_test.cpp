@@ -293,19 +293,3 @@ TEST_F(Mpx2Lad, CloseDuringASeries)
     worksAtTheEnd = false; // the bench closes it
     start(100, 30);
 }
-
-TEST(Mpx2LadStress, EightMembersUnderAllThatAHostDoes)
-{
-    BroughtUp<Lad> lad(boards(8, {1}));
-    countAll(lad);
-    lad.set("ParallelReadout", 1);
-    const auto writes = [&](const Dice& dice) {
-        lad.set("ParallelReadout", dice(8) != 0 ? 1 : 0);
-        lad->setBias(dice(80));
-        double mhz = 10;
-        lad->setTimepixClock(&mhz);
-        lad.setDacs(Lad::Pixels(8 * DACS, 9), dice(2) == 0 ? -1 : static_cast<int>(dice(8)));
-    };
-    stressSeries(
-        lad, [](const Dice&) {}, writes);
-}

@@ -189,10 +189,6 @@ TEST_F(Mpx3Series, StopInEachState)
     startAndTake(10000, 0.01, 4);
     expectStop();
     ASSERT_TRUE(soonDrained());
-    expectNextSeriesWorks();
-    bench->setAcqMode(dv::ACQMODE_TDI);
-    startAndTake(1000, 0.2, 1);
-    expectStop();
 }
 
 TEST_F(Mpx3Series, LinkThatFailsInAFrameEndsTheSeriesWithAnError)
@@ -214,14 +210,8 @@ TEST_F(Mpx3Series, LinkThatFailsInAFrameEndsTheSeriesWithAnError)
     reconnect();
 }
 
-TEST_F(Mpx3Series, ShortAndGarbledStreamsAreDecodedAsTheyCame)
+TEST_F(Mpx3Series, GarbledStreamIsDecodedAsItCame)
 {
-    runWithFault(1, {{"kind", "short_read"}, {"bytes", 5000}, {"when", {{"after_reads", 1}}}});
-    EXPECT_EQ(bench.events->seen(), readyEvents(1, FINISHED));
-    ASSERT_EQ(frames.size(), 1U);
-    EXPECT_EQ(frames[0][0], 300U);
-    EXPECT_EQ(frames[0][65535], 0U) << "rows that did not come are 0";
-    sleepMs(50);
     runWithFault(1, {{"kind", "garbage"}, {"when", {{"after_reads", 1}}}, {"times", 20}});
     EXPECT_EQ(bench.events->seen().back().event, FINISHED);
 }
@@ -234,13 +224,6 @@ TEST_F(Mpx3Series, StartCommandThatFailsInSingleStartSeries)
     sim::clearFaults(0);
     reconnect();
     EXPECT_EQ(bench->omr().CRW_SRW, 0) << "bring-up forgets the series";
-}
-
-TEST_F(Mpx3Series, CloseDuringASeriesEndsIt)
-{
-    expectCloseInSeries(0.2, 300);
-    bench->setAcqMode(dv::ACQMODE_TDI); // which then waits for its reader
-    expectCloseInSeries(0.2, 300);
 }
 
 TEST(Mpx3SeriesShapes, EveryDepthAndCounter)

@@ -1,6 +1,8 @@
 // Bring-up of a Medipix3 board: the bytes on the wire, the chips found, and what is left when something fails.
 #include "devices/mpx3/mpx3bench.h"
 
+#include <numeric>
+
 using namespace support;
 
 namespace {
@@ -123,15 +125,6 @@ TEST(Mpx3BringUp, BoardWithoutChipsRefusesWithWords)
     EXPECT_STREQ(bench->deviceStatusText(), "");
 }
 
-TEST(Mpx3BringUp, ClosedDeviceAnswersWithoutALink)
-{
-    Up bench(mpx3Board({1}), ONE_CHANNEL);
-    bench->closeDevice();
-    bench.expectClosedAnswers();
-    EXPECT_NE(bench->setConfig({}), 0);
-    EXPECT_NE(bench->resetMedipix(), 0);
-}
-
 TEST(Mpx3BringUp, LinkThatDoesNotOpenOrDiesOnTheWay)
 {
     Mpx3Bench bench(mpx3Board({1}));
@@ -168,4 +161,29 @@ TEST(Mpx3BringUp, DebugLogParameterSwitchesOnButNotOff)
     EXPECT_FALSE(bench.logged("Debug log enabled: 0\n"));
     bench->setTimer(1);
     EXPECT_TRUE(bench.logged("\nSet Timer\n"));
+}
+
+TEST(Mpx3BringUp, AgainKeepsConfigurationAndCallback)
+{
+    Up bench(mpx3Board({1, 1, 1}));
+    ASSERT_EQ(bench->setConfig({1, 9, 4, 2, 2, 1, 1, 1, 0, 1, 1}), 0);
+    const OMR before = bench->omr();
+    // A partial one, and a whole one again: DACs go to their chips.
+    sim::addFault(0, behind("55 07 01 FF", linkError("transfers"), 13));
+    ASSERT_EQ(bench->initDevice(), 0);
+    EXPECT_EQ(bench->chipCount(), 1);
+    sim::clearFaults(0);
+    ASSERT_EQ(bench->initDevice(), 0);
+    for (const auto field : {&OMR::CountL, &OMR::PS, &OMR::Gain, &OMR::Polarity})
+        EXPECT_EQ(bench->omr().*field, before.*field);
+    std::vector<unsigned short> dacs(3 * 27);
+    std::iota(dacs.begin(), dacs.end(), std::uint16_t{0});
+    ASSERT_EQ(bench->setDacs(dacs.data(), 0, -1), 0) << bench->lastError();
+    bench.board([](sim::Mpx3Board& b) {
+        for (std::size_t chip = 0; chip < 3; ++chip)
+            EXPECT_EQ(b.chip(chip).dacs()[0], 27 * chip);
+    });
+    bench.errors->take();
+    bench->startAcquisition(1, -1);
+    EXPECT_EQ(bench.errors->take().size(), 1U) << "the host still hears";
 }
